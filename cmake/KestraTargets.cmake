@@ -1,0 +1,58 @@
+# The project's own target functions: one way to declare a library, a test, a header check.
+
+# Compile options of everything that we write. Third-party code (GoogleTest) is built without them.
+add_library(kestra_options INTERFACE)
+target_compile_features(kestra_options INTERFACE cxx_std_20)
+target_compile_options(kestra_options INTERFACE -Wall -Wextra -Werror -ffp-contract=off)
+target_include_directories(kestra_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(WIN32)
+  target_compile_definitions(kestra_options INTERFACE
+    UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000000)
+  target_link_options(kestra_options INTERFACE -static)
+endif()
+if(KESTRA_SANITIZE)
+  target_compile_options(kestra_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kestra_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# kestra_library(NAME SOURCES file... [HEADERS file...] [LINKS target...])
+# A static library of this folder. Every header named (public or not) must compile on its own: an object
+# library with one generated source per header proves that at build time.
+function(kestra_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;HEADERS;LINKS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES} ${ARG_HEADERS})
+  target_link_libraries(${name} PUBLIC kestra_options ${ARG_LINKS})
+  kestra_check_headers(${name} ${ARG_HEADERS})
+endfunction()
+
+function(kestra_check_headers name)
+  set(stubs "")
+  foreach(header IN LISTS ARGN)
+    string(MAKE_C_IDENTIFIER ${header} id)
+    set(stub ${CMAKE_CURRENT_BINARY_DIR}/header_check/${id}.cpp)
+    file(CONFIGURE OUTPUT ${stub} CONTENT "#include \"${CMAKE_CURRENT_SOURCE_DIR}/${header}\"\n" @ONLY)
+    list(APPEND stubs ${stub})
+  endforeach()
+  if(stubs)
+    add_library(${name}_headers OBJECT ${stubs})
+    target_link_libraries(${name}_headers PRIVATE ${name})
+  endif()
+endfunction()
+
+# kestra_test(NAME SOURCES file... [LINKS target...] [LABELS label...] [CARD] [TIMEOUT seconds])
+# One GoogleTest program, registered with CTest as one test. CARD: it uses the simulated card, which all
+# such programs share, so they never run at the same time, and the card is installed before the first.
+function(kestra_test name)
+  cmake_parse_arguments(ARG "CARD" "TIMEOUT" "SOURCES;LINKS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE kestra_options ${ARG_LINKS} kestra_test_main)
+  add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+  if(ARG_CARD)
+    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK simulated_card FIXTURES_REQUIRED simulated_card)
+  endif()
+endfunction()

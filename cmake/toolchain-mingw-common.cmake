@@ -1,0 +1,10 @@
+# What both Windows toolchains share: where libraries are looked for, and how a Windows program runs here.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(KESTRA_MINGW x86_64-w64-mingw32)
+set(CMAKE_RC_COMPILER ${KESTRA_MINGW}-windres)
+set(CMAKE_FIND_ROOT_PATH /usr/${KESTRA_MINGW})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../tools/run-windows)
