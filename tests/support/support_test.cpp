@@ -1,0 +1,98 @@
+// The test helpers themselves: a helper that cannot see is worse than none.
+#include "tests/support/debug_output_capture.h"
+#include "tests/support/process_counts.h"
+#include "tests/support/registry_sandbox.h"
+#include "tests/support/scoped_import_hook.h"
+#include "tests/support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace kestra::test;
+
+namespace {
+
+HANDLE WINAPI refuseEvent(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR) {
+    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+    return nullptr;
+}
+
+// Not inlined: within one function the compiler may read the import table once for several calls.
+[[gnu::noinline]] HANDLE createEvent() {
+    return CreateEventW(nullptr, TRUE, FALSE, nullptr);
+}
+
+} // namespace
+
+TEST(ScopedImportHook, ReplacesTheFunctionAndPutsItBack) {
+    {
+        ScopedImportHook<decltype(&CreateEventW)> hook("kernel32.dll", "CreateEventW", refuseEvent);
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(createEvent(), nullptr);
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
+        const HANDLE real = hook.original()(nullptr, TRUE, FALSE, nullptr);
+        EXPECT_NE(real, nullptr);
+        CloseHandle(real);
+    }
+    const HANDLE event = createEvent();
+    EXPECT_NE(event, nullptr);
+    CloseHandle(event);
+}
+
+TEST(ScopedImportHook, SaysSoWhenTheProgramDoesNotImportTheFunction) {
+    ScopedImportHook<decltype(&CreateEventW)> hook("kernel32.dll", "NoSuchFunction", refuseEvent);
+    EXPECT_FALSE(hook.installed());
+}
+
+TEST(DebugOutputCapture, CollectsLinesOfAllThreadsInOrder) {
+    DebugOutputCapture capture;
+    OutputDebugStringW(L"first\r\n");
+    std::thread([] { OutputDebugStringW(L"second\r\n"); }).join();
+    OutputDebugStringA("third");
+    EXPECT_EQ(capture.lines(), (std::vector<std::wstring>{L"first\r\n", L"second\r\n", L"third"}));
+    EXPECT_EQ(capture.count(L"second\r\n"), 1);
+    EXPECT_FALSE(capture.contains(L"fourth"));
+}
+
+TEST(RegistrySandbox, HidesTheUsersKeysAndRemovesItsOwn) {
+    constexpr auto kKey = L"Software\\Quorvane\\SandboxTest";
+    {
+        RegistrySandbox sandbox;
+        sandbox.setDword(kKey, L"Number", 7);
+        HKEY key = nullptr;
+        ASSERT_EQ(RegOpenKeyW(HKEY_CURRENT_USER, kKey, &key), ERROR_SUCCESS);
+        DWORD value = 0, bytes = sizeof value;
+        EXPECT_EQ(RegQueryValueExW(key, L"Number", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &bytes),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(value, 7u);
+        RegCloseKey(key);
+        EXPECT_EQ(sandbox.dword(kKey, L"Missing", 99), 99u);
+    }
+    HKEY key = nullptr;
+    EXPECT_EQ(RegOpenKeyW(HKEY_CURRENT_USER, kKey, &key), ERROR_FILE_NOT_FOUND);
+}
+
+TEST(ProcessCounts, SeesAHandleAndAThreadComeAndGo) {
+    const HANDLE stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const ProcessCounts before = processCounts();
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_EQ(processCounts().handles, before.handles + 1);
+    CloseHandle(event);
+    EXPECT_EQ(processCounts().handles, before.handles);
+
+    std::thread thread([stop] { WaitForSingleObject(stop, INFINITE); });
+    EXPECT_EQ(processCounts().threads, before.threads + 1);
+    SetEvent(stop);
+    thread.join();
+    EXPECT_TRUE(waitUntil([&] { return processCounts().threads == before.threads; }));
+    CloseHandle(stop);
+}
+
+TEST(WaitUntil, GivesUpAtTheDeadlineAndStopsAtTheCondition) {
+    EXPECT_FALSE(waitUntil([] { return false; }, std::chrono::milliseconds(20)));
+    std::atomic<int> asked{0};
+    EXPECT_TRUE(waitUntil([&] { return ++asked == 3; }));
+}
