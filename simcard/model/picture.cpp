@@ -169,11 +169,12 @@ void PictureSource::drawLine(uint32_t rawLine) noexcept {
             packer.put(chroma);
             break;
         case TARNIS_OUTPUT_YUV422_8:
-            out[x * 2] = uint8_t(pixel.y >> 2);
-            out[x * 2 + 1] = uint8_t(chroma >> 2);
+            out[size_t{x} * 2] = uint8_t(pixel.y >> 2);
+            out[size_t{x} * 2 + 1] = uint8_t(chroma >> 2);
             break;
         default:
-            m_tables.convert(uint8_t(pixel.y >> 2), uint8_t(pixel.cb >> 2), uint8_t(pixel.cr >> 2), out + x * 3);
+            m_tables.convert(uint8_t(pixel.y >> 2), uint8_t(pixel.cb >> 2), uint8_t(pixel.cr >> 2),
+                             out + size_t{x} * 3);
         }
     }
     if (m_format.selector == TARNIS_OUTPUT_YUV422_10) packer.finish();
