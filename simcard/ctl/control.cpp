@@ -1,0 +1,186 @@
+// Talks to the driver's control device, and installs the driver through the device-installation service.
+#include "simcard/ctl/control.h"
+
+#include <windows.h>
+
+#include <newdev.h>
+#include <setupapi.h>
+
+#include <cstring>
+
+namespace kestra::simcard {
+
+namespace {
+
+const GUID kSystemClass = {0x4d36e97d, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+constexpr wchar_t kHardwareId[] = L"root\\kestrasim\0"; // a list: ends with two zeros
+
+[[noreturn]] void fail(const char* what, DWORD error = GetLastError()) {
+    throw ControlError(std::string(what) + " failed with error " + std::to_string(error), error);
+}
+
+/// Owns a set of devices of the installation service.
+class DeviceSet {
+public:
+    explicit DeviceSet(HDEVINFO set) : m_set(set) {
+        if (m_set == INVALID_HANDLE_VALUE) fail("Opening the list of devices");
+    }
+    ~DeviceSet() { SetupDiDestroyDeviceInfoList(m_set); }
+    DeviceSet(const DeviceSet&) = delete;
+    DeviceSet& operator=(const DeviceSet&) = delete;
+    HDEVINFO get() const noexcept { return m_set; }
+
+private:
+    HDEVINFO m_set;
+};
+
+class ControlDevice {
+public:
+    ControlDevice()
+        : m_handle(CreateFileW(L"\\\\.\\KestraSimControl", GENERIC_READ | GENERIC_WRITE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr)) {
+        if (m_handle == INVALID_HANDLE_VALUE)
+            fail("Opening the simulated card's control device (is a card installed?)");
+    }
+    ~ControlDevice() { CloseHandle(m_handle); }
+    ControlDevice(const ControlDevice&) = delete;
+    ControlDevice& operator=(const ControlDevice&) = delete;
+
+    DWORD call(const char* what, uint32_t code, const void* in, size_t inSize, void* out = nullptr,
+               size_t outSize = 0) const {
+        DWORD size = 0;
+        if (!DeviceIoControl(m_handle, code, const_cast<void*>(in), DWORD(inSize), out, DWORD(outSize), &size, nullptr))
+            fail(what);
+        return size;
+    }
+
+private:
+    HANDLE m_handle;
+};
+
+template <class Record>
+void send(const char* what, uint32_t code, const Record& record) {
+    ControlDevice().call(what, code, &record, sizeof record);
+}
+
+} // namespace
+
+ControlError::ControlError(const std::string& what, uint32_t error) : std::runtime_error(what), m_error(error) {}
+
+unsigned removeCards() {
+    const DeviceSet set(SetupDiGetClassDevsW(&kSystemClass, L"root\\kestrasim", nullptr, 0));
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof device;
+    unsigned removed = 0;
+    for (DWORD i = 0; SetupDiEnumDeviceInfo(set.get(), i, &device); ++i) {
+        if (!SetupDiCallClassInstaller(DIF_REMOVE, set.get(), &device)) fail("Removing a card");
+        ++removed;
+    }
+    return removed;
+}
+
+void installCards(unsigned count, const std::wstring& infPath) {
+    if (count == 0 || count > kMaxCards) throw ControlError("Between 1 and 8 cards can be installed", 87);
+    if (GetFileAttributesW(infPath.c_str()) == INVALID_FILE_ATTRIBUTES) fail("Finding kestrasim.inf");
+    removeCards();
+    const DeviceSet set(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
+    for (unsigned i = 0; i < count; ++i) {
+        SP_DEVINFO_DATA device = {};
+        device.cbSize = sizeof device;
+        const std::wstring name = L"root\\kestrasim\\000" + std::to_wstring(i);
+        if (!SetupDiCreateDeviceInfoW(set.get(), name.c_str(), &kSystemClass, nullptr, nullptr, 0, &device))
+            fail("Creating a card's device");
+        if (!SetupDiSetDeviceRegistryPropertyW(set.get(), &device, SPDRP_HARDWAREID,
+                                               reinterpret_cast<const BYTE*>(kHardwareId), sizeof kHardwareId))
+            fail("Naming a card's device");
+        if (!SetupDiCallClassInstaller(DIF_REGISTERDEVICE, set.get(), &device)) fail("Registering a card's device");
+    }
+    BOOL reboot = FALSE;
+    if (!UpdateDriverForPlugAndPlayDevicesW(nullptr, L"root\\kestrasim", infPath.c_str(), INSTALLFLAG_FORCE, &reboot))
+        fail("Installing the driver");
+    const ULONGLONG deadline = GetTickCount64() + 20000;
+    while (installedCards().size() < count) {
+        if (GetTickCount64() > deadline) throw ControlError("The cards did not start within 20 s", WAIT_TIMEOUT);
+        Sleep(20);
+    }
+}
+
+std::vector<uint32_t> installedCards() {
+    std::vector<uint32_t> cards;
+    for (uint32_t i = 0; i < kMaxCards; ++i) {
+        try {
+            CardControl(i).state();
+            cards.push_back(i);
+        } catch (const ControlError&) { // no card of that number, or no driver at all
+        }
+    }
+    return cards;
+}
+
+CardState CardControl::state() const {
+    CardState state = {};
+    const CardNumber request = {m_card};
+    ControlDevice().call("Reading the card's state", kControlGetCards, &request, sizeof request, &state, sizeof state);
+    return state;
+}
+
+std::wstring CardControl::devicePath() const {
+    const CardState state = this->state();
+    return std::wstring(reinterpret_cast<const wchar_t*>(&state) + offsetof(CardState, devicePath) / sizeof(wchar_t));
+}
+
+void CardControl::plug() const {
+    send("Plugging the card", kControlSetPlugged, SetPlugged{m_card, 1});
+}
+
+void CardControl::unplug() const {
+    send("Unplugging the card", kControlSetPlugged, SetPlugged{m_card, 0});
+}
+
+void CardControl::setSignal(const Signal& signal) const {
+    send("Setting the signal", kControlSetSignal, SetSignal{m_card, signal});
+}
+
+void CardControl::setOptions(const Options& options) const {
+    send("Setting the options", kControlSetOptions, SetOptions{m_card, options});
+}
+
+void CardControl::addFault(const Fault& fault) const {
+    send("Adding a fault", kControlAddFault, AddFault{m_card, fault});
+}
+
+void CardControl::clearFaults() const {
+    send("Clearing the faults", kControlClearFaults, CardNumber{m_card});
+}
+
+void CardControl::clearLog() const {
+    send("Clearing the log", kControlClearLog, CardNumber{m_card});
+}
+
+void CardControl::reset() const {
+    send("Resetting the card", kControlReset, CardNumber{m_card});
+    plug();
+}
+
+std::vector<LogEntry> CardControl::log(uint64_t firstSequence) const {
+    std::vector<LogEntry> entries(2048);
+    const LogRequest request = {m_card, firstSequence};
+    const DWORD size = ControlDevice().call("Reading the log", kControlReadLog, &request, sizeof request,
+                                            entries.data(), entries.size() * sizeof(LogEntry));
+    entries.resize(size / sizeof(LogEntry));
+    return entries;
+}
+
+void CardControl::failNext(uint32_t code, uint32_t ntStatus, uint32_t count, uint32_t skip) const {
+    addFault({FaultKind::NtStatus, code, ntStatus, skip, count, {}});
+}
+
+void CardControl::refuseNext(uint32_t code, uint32_t driverResult, uint32_t count, uint32_t skip) const {
+    addFault({FaultKind::DriverResult, code, driverResult, skip, count, {}});
+}
+
+void CardControl::dmaStatusNext(uint32_t port, uint32_t dmaStatus, uint32_t count, uint32_t skip) const {
+    addFault({FaultKind::DmaStatus, port, dmaStatus, skip, count, {}});
+}
+
+} // namespace kestra::simcard

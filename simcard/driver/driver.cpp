@@ -1,0 +1,464 @@
+// Kernel driver of the simulated card: requests in, frames out. Requests arrive on the system's dispatch
+// thread; one thread per card paces the frames; cancels come from anywhere. Two locks per card, always taken
+// in this order: `dma` for as long as a frame is written (or the memory it goes to is given up), then `state`
+// around every call of the model.
+#include "simcard/driver/system.h"
+#include "simcard/model/card.h"
+
+#include <cstring>
+#include <new>
+
+namespace kestra::simcard {
+
+namespace {
+
+// {edde25e4-9980-4876-9217-ad8aa1b92a03}
+const GUID kInterface = {0xedde25e4, 0x9980, 0x4876, {0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03}};
+constexpr uint32_t kLargestFrame = 64u << 20;
+constexpr ULONG kTag = 0x6B73654B; // the bytes read Kesk
+
+struct Extension;
+
+class Host final : public CardHost {
+public:
+    void complete(void* token, uint32_t status, uint32_t replySize) override;
+    void signalEvent(uint32_t client, uint64_t handle) override;
+    uint64_t now100ns() override;
+    Extension* extension = nullptr;
+};
+
+struct Extension {
+    bool control;
+    DEVICE_OBJECT* lower;
+    uint32_t number;
+    UNICODE_STRING link;
+    Lock dma, state;
+    Host host;
+    Card* card;
+    uint8_t* frame;
+    uint32_t frameCapacity;
+    HANDLE thread;
+    void* threadObject;
+    volatile LONG stopping;
+    bool started;
+};
+
+Lock g_lock; // guards g_cards
+Extension* g_cards[kMaxCards];
+DEVICE_OBJECT* g_control;
+
+void* allocate(size_t size) {
+    void* memory = ExAllocatePoolWithTag(NonPagedPool, size, kTag);
+    if (memory) std::memset(memory, 0, size);
+    return memory;
+}
+
+NTSTATUS finish(IRP* irp, NTSTATUS status, ULONG_PTR information = 0) {
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+HANDLE openClient(uint32_t processId) {
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, nullptr, 0, nullptr, nullptr);
+    CLIENT_ID id = {reinterpret_cast<HANDLE>(uintptr_t(processId)), nullptr};
+    HANDLE process = nullptr;
+    return NT_SUCCESS(g_system.openProcess(&process, 0x1FFFFF, &attributes, &id)) ? process : nullptr;
+}
+
+void Host::complete(void* token, uint32_t status, uint32_t replySize) {
+    IRP* irp = static_cast<IRP*>(token);
+    IoSetCancelRoutine(irp, nullptr);
+    finish(irp, NTSTATUS(status), replySize);
+}
+
+void Host::signalEvent(uint32_t client, uint64_t handle) {
+    HANDLE process = openClient(extension->card->processOf(client));
+    if (!process) return;
+    HANDLE event = nullptr;
+    if (NT_SUCCESS(g_system.duplicate(process, reinterpret_cast<HANDLE>(uintptr_t(handle)), HANDLE(-1), &event, 0, 0,
+                                      2 /* same access */))) {
+        g_system.setEvent(event, nullptr);
+        g_system.close(event);
+    }
+    g_system.close(process);
+}
+
+uint64_t Host::now100ns() {
+    LARGE_INTEGER counter, frequency;
+    g_system.queryCounter(&counter, &frequency);
+    const uint64_t whole = uint64_t(counter.QuadPart) / uint64_t(frequency.QuadPart);
+    const uint64_t rest = uint64_t(counter.QuadPart) % uint64_t(frequency.QuadPart);
+    return whole * 10000000 + rest * 10000000 / uint64_t(frequency.QuadPart);
+}
+
+void setPlugged(Extension& x, bool plugged) {
+    // The interface goes first: nobody opens a card that is about to answer "not connected".
+    if (!plugged) IoSetDeviceInterfaceState(&x.link, FALSE);
+    {
+        Locked dma(x.dma);
+        Locked state(x.state);
+        x.card->setPlugged(plugged);
+    }
+    if (plugged) IoSetDeviceInterfaceState(&x.link, TRUE);
+}
+
+// Frames.
+
+void makeFrame(const FrameJob& job, uint8_t* target) {
+    std::memset(target, int(job.frameNumber & 0xFF), job.bytes);
+}
+
+bool writeFrame(Extension& x, const FrameJob& job) {
+    if (job.snap) {
+        makeFrame(job, job.target);
+        return true;
+    }
+    if (x.frameCapacity < job.bytes) {
+        if (x.frame) ExFreePoolWithTag(x.frame, kTag);
+        x.frameCapacity = 0;
+        x.frame = job.bytes <= kLargestFrame * 4 ? static_cast<uint8_t*>(allocate(job.bytes)) : nullptr;
+        if (!x.frame) return false;
+        x.frameCapacity = job.bytes;
+    }
+    makeFrame(job, x.frame);
+    uint32_t processId;
+    {
+        Locked state(x.state);
+        processId = x.card->processOf(job.client);
+    }
+    HANDLE process = openClient(processId);
+    if (!process) return false;
+    SIZE_T written = 0;
+    const NTSTATUS status =
+        g_system.writeMemory(process, reinterpret_cast<void*>(uintptr_t(job.address)), x.frame, job.bytes, &written);
+    g_system.close(process);
+    return NT_SUCCESS(status) && written == job.bytes;
+}
+
+void oneFrame(Extension& x) {
+    {
+        Locked state(x.state);
+        x.card->tick();
+    }
+    for (;;) {
+        Locked dma(x.dma);
+        FrameJob job;
+        {
+            Locked state(x.state);
+            if (!x.card->beginFrame(job)) return;
+        }
+        const bool written = writeFrame(x, job);
+        Locked state(x.state);
+        x.card->endFrame(job, written);
+    }
+}
+
+void NTAPI paceFrames(void* context) {
+    Extension& x = *static_cast<Extension*>(context);
+    constexpr uint64_t kLongestNap = 20000; // 2 ms: how late a delayed request or a stop may be noticed
+    uint64_t due = x.host.now100ns();
+    while (!x.stopping) {
+        bool unplug, wanted, ready;
+        Signal signal;
+        Pace pace;
+        {
+            Locked state(x.state);
+            x.card->poll();
+            unplug = x.card->unplugRequested();
+            wanted = x.card->wantsFrames();
+            ready = x.card->anyReady() && x.card->allReady();
+            signal = x.card->signal();
+            pace = x.card->options().pace;
+        }
+        if (unplug) setPlugged(x, false);
+        const uint64_t now = x.host.now100ns();
+        if (!wanted) {
+            due = now;
+        } else if (pace == Pace::AsTaken ? ready : now >= due) {
+            const uint64_t period = 10000000ull * signal.rateDenominator / signal.rateNumerator;
+            // After a long stall the clock goes on from now: a card does not catch up on missed frames.
+            due = now > due + 8 * period ? now + period : due + period;
+            oneFrame(x);
+            continue;
+        }
+        uint64_t nap = kLongestNap;
+        if (wanted && pace == Pace::AsTaken)
+            nap = 2000;
+        else if (wanted && due - now < nap)
+            nap = due - now;
+        LARGE_INTEGER interval;
+        interval.QuadPart = -int64_t(nap);
+        g_system.delay(FALSE, &interval);
+    }
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+// Requests of clients.
+
+void NTAPI cancelRequest(DEVICE_OBJECT* device, IRP* irp) {
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    Locked dma(x.dma);
+    Locked state(x.state);
+    x.card->cancel(irp); // false: just being completed by somebody else
+}
+
+NTSTATUS clientRequest(Extension& x, IRP* irp) {
+    IO_STACK_LOCATION* stack = IoGetCurrentIrpStackLocation(irp);
+    const auto& control = stack->Parameters.DeviceIoControl;
+    Request request = {};
+    request.token = irp;
+    request.client = uint32_t(uintptr_t(stack->FileObject->FsContext)) - 1;
+    request.code = control.IoControlCode;
+    request.in = static_cast<uint8_t*>(irp->AssociatedIrp.SystemBuffer);
+    request.inSize = request.in ? control.InputBufferLength : 0;
+    request.outSize = control.OutputBufferLength;
+    if ((request.code & 3) == METHOD_BUFFERED)
+        request.out = static_cast<uint8_t*>(irp->AssociatedIrp.SystemBuffer);
+    else if (irp->MdlAddress)
+        request.out = static_cast<uint8_t*>(MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority));
+    if (!request.out) request.outSize = 0;
+    // Only these end the use of DMA memory and so wait for a frame that is being written.
+    const bool endsDma = request.code == wire::kStopGrabbing || request.code == wire::kChannelAccess ||
+                         request.code == wire::kOpenSession || request.code == wire::kPrepare;
+    if (endsDma) x.dma.lock();
+    Outcome outcome;
+    {
+        Locked state(x.state);
+        // Marked before the model sees it: from then on it may be completed at any moment.
+        IoMarkIrpPending(irp);
+        outcome = x.card->request(request);
+        if (outcome.status == kStatusPending) {
+            IoSetCancelRoutine(irp, cancelRequest);
+            if (irp->Cancel) x.card->cancel(irp);
+        }
+    }
+    if (endsDma) x.dma.unlock();
+    if (outcome.status != kStatusPending) finish(irp, NTSTATUS(outcome.status), outcome.replySize);
+    return STATUS_PENDING;
+}
+
+// Requests of the control program.
+
+NTSTATUS controlRequest(IRP* irp) {
+    const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+    auto* buffer = static_cast<uint8_t*>(irp->AssociatedIrp.SystemBuffer);
+    const ULONG inSize = parameters.InputBufferLength, outSize = parameters.OutputBufferLength;
+    if (!buffer || inSize < sizeof(CardNumber)) return finish(irp, STATUS_INVALID_PARAMETER);
+    uint32_t number;
+    std::memcpy(&number, buffer, sizeof number);
+    Locked cards(g_lock);
+    if (number >= kMaxCards || !g_cards[number]) return finish(irp, STATUS_NO_SUCH_DEVICE);
+    Extension& x = *g_cards[number];
+    const auto has = [&](size_t size) { return inSize == size; };
+    if (parameters.IoControlCode == kControlSetPlugged && has(sizeof(SetPlugged))) {
+        SetPlugged request;
+        std::memcpy(&request, buffer, sizeof request);
+        setPlugged(x, request.plugged != 0);
+        return finish(irp, STATUS_SUCCESS);
+    }
+    bool ok = true;
+    ULONG replySize = 0;
+    {
+        Locked dma(x.dma);
+        Locked state(x.state);
+        switch (parameters.IoControlCode) {
+        case kControlGetCards: {
+            if (outSize < sizeof(CardState)) return finish(irp, STATUS_BUFFER_TOO_SMALL);
+            auto& reply = *reinterpret_cast<CardState*>(buffer);
+            std::memset(static_cast<void*>(&reply), 0, sizeof reply);
+            reply.card = number;
+            x.card->readState(reply);
+            const size_t bytes = x.link.Length < sizeof reply.devicePath - 2 ? x.link.Length : 0;
+            std::memcpy(reply.devicePath, x.link.Buffer, bytes);
+            if (bytes > 4) reply.devicePath[1] = u'\\'; // \??\ for the kernel is \\?\ for a program
+            replySize = sizeof reply;
+            break;
+        }
+        case kControlSetSignal:
+            ok = has(sizeof(SetSignal)) && x.card->setSignal(reinterpret_cast<SetSignal*>(buffer)->signal);
+            break;
+        case kControlSetOptions:
+            ok = has(sizeof(SetOptions)) && x.card->setOptions(reinterpret_cast<SetOptions*>(buffer)->options);
+            break;
+        case kControlAddFault:
+            ok = has(sizeof(AddFault)) && x.card->addFault(reinterpret_cast<AddFault*>(buffer)->fault);
+            break;
+        case kControlClearFaults:
+            x.card->clearFaults();
+            break;
+        case kControlReadLog: {
+            ok = has(sizeof(LogRequest));
+            if (!ok) break;
+            LogRequest request;
+            std::memcpy(&request, buffer, sizeof request);
+            replySize = sizeof(LogEntry) * x.card->readLog(request.firstSequence, reinterpret_cast<LogEntry*>(buffer),
+                                                           outSize / sizeof(LogEntry));
+            break;
+        }
+        case kControlClearLog:
+            x.card->clearLog();
+            break;
+        case kControlReset:
+            x.card->reset();
+            break;
+        default:
+            ok = false;
+        }
+    }
+    return finish(irp, ok ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER, replySize);
+}
+
+// Entry points of the driver.
+
+NTSTATUS NTAPI dispatchControl(DEVICE_OBJECT* device, IRP* irp) {
+    auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    return x.control ? controlRequest(irp) : clientRequest(x, irp);
+}
+
+NTSTATUS NTAPI dispatchCreate(DEVICE_OBJECT* device, IRP* irp) {
+    auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    if (x.control) return finish(irp, STATUS_SUCCESS);
+    uint32_t client = 0, status;
+    {
+        Locked state(x.state);
+        status = x.card->open(uint32_t(uintptr_t(PsGetCurrentProcessId())), client);
+    }
+    if (status == kStatusSuccess)
+        IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext = reinterpret_cast<void*>(uintptr_t(client + 1));
+    return finish(irp, NTSTATUS(status));
+}
+
+NTSTATUS NTAPI dispatchClose(DEVICE_OBJECT* device, IRP* irp) {
+    auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    FILE_OBJECT* file = IoGetCurrentIrpStackLocation(irp)->FileObject;
+    if (!x.control && file && file->FsContext) {
+        Locked dma(x.dma);
+        Locked state(x.state);
+        x.card->close(uint32_t(uintptr_t(file->FsContext)) - 1);
+        file->FsContext = nullptr; // cleanup and close both come here
+    }
+    return finish(irp, STATUS_SUCCESS);
+}
+
+void removeCard(Extension& x) {
+    if (x.started) setPlugged(x, false);
+    {
+        Locked cards(g_lock);
+        if (x.number < kMaxCards && g_cards[x.number] == &x) g_cards[x.number] = nullptr;
+    }
+    x.stopping = 1;
+    if (x.threadObject) {
+        KeWaitForSingleObject(x.threadObject, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(x.threadObject);
+        g_system.close(x.thread);
+    }
+    if (x.frame) ExFreePoolWithTag(x.frame, kTag);
+    if (x.card) ExFreePoolWithTag(x.card, kTag);
+    x.card = nullptr;
+    if (x.link.Buffer) RtlFreeUnicodeString(&x.link);
+}
+
+NTSTATUS NTAPI dispatchPnp(DEVICE_OBJECT* device, IRP* irp) {
+    auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    IO_STACK_LOCATION* stack = IoGetCurrentIrpStackLocation(irp);
+    switch (stack->MinorFunction) {
+    case IRP_MN_START_DEVICE:
+        x.started = true;
+        IoSetDeviceInterfaceState(&x.link, TRUE);
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        break;
+    case IRP_MN_QUERY_REMOVE_DEVICE:
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        break;
+    case IRP_MN_REMOVE_DEVICE: {
+        removeCard(x);
+        DEVICE_OBJECT* lower = x.lower;
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        IoSkipCurrentIrpStackLocation(irp);
+        const NTSTATUS status = IoCallDriver(lower, irp);
+        IoDetachDevice(lower);
+        IoDeleteDevice(device);
+        return status;
+    }
+    default:
+        break;
+    }
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(x.lower, irp);
+}
+
+NTSTATUS NTAPI addDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
+    DEVICE_OBJECT* device = nullptr;
+    NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+    if (!NT_SUCCESS(status)) return status;
+    auto* x = new (device->DeviceExtension) Extension();
+    x->dma.init();
+    x->state.init();
+    x->number = kMaxCards;
+    {
+        Locked cards(g_lock);
+        for (uint32_t i = kMaxCards; i-- > 0;)
+            if (!g_cards[i]) x->number = i;
+    }
+    void* memory = x->number < kMaxCards ? allocate(sizeof(Card)) : nullptr;
+    if (!memory) {
+        IoDeleteDevice(device);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    x->host.extension = x;
+    x->card = new (memory) Card(x->host, x->number);
+    status = IoRegisterDeviceInterface(physical, &kInterface, nullptr, &x->link);
+    if (NT_SUCCESS(status))
+        status = PsCreateSystemThread(&x->thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, paceFrames, x);
+    if (NT_SUCCESS(status))
+        status = ObReferenceObjectByHandle(x->thread, SYNCHRONIZE, nullptr, KernelMode, &x->threadObject, nullptr);
+    if (!NT_SUCCESS(status)) {
+        removeCard(*x);
+        IoDeleteDevice(device);
+        return status;
+    }
+    x->lower = IoAttachDeviceToDeviceStack(device, physical);
+    {
+        Locked cards(g_lock);
+        g_cards[x->number] = x;
+    }
+    device->Flags &= ~DO_DEVICE_INITIALIZING;
+    return STATUS_SUCCESS;
+}
+
+void NTAPI unload(DRIVER_OBJECT*) {
+    UNICODE_STRING link;
+    RtlInitUnicodeString(&link, L"\\DosDevices\\KestraSimControl");
+    IoDeleteSymbolicLink(&link);
+    if (g_control) IoDeleteDevice(g_control);
+    g_control = nullptr;
+}
+
+} // namespace
+} // namespace kestra::simcard
+
+extern "C" NTSTATUS NTAPI DriverEntry(DRIVER_OBJECT* driver, UNICODE_STRING*) {
+    using namespace kestra::simcard;
+    if (!g_system.load()) return STATUS_NOT_SUPPORTED;
+    g_lock.init();
+    driver->MajorFunction[IRP_MJ_CREATE] = dispatchCreate;
+    driver->MajorFunction[IRP_MJ_CLEANUP] = dispatchClose;
+    driver->MajorFunction[IRP_MJ_CLOSE] = dispatchClose;
+    driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatchControl;
+    driver->MajorFunction[IRP_MJ_PNP] = dispatchPnp;
+    driver->DriverExtension->AddDevice = addDevice;
+    driver->DriverUnload = unload;
+    UNICODE_STRING name, link;
+    RtlInitUnicodeString(&name, L"\\Device\\KestraSimControl");
+    RtlInitUnicodeString(&link, L"\\DosDevices\\KestraSimControl");
+    NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &g_control);
+    if (!NT_SUCCESS(status)) return status;
+    static_cast<Extension*>(g_control->DeviceExtension)->control = true;
+    status = IoCreateSymbolicLink(&link, &name);
+    if (NT_SUCCESS(status)) g_control->Flags &= ~DO_DEVICE_INITIALIZING;
+    return status;
+}

@@ -1,0 +1,311 @@
+// The request protocol of a simulated card: what each code wants, and what it answers.
+#include "simcard/model/card.h"
+
+#include <cstring>
+
+namespace kestra::simcard {
+
+namespace {
+
+constexpr uint32_t kVariable = UINT32_MAX;
+
+/// What a code's request and reply must look like.
+struct Shape {
+    uint32_t code;
+    uint32_t requestSize; ///< kVariable: no request buffer, none is looked at
+    uint32_t replySize;   ///< kVariable: whatever the caller gives
+    bool session;         ///< the request carries a session id that must be the client's
+};
+
+constexpr Shape kShapes[] = {
+    {wire::kOpenSession, sizeof(wire::Header), sizeof(wire::OpenSessionReply), false},
+    {wire::kSessionWatch, sizeof(wire::Header), sizeof(wire::Reply), true},
+    {wire::kGetSlotInfo, sizeof(wire::SlotInfoRequest), sizeof(wire::SlotInfoReply), false},
+    {wire::kVideoStatus, sizeof(wire::Header), sizeof(wire::VideoStatusReply), true},
+    {wire::kChannelAccess, sizeof(wire::ChannelAccessRequest), sizeof(wire::Reply), true},
+    {wire::kConnection, sizeof(wire::Header), sizeof(wire::ConnectionReply), true},
+    {wire::kRegisterInputEvent, sizeof(wire::RegisterInputEventRequest), sizeof(wire::Reply), true},
+    {wire::kFormatSize, sizeof(wire::Header), sizeof(wire::FormatSizeReply), true},
+    {wire::kGrabStatistics, sizeof(wire::Header), sizeof(wire::GrabStatisticsReply), true},
+    {wire::kReadRegister, sizeof(wire::ReadRegisterRequest), sizeof(wire::ReadRegisterReply), true},
+    {wire::kSetConverter, sizeof(wire::SetConverterRequest), sizeof(wire::Reply), true},
+    {wire::kGetConverter, sizeof(wire::Header), sizeof(wire::GetConverterReply), true},
+    {wire::kPrepare, sizeof(wire::PrepareRequest), sizeof(wire::PrepareReply), true},
+    {wire::kLockChunk, kVariable, kVariable, false},
+    {wire::kLockChunk + wire::kPortStride, kVariable, kVariable, false},
+    {wire::kChunkTable, kVariable, kVariable, false},
+    {wire::kChunkTable + wire::kPortStride, kVariable, kVariable, false},
+    {wire::kStartGrabbing, sizeof(wire::StartGrabbingRequest), sizeof(wire::Reply), true},
+    {wire::kStopGrabbing, sizeof(wire::Header), sizeof(wire::Reply), true},
+    {wire::kSnap, kVariable, kVariable, false},
+    {wire::kLockBuffer, sizeof(wire::Header), sizeof(wire::LockBufferReply), true},
+    {wire::kUnlockBuffer, sizeof(wire::UnlockBufferRequest), sizeof(wire::Reply), true},
+};
+constexpr uint32_t kLargestRequest = sizeof(wire::SetConverterRequest);
+
+const Shape* shapeOf(uint32_t code) noexcept {
+    for (const Shape& shape : kShapes)
+        if (shape.code == code) return &shape;
+    return nullptr;
+}
+
+template <class Record>
+Record readAs(const uint8_t* bytes) noexcept {
+    Record record;
+    std::memcpy(&record, bytes, sizeof record);
+    return record;
+}
+
+template <class Record>
+Outcome reply(const Request& request, const Record& record) noexcept {
+    std::memcpy(request.out, &record, sizeof record);
+    return {kStatusSuccess, sizeof record};
+}
+
+Outcome result(const Request& request, uint32_t value) noexcept {
+    return reply(request, wire::Reply{value});
+}
+
+constexpr char16_t kSlotText[] = u"Kestra HD-SDI (simulated)";
+
+} // namespace
+
+Outcome Card::request(const Request& request) noexcept {
+    if (request.client >= kMaxClients || !m_clients[request.client].used) return {kStatusInvalidHandle, 0};
+    const uint64_t sequence = logRequest(request, m_clients[request.client].processId);
+    const Outcome outcome = process(request, sequence);
+    if (outcome.status != kStatusPending) logOutcome(sequence, request, outcome.status, outcome.replySize);
+    return outcome;
+}
+
+Outcome Card::process(const Request& request, uint64_t logSequence) noexcept {
+    if (m_clients[request.client].gone || !m_plugged) return {kStatusDeviceNotConnected, 0};
+    const Fault* fault = matchFault(request.code, false);
+    if (!fault) return answer(request, logSequence);
+    switch (fault->kind) {
+    case FaultKind::NtStatus:
+        return {fault->value, 0};
+    case FaultKind::Delay:
+        return pend(request, PendingKind::Delayed, 0, logSequence, m_host.now100ns() + uint64_t(fault->value) * 10000);
+    case FaultKind::NeverComplete:
+        return pend(request, PendingKind::Hung, 0, logSequence);
+    case FaultKind::Unplug:
+        m_unplugRequested = true;
+        return pend(request, PendingKind::Hung, 0, logSequence); // ends with the card
+    case FaultKind::SignalChange:
+        setSignal(fault->signal);
+        return answer(request, logSequence);
+    case FaultKind::DriverResult: {
+        const Shape* shape = shapeOf(request.code);
+        const uint32_t size = !shape || shape->replySize == kVariable ? request.outSize : shape->replySize;
+        if (size < sizeof(wire::Reply) || request.outSize < size) return {kStatusBufferTooSmall, 0};
+        std::memset(request.out, 0, size);
+        std::memcpy(request.out, &fault->value, sizeof fault->value);
+        return {kStatusSuccess, size};
+    }
+    case FaultKind::ShortReply: {
+        const uint32_t shortest = fault->value;
+        const Outcome outcome = answer(request, logSequence);
+        if (outcome.status != kStatusSuccess) return outcome;
+        return {kStatusSuccess, outcome.replySize < shortest ? outcome.replySize : shortest};
+    }
+    default:
+        return answer(request, logSequence);
+    }
+}
+
+Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
+    const Shape* shape = shapeOf(request.code);
+    if (!shape) return {kStatusInvalidDeviceRequest, 0};
+    const uint32_t index = request.client;
+    Client& client = m_clients[index];
+
+    if (shape->requestSize == kVariable) {
+        if (client.sessionId == 0) return {kStatusInvalidHandle, 0};
+        if (!request.out || request.outSize == 0) return {kStatusBufferTooSmall, 0};
+        switch (request.code) {
+        case wire::kLockChunk:
+        case wire::kLockChunk + wire::kPortStride: {
+            const uint8_t port = request.code == wire::kLockChunk ? 0 : 1;
+            if (m_owner[port] != index + 1) return {kStatusAccessDenied, 0};
+            return pend(request, PendingKind::LockChunk, port, logSequence);
+        }
+        case wire::kChunkTable:
+        case wire::kChunkTable + wire::kPortStride: {
+            const uint8_t port = request.code == wire::kChunkTable ? 0 : 1;
+            if (m_owner[port] != index + 1) return {kStatusAccessDenied, 0};
+            return takeChunkTable(client, port, request);
+        }
+        default: {
+            const Channel& channel = client.channels[0];
+            if (m_owner[0] != index + 1) return {kStatusAccessDenied, 0};
+            if (!channel.prepared) return {kStatusInvalidParameter, 0};
+            if (request.outSize < channel.frameSize) return {kStatusBufferTooSmall, 0};
+            return pend(request, PendingKind::Snap, 0, logSequence);
+        }
+        }
+    }
+
+    if (request.inSize != shape->requestSize || !request.in) return {kStatusInvalidParameter, 0};
+    if (request.outSize < shape->replySize || !request.out) return {kStatusBufferTooSmall, 0};
+    // Request and reply share their memory in a buffered transfer: keep the request before answering.
+    uint8_t in[kLargestRequest];
+    std::memcpy(in, request.in, request.inSize);
+    const auto header = readAs<wire::Header>(in);
+    if (request.code != wire::kGetSlotInfo && header.port > 1) return {kStatusInvalidParameter, 0};
+    if (shape->session && (client.sessionId == 0 || header.sessionId != client.sessionId))
+        return {kStatusInvalidHandle, 0};
+    const uint8_t port = header.port & 1;
+    Channel& channel = client.channels[port];
+
+    switch (request.code) {
+    case wire::kOpenSession:
+        return openSession(client, request);
+    case wire::kSessionWatch:
+        return pend(request, PendingKind::Watch, port, logSequence);
+    case wire::kGetSlotInfo: {
+        wire::SlotInfoReply info = {};
+        info.slotValue = m_slot;
+        std::memcpy(info.description, kSlotText, sizeof kSlotText);
+        return reply(request, info);
+    }
+    case wire::kVideoStatus: {
+        wire::VideoStatusReply status = {};
+        status.signal = m_signal.present ? 1 : 0;
+        status.videoMode = m_signal.present ? m_signal.videoMode : 0;
+        status.formatByte = m_signal.present ? m_signal.formatByte : 0;
+        return reply(request, status);
+    }
+    case wire::kChannelAccess:
+        return channelAccess(index, request, in);
+    case wire::kConnection:
+        return reply(request, wire::ConnectionReply{0, uint8_t(m_signal.present ? 1 : 0)});
+    case wire::kRegisterInputEvent:
+        channel.eventHandle = readAs<wire::RegisterInputEventRequest>(in).eventHandle;
+        return result(request, kResultOk);
+    case wire::kFormatSize: {
+        wire::FormatSizeReply size = {};
+        if (m_signal.present) size.width = m_signal.width, size.height = m_signal.height;
+        return reply(request, size);
+    }
+    case wire::kGrabStatistics:
+        return statistics(channel, request);
+    case wire::kReadRegister:
+        return reply(request, wire::ReadRegisterReply{
+                                  0, receiverRegister(m_signal, readAs<wire::ReadRegisterRequest>(in).registerNumber)});
+    case wire::kSetConverter:
+        m_converter = readAs<wire::SetConverterRequest>(in).converter;
+        return result(request, kResultOk);
+    case wire::kGetConverter:
+        return reply(request, wire::GetConverterReply{0, m_converter});
+    default:
+        break;
+    }
+
+    // The rest moves data: only the session that holds the channel may ask for it.
+    if (m_owner[port] != index + 1) return {kStatusAccessDenied, 0};
+    switch (request.code) {
+    case wire::kPrepare:
+        return prepare(channel, port, in, request);
+    case wire::kStartGrabbing:
+        if (!channel.prepared || channel.bufferCount == 0) return result(request, kResultNotPrepared);
+        if (channel.grabbing) return result(request, kResultAlreadyGrabbing);
+        startChannel(channel);
+        // A lock request that an earlier stop left waiting is served by the new run.
+        return result(request, kResultOk);
+    case wire::kStopGrabbing:
+        stopChannel(index, port, m_options.stopBehaviour);
+        return result(request, kResultOk);
+    case wire::kLockBuffer: {
+        if (!channel.grabbing) {
+            wire::LockBufferReply refused = {};
+            refused.result = kResultNotGrabbing;
+            return reply(request, refused);
+        }
+        Buffer& buffer = channel.buffers[channel.nextLock];
+        if (buffer.state != BufferState::Filled || oldest(index, PendingKind::LockBuffer, port))
+            return pend(request, PendingKind::LockBuffer, port, logSequence);
+        fillLockReply(channel, buffer, channel.nextLock, request);
+        return {kStatusSuccess, sizeof(wire::LockBufferReply)};
+    }
+    case wire::kUnlockBuffer: {
+        const uint32_t id = readAs<wire::UnlockBufferRequest>(in).bufferId;
+        Buffer& buffer = channel.buffers[id % kMaxBuffers];
+        if (buffer.state == BufferState::Held && (buffer.serial << 6 | id % kMaxBuffers) == id)
+            buffer.state = BufferState::Free;
+        else
+            ++channel.counters.lateUnlocks; // of an earlier run: harmless
+        return result(request, kResultOk);
+    }
+    default:
+        return {kStatusInvalidDeviceRequest, 0};
+    }
+}
+
+Outcome Card::openSession(Client& client, const Request& request) noexcept {
+    endSession(request.client, kStatusSuccess);
+    if (++m_lastSession == 0) ++m_lastSession;
+    client.sessionId = m_lastSession;
+    return reply(request, wire::OpenSessionReply{0, client.sessionId});
+}
+
+void Card::endSession(uint32_t index, uint32_t watchStatus) noexcept {
+    Client& client = m_clients[index];
+    for (uint8_t port = 0; port < 2; ++port) {
+        stopChannel(index, port, StopBehaviour::Abort);
+        completeKind(index, PendingKind::LockChunk, port, kStatusCancelled, 0);
+        completeKind(index, PendingKind::Snap, port, kStatusCancelled, 0);
+        if (m_owner[port] == index + 1) m_owner[port] = 0;
+        const uint32_t generation = client.channels[port].generation;
+        std::memset(static_cast<void*>(&client.channels[port]), 0, sizeof client.channels[port]);
+        client.channels[port].generation = generation;
+    }
+    completeKind(index, PendingKind::Watch, -1, watchStatus, watchStatus == kStatusSuccess ? sizeof(wire::Reply) : 0);
+    client.sessionId = 0;
+}
+
+Outcome Card::channelAccess(uint32_t index, const Request& request, const uint8_t* in) noexcept {
+    const uint32_t flags = readAs<wire::ChannelAccessRequest>(in).channelFlags;
+    // All or nothing: a refused claim changes neither channel.
+    for (uint32_t port = 0; port < 2; ++port)
+        if ((flags >> (8 + port) & 1) && m_owner[port] != 0 && m_owner[port] != index + 1)
+            return {kStatusAccessDenied, 0};
+    for (uint8_t port = 0; port < 2; ++port) {
+        if (flags >> (8 + port) & 1) {
+            m_owner[port] = index + 1;
+        } else if (m_owner[port] == index + 1) {
+            stopChannel(index, port, StopBehaviour::Abort);
+            m_owner[port] = 0; // what was prepared and locked stays for the session's next claim
+        }
+    }
+    return result(request, kResultOk);
+}
+
+Outcome Card::prepare(Channel& channel, uint8_t port, const uint8_t* in, const Request& request) noexcept {
+    const auto wanted = readAs<wire::PrepareRequest>(in);
+    if (channel.grabbing) return reply(request, wire::PrepareReply{kResultAlreadyGrabbing, 0});
+    if (!m_signal.present) return reply(request, wire::PrepareReply{kResultNoSignal, 0});
+    // Output parameter 1 concerns the decoder: the card writes both fields in any case.
+    const uint32_t size = port == 0 ? rawFrameBytes(wanted.selector, m_signal.width, m_signal.height)
+                                    : audioBlockBytes(wanted.selector, m_signal.nominalFrameRate());
+    if (size == 0) return reply(request, wire::PrepareReply{kResultBadFormat, 0});
+    channel.prepared = true;
+    channel.selector = wanted.selector;
+    channel.outputParameter = wanted.outputParameter;
+    channel.preparedFor = m_signal;
+    channel.frameSize = size;
+    channel.bufferCount = 0; // the next chunk table says where the frames go
+    return reply(request, wire::PrepareReply{kResultOk, size});
+}
+
+Outcome Card::statistics(const Channel& channel, const Request& request) const noexcept {
+    wire::GrabStatisticsReply counters = {};
+    counters.frameRate = m_signal.reportedFrameRate();
+    counters.counter64 = channel.counters.frames;
+    counters.counter48 = channel.counters.dropped;
+    counters.counter28 = channel.counters.failed;
+    counters.counter32 = channel.counters.aborted;
+    return reply(request, counters);
+}
+
+} // namespace kestra::simcard

@@ -1,0 +1,146 @@
+// What the control program and the driver's control device say to each other: one packed record per request.
+// Portable; plain data.
+#pragma once
+
+#include "device/wire.h"
+#include "simcard/model/signal.h"
+
+#include <cstdint>
+
+namespace kestra::simcard {
+
+constexpr uint32_t kMaxCards = 8;
+constexpr uint32_t kMaxFaults = 32;
+constexpr uint32_t kLoggedBytes = 80;
+constexpr uint32_t kForever = 0xFFFFFFFF;
+constexpr uint32_t kAnyCode = 0;
+
+/// Requests to the control device \\.\KestraSimControl (buffered). Each begins with the card's number.
+enum ControlCode : uint32_t {
+    kControlGetCards = 0xCE338000, ///< CardNumber -> CardState of that card; error "no such card" past the last
+    kControlSetPlugged = 0xCE338004,
+    kControlSetSignal = 0xCE338008,
+    kControlSetOptions = 0xCE33800C,
+    kControlAddFault = 0xCE338010,
+    kControlClearFaults = 0xCE338014,
+    kControlReadLog = 0xCE338018,
+    kControlClearLog = 0xCE33801C,
+    kControlReset = 0xCE338020 ///< default signal, options and converter; no faults, log, counters
+};
+
+enum class Pace : uint32_t { RealTime = 0, AsTaken = 1 };
+
+/// What a stop does to a lock-buffer request that still waits.
+enum class StopBehaviour : uint32_t { Abort = 0, LeavePending = 1, Cancel = 2 };
+
+enum class FaultKind : uint32_t {
+    NtStatus = 0,      ///< value: the request fails with this status
+    DriverResult = 1,  ///< value: first word of the reply
+    ShortReply = 2,    ///< value: the reply is cut to so many bytes
+    Delay = 3,         ///< value: milliseconds before the request is looked at
+    NeverComplete = 4, ///< until cancelled, unplugged or the faults are cleared
+    Unplug = 5,        ///< the card goes when the request arrives
+    SignalChange = 6,  ///< the request is answered with the fault's signal already at the input
+    DmaStatus = 7,     ///< value: DMA status of the next buffers; code: the port
+    RefuseOpen = 8,    ///< value: NT status with which opening the card fails
+    SignalAtFrame = 9  ///< the signal changes before the frame of that number (value)
+};
+
+#pragma pack(push, 1)
+
+struct CardNumber {
+    uint32_t card;
+};
+
+struct SetPlugged {
+    uint32_t card;
+    uint32_t plugged;
+};
+
+struct SetSignal {
+    uint32_t card;
+    Signal signal;
+};
+
+struct Options {
+    Pace pace;
+    StopBehaviour stopBehaviour;
+    uint32_t picture; ///< which test picture; see picture.h
+    uint32_t reserved;
+};
+
+struct SetOptions {
+    uint32_t card;
+    Options options;
+};
+
+struct Fault {
+    FaultKind kind;
+    uint32_t code;  ///< request code, kAnyCode for every one; the port for DmaStatus
+    uint32_t value; //
+    uint32_t skip;  ///< so many matching requests (buffers) pass first
+    uint32_t count; ///< then so many are hit; kForever until cleared
+    Signal signal;  ///< for the signal changes
+};
+
+struct AddFault {
+    uint32_t card;
+    Fault fault;
+};
+
+struct ChannelCounters {
+    uint32_t grabbing;
+    uint32_t frames;    ///< frames of the signal since the last start
+    uint32_t delivered; ///< buffers handed to the client since the last start
+    uint32_t dropped;   ///< frames without a free buffer since the last start
+    uint32_t failed;    ///< buffers that the card could not write into the client's memory
+    uint32_t aborted;   ///< lock requests ended by a stop
+    uint32_t lateUnlocks;
+    uint32_t frameSizeBytes;
+};
+
+struct CardState {
+    uint32_t card;
+    uint32_t plugged;
+    uint32_t clients;
+    uint32_t sessions;
+    uint32_t pendingRequests;
+    uint32_t faults;
+    uint64_t requests; ///< received since the log was cleared
+    uint32_t frameNumber;
+    uint32_t reserved;
+    Signal signal;
+    Options options;
+    ChannelCounters channels[2];
+    wire::Converter converter;
+    uint8_t reserved2[3];
+    char16_t devicePath[256]; ///< of the card's interface, NUL-terminated
+};
+
+struct LogRequest {
+    uint32_t card;
+    uint64_t firstSequence; ///< entries from this one on; older ones may have been overwritten
+};
+
+/// One request that a client made.
+struct LogEntry {
+    uint64_t sequence; ///< 1 for the first since the log was cleared
+    uint64_t time100ns;
+    uint32_t clientId;
+    uint32_t processId;
+    uint32_t code;
+    uint32_t status; ///< NT status; 0x103 while pending
+    uint32_t result; ///< first word of the reply, if there was one
+    uint32_t inSize;
+    uint32_t outSize;
+    uint32_t replySize;
+    uint32_t byteCount; ///< valid bytes below: the request; of a chunk table, the reply buffer as it was sent
+    uint8_t bytes[kLoggedBytes];
+};
+
+#pragma pack(pop)
+static_assert(sizeof(Fault) == 44 && sizeof(Options) == 16 && sizeof(LogEntry) == 132);
+
+constexpr Options kDefaultOptions = {Pace::RealTime, StopBehaviour::Abort, 0, 0};
+
+} // namespace kestra::simcard
