@@ -1,0 +1,219 @@
+// A raw protocol client against the simulated card's driver: no device library in between.
+#include "device/wire.h"
+#include "tests/support/card_fixture.h"
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <vector>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+/// Owns the card's file and makes synchronous and pending requests on it.
+class RawClient {
+public:
+    struct Pending {
+        OVERLAPPED overlapped = {};
+        Pending() { overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr); }
+        ~Pending() { CloseHandle(overlapped.hEvent); }
+        Pending(const Pending&) = delete;
+        Pending& operator=(const Pending&) = delete;
+    };
+
+    explicit RawClient(const CardControl& card)
+        : m_file(CreateFileW(card.devicePath().c_str(), GENERIC_READ | GENERIC_WRITE,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_FLAG_OVERLAPPED, nullptr)),
+          m_openError(m_file == INVALID_HANDLE_VALUE ? GetLastError() : 0) {}
+    ~RawClient() {
+        if (m_file != INVALID_HANDLE_VALUE) CloseHandle(m_file);
+    }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    DWORD openError() const { return m_openError; }
+    uint32_t session = 0;
+    wire::Header header(uint8_t port = 0) const { return {port, session}; }
+
+    DWORD begin(Pending& pending, uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
+        return DeviceIoControl(m_file, code, const_cast<void*>(in), inSize, out, outSize, nullptr, &pending.overlapped)
+                   ? ERROR_SUCCESS
+                   : GetLastError();
+    }
+    DWORD end(Pending& pending, DWORD timeoutMs = 10000) {
+        if (WaitForSingleObject(pending.overlapped.hEvent, timeoutMs) != WAIT_OBJECT_0) return WAIT_TIMEOUT;
+        return GetOverlappedResult(m_file, &pending.overlapped, &m_size, FALSE) ? ERROR_SUCCESS : GetLastError();
+    }
+    void cancel(Pending& pending) {
+        CancelIoEx(m_file, &pending.overlapped);
+        WaitForSingleObject(pending.overlapped.hEvent, 10000);
+    }
+    DWORD call(uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
+        Pending pending;
+        const DWORD error = begin(pending, code, in, inSize, out, outSize);
+        return error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? end(pending) : error;
+    }
+    template <class In, class Out>
+    DWORD call(uint32_t code, const In& in, Out& out) {
+        return call(code, &in, sizeof in, &out, sizeof out);
+    }
+    DWORD size() const { return m_size; }
+    DWORD openSession() {
+        wire::OpenSessionReply reply = {};
+        const DWORD error = call(wire::kOpenSession, wire::Header{}, reply);
+        session = reply.sessionId;
+        return error;
+    }
+
+private:
+    HANDLE m_file;
+    DWORD m_openError, m_size = 0;
+};
+
+class SimcardProtocol : public CardTest {};
+
+TEST_F(SimcardProtocol, ReportsTheDefaultSignal) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openError(), 0u);
+    ASSERT_EQ(client.openSession(), 0u);
+    EXPECT_NE(client.session, 0u);
+    wire::FormatSizeReply size = {};
+    ASSERT_EQ(client.call(wire::kFormatSize, client.header(), size), 0u);
+    EXPECT_EQ(size.width, 1920);
+    EXPECT_EQ(size.height, 1080);
+    wire::GrabStatisticsReply statistics = {};
+    ASSERT_EQ(client.call(wire::kGrabStatistics, client.header(), statistics), 0u);
+    EXPECT_EQ(statistics.frameRate, 60u);
+    EXPECT_EQ(client.size(), 80u);
+}
+
+TEST_F(SimcardProtocol, RefusesWrongSizesSessionsCodesAndPorts) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    uint8_t reply[600] = {};
+    const wire::Header good = client.header();
+    const wire::Header stranger = {0, client.session + 1};
+    const wire::Header badPort = client.header(2);
+    EXPECT_EQ(client.call(wire::kVideoStatus, &good, 4, reply, 10), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(client.call(wire::kVideoStatus, &good, 5, reply, 9), DWORD(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(client.call(wire::kVideoStatus, &stranger, 5, reply, 10), DWORD(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(client.call(wire::kVideoStatus, &badPort, 5, reply, 10), DWORD(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(client.call(0xCE322FF0, &good, 5, reply, 10), DWORD(ERROR_INVALID_FUNCTION));
+    EXPECT_EQ(client.call(wire::kVideoStatus, &good, 5, reply, 10), 0u) << "a good request still works";
+}
+
+TEST_F(SimcardProtocol, InjectedStatusAndResultReachTheCallerOnce) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    wire::ConnectionReply reply = {};
+    m_card.failNext(wire::kConnection, 0xC0000022);
+    m_card.failNext(wire::kConnection, 0xC00000BB);
+    m_card.refuseNext(wire::kConnection, 7);
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), DWORD(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), DWORD(ERROR_NOT_SUPPORTED));
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), 0u);
+    EXPECT_EQ(reply.result, 7u);
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), 0u);
+    EXPECT_EQ(reply.result, 0u);
+    EXPECT_EQ(reply.connected, 1);
+    const auto log = m_card.log();
+    ASSERT_EQ(log.size(), 5u);
+    EXPECT_EQ(log[1].status, 0xC0000022u);
+    EXPECT_EQ(log[3].result, 7u);
+    EXPECT_EQ(log[4].byteCount, 5u);
+    EXPECT_EQ(log[4].bytes[1], uint8_t(client.session));
+}
+
+TEST_F(SimcardProtocol, SignalChangeSignalsTheRegisteredEvent) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const wire::RegisterInputEventRequest request = {client.header(), uint64_t(uintptr_t(event))};
+    wire::Reply reply = {};
+    ASSERT_EQ(client.call(wire::kRegisterInputEvent, request, reply), 0u);
+    EXPECT_EQ(WaitForSingleObject(event, 0), DWORD(WAIT_TIMEOUT));
+    m_card.setSignal(Signal{});
+    EXPECT_EQ(WaitForSingleObject(event, 5000), DWORD(WAIT_OBJECT_0));
+    CloseHandle(event);
+    wire::ConnectionReply connection = {};
+    ASSERT_EQ(client.call(wire::kConnection, client.header(), connection), 0u);
+    EXPECT_EQ(connection.connected, 0);
+}
+
+TEST_F(SimcardProtocol, UnplugEndsPendingRequestsAndReplugServesANewClient) {
+    {
+        RawClient client(m_card);
+        ASSERT_EQ(client.openSession(), 0u);
+        wire::Reply reply = {};
+        const wire::Header header = client.header();
+        RawClient::Pending watch;
+        ASSERT_EQ(client.begin(watch, wire::kSessionWatch, &header, sizeof header, &reply, sizeof reply),
+                  DWORD(ERROR_IO_PENDING));
+        const CardControl card(0);
+        const std::wstring path = card.devicePath();
+        m_card.unplug();
+        EXPECT_EQ(client.end(watch), DWORD(ERROR_DEVICE_NOT_CONNECTED));
+        EXPECT_EQ(RawClient(m_card).openError(), DWORD(ERROR_FILE_NOT_FOUND));
+        m_card.plug();
+        wire::ConnectionReply connection = {};
+        EXPECT_EQ(client.call(wire::kConnection, client.header(), connection), DWORD(ERROR_DEVICE_NOT_CONNECTED));
+    }
+    RawClient next(m_card);
+    ASSERT_EQ(next.openError(), 0u);
+    EXPECT_EQ(next.openSession(), 0u);
+}
+
+TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    wire::Reply reply = {};
+    ASSERT_EQ(client.call(wire::kChannelAccess, wire::ChannelAccessRequest{client.header(), 0x100}, reply), 0u);
+    RawClient other(m_card);
+    ASSERT_EQ(other.openSession(), 0u);
+    EXPECT_EQ(other.call(wire::kChannelAccess, wire::ChannelAccessRequest{other.header(), 0x100}, reply),
+              DWORD(ERROR_ACCESS_DENIED));
+    wire::PrepareReply prepared = {};
+    const wire::PrepareRequest prepare = {client.header(), 1, 9, 0, {0, 1, 0, 1}, {0, 0}};
+    ASSERT_EQ(client.call(wire::kPrepare, prepare, prepared), 0u);
+    ASSERT_EQ(prepared.frameSizeBytes, 1920u * 1080 * 2);
+    std::vector<uint8_t> memory(10 * size_t(prepared.frameSizeBytes), 0xEE);
+    RawClient::Pending lock;
+    ASSERT_EQ(client.begin(lock, wire::kLockChunk, nullptr, 0, memory.data(), DWORD(memory.size())),
+              DWORD(ERROR_IO_PENDING));
+    struct {
+        wire::ChunkTableHead head;
+        wire::Chunk chunk;
+    } table = {{0, 1}, {uint64_t(uintptr_t(memory.data())), memory.size(), 0, 10, 0}};
+    ASSERT_EQ(client.call(wire::kChunkTable, nullptr, 0, &table, sizeof table), 0u);
+    ASSERT_EQ(table.head.result, 0u);
+    ASSERT_EQ(client.call(wire::kStartGrabbing, wire::StartGrabbingRequest{client.header(), 0}, reply), 0u);
+    ASSERT_EQ(reply.result, 0u);
+    const char* longRun = std::getenv("KESTRA_LONG");
+    const int frames = longRun && longRun[0] == '1' ? 3600 : 60;
+    uint32_t lastFrame = 0;
+    for (int i = 0; i < frames; ++i) {
+        wire::LockBufferReply locked = {};
+        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
+        ASSERT_EQ(locked.result, 0u);
+        ASSERT_EQ(locked.dmaStatus, 0u);
+        const auto* frame = reinterpret_cast<const uint8_t*>(uintptr_t(locked.bufferAddress));
+        ASSERT_GE(frame, memory.data());
+        ASSERT_LE(frame + prepared.frameSizeBytes, memory.data() + memory.size());
+        ASSERT_EQ(frame[0], uint8_t(locked.frameWord0));
+        ASSERT_EQ(frame[prepared.frameSizeBytes - 1], uint8_t(locked.frameWord0));
+        ASSERT_GT(locked.frameWord0, lastFrame);
+        lastFrame = locked.frameWord0;
+        ASSERT_EQ(client.call(wire::kUnlockBuffer, wire::UnlockBufferRequest{client.header(), locked.bufferId}, reply),
+                  0u);
+    }
+    const CardState state = m_card.state();
+    std::printf("%d frames: %u dropped, %u failed\n", frames, state.channels[0].dropped, state.channels[0].failed);
+    EXPECT_EQ(state.channels[0].failed, 0u);
+    ASSERT_EQ(client.call(wire::kStopGrabbing, client.header(), reply), 0u);
+    client.cancel(lock);
+}
+
+} // namespace
+} // namespace kestra::test
