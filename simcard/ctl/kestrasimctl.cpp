@@ -18,7 +18,7 @@ constexpr char kUsage[] = "usage: kestrasimctl [--card N] [--json] COMMAND\n"
                           "  remove                   remove all simulated cards\n"
                           "  hold                     keep the Wine prefix alive until `release`\n"
                           "  release                  end `hold`\n"
-                          "  state                    signal, options and counters\n"
+                          "  status                   signal, options and counters\n"
                           "  plug | unplug            put the card in or pull it\n"
                           "  signal none              no signal\n"
                           "  signal WxH RATE [i] [noaudio] [mode=N]\n"
@@ -168,7 +168,7 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
             SetEvent(event);
             CloseHandle(event);
         }
-    } else if (command == "state") {
+    } else if (command == "state" || command == "status") {
         printState(control.state(), json);
     } else if (command == "plug") {
         control.plug();

@@ -4,6 +4,8 @@
 // around every call of the model.
 #include "simcard/driver/system.h"
 #include "simcard/model/card.h"
+#include "simcard/model/picture.h"
+#include "simcard/model/sound.h"
 
 #include <cstring>
 #include <new>
@@ -14,7 +16,7 @@ namespace {
 
 // {edde25e4-9980-4876-9217-ad8aa1b92a03}
 const GUID kInterface = {0xedde25e4, 0x9980, 0x4876, {0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03}};
-constexpr uint32_t kLargestFrame = 64u << 20;
+constexpr uint32_t kLargestFrame = 256u << 20;
 constexpr ULONG kTag = 0x6B73654B; // the bytes read Kesk
 
 struct Extension;
@@ -37,6 +39,9 @@ struct Extension {
     Card* card;
     uint8_t* frame;
     uint32_t frameCapacity;
+    PictureSource picture; // draws in `frame`
+    uint8_t* block;        ///< sound
+    uint32_t blockCapacity;
     HANDLE thread;
     void* threadObject;
     volatile LONG stopping;
@@ -107,23 +112,47 @@ void setPlugged(Extension& x, bool plugged) {
 
 // Frames.
 
-void makeFrame(const FrameJob& job, uint8_t* target) {
-    std::memset(target, int(job.frameNumber & 0xFF), job.bytes);
+PictureFormat pictureFormat(const FrameJob& job) {
+    return {job.signal.width,
+            job.signal.height,
+            job.signal.interlaced != 0,
+            uint8_t(job.selector),
+            uint8_t(job.signal.nominalFrameRate()),
+            static_cast<PictureKind>(job.picture),
+            job.converter};
+}
+
+/// Makes sure of `bytes` of scratch memory; what it held is lost.
+bool reserve(uint8_t*& memory, uint32_t& capacity, uint32_t bytes) {
+    if (capacity >= bytes) return true;
+    if (memory) ExFreePoolWithTag(memory, kTag);
+    capacity = 0;
+    memory = bytes <= kLargestFrame ? static_cast<uint8_t*>(allocate(bytes)) : nullptr;
+    if (memory) capacity = bytes;
+    return memory != nullptr;
+}
+
+/// The bytes of the job's picture or sound in the card's own memory; null if there is not enough.
+const uint8_t* makeFrame(Extension& x, const FrameJob& job) {
+    if (job.port == 1) {
+        if (!reserve(x.block, x.blockCapacity, job.bytes)) return nullptr;
+        soundBlock(job.frameNumber, job.signal.nominalFrameRate(), job.selector, x.block);
+        return x.block;
+    }
+    const PictureFormat format = pictureFormat(job);
+    if (x.frameCapacity >= job.bytes && sameContent(x.picture.format(), format))
+        return x.picture.advance(job.frameNumber);
+    if (!reserve(x.frame, x.frameCapacity, job.bytes)) return nullptr;
+    return x.picture.prepare(format, x.frame, x.frameCapacity, job.frameNumber) ? x.frame : nullptr;
 }
 
 bool writeFrame(Extension& x, const FrameJob& job) {
+    const uint8_t* bytes = makeFrame(x, job);
+    if (!bytes) return false;
     if (job.snap) {
-        makeFrame(job, job.target);
+        std::memcpy(job.target, bytes, job.bytes);
         return true;
     }
-    if (x.frameCapacity < job.bytes) {
-        if (x.frame) ExFreePoolWithTag(x.frame, kTag);
-        x.frameCapacity = 0;
-        x.frame = job.bytes <= kLargestFrame * 4 ? static_cast<uint8_t*>(allocate(job.bytes)) : nullptr;
-        if (!x.frame) return false;
-        x.frameCapacity = job.bytes;
-    }
-    makeFrame(job, x.frame);
     uint32_t processId;
     {
         Locked state(x.state);
@@ -133,7 +162,7 @@ bool writeFrame(Extension& x, const FrameJob& job) {
     if (!process) return false;
     SIZE_T written = 0;
     const NTSTATUS status =
-        g_system.writeMemory(process, reinterpret_cast<void*>(uintptr_t(job.address)), x.frame, job.bytes, &written);
+        g_system.writeMemory(process, reinterpret_cast<void*>(uintptr_t(job.address)), bytes, job.bytes, &written);
     g_system.close(process);
     return NT_SUCCESS(status) && written == job.bytes;
 }
@@ -357,6 +386,7 @@ void removeCard(Extension& x) {
         g_system.close(x.thread);
     }
     if (x.frame) ExFreePoolWithTag(x.frame, kTag);
+    if (x.block) ExFreePoolWithTag(x.block, kTag);
     if (x.card) ExFreePoolWithTag(x.card, kTag);
     x.card = nullptr;
     if (x.link.Buffer) RtlFreeUnicodeString(&x.link);

@@ -97,7 +97,9 @@ void Card::raiseInputEvents() noexcept {
 }
 
 bool Card::setOptions(const Options& options) noexcept {
-    if (static_cast<uint32_t>(options.pace) > 1 || static_cast<uint32_t>(options.stopBehaviour) > 2) return false;
+    if (static_cast<uint32_t>(options.pace) > 1 || static_cast<uint32_t>(options.stopBehaviour) > 2 ||
+        options.picture > 2)
+        return false;
     m_options = options;
     return true;
 }

@@ -1,10 +1,13 @@
 // A raw protocol client against the simulated card's driver: no device library in between.
 #include "device/wire.h"
+#include "simcard/model/picture.h"
 #include "tests/support/card_fixture.h"
 
 #include <windows.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace kestra::test {
@@ -192,6 +195,10 @@ TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {
     ASSERT_EQ(reply.result, 0u);
     const char* longRun = std::getenv("KESTRA_LONG");
     const int frames = longRun && longRun[0] == '1' ? 3600 : 60;
+    std::vector<uint8_t> picture(prepared.frameSizeBytes);
+    PictureSource expected;
+    ASSERT_TRUE(expected.prepare({1920, 1080, false, 1, 60, PictureKind::Bars, wire::toWire(wire::kDefaultConverter)},
+                                 picture.data(), picture.size(), 0));
     uint32_t lastFrame = 0;
     for (int i = 0; i < frames; ++i) {
         wire::LockBufferReply locked = {};
@@ -201,8 +208,8 @@ TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {
         const auto* frame = reinterpret_cast<const uint8_t*>(uintptr_t(locked.bufferAddress));
         ASSERT_GE(frame, memory.data());
         ASSERT_LE(frame + prepared.frameSizeBytes, memory.data() + memory.size());
-        ASSERT_EQ(frame[0], uint8_t(locked.frameWord0));
-        ASSERT_EQ(frame[prepared.frameSizeBytes - 1], uint8_t(locked.frameWord0));
+        expected.advance(locked.frameWord0);
+        ASSERT_EQ(std::memcmp(frame, picture.data(), picture.size()), 0) << "frame " << locked.frameWord0;
         ASSERT_GT(locked.frameWord0, lastFrame);
         lastFrame = locked.frameWord0;
         ASSERT_EQ(client.call(wire::kUnlockBuffer, wire::UnlockBufferRequest{client.header(), locked.bufferId}, reply),
