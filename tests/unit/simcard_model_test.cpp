@@ -1,0 +1,217 @@
+// The simulated card's model without a system around it: protocol, faults, buffers, and requests of garbage.
+#include "simcard/model/card.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace kestra::simcard {
+namespace {
+
+class FakeHost final : public CardHost {
+public:
+    struct Done {
+        uint32_t status, size;
+    };
+    void complete(void* token, uint32_t status, uint32_t size) override {
+        EXPECT_EQ(done.count(token), 0u) << "completed twice";
+        done[token] = {status, size};
+    }
+    void signalEvent(uint32_t, uint64_t handle) override { signalled.push_back(handle); }
+    uint64_t now100ns() override { return now; }
+
+    std::map<void*, Done> done;
+    std::vector<uint64_t> signalled;
+    uint64_t now = 1000;
+};
+
+class SimcardModel : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(m_card->open(77, m_client), uint32_t(kStatusSuccess)); }
+
+    Outcome send(uint32_t code, const void* in, uint32_t inSize, void* out, uint32_t outSize, void* token = nullptr) {
+        return m_card->request(
+            {token, m_client, code, static_cast<const uint8_t*>(in), inSize, static_cast<uint8_t*>(out), outSize});
+    }
+    template <class In, class Out>
+    Outcome send(uint32_t code, const In& in, Out& out, void* token = nullptr) {
+        return send(code, &in, sizeof in, &out, sizeof out, token);
+    }
+    wire::Header header(uint8_t port = 0) { return {port, m_session}; }
+    void openSession() {
+        wire::OpenSessionReply reply = {};
+        ASSERT_EQ(send(wire::kOpenSession, wire::Header{}, reply).status, uint32_t(kStatusSuccess));
+        m_session = reply.sessionId;
+    }
+    /// Claims a port, prepares it and names ten buffers at made-up addresses.
+    void makeReady(uint8_t port, uint8_t selector) {
+        openSession();
+        wire::Reply reply = {};
+        wire::PrepareReply prepared = {};
+        ASSERT_EQ(send(wire::kChannelAccess, wire::ChannelAccessRequest{header(), 0x100u << port}, reply).status, 0u);
+        const wire::PrepareRequest prepare = {header(port), selector, 9, 0, {0, 1, 0, 1}, {0, 0}};
+        ASSERT_EQ(send(wire::kPrepare, prepare, prepared).status, 0u);
+        ASSERT_EQ(prepared.result, 0u);
+        ASSERT_EQ(send(wire::kLockChunk + 4u * port, nullptr, 0, m_chunk, sizeof m_chunk, m_chunk).status,
+                  uint32_t(kStatusPending));
+        m_table = {{0, 1}, {0x10000, 10ull * prepared.frameSizeBytes, 0, 10, 0}};
+        ASSERT_EQ(send(wire::kChunkTable + 4u * port, nullptr, 0, &m_table, sizeof m_table).status, 0u);
+        ASSERT_EQ(m_table.head.result, 0u);
+        ASSERT_EQ(send(wire::kStartGrabbing, wire::StartGrabbingRequest{header(port), 0}, reply).status, 0u);
+        ASSERT_EQ(reply.result, 0u);
+    }
+    int runFrame() {
+        m_card->tick();
+        FrameJob job;
+        int jobs = 0;
+        while (m_card->beginFrame(job)) {
+            m_card->endFrame(job, true);
+            ++jobs;
+        }
+        return jobs;
+    }
+
+    FakeHost m_host;
+    std::unique_ptr<Card> m_card = std::make_unique<Card>(m_host, 3);
+    uint32_t m_client = 0, m_session = 0;
+    uint8_t m_chunk[16] = {};
+    struct {
+        wire::ChunkTableHead head;
+        wire::Chunk chunk;
+    } m_table = {};
+};
+
+TEST_F(SimcardModel, AWaitingLockIsServedByTheNextFrameAndAnUnlockFreesTheBuffer) {
+    makeReady(0, 1);
+    wire::LockBufferReply locked = {};
+    ASSERT_EQ(send(wire::kLockBuffer, header(), locked, &locked).status, uint32_t(kStatusPending));
+    EXPECT_EQ(runFrame(), 1);
+    ASSERT_EQ(m_host.done.count(&locked), 1u);
+    EXPECT_EQ(m_host.done[&locked].size, 49u);
+    EXPECT_EQ(locked.frameWord0, 1u);
+    EXPECT_EQ(locked.bufferAddress, 0x10000u);
+    for (int i = 0; i < 12; ++i)
+        runFrame();
+    CardState state = {};
+    m_card->readState(state);
+    EXPECT_EQ(state.channels[0].frames, 13u);
+    EXPECT_EQ(state.channels[0].dropped, 3u) << "nine free buffers took nine of twelve frames";
+    wire::Reply reply = {};
+    const wire::UnlockBufferRequest unlock = {header(), locked.bufferId};
+    ASSERT_EQ(send(wire::kUnlockBuffer, unlock, reply).status, 0u);
+    runFrame();
+    ASSERT_EQ(send(wire::kUnlockBuffer, unlock, reply).status, 0u) << "late: the buffer is in use again";
+    runFrame();
+    m_card->readState(state);
+    EXPECT_EQ(state.channels[0].dropped, 4u);
+    EXPECT_EQ(state.channels[0].lateUnlocks, 1u);
+}
+
+TEST_F(SimcardModel, AStopDoesToAWaitingLockWhatIsSelected) {
+    const struct {
+        StopBehaviour behaviour;
+        uint32_t completed, status, dmaStatus;
+    } kCases[] = {{StopBehaviour::Abort, 1, kStatusSuccess, 16},
+                  {StopBehaviour::Cancel, 1, kStatusCancelled, 0},
+                  {StopBehaviour::LeavePending, 0, 0, 0}};
+    for (const auto& expected : kCases) {
+        m_host.done.clear();
+        m_card->setOptions({Pace::RealTime, expected.behaviour, 0, 0});
+        makeReady(0, 1);
+        wire::LockBufferReply locked = {};
+        wire::Reply reply = {};
+        send(wire::kLockBuffer, header(), locked, &locked);
+        ASSERT_EQ(send(wire::kStopGrabbing, header(), reply).status, 0u);
+        EXPECT_EQ(m_host.done.count(&locked), expected.completed);
+        if (expected.completed) EXPECT_EQ(m_host.done[&locked].status, expected.status);
+        EXPECT_EQ(locked.dmaStatus, expected.dmaStatus);
+        m_host.done.clear();
+        if (!expected.completed) {
+            EXPECT_TRUE(m_card->cancel(&locked));
+            m_host.done.clear();
+        }
+        openSession(); // ends the old one, and its chunk lock with it
+    }
+}
+
+TEST_F(SimcardModel, AudioBlocksHoldOneFrameOfSound) {
+    makeReady(1, 0);
+    CardState state = {};
+    m_card->readState(state);
+    EXPECT_EQ(state.channels[1].frameSizeBytes, 800u * 6);
+    EXPECT_EQ(runFrame(), 1);
+}
+
+TEST_F(SimcardModel, ClosingAClientFreesItsChannel) {
+    makeReady(0, 1);
+    m_card->close(m_client);
+    EXPECT_EQ(m_host.done[m_chunk].status, uint32_t(kStatusCancelled));
+    ASSERT_EQ(m_card->open(78, m_client), 0u);
+    m_host.done.clear();
+    makeReady(0, 2);
+}
+
+TEST_F(SimcardModel, SignalChangesSignalTheRegisteredEventAndShowInTheRegisters) {
+    openSession();
+    wire::Reply reply = {};
+    ASSERT_EQ(send(wire::kRegisterInputEvent, wire::RegisterInputEventRequest{header(1), 0x44}, reply).status, 0u);
+    Signal signal = kDefaultSignal;
+    signal.interlaced = 1, signal.rateNumerator = 24000, signal.rateDenominator = 1001;
+    ASSERT_TRUE(m_card->setSignal(signal));
+    EXPECT_EQ(m_host.signalled, std::vector<uint64_t>{0x44});
+    wire::ReadRegisterReply value = {};
+    ASSERT_EQ(send(wire::kReadRegister, wire::ReadRegisterRequest{header(), 0x22}, value).status, 0u);
+    EXPECT_EQ(value.value, 1 << 11 | 1 << 13);
+    ASSERT_EQ(send(wire::kReadRegister, wire::ReadRegisterRequest{header(), 0x202}, value).status, 0u);
+    EXPECT_EQ(value.value, 0x1E);
+}
+
+TEST_F(SimcardModel, DelayedRequestsAreAnsweredWhenTheyAreDue) {
+    openSession();
+    ASSERT_TRUE(m_card->addFault({FaultKind::Delay, wire::kConnection, 5, 0, 1, {}}));
+    wire::ConnectionReply reply = {};
+    const wire::Header request = header();
+    ASSERT_EQ(send(wire::kConnection, request, reply, &reply).status, uint32_t(kStatusPending));
+    m_card->poll();
+    EXPECT_TRUE(m_host.done.empty());
+    m_host.now += 5 * 10000;
+    m_card->poll();
+    EXPECT_EQ(m_host.done[&reply].size, 5u);
+    EXPECT_EQ(reply.connected, 1);
+}
+
+TEST_F(SimcardModel, SurvivesRandomRequests) {
+    const uint32_t seed = 12345;
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    std::mt19937 random(seed);
+    const uint32_t codes[] = {0xCE322040, 0xCE32204C, 0xCE322058, 0xCE322060, 0xCE3220C4, 0xCE322100, 0xCE32210C,
+                              0xCE322110, 0xCE322600, 0xCE322606, 0xCE32260A, 0xCE32260E, 0xCE322612, 0xCE322614,
+                              0xCE322618, 0xCE32261E, 0xCE322630, 0xCE322634, 0xCE322044, 0x12345678};
+    openSession();
+    std::vector<std::unique_ptr<std::vector<uint8_t>>> buffers; // stay valid while requests may be pending
+    for (int i = 0; i < 3000; ++i) {
+        buffers.push_back(std::make_unique<std::vector<uint8_t>>(random() % 600));
+        std::vector<uint8_t>& buffer = *buffers.back();
+        for (uint8_t& byte : buffer)
+            byte = uint8_t(random() % 3);
+        const uint32_t inSize = uint32_t(random() % (buffer.size() + 1));
+        if (inSize >= 5 && random() % 4) std::memcpy(buffer.data() + 1, &m_session, 4);
+        const uint32_t code = codes[random() % (sizeof codes / sizeof *codes)];
+        const Outcome outcome =
+            send(code, buffer.data(), inSize, buffer.data(), uint32_t(buffer.size()), buffers.back().get());
+        EXPECT_LE(outcome.replySize, buffer.size());
+        if (code == wire::kOpenSession && outcome.status == 0) std::memcpy(&m_session, buffer.data() + 4, 4);
+    }
+    m_card->close(m_client);
+    CardState state = {};
+    m_card->readState(state);
+    EXPECT_EQ(state.pendingRequests, 0u);
+    EXPECT_EQ(state.clients, 0u);
+}
+
+} // namespace
+} // namespace kestra::simcard
