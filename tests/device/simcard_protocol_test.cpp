@@ -2,6 +2,7 @@
 #include "device/wire.h"
 #include "simcard/model/picture.h"
 #include "tests/support/card_fixture.h"
+#include "tests/support/wait_until.h"
 
 #include <windows.h>
 
@@ -166,6 +167,90 @@ TEST_F(SimcardProtocol, UnplugEndsPendingRequestsAndReplugServesANewClient) {
     RawClient next(m_card);
     ASSERT_EQ(next.openError(), 0u);
     EXPECT_EQ(next.openSession(), 0u);
+}
+
+/// Claims, prepares, locks and starts port 0 with ten buffers of 1080p 8-bit 4:2:2.
+void startStreaming(RawClient& client, RawClient::Pending& lock, std::vector<uint8_t>& memory, DWORD& error) {
+    wire::Reply reply = {};
+    wire::PrepareReply prepared = {};
+    error = client.call(wire::kChannelAccess, wire::ChannelAccessRequest{client.header(), 0x100}, reply);
+    if (error == 0)
+        error =
+            client.call(wire::kPrepare, wire::PrepareRequest{client.header(), 1, 9, 0, {0, 1, 0, 1}, {0, 0}}, prepared);
+    if (error != 0) return;
+    memory.resize(10 * size_t(prepared.frameSizeBytes));
+    client.begin(lock, wire::kLockChunk, nullptr, 0, memory.data(), DWORD(memory.size()));
+    struct {
+        wire::ChunkTableHead head;
+        wire::Chunk chunk;
+    } table = {{0, 1}, {uint64_t(uintptr_t(memory.data())), memory.size(), 0, 10, 0}};
+    error = client.call(wire::kChunkTable, nullptr, 0, &table, sizeof table);
+    if (error == 0) error = client.call(wire::kStartGrabbing, wire::StartGrabbingRequest{client.header(), 0}, reply);
+    if (error == 0 && reply.result != 0) error = ERROR_GEN_FAILURE;
+}
+
+/// The victim of the next test: runs in a process of its own, until that is killed.
+TEST_F(SimcardProtocol, DISABLED_StreamsUntilKilled) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    RawClient::Pending lock;
+    std::vector<uint8_t> memory;
+    DWORD error = 0;
+    startStreaming(client, lock, memory, error);
+    ASSERT_EQ(error, 0u);
+    for (int i = 0; i < 1200; ++i) { // an orphan ends by itself after 20 s
+        wire::LockBufferReply locked = {};
+        wire::Reply reply = {};
+        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
+        client.call(wire::kUnlockBuffer, wire::UnlockBufferRequest{client.header(), locked.bufferId}, reply);
+    }
+    client.cancel(lock);
+}
+
+TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    for (int round = 0; round < 10; ++round) {
+        std::wstring command = L"\"" + std::wstring(program) +
+                               L"\" --gtest_also_run_disabled_tests --gtest_filter=*DISABLED_StreamsUntilKilled";
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION child = {};
+        ASSERT_TRUE(
+            CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child));
+        const bool streamed =
+            waitUntil([&] { return m_card.state().channels[0].delivered >= 5; }, std::chrono::seconds(10));
+        TerminateProcess(child.hProcess, 9);
+        WaitForSingleObject(child.hProcess, 10000);
+        CloseHandle(child.hThread);
+        CloseHandle(child.hProcess);
+        ASSERT_TRUE(streamed) << "round " << round;
+        ASSERT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }, std::chrono::seconds(10)));
+        RawClient next(m_card);
+        ASSERT_EQ(next.openSession(), 0u);
+        RawClient::Pending lock;
+        std::vector<uint8_t> memory;
+        DWORD error = 0;
+        startStreaming(next, lock, memory, error);
+        ASSERT_EQ(error, 0u);
+        wire::LockBufferReply locked = {};
+        ASSERT_EQ(next.call(wire::kLockBuffer, next.header(), locked), 0u);
+        EXPECT_EQ(locked.dmaStatus, 0u);
+        next.cancel(lock);
+    }
+}
+
+TEST_F(SimcardProtocol, PlugCyclesLeaveTheCardUsable) {
+    const char* longRun = std::getenv("KESTRA_LONG");
+    const int cycles = longRun && longRun[0] == '1' ? 1000 : 50;
+    for (int i = 0; i < cycles; ++i) {
+        m_card.unplug();
+        ASSERT_EQ(RawClient(m_card).openError(), DWORD(ERROR_FILE_NOT_FOUND)) << "cycle " << i;
+        m_card.plug();
+        RawClient client(m_card);
+        ASSERT_EQ(client.openError(), 0u) << "cycle " << i;
+        ASSERT_EQ(client.openSession(), 0u);
+    }
 }
 
 TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {

@@ -127,7 +127,9 @@ TEST_F(SimcardModel, AStopDoesToAWaitingLockWhatIsSelected) {
         send(wire::kLockBuffer, header(), locked, &locked);
         ASSERT_EQ(send(wire::kStopGrabbing, header(), reply).status, 0u);
         EXPECT_EQ(m_host.done.count(&locked), expected.completed);
-        if (expected.completed) EXPECT_EQ(m_host.done[&locked].status, expected.status);
+        if (expected.completed) {
+            EXPECT_EQ(m_host.done[&locked].status, expected.status);
+        }
         EXPECT_EQ(locked.dmaStatus, expected.dmaStatus);
         m_host.done.clear();
         if (!expected.completed) {
