@@ -42,7 +42,8 @@ enum class FaultKind : uint32_t {
     Unplug = 5,        ///< the card goes when the request arrives
     SignalChange = 6,  ///< the request is answered with the fault's signal already at the input
     DmaStatus = 7,     ///< value: DMA status of the next buffers; code: the port
-    RefuseOpen = 8,    ///< value: NT status with which opening the card fails
+    RefuseOpen = 8,    ///< value: NT status that opening answers. Wine 8 opens the file all the same: requests on
+                       ///< it then fail with "invalid handle"
     SignalAtFrame = 9  ///< the signal changes before the frame of that number (value)
 };
 

@@ -130,6 +130,46 @@ TEST_F(SimcardProtocol, InjectedStatusAndResultReachTheCallerOnce) {
     EXPECT_EQ(log[4].bytes[1], uint8_t(client.session));
 }
 
+TEST_F(SimcardProtocol, ShortRepliesAndDelaysReachTheCaller) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    wire::FormatSizeReply reply = {};
+    m_card.addFault({FaultKind::ShortReply, wire::kFormatSize, 6, 0, 1, {}});
+    ASSERT_EQ(client.call(wire::kFormatSize, client.header(), reply), 0u);
+    EXPECT_EQ(client.size(), 6u);
+    EXPECT_EQ(reply.width, 1920);
+    EXPECT_EQ(reply.height, 0) << "beyond the short reply";
+    m_card.addFault({FaultKind::Delay, wire::kFormatSize, 100, 0, 1, {}});
+    const ULONGLONG begin = GetTickCount64();
+    ASSERT_EQ(client.call(wire::kFormatSize, client.header(), reply), 0u);
+    EXPECT_GE(GetTickCount64() - begin, 90u);
+    EXPECT_EQ(reply.height, 1080);
+}
+
+TEST_F(SimcardProtocol, ARequestThatNeverCompletesEndsWhenItIsCancelled) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    m_card.addFault({FaultKind::NeverComplete, wire::kConnection, 0, 0, 1, {}});
+    wire::ConnectionReply reply = {};
+    const wire::Header header = client.header();
+    RawClient::Pending pending;
+    ASSERT_EQ(client.begin(pending, wire::kConnection, &header, sizeof header, &reply, sizeof reply),
+              DWORD(ERROR_IO_PENDING));
+    EXPECT_EQ(client.end(pending, 100), DWORD(WAIT_TIMEOUT));
+    client.cancel(pending);
+    EXPECT_EQ(client.end(pending), DWORD(ERROR_OPERATION_ABORTED));
+}
+
+TEST_F(SimcardProtocol, AFaultPullsTheCardAtTheChosenRequest) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    m_card.addFault({FaultKind::Unplug, wire::kConnection, 0, 1, 1, {}});
+    wire::ConnectionReply reply = {};
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), 0u) << "the first passes";
+    EXPECT_EQ(client.call(wire::kConnection, client.header(), reply), DWORD(ERROR_DEVICE_NOT_CONNECTED));
+    EXPECT_EQ(m_card.state().plugged, 0u);
+}
+
 TEST_F(SimcardProtocol, SignalChangeSignalsTheRegisteredEvent) {
     RawClient client(m_card);
     ASSERT_EQ(client.openSession(), 0u);
@@ -238,6 +278,24 @@ TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
         EXPECT_EQ(locked.dmaStatus, 0u);
         next.cancel(lock);
     }
+}
+
+TEST_F(SimcardProtocol, InjectedDmaStatusesArriveInOrder) {
+    RawClient client(m_card);
+    ASSERT_EQ(client.openSession(), 0u);
+    for (uint32_t status : {1u, 2u, 16u, 99u})
+        m_card.dmaStatusNext(0, status);
+    RawClient::Pending lock;
+    std::vector<uint8_t> memory;
+    DWORD error = 0;
+    startStreaming(client, lock, memory, error);
+    ASSERT_EQ(error, 0u);
+    for (uint32_t status : {1u, 2u, 16u, 99u, 0u}) {
+        wire::LockBufferReply locked = {};
+        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
+        EXPECT_EQ(locked.dmaStatus, status);
+    }
+    client.cancel(lock);
 }
 
 TEST_F(SimcardProtocol, PlugCyclesLeaveTheCardUsable) {
