@@ -1,0 +1,44 @@
+// What the log needs from the operating system. Private to log/.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+
+namespace kestra::platform {
+
+struct LocalTime {
+    int32_t year, month, day, hour, minute, second;
+    uint32_t millisecond;
+};
+
+/// @return false and the system's error number if the clock or the conversion to local time fails.
+bool localTime(LocalTime& time, int& error) noexcept;
+/// Seconds since 1970, as 32 bits.
+uint32_t secondsNow() noexcept;
+uint32_t processId() noexcept;
+uint32_t threadId() noexcept;
+/// Instance handle of the module that this code is part of.
+uint64_t moduleKey() noexcept;
+const wchar_t* commandLine() noexcept;
+/// Path of the process's main module, cut and terminated.
+void executablePath(wchar_t* path, size_t capacity) noexcept;
+/// printf into a buffer of `capacity` characters, always terminated.
+void format(wchar_t* buffer, size_t capacity, const wchar_t* format, va_list arguments) noexcept;
+void debugOutput(const wchar_t* text) noexcept;
+/// Waits, with messages pumped, for all handles given to addPendingHandle, then closes them.
+void waitForPendingHandles() noexcept;
+
+/// Keeps the calling thread's last error as it was.
+class KeepLastError {
+public:
+    KeepLastError() noexcept;
+    ~KeepLastError();
+    KeepLastError(const KeepLastError&) = delete;
+    KeepLastError& operator=(const KeepLastError&) = delete;
+
+private:
+    uint32_t m_error;
+};
+
+} // namespace kestra::platform
