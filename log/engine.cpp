@@ -95,7 +95,6 @@ void LogEngine::applyThresholds(const LogThresholds& thresholds) noexcept {
 }
 
 LineContext LogEngine::contextOf(uint32_t threadId) noexcept {
-    // Only the thread itself adds its context, so nothing changes between the look-up and the insertion.
     auto* context = static_cast<ThreadContext*>(m_contexts.find(threadId));
     const int32_t nesting = context && !context->values.empty() ? static_cast<int32_t>(context->values.size()) - 2 : 0;
     if (!context) {
@@ -103,8 +102,9 @@ LineContext LogEngine::contextOf(uint32_t threadId) noexcept {
             auto made = std::make_unique<ThreadContext>();
             made->values.reserve(kContextCapacity);
             made->values.push_back(platform::secondsNow());
-            if (!m_contexts.insert(threadId, made.get())) return {kNoContext, nesting};
-            context = made.release();
+            context = static_cast<ThreadContext*>(m_contexts.findOrInsert(threadId, made.get()));
+            if (!context) return {kNoContext, nesting};
+            if (context == made.get()) (void)made.release();
         } catch (const std::bad_alloc&) {
             return {kNoContext, nesting};
         }

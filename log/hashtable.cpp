@@ -87,25 +87,35 @@ bool CHashtable::grow() noexcept {
     return complete;
 }
 
-bool CHashtable::insert(uint32_t key, void* value) noexcept {
-    const std::lock_guard lock(m_mutex);
+/// Under the mutex.
+CHashtable::Node* CHashtable::findOrAddNode(uint32_t key, void* value) noexcept {
     if (!m_buckets.load()) {
         m_buckets.store(makeBuckets(151), std::memory_order_release);
-        if (!m_buckets.load()) return false;
+        if (!m_buckets.load()) return nullptr;
     }
-    if (Node* node = findNode(key)) {
-        node->value.store(value, std::memory_order_release);
-        return true;
-    }
+    if (Node* node = findNode(key)) return node;
     // A table that cannot grow goes on with longer chains.
     if (static_cast<float>(m_size + 1) > static_cast<float>(m_buckets.load()->count) * m_loadFactor) (void)grow();
     const Buckets* buckets = m_buckets.load();
     auto& head = buckets->heads[bucketOf(key, buckets->count)];
     auto* node = new (std::nothrow) Node{key, value, head.load(), nullptr};
-    if (!node) return false;
+    if (!node) return nullptr;
     head.store(node, std::memory_order_release);
     ++m_size;
-    return true;
+    return node;
+}
+
+bool CHashtable::insert(uint32_t key, void* value) noexcept {
+    const std::lock_guard lock(m_mutex);
+    Node* node = findOrAddNode(key, value);
+    if (node) node->value.store(value, std::memory_order_release);
+    return node != nullptr;
+}
+
+void* CHashtable::findOrInsert(uint32_t key, void* value) noexcept {
+    const std::lock_guard lock(m_mutex);
+    const Node* node = findOrAddNode(key, value);
+    return node ? node->value.load() : nullptr;
 }
 
 void* CHashtable::remove(uint32_t key) noexcept {

@@ -19,6 +19,8 @@ public:
     void* find(uint32_t key) const noexcept;
     /// Adds or replaces. @return false if memory is short; the table is then as it was.
     bool insert(uint32_t key, void* value) noexcept;
+    /// Adds unless the key is there. @return the key's value from now on; null if memory is short.
+    void* findOrInsert(uint32_t key, void* value) noexcept;
     /// @return the value that was removed, or null.
     void* remove(uint32_t key) noexcept;
     size_t size() const noexcept { return m_size.load(std::memory_order_relaxed); }
@@ -52,6 +54,7 @@ private:
     static Buckets* makeBuckets(uint32_t count) noexcept;
     static uint32_t bucketOf(uint32_t key, uint32_t count) noexcept { return (key & 0x7FFFFFFF) % count; }
     Node* findNode(uint32_t key) const noexcept;
+    Node* findOrAddNode(uint32_t key, void* value) noexcept;
     bool grow() noexcept;
     void retire(Node* node) noexcept;
 

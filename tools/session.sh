@@ -33,6 +33,7 @@ session_start_wine() {
     if [ ! -f "$WINEPREFIX/complete" ]; then
         say "making a Wine prefix in build/windows/wineprefix (once, about 15 s)"
         rm -rf "$WINEPREFIX"
+        mkdir -p "$WINEPREFIX"
         wineserver -p
         timeout 180 "$root/tools/run-windows" wineboot -i > "$root/build/wineboot.log" 2>&1 ||
             die "Wine could not make its prefix; see build/wineboot.log"

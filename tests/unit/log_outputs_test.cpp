@@ -1,0 +1,541 @@
+// The channels and the configuration, with the system's answers where they can be had and refused ones where not.
+#include "tests/support/debug_output_capture.h"
+#include "tests/support/process_counts.h"
+#include "tests/support/registry_sandbox.h"
+#include "tests/support/scoped_import_hook.h"
+#include "tests/support/wait_until.h"
+
+#include "log/configuration.h"
+#include "log/outputs.h"
+#include "log/pending_handles.h"
+
+#include <gmock/gmock.h>
+
+#include <sys/timeb.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+using namespace kestra;
+using namespace kestra::test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr wchar_t kLogKey[] = L"Software\\Quorvane\\TARNIS\\SDK\\Log";
+constexpr char kKernel[] = "kernel32.dll";
+
+/// Lines of a UTF-16 file: its mark first, every line ended by a carriage return and a line feed.
+std::vector<std::wstring> linesOf(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_EQ(bytes.substr(0, 2), "\xFF\xFE") << "byte-order mark";
+    EXPECT_EQ(bytes.size() % 2, 0u);
+    std::wstring text(bytes.size() / 2, L'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * 2);
+    std::vector<std::wstring> lines;
+    size_t start = 1;
+    for (size_t end; (end = text.find(L"\r\n", start)) != std::wstring::npos; start = end + 2)
+        lines.push_back(text.substr(start, end - start));
+    EXPECT_EQ(start, std::max<size_t>(text.size(), 1)) << "the last line is complete";
+    return lines;
+}
+
+LogRecord today(uint32_t severity = 5) {
+    LogRecord r;
+    LogFreeText(LogMakeTimeStamp(r));
+    r.severity = severity;
+    return r;
+}
+
+uint32_t writeLine(FileOutput& output, const std::wstring& line, const LogRecord& record) {
+    return output.write(line.c_str(), line.size(), record);
+}
+
+/// A folder of its own, which is also the current directory.
+class LogFolder : public testing::Test {
+protected:
+    LogFolder() {
+        m_folder = std::filesystem::temp_directory_path() /
+                   ("kestra-log-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++s_number));
+        std::filesystem::create_directories(m_folder);
+        m_before = std::filesystem::current_path();
+        std::filesystem::current_path(m_folder);
+    }
+    ~LogFolder() override {
+        std::filesystem::current_path(m_before);
+        std::error_code ignored;
+        std::filesystem::remove_all(m_folder, ignored);
+    }
+
+    static inline int s_number = 0;
+    std::filesystem::path m_folder, m_before;
+};
+
+using LogFile = LogFolder;
+
+} // namespace
+
+TEST(LogDebuggerChannel, SendsTheLineThenALineFeed) {
+    DebugOutputCapture capture;
+    IDEOutput output;
+    EXPECT_STREQ(output.name(), L"IDE_Output");
+    EXPECT_EQ(output.type(), LogOutput::kDebugger);
+    EXPECT_EQ(output.threshold(), 4u);
+    EXPECT_EQ(output.write(L"text", 4, {}), 0u);
+    EXPECT_THAT(capture.lines(), ElementsAre(L"text", L"\n"));
+}
+
+TEST(LogSystemChannel, AcceptsTheLineAndWritesNothing) {
+    DebugOutputCapture capture;
+    EventOutput output;
+    EXPECT_STREQ(output.name(), L"System_Output_Stub");
+    EXPECT_EQ(output.type(), LogOutput::kSystem);
+    EXPECT_EQ(output.threshold(), 0u);
+    EXPECT_EQ(output.open(), 0u);
+    EXPECT_EQ(output.write(L"text", 4, {}), 0u);
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST_F(LogFile, IsNamedAfterTheModuleInTheCurrentDirectory) {
+    FileOutput output(L"TARNIS", nullptr);
+    EXPECT_STREQ(output.name(), L"File_Output");
+    EXPECT_EQ(output.threshold(), 0u);
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_EQ(writeLine(output, L"first", today()), 0u);
+    EXPECT_EQ(writeLine(output, L"", today()), 0u);
+    EXPECT_EQ(writeLine(output, L"ünïcode \u65E5", today()), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"first", L"", L"ünïcode \u65E5"));
+}
+
+TEST_F(LogFile, WithoutAModuleTagIsCalledZeLog) {
+    FileOutput output(nullptr, nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "ZeLog.txt"));
+}
+
+TEST_F(LogFile, ConfiguredDirectoryMustEndInABackslash) {
+    std::filesystem::create_directory(m_folder / "logs");
+    const std::wstring with = (m_folder / "logs").wstring() + L"\\", without = (m_folder / "logs").wstring();
+    FileOutput inside(L"TARNIS", with.c_str()), beside(L"TARNIS", without.c_str());
+    ASSERT_EQ(inside.open(), 0u);
+    ASSERT_EQ(beside.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "logs" / "TARNIS.txt"));
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "logsTARNIS.txt"));
+}
+
+TEST_F(LogFile, DirectoryThatIsNotFoundMeansTheCurrentOne) {
+    FileOutput output(L"TARNIS", L"Z:\\no\\such\\place\\");
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "TARNIS.txt"));
+}
+
+TEST_F(LogFile, DirectoryThatVanishedIsMadeAgainWithItsParents) {
+    std::filesystem::create_directories(m_folder / "a" / "b");
+    const std::wstring directory = (m_folder / "a" / "b").wstring() + L"\\";
+    FileOutput output(L"TARNIS", directory.c_str());
+    std::filesystem::remove_all(m_folder / "a");
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "a" / "b" / "TARNIS.txt"));
+}
+
+TEST_F(LogFile, DirectoryThatCannotBeMadeGivesItsErrorText) {
+    std::filesystem::create_directories(m_folder / "a" / "b");
+    const std::wstring directory = (m_folder / "a" / "b").wstring() + L"\\";
+    FileOutput output(L"TARNIS", directory.c_str());
+    std::filesystem::remove_all(m_folder / "a");
+    std::ofstream(m_folder / "a") << "a file in the way";
+    EXPECT_NE(output.open(), 0u);
+    EXPECT_THAT(std::wstring(output.errorText()),
+                testing::StartsWith(L"Can't create directory: " + directory + L"; error: "));
+    EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
+}
+
+TEST_F(LogFile, DailyNameCarriesTheDate) {
+    FileOutput output(L"TARNIS", nullptr);
+    output.setDailyNames(true);
+    ASSERT_EQ(output.open(), 0u);
+    const LogRecord now = today();
+    wchar_t name[64];
+    std::swprintf(name, 64, L"TARNIS_%02d_%02d_%04d.txt", now.day, now.month, now.year);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / name));
+}
+
+TEST_F(LogFile, RecordOfAnotherDayReopensTheFileUnderItsName) {
+    FileOutput output(L"TARNIS", nullptr);
+    output.setDailyNames(true);
+    ASSERT_EQ(output.open(), 0u);
+    LogRecord r = today();
+    r.day = 2;
+    r.month = 1;
+    r.year = 2031;
+    EXPECT_EQ(writeLine(output, L"new year", r), 0u);
+    EXPECT_EQ(writeLine(output, L"same day", r), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS_02_01_2031.txt"), ElementsAre(L"new year", L"same day"));
+}
+
+TEST_F(LogFile, AnotherDayWithoutDailyNamesGoesOnInTheSameFile) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    writeLine(output, L"today", today());
+    LogRecord r = today();
+    r.year += 1;
+    writeLine(output, L"next year", r);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"today", L"next year"));
+}
+
+TEST_F(LogFile, IsAppendedToUnlessItIsToBeMadeAnew) {
+    for (const wchar_t* line : {L"one", L"two"}) {
+        FileOutput output(L"TARNIS", nullptr);
+        ASSERT_EQ(output.open(), 0u);
+        writeLine(output, line, today());
+    }
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"one", L"two"));
+    FileOutput anew(L"TARNIS", nullptr);
+    anew.setCreateAnew(true);
+    ASSERT_EQ(anew.open(), 0u);
+    writeLine(anew, L"three", today());
+    anew.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"three"));
+}
+
+namespace {
+int g_flushes;
+} // namespace
+
+TEST_F(LogFile, IsFlushedAfterErrorsOnlyUnlessAlwaysWanted) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    g_flushes = 0;
+    const ScopedImportHook<decltype(&FlushFileBuffers)> hook(kKernel, "FlushFileBuffers", [](HANDLE) -> BOOL {
+        ++g_flushes;
+        return TRUE;
+    });
+    ASSERT_TRUE(hook.installed());
+    for (const uint32_t severity : {0u, 3u, 5u, 6u})
+        writeLine(output, L"x", today(severity));
+    EXPECT_EQ(g_flushes, 0) << "mandatory records are not flushed";
+    writeLine(output, L"x", today(4));
+    EXPECT_EQ(g_flushes, 1);
+    output.setFlushOnlyOnErrors(false);
+    writeLine(output, L"x", today(1));
+    EXPECT_EQ(g_flushes, 2);
+    output.close();
+    EXPECT_EQ(g_flushes, 3) << "closing flushes";
+}
+
+TEST_F(LogFile, LineIsDroppedWhenTheMutexIsNotHadInTime) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    static DWORD askedMs;
+    askedMs = 0;
+    {
+        const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",
+                                                                    [](HANDLE, DWORD ms) -> DWORD {
+                                                                        askedMs = ms;
+                                                                        return WAIT_TIMEOUT;
+                                                                    });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(writeLine(output, L"dropped", today()), 0u);
+    }
+    EXPECT_EQ(askedMs, 25000u);
+    EXPECT_EQ(writeLine(output, L"kept", today()), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, MutexThatCannotBeOpenedOrMadeGivesItsErrorText) {
+    {
+        FileOutput output(L"TARNIS", nullptr);
+        const ScopedImportHook<decltype(&OpenMutexW)> hook(kKernel, "OpenMutexW", [](DWORD, BOOL, LPCWSTR) -> HANDLE {
+            SetLastError(ERROR_ACCESS_DENIED);
+            return nullptr;
+        });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(output.open(), DWORD{ERROR_ACCESS_DENIED});
+        EXPECT_STREQ(output.errorText(), L"Can't open mutex: ZELIB_WRITING_MUTEX; error: 5");
+    }
+    FileOutput output(L"TARNIS", nullptr);
+    const ScopedImportHook<decltype(&OpenMutexW)> none(kKernel, "OpenMutexW", [](DWORD, BOOL, LPCWSTR) -> HANDLE {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return nullptr;
+    });
+    const ScopedImportHook<decltype(&CreateMutexW)> hook(kKernel, "CreateMutexW",
+                                                         [](LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR) -> HANDLE {
+                                                             SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+                                                             return nullptr;
+                                                         });
+    ASSERT_TRUE(hook.installed());
+    EXPECT_EQ(output.open(), DWORD{ERROR_NO_SYSTEM_RESOURCES});
+    EXPECT_STREQ(output.errorText(), L"Can't create mutex: ZELIB_WRITING_MUTEX; error: 1450");
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "TARNIS.txt"));
+}
+
+TEST_F(LogFile, FileThatCannotBeMadeGivesItsErrorText) {
+    std::filesystem::create_directory(m_folder / "TARNIS.txt");
+    FileOutput output(L"TARNIS", nullptr);
+    EXPECT_NE(output.open(), 0u);
+    EXPECT_THAT(std::wstring(output.errorText()),
+                testing::StartsWith(L"Can't create log file: " + m_folder.wstring() + L"\\TARNIS.txt; error: "));
+    EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
+}
+
+TEST_F(LogFile, ClockThatFailsGivesItsErrorText) {
+    FileOutput output(L"TARNIS", nullptr);
+    const ScopedImportHook<decltype(&_ftime64_s)> hook("msvcrt.dll", "_ftime64_s",
+                                                       [](struct __timeb64*) -> errno_t { return EINVAL; });
+    ASSERT_TRUE(hook.installed());
+    EXPECT_EQ(output.open(), uint32_t{EINVAL});
+    EXPECT_STREQ(output.errorText(), L"Failed _ftime64_s, error: 22");
+    LogRecord r;
+    const char* text = LogMakeTimeStamp(r);
+    EXPECT_STREQ(text, "error_data error_time");
+    EXPECT_EQ(r.day, -1);
+    LogFreeText(text); // a constant: releasing it does nothing
+    EXPECT_STREQ(text, "error_data error_time");
+}
+
+TEST_F(LogFile, FullDiskLosesTheLineOnly) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    {
+        const ScopedImportHook<decltype(&WriteFile)> hook(
+            kKernel, "WriteFile", [](HANDLE, LPCVOID, DWORD, LPDWORD written, LPOVERLAPPED) -> BOOL {
+                *written = 0;
+                SetLastError(ERROR_DISK_FULL);
+                return FALSE;
+            });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(writeLine(output, L"lost", today()), 0u);
+    }
+    EXPECT_EQ(writeLine(output, L"kept", today()), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, FileThatCannotBeReopenedOnANewDayLosesLinesNotTheProcess) {
+    FileOutput output(L"TARNIS", nullptr);
+    output.setDailyNames(true);
+    ASSERT_EQ(output.open(), 0u);
+    LogRecord r = today();
+    r.year += 1;
+    wchar_t name[64];
+    std::swprintf(name, 64, L"TARNIS_%02d_%02d_%04d.txt", r.day, r.month, r.year);
+    std::filesystem::create_directory(m_folder / name);
+    EXPECT_EQ(writeLine(output, L"lost", r), 0xFFFFFFFF);
+    EXPECT_EQ(writeLine(output, L"lost too", r), 0xFFFFFFFF);
+}
+
+namespace {
+size_t g_refusedBytes;
+void* (*g_malloc)(size_t);
+} // namespace
+
+TEST_F(LogFile, MemoryShortageLeavesTheConstantTexts) {
+    g_refusedBytes = 0;
+    const ScopedImportHook<void* (*)(size_t)> hook(
+        "msvcrt.dll", "malloc", [](size_t bytes) { return bytes == g_refusedBytes ? nullptr : g_malloc(bytes); });
+    ASSERT_TRUE(hook.installed());
+    g_malloc = hook.original();
+    LogRecord r;
+    g_refusedBytes = 32;
+    const char* time = LogMakeTimeStamp(r);
+    g_refusedBytes = 1024;
+    const wchar_t* message = LogFormatMessage(L"text");
+    g_refusedBytes = 0;
+    EXPECT_STREQ(time, "error_data error_time");
+    EXPECT_EQ(r.month, -1);
+    EXPECT_STREQ(message, L"Can't prepare error message");
+    LogFreeText(time);
+    LogFreeText(message);
+    EXPECT_STREQ(message, L"Can't prepare error message");
+}
+
+namespace {
+
+/// The engine's channels as the registry configures them, in a folder of their own.
+class LogConfigurationTest : public LogFolder {
+protected:
+    LogConfigurationTest()
+        : m_userHook("advapi32.dll", "RegOpenCurrentUser", [](REGSAM access, PHKEY key) -> LSTATUS {
+              return RegOpenKeyExW(HKEY_CURRENT_USER, nullptr, 0, access, key);
+          }) {
+        EXPECT_TRUE(m_userHook.installed());
+    }
+    ~LogConfigurationTest() override {
+        while (logFindEngine(kTarnisLogHandle))
+            LogClose(kTarnisLogHandle);
+    }
+    void set(const wchar_t* name, DWORD value) { m_registry.setDword(kLogKey, name, value); }
+    static void log(uint32_t severity, const wchar_t* message) {
+        static constexpr LogUnit unit{"group", L".\\unit.cpp"};
+        KESTRA_LOG(unit, "function", severity, 1, L"%ls", message);
+    }
+    std::vector<std::wstring> fileLines() { return linesOf(m_folder / "TARNIS.txt"); }
+
+    RegistrySandbox m_registry;
+    ScopedImportHook<decltype(&RegOpenCurrentUser)> m_userHook;
+    DebugOutputCapture m_debug;
+};
+
+} // namespace
+
+TEST_F(LogConfigurationTest, AbsentKeyMeansThatNothingIsEverWritten) {
+    EXPECT_FALSE(logLoadConfiguration());
+    EXPECT_EQ(logFindEngine(kTarnisLogHandle), nullptr);
+    EXPECT_FALSE(logAccepts(6));
+    log(6, L"lost");
+    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n",
+                                             L"RegOpenKeyEx(\"\\Software\\Quorvane\\TARNIS\\SDK\\Log\") failed (2)\n"));
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
+}
+
+TEST_F(LogConfigurationTest, UserRootThatCannotBeOpenedIsReported) {
+    const ScopedImportHook<decltype(&RegOpenCurrentUser)> hook(
+        "advapi32.dll", "RegOpenCurrentUser", [](REGSAM, PHKEY) -> LSTATUS { return ERROR_ACCESS_DENIED; });
+    EXPECT_FALSE(logLoadConfiguration());
+    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n", L"RegOpenCurrentUser failed (5)\n"));
+}
+
+TEST_F(LogConfigurationTest, FileDetailThreeWritesTheOpeningLineAndOneLineARecord) {
+    set(L"FileOutDetail", 3);
+    ASSERT_TRUE(logLoadConfiguration());
+    log(LOG_ERROR, L"hGrabber is NULL");
+    log(LOG_WARNING, L"below the default threshold");
+    LogClose(kTarnisLogHandle);
+    const auto lines = fileLines();
+    ASSERT_EQ(lines.size(), 3u);
+    const std::wstring host = std::wstring(L" for: ") + GetCommandLineW();
+    EXPECT_THAT(lines[0], testing::StartsWith(L"F=.\\LogEngine.cpp,LogEngine::Initialize,"));
+    EXPECT_THAT(lines[0], testing::EndsWith(L"; SV=MANDATORY; CD=0; MSG=   >>>>>>>>>>>>>>>>> Open the log channels: "
+                                            L"File_Output" +
+                                            host));
+    EXPECT_THAT(lines[1], testing::StartsWith(L"F=.\\unit.cpp,function,"));
+    EXPECT_THAT(lines[1], testing::EndsWith(L"; SV=ERROR; CD=1; MSG=hGrabber is NULL"));
+    EXPECT_THAT(lines[2], HasSubstr(L"<<<<<<<<<<<<<<<<< Close the log channels: File_Output" + host));
+    EXPECT_EQ(m_debug.lines().size(), 1u) << "nothing but the first line of the configuration load";
+}
+
+TEST_F(LogConfigurationTest, ThresholdNineBehavesAsFourAndTwoLetsNoticeThrough) {
+    set(L"FileOutDetail", 1);
+    for (const auto& [threshold, expected] : {std::pair{9u, 2}, std::pair{2u, 4}, std::pair{0u, 6}}) {
+        std::filesystem::remove(m_folder / "TARNIS.txt");
+        set(L"FileSeverityThrsh", threshold);
+        ASSERT_TRUE(logLoadConfiguration());
+        for (uint32_t severity = 0; severity <= 5; ++severity)
+            log(severity, L"x");
+        LogClose(kTarnisLogHandle);
+        EXPECT_EQ(fileLines().size(), size_t(expected) + 2) << "threshold " << threshold;
+    }
+}
+
+TEST_F(LogConfigurationTest, AllThreeChannelsOpenInOrder) {
+    set(L"SysOutDetail", 1);
+    set(L"FileOutDetail", 1);
+    set(L"IdeOutDetail", 2);
+    set(L"IdeSeverityThrsh", 3);
+    ASSERT_TRUE(logLoadConfiguration());
+    log(LOG_WARNING, L"seen by the debugger");
+    EXPECT_TRUE(m_debug.contains(L"SV=WARNING; CD=1; MSG=seen by the debugger"));
+    EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 3u);
+    LogClose(kTarnisLogHandle);
+    EXPECT_THAT(fileLines().at(0), HasSubstr(L"channels: System_Output_Stub, File_Output, IDE_Output for: "));
+}
+
+TEST_F(LogConfigurationTest, ConfiguredDirectoryIsUsed) {
+    std::filesystem::create_directory(m_folder / "logs");
+    m_registry.setText(kLogKey, L"LogDir", (m_folder / "logs").wstring() + L"\\");
+    set(L"FileOutDetail", 2);
+    ASSERT_TRUE(logLoadConfiguration());
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "logs" / "TARNIS.txt"));
+}
+
+TEST_F(LogConfigurationTest, GarbageValuesFallBackToTheDefaults) {
+    const wchar_t five[] = L"5";
+    const uint8_t two[] = {1, 0};
+    const uint64_t big = 3;
+    m_registry.setRaw(kLogKey, L"SysOutDetail", REG_SZ, five, sizeof five);
+    m_registry.setRaw(kLogKey, L"IdeOutDetail", REG_DWORD, two, sizeof two);
+    m_registry.setRaw(kLogKey, L"IdeSeverityThrsh", REG_QWORD, &big, sizeof big);
+    EXPECT_FALSE(logLoadConfiguration()) << "no channel is configured";
+
+    set(L"FileOutDetail", 1);
+    m_registry.setRaw(kLogKey, L"FileSeverityThrsh", REG_BINARY, &big, 4);
+    const std::wstring elsewhere = (m_folder / "elsewhere").wstring() + L"\\", tooLong(300, L'x');
+    std::filesystem::create_directory(m_folder / "elsewhere");
+    const auto bytes = static_cast<DWORD>(elsewhere.size() * sizeof(wchar_t));
+    for (int kind = 0; kind < 4; ++kind) {
+        if (kind == 0) m_registry.setRaw(kLogKey, L"LogDir", REG_EXPAND_SZ, elsewhere.c_str(), bytes + 2);
+        // No terminator, and none right behind the bytes either: the system would take that one along.
+        if (kind == 1) m_registry.setRaw(kLogKey, L"LogDir", REG_SZ, (elsewhere + L"x").c_str(), bytes);
+        if (kind == 2) m_registry.setText(kLogKey, L"LogDir", tooLong);
+        if (kind == 3) set(L"LogDir", 7);
+        std::filesystem::remove(m_folder / "TARNIS.txt");
+        ASSERT_TRUE(logLoadConfiguration());
+        EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 4u);
+        LogClose(kTarnisLogHandle);
+        EXPECT_TRUE(std::filesystem::exists(m_folder / "TARNIS.txt")) << kind;
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder / "elsewhere"));
+}
+
+TEST_F(LogConfigurationTest, FileChannelThatFailsLeavesTheOthersWorking) {
+    std::filesystem::create_directory(m_folder / "TARNIS.txt");
+    set(L"FileOutDetail", 1);
+    set(L"IdeOutDetail", 1);
+    ASSERT_TRUE(logLoadConfiguration());
+    log(LOG_ERROR, L"still here");
+    EXPECT_TRUE(m_debug.contains(L"ERROR: 1; still here"));
+    EXPECT_EQ(logFindEngine(kTarnisLogHandle)->slotCount(), 1u);
+}
+
+TEST_F(LogConfigurationTest, LifetimeOpensAndClosesAndLeavesNoHandle) {
+    set(L"FileOutDetail", 1);
+    { const LogLifetime first; } // what is made once per process is made here
+    const int handles = processCounts().handles;
+    for (int i = 0; i < 20; ++i) {
+        const LogLifetime life;
+        EXPECT_TRUE(logAccepts(LOG_ERROR));
+        log(LOG_ERROR, L"x");
+    }
+    EXPECT_FALSE(logAccepts(6));
+    EXPECT_EQ(processCounts().handles, handles);
+}
+
+TEST_F(LogConfigurationTest, LoggingKeepsTheCallersLastError) {
+    set(L"FileOutDetail", 5);
+    ASSERT_TRUE(logLoadConfiguration());
+    SetLastError(1234);
+    log(LOG_ERROR, L"x");
+    EXPECT_EQ(GetLastError(), 1234u);
+}
+
+TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
+    const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_TRUE(logAddPendingHandle(done));
+    // The timer's message is dispatched by the wait, and only that sets the event.
+    static HANDLE toSet;
+    toSet = done;
+    const UINT_PTR timer = SetTimer(nullptr, 0, 10, [](HWND, UINT, UINT_PTR, DWORD) { SetEvent(toSet); });
+    EXPECT_EQ(LogClose(0x12345678), 0);
+    KillTimer(nullptr, timer);
+    DWORD flags = 0;
+    EXPECT_FALSE(GetHandleInformation(done, &flags)) << "the waited-for handle is closed";
+}
+
+TEST(LogPendingHandles, NoMoreThanSixteenAreTaken) {
+    for (int i = 0; i < 16; ++i)
+        ASSERT_TRUE(logAddPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
+    const HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    EXPECT_FALSE(logAddPendingHandle(event));
+    CloseHandle(event);
+    LogClose(0x12345678);
+    EXPECT_TRUE(logAddPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
+    LogClose(0x12345678);
+}
