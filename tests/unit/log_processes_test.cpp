@@ -1,0 +1,75 @@
+// Many processes with many threads into one file: no line lost, doubled or torn. KESTRA_LONG=1: the long form.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+TEST(LogFileOfManyProcesses, HoldsEveryLineOnceAndWhole) {
+    const bool longRun = std::getenv("KESTRA_LONG") != nullptr;
+    const int processes = 8, threads = 4, records = longRun ? 10000 : 250;
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("kestra-processes-" + std::to_string(GetCurrentProcessId()));
+    std::filesystem::create_directories(folder);
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<HANDLE> running;
+    for (int p = 0; p < processes; ++p) {
+        std::wstring command = L"\"" + std::filesystem::path(LOG_WRITER).wstring() + L"\" \"" + folder.wstring() +
+                               L"\\\\\" " + std::to_wstring(p) + L" " + std::to_wstring(threads) + L" " +
+                               std::to_wstring(records);
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION information{};
+        ASSERT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                   &information))
+            << GetLastError();
+        CloseHandle(information.hThread);
+        running.push_back(information.hProcess);
+    }
+    for (const HANDLE process : running) {
+        ASSERT_EQ(WaitForSingleObject(process, longRun ? 1200000 : 60000), WAIT_OBJECT_0);
+        DWORD code = 1;
+        GetExitCodeProcess(process, &code);
+        EXPECT_EQ(code, 0u);
+        CloseHandle(process);
+    }
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
+
+    std::ifstream in(folder / "TARNIS.txt", std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    in.close();
+    ASSERT_EQ(bytes.substr(0, 2), "\xFF\xFE");
+    ASSERT_EQ(bytes.size() % 2, 0u);
+    std::wstring text(bytes.size() / 2, L'\0');
+    std::memcpy(text.data(), bytes.data(), bytes.size());
+    std::vector<int> seen(size_t(processes) * threads * records);
+    int announcements = 0;
+    size_t start = 1;
+    for (size_t end; (end = text.find(L"\r\n", start)) != std::wstring::npos; start = end + 2) {
+        const std::wstring line = text.substr(start, end - start);
+        int code = -1, p = -1, t = -1, r = -1, length = 0;
+        if (line.find(L"log channels: File_Output for: ") != std::wstring::npos) {
+            ++announcements;
+            continue;
+        }
+        ASSERT_EQ(std::swscanf(line.c_str(), L"SV=MANDATORY; CD=%d; MSG=process %d thread %d record %d%n", &code, &p,
+                               &t, &r, &length),
+                  4);
+        ASSERT_EQ(size_t(length), line.size());
+        ASSERT_EQ(code, r);
+        ++seen.at((size_t(p) * threads + t) * records + r);
+    }
+    EXPECT_EQ(start, text.size()) << "the last line is complete";
+    EXPECT_EQ(announcements, 2 * processes);
+    for (const int count : seen)
+        ASSERT_EQ(count, 1);
+    std::printf("%zu lines of %d processes x %d threads in %.1f s\n", seen.size(), processes, threads, elapsed.count());
+    std::filesystem::remove_all(folder);
+}
