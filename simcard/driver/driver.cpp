@@ -34,6 +34,8 @@ struct Extension {
     DEVICE_OBJECT* lower;
     uint32_t number;
     UNICODE_STRING link;
+    bool linkHidden;
+    WCHAR physicalName[128];
     Lock dma, state;
     Host host;
     Card* card;
@@ -107,7 +109,29 @@ void setPlugged(Extension& x, bool plugged) {
         Locked state(x.state);
         x.card->setPlugged(plugged);
     }
-    if (plugged) IoSetDeviceInterfaceState(&x.link, TRUE);
+    if (plugged) {
+        IoSetDeviceInterfaceState(&x.link, TRUE);
+        x.linkHidden = false;
+    }
+}
+
+/// The system here opens a file whatever a driver answers, so an open is refused by taking the name away: the
+/// interface stays listed, and opening it fails as if it were not there.
+void updateLink(Extension& x) {
+    bool hide;
+    {
+        Locked state(x.state);
+        hide = x.card->plugged() && x.card->refusesOpen();
+    }
+    if (hide == x.linkHidden) return;
+    x.linkHidden = hide;
+    if (hide) {
+        IoDeleteSymbolicLink(&x.link);
+    } else if (x.card->plugged()) {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, x.physicalName);
+        IoCreateSymbolicLink(&x.link, &name);
+    }
 }
 
 // Frames.
@@ -338,6 +362,7 @@ NTSTATUS controlRequest(IRP* irp) {
             ok = false;
         }
     }
+    updateLink(x);
     return finish(irp, ok ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER, replySize);
 }
 
@@ -441,6 +466,9 @@ NTSTATUS NTAPI addDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
     }
     x->host.extension = x;
     x->card = new (memory) Card(x->host, x->number);
+    ULONG nameBytes = 0;
+    IoGetDeviceProperty(physical, DevicePropertyPhysicalDeviceObjectName, sizeof x->physicalName, x->physicalName,
+                        &nameBytes);
     status = IoRegisterDeviceInterface(physical, &kInterface, nullptr, &x->link);
     if (NT_SUCCESS(status))
         status = PsCreateSystemThread(&x->thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, paceFrames, x);

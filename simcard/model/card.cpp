@@ -119,6 +119,12 @@ bool Card::addFault(const Fault& fault) noexcept {
     return false;
 }
 
+bool Card::refusesOpen() const noexcept {
+    for (const Fault& fault : m_faults)
+        if (fault.count != 0 && fault.kind == FaultKind::RefuseOpen) return true;
+    return false;
+}
+
 void Card::clearFaults() noexcept {
     std::memset(m_faults, 0, sizeof m_faults);
     for (Pending& pending : m_pending)

@@ -136,6 +136,8 @@ public:
     bool setOptions(const Options& options) noexcept;
     const Options& options() const noexcept { return m_options; }
     bool addFault(const Fault& fault) noexcept;
+    /// True while a fault refuses new opens: the owner hides the card's name from new clients.
+    bool refusesOpen() const noexcept;
     void clearFaults() noexcept;
     void clearLog() noexcept;
     void reset() noexcept;

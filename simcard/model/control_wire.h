@@ -42,8 +42,7 @@ enum class FaultKind : uint32_t {
     Unplug = 5,        ///< the card goes when the request arrives
     SignalChange = 6,  ///< the request is answered with the fault's signal already at the input
     DmaStatus = 7,     ///< value: DMA status of the next buffers; code: the port
-    RefuseOpen = 8,    ///< value: NT status that opening answers. Wine 8 opens the file all the same: requests on
-                       ///< it then fail with "invalid handle"
+    RefuseOpen = 8,    ///< while set, new clients cannot open the card: Win32 error 2 under Wine, whatever the value
     SignalAtFrame = 9  ///< the signal changes before the frame of that number (value)
 };
 

@@ -1,5 +1,6 @@
 // A raw protocol client against the simulated card's driver: no device library in between.
 #include "device/wire.h"
+#include "simcard/client/raw_client.h"
 #include "simcard/model/picture.h"
 #include "tests/support/card_fixture.h"
 #include "tests/support/wait_until.h"
@@ -16,73 +17,13 @@ namespace {
 
 using namespace kestra::simcard;
 
-/// Owns the card's file and makes synchronous and pending requests on it.
-class RawClient {
-public:
-    struct Pending {
-        OVERLAPPED overlapped = {};
-        Pending() { overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr); }
-        ~Pending() { CloseHandle(overlapped.hEvent); }
-        Pending(const Pending&) = delete;
-        Pending& operator=(const Pending&) = delete;
-    };
-
-    explicit RawClient(const CardControl& card)
-        : m_file(CreateFileW(card.devicePath().c_str(), GENERIC_READ | GENERIC_WRITE,
-                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, FILE_FLAG_OVERLAPPED, nullptr)),
-          m_openError(m_file == INVALID_HANDLE_VALUE ? GetLastError() : 0) {}
-    ~RawClient() {
-        if (m_file != INVALID_HANDLE_VALUE) CloseHandle(m_file);
-    }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-
-    DWORD openError() const { return m_openError; }
-    uint32_t session = 0;
-    wire::Header header(uint8_t port = 0) const { return {port, session}; }
-
-    DWORD begin(Pending& pending, uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
-        return DeviceIoControl(m_file, code, const_cast<void*>(in), inSize, out, outSize, nullptr, &pending.overlapped)
-                   ? ERROR_SUCCESS
-                   : GetLastError();
-    }
-    DWORD end(Pending& pending, DWORD timeoutMs = 10000) {
-        if (WaitForSingleObject(pending.overlapped.hEvent, timeoutMs) != WAIT_OBJECT_0) return WAIT_TIMEOUT;
-        return GetOverlappedResult(m_file, &pending.overlapped, &m_size, FALSE) ? ERROR_SUCCESS : GetLastError();
-    }
-    void cancel(Pending& pending) {
-        CancelIoEx(m_file, &pending.overlapped);
-        WaitForSingleObject(pending.overlapped.hEvent, 10000);
-    }
-    DWORD call(uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
-        Pending pending;
-        const DWORD error = begin(pending, code, in, inSize, out, outSize);
-        return error == ERROR_SUCCESS || error == ERROR_IO_PENDING ? end(pending) : error;
-    }
-    template <class In, class Out>
-    DWORD call(uint32_t code, const In& in, Out& out) {
-        return call(code, &in, sizeof in, &out, sizeof out);
-    }
-    DWORD size() const { return m_size; }
-    DWORD openSession() {
-        wire::OpenSessionReply reply = {};
-        const DWORD error = call(wire::kOpenSession, wire::Header{}, reply);
-        session = reply.sessionId;
-        return error;
-    }
-
-private:
-    HANDLE m_file;
-    DWORD m_openError, m_size = 0;
-};
-
 class SimcardProtocol : public CardTest {};
 
 TEST_F(SimcardProtocol, ReportsTheDefaultSignal) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openError(), 0u);
     ASSERT_EQ(client.openSession(), 0u);
-    EXPECT_NE(client.session, 0u);
+    EXPECT_NE(client.session(), 0u);
     wire::FormatSizeReply size = {};
     ASSERT_EQ(client.call(wire::kFormatSize, client.header(), size), 0u);
     EXPECT_EQ(size.width, 1920);
@@ -94,11 +35,11 @@ TEST_F(SimcardProtocol, ReportsTheDefaultSignal) {
 }
 
 TEST_F(SimcardProtocol, RefusesWrongSizesSessionsCodesAndPorts) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     uint8_t reply[600] = {};
     const wire::Header good = client.header();
-    const wire::Header stranger = {0, client.session + 1};
+    const wire::Header stranger = {0, client.session() + 1};
     const wire::Header badPort = client.header(2);
     EXPECT_EQ(client.call(wire::kVideoStatus, &good, 4, reply, 10), DWORD(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(client.call(wire::kVideoStatus, &good, 5, reply, 9), DWORD(ERROR_INSUFFICIENT_BUFFER));
@@ -109,7 +50,7 @@ TEST_F(SimcardProtocol, RefusesWrongSizesSessionsCodesAndPorts) {
 }
 
 TEST_F(SimcardProtocol, InjectedStatusAndResultReachTheCallerOnce) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     wire::ConnectionReply reply = {};
     m_card.failNext(wire::kConnection, 0xC0000022);
@@ -127,11 +68,11 @@ TEST_F(SimcardProtocol, InjectedStatusAndResultReachTheCallerOnce) {
     EXPECT_EQ(log[1].status, 0xC0000022u);
     EXPECT_EQ(log[3].result, 7u);
     EXPECT_EQ(log[4].byteCount, 5u);
-    EXPECT_EQ(log[4].bytes[1], uint8_t(client.session));
+    EXPECT_EQ(log[4].bytes[1], uint8_t(client.session()));
 }
 
 TEST_F(SimcardProtocol, ShortRepliesAndDelaysReachTheCaller) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     wire::FormatSizeReply reply = {};
     m_card.addFault({FaultKind::ShortReply, wire::kFormatSize, 6, 0, 1, {}});
@@ -147,7 +88,7 @@ TEST_F(SimcardProtocol, ShortRepliesAndDelaysReachTheCaller) {
 }
 
 TEST_F(SimcardProtocol, ARequestThatNeverCompletesEndsWhenItIsCancelled) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     m_card.addFault({FaultKind::NeverComplete, wire::kConnection, 0, 0, 1, {}});
     wire::ConnectionReply reply = {};
@@ -161,7 +102,7 @@ TEST_F(SimcardProtocol, ARequestThatNeverCompletesEndsWhenItIsCancelled) {
 }
 
 TEST_F(SimcardProtocol, AFaultPullsTheCardAtTheChosenRequest) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     m_card.addFault({FaultKind::Unplug, wire::kConnection, 0, 1, 1, {}});
     wire::ConnectionReply reply = {};
@@ -171,7 +112,7 @@ TEST_F(SimcardProtocol, AFaultPullsTheCardAtTheChosenRequest) {
 }
 
 TEST_F(SimcardProtocol, SignalChangeSignalsTheRegisteredEvent) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     const wire::RegisterInputEventRequest request = {client.header(), uint64_t(uintptr_t(event))};
@@ -188,7 +129,7 @@ TEST_F(SimcardProtocol, SignalChangeSignalsTheRegisteredEvent) {
 
 TEST_F(SimcardProtocol, UnplugEndsPendingRequestsAndReplugServesANewClient) {
     {
-        RawClient client(m_card);
+        RawClient client(m_card.devicePath());
         ASSERT_EQ(client.openSession(), 0u);
         wire::Reply reply = {};
         const wire::Header header = client.header();
@@ -199,12 +140,12 @@ TEST_F(SimcardProtocol, UnplugEndsPendingRequestsAndReplugServesANewClient) {
         const std::wstring path = card.devicePath();
         m_card.unplug();
         EXPECT_EQ(client.end(watch), DWORD(ERROR_DEVICE_NOT_CONNECTED));
-        EXPECT_EQ(RawClient(m_card).openError(), DWORD(ERROR_FILE_NOT_FOUND));
+        EXPECT_EQ(RawClient(m_card.devicePath()).openError(), DWORD(ERROR_FILE_NOT_FOUND));
         m_card.plug();
         wire::ConnectionReply connection = {};
         EXPECT_EQ(client.call(wire::kConnection, client.header(), connection), DWORD(ERROR_DEVICE_NOT_CONNECTED));
     }
-    RawClient next(m_card);
+    RawClient next(m_card.devicePath());
     ASSERT_EQ(next.openError(), 0u);
     EXPECT_EQ(next.openSession(), 0u);
 }
@@ -231,7 +172,7 @@ void startStreaming(RawClient& client, RawClient::Pending& lock, std::vector<uin
 
 /// The victim of the next test: runs in a process of its own, until that is killed.
 TEST_F(SimcardProtocol, DISABLED_StreamsUntilKilled) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     RawClient::Pending lock;
     std::vector<uint8_t> memory;
@@ -266,7 +207,7 @@ TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
         CloseHandle(child.hProcess);
         ASSERT_TRUE(streamed) << "round " << round;
         ASSERT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }, std::chrono::seconds(10)));
-        RawClient next(m_card);
+        RawClient next(m_card.devicePath());
         ASSERT_EQ(next.openSession(), 0u);
         RawClient::Pending lock;
         std::vector<uint8_t> memory;
@@ -281,7 +222,7 @@ TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
 }
 
 TEST_F(SimcardProtocol, InjectedDmaStatusesArriveInOrder) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     for (uint32_t status : {1u, 2u, 16u, 99u})
         m_card.dmaStatusNext(0, status);
@@ -303,20 +244,20 @@ TEST_F(SimcardProtocol, PlugCyclesLeaveTheCardUsable) {
     const int cycles = longRun && longRun[0] == '1' ? 1000 : 50;
     for (int i = 0; i < cycles; ++i) {
         m_card.unplug();
-        ASSERT_EQ(RawClient(m_card).openError(), DWORD(ERROR_FILE_NOT_FOUND)) << "cycle " << i;
+        ASSERT_EQ(RawClient(m_card.devicePath()).openError(), DWORD(ERROR_FILE_NOT_FOUND)) << "cycle " << i;
         m_card.plug();
-        RawClient client(m_card);
+        RawClient client(m_card.devicePath());
         ASSERT_EQ(client.openError(), 0u) << "cycle " << i;
         ASSERT_EQ(client.openSession(), 0u);
     }
 }
 
 TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {
-    RawClient client(m_card);
+    RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
     wire::Reply reply = {};
     ASSERT_EQ(client.call(wire::kChannelAccess, wire::ChannelAccessRequest{client.header(), 0x100}, reply), 0u);
-    RawClient other(m_card);
+    RawClient other(m_card.devicePath());
     ASSERT_EQ(other.openSession(), 0u);
     EXPECT_EQ(other.call(wire::kChannelAccess, wire::ChannelAccessRequest{other.header(), 0x100}, reply),
               DWORD(ERROR_ACCESS_DENIED));
