@@ -13,24 +13,56 @@ using namespace kestra::simcard;
 
 namespace {
 
-constexpr char kUsage[] = "usage: kestrasimctl [--card N] [--json] COMMAND\n"
-                          "  install COUNT INF        install COUNT simulated cards (1..8) from kestrasim.inf\n"
-                          "  remove                   remove all simulated cards\n"
-                          "  hold                     keep the Wine prefix alive until `release`\n"
-                          "  release                  end `hold`\n"
-                          "  status                   signal, options and counters\n"
-                          "  plug | unplug            put the card in or pull it\n"
-                          "  signal none              no signal\n"
-                          "  signal WxH RATE [i] [noaudio] [mode=N]\n"
-                          "                           for example: signal 1920x1080 30000/1001 i\n"
-                          "  pace realtime|taken      real time, or as fast as the client takes buffers\n"
-                          "  stop abort|pending|cancel  what a stop does to a waiting lock request\n"
-                          "  fault KIND CODE VALUE [COUNT [SKIP]]\n"
-                          "                           KIND: status, result, short, delay, never, unplug, dma, open\n"
-                          "                           CODE: request code in hexadecimal (0: any; the port for dma)\n"
-                          "                           COUNT 0: until cleared\n"
-                          "  clear-faults | clear-log | reset\n"
-                          "  log                      the requests that the card received\n";
+struct Command {
+    const char* name;
+    const char* arguments;
+    const char* text;
+};
+
+constexpr Command kCommands[] = {
+    {"install", "COUNT INF", "install COUNT simulated cards (1..8) from kestrasim.inf, in place of those there are"},
+    {"remove", "", "remove all simulated cards"},
+    {"hold", "", "keep the Wine prefix, and with it the cards, alive until `release`"},
+    {"release", "", "end `hold`"},
+    {"status", "", "signal, options and counters of the card"},
+    {"plug", "", "put the card in"},
+    {"unplug", "", "pull the card"},
+    {"signal", "none | WxH RATE [i] [noaudio] [mode=N]",
+     "what arrives at the input; RATE is frames per second, for example: signal 1920x1080 30000/1001 i"},
+    {"picture", "bars | tinted | grey", "what the picture shows"},
+    {"pace", "realtime | taken", "frames in real time, or as fast as the client takes buffers"},
+    {"stop", "abort | pending | cancel", "what a stop does to a lock request that waits"},
+    {"fault", "KIND CODE VALUE [COUNT [SKIP]]",
+     "make requests fail\n"
+     "  KIND    status (VALUE: NT status), result (first word of the reply), short (bytes of the reply),\n"
+     "          delay (milliseconds), never, unplug, dma (CODE: port, VALUE: DMA status), open (until cleared)\n"
+     "  CODE    request code in hexadecimal, 0 for any\n"
+     "  COUNT   how many requests, 1 if not given, 0 until cleared; SKIP: after how many\n"
+     "  fault signal CODE SKIP SIGNAL...            the input changes when a request arrives\n"
+     "  fault signal-at-frame 0 FRAME SIGNAL...     the input changes before a frame; SIGNAL as in `signal`"},
+    {"clear-faults", "", "forget all faults"},
+    {"clear-log", "", "empty the request log"},
+    {"reset", "", "plugged in, 1080p60 with audio, no faults, empty log"},
+    {"log", "", "the requests that the card received: number, time, client, code, NT status, result, sizes, bytes"},
+};
+
+void printUsage(const Command& command) {
+    std::printf("usage: kestrasimctl [--card N] [--json] %s%s%s\n%s\n", command.name, *command.arguments ? " " : "",
+                command.arguments, command.text);
+}
+
+void printUsage(std::FILE* file) {
+    std::fputs("usage: kestrasimctl [--card N] [--json] COMMAND [ARGUMENT...]\n", file);
+    for (const Command& command : kCommands)
+        std::fprintf(file, "  %-13s %s\n", command.name, command.arguments);
+    std::fputs("kestrasimctl COMMAND --help explains a command. Exit codes: 0 done, 1 failed, 2 wrong usage.\n", file);
+}
+
+const Command* findCommand(const std::string& name) {
+    for (const Command& command : kCommands)
+        if (name == command.name) return &command;
+    return nullptr;
+}
 
 struct UsageError {
     std::string text;
@@ -78,6 +110,14 @@ Fault parseFault(const std::vector<std::string>& arguments) {
                   {"dma", FaultKind::DmaStatus},       {"open", FaultKind::RefuseOpen}};
     if (arguments.size() < 3) throw UsageError{"fault needs a kind, a code and a value"};
     Fault fault = {};
+    if (arguments[0] == "signal" || arguments[0] == "signal-at-frame") {
+        fault.kind = arguments[0] == "signal" ? FaultKind::SignalChange : FaultKind::SignalAtFrame;
+        fault.code = number(arguments[1], 16);
+        (fault.kind == FaultKind::SignalChange ? fault.skip : fault.value) = number(arguments[2]);
+        fault.count = 1;
+        fault.signal = parseSignal({arguments.begin() + 3, arguments.end()});
+        return fault;
+    }
     bool known = false;
     for (const auto& kind : kKinds)
         if (arguments[0] == kind.name) fault.kind = kind.kind, known = true;
@@ -168,7 +208,8 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
             SetEvent(event);
             CloseHandle(event);
         }
-    } else if (command == "state" || command == "status") {
+    } else if (command == "status") {
+        expect(0);
         printState(control.state(), json);
     } else if (command == "plug") {
         control.plug();
@@ -176,7 +217,7 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
         control.unplug();
     } else if (command == "signal") {
         control.setSignal(parseSignal(arguments));
-    } else if (command == "pace" || command == "stop") {
+    } else if (command == "pace" || command == "stop" || command == "picture") {
         expect(1);
         Options options = control.state().options;
         const std::string& word = arguments[0];
@@ -184,6 +225,12 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
             options.pace = Pace::RealTime;
         else if (command == "pace" && word == "taken")
             options.pace = Pace::AsTaken;
+        else if (command == "picture" && word == "bars")
+            options.picture = 0;
+        else if (command == "picture" && word == "tinted")
+            options.picture = 1;
+        else if (command == "picture" && word == "grey")
+            options.picture = 2;
         else if (command == "stop" && word == "abort")
             options.stopBehaviour = StopBehaviour::Abort;
         else if (command == "stop" && word == "pending")
@@ -204,7 +251,7 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
     } else if (command == "log") {
         printLog(control.log(), json);
     } else {
-        throw UsageError{"unknown command '" + command + "'"};
+        throw UsageError{"there is no command '" + command + "'"};
     }
     return 0;
 }
@@ -220,7 +267,10 @@ int main(int argc, char** argv) {
         for (int i = 1; i < argc; ++i) {
             const std::string word = argv[i];
             if (word == "--help") {
-                std::fputs(kUsage, stdout);
+                if (const Command* explained = findCommand(command))
+                    printUsage(*explained);
+                else
+                    printUsage(stdout);
                 return 0;
             }
             if (word == "--json")
@@ -235,7 +285,8 @@ int main(int argc, char** argv) {
         if (command.empty()) throw UsageError{"no command given"};
         return run(card, json, command, arguments);
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestrasimctl: %s\n%s", error.text.c_str(), kUsage);
+        std::fprintf(stderr, "kestrasimctl: %s\n", error.text.c_str());
+        printUsage(stderr);
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kestrasimctl: %s\n", error.what());

@@ -166,15 +166,15 @@ std::vector<uint8_t> weave(const uint8_t* raw, const PictureFormat& format) {
 
 struct Tally {
     uint32_t frames = 0, wrong = 0, missed = 0, failed = 0;
-    double seconds = 0;
-    uint64_t bytes = 0;
+    double seconds = 0; ///< from the first buffer to the last
+    uint32_t bufferBytes = 0;
     bool good() const { return frames != 0 && wrong == 0 && failed == 0; }
 };
 
 void printTally(const char* name, const Tally& tally) {
-    std::printf("  %-11s %u buffers in %.2f s (%.2f/s, %.0f MB/s), %u missed, %u failed, %s\n", name, tally.frames,
-                tally.seconds, tally.frames / tally.seconds, double(tally.bytes) / 1e6 / tally.seconds, tally.missed,
-                tally.failed,
+    const double rate = tally.frames > 1 && tally.seconds > 0 ? (tally.frames - 1) / tally.seconds : 0;
+    std::printf("  %-11s %u buffers at %.2f/s, %u bytes each, %u missed, %u failed, %s\n", name, tally.frames, rate,
+                tally.bufferBytes, tally.missed, tally.failed,
                 tally.wrong == 0 ? "every byte as the card made it" : "BYTES DIFFER FROM WHAT THE CARD MADE");
 }
 
@@ -183,7 +183,8 @@ template <class IsRight>
 Tally receive(RawStream& stream, uint32_t count, IsRight isRight) {
     Tally tally;
     uint32_t last = 0;
-    const auto begin = std::chrono::steady_clock::now();
+    tally.bufferBytes = stream.frameSizeBytes();
+    auto begin = std::chrono::steady_clock::now();
     for (uint32_t i = 0; i < count; ++i) {
         wire::LockBufferReply reply = {};
         if (stream.lock(reply, 3000) != ERROR_SUCCESS) {
@@ -194,15 +195,15 @@ Tally receive(RawStream& stream, uint32_t count, IsRight isRight) {
         if (reply.dmaStatus != DMA_STATUS_GOOD || !bytes) {
             ++tally.failed;
         } else {
-            ++tally.frames;
-            tally.bytes += stream.frameSizeBytes();
+            const auto now = std::chrono::steady_clock::now();
+            if (tally.frames++ == 0) begin = now;
+            tally.seconds = std::chrono::duration<double>(now - begin).count();
             if (!isRight(bytes, reply.frameWord0)) ++tally.wrong;
             if (last != 0 && reply.frameWord0 > last + 1) tally.missed += reply.frameWord0 - last - 1;
             last = reply.frameWord0;
         }
         stream.unlock(reply.bufferId);
     }
-    tally.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     return tally;
 }
 

@@ -1,7 +1,6 @@
 // A raw protocol client against the simulated card's driver: no device library in between.
 #include "device/wire.h"
 #include "simcard/client/raw_client.h"
-#include "simcard/model/picture.h"
 #include "tests/support/card_fixture.h"
 #include "tests/support/wait_until.h"
 
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace kestra::test {
@@ -150,50 +150,9 @@ TEST_F(SimcardProtocol, UnplugEndsPendingRequestsAndReplugServesANewClient) {
     EXPECT_EQ(next.openSession(), 0u);
 }
 
-/// Claims, prepares, locks and starts port 0 with ten buffers of 1080p 8-bit 4:2:2.
-void startStreaming(RawClient& client, RawClient::Pending& lock, std::vector<uint8_t>& memory, DWORD& error) {
-    wire::Reply reply = {};
-    wire::PrepareReply prepared = {};
-    error = client.call(wire::kChannelAccess, wire::ChannelAccessRequest{client.header(), 0x100}, reply);
-    if (error == 0)
-        error =
-            client.call(wire::kPrepare, wire::PrepareRequest{client.header(), 1, 9, 0, {0, 1, 0, 1}, {0, 0}}, prepared);
-    if (error != 0) return;
-    memory.resize(10 * size_t(prepared.frameSizeBytes));
-    client.begin(lock, wire::kLockChunk, nullptr, 0, memory.data(), DWORD(memory.size()));
-    struct {
-        wire::ChunkTableHead head;
-        wire::Chunk chunk;
-    } table = {{0, 1}, {uint64_t(uintptr_t(memory.data())), memory.size(), 0, 10, 0}};
-    error = client.call(wire::kChunkTable, nullptr, 0, &table, sizeof table);
-    if (error == 0) error = client.call(wire::kStartGrabbing, wire::StartGrabbingRequest{client.header(), 0}, reply);
-    if (error == 0 && reply.result != 0) error = ERROR_GEN_FAILURE;
-}
-
-/// The victim of the next test: runs in a process of its own, until that is killed.
-TEST_F(SimcardProtocol, DISABLED_StreamsUntilKilled) {
-    RawClient client(m_card.devicePath());
-    ASSERT_EQ(client.openSession(), 0u);
-    RawClient::Pending lock;
-    std::vector<uint8_t> memory;
-    DWORD error = 0;
-    startStreaming(client, lock, memory, error);
-    ASSERT_EQ(error, 0u);
-    for (int i = 0; i < 1200; ++i) { // an orphan ends by itself after 20 s
-        wire::LockBufferReply locked = {};
-        wire::Reply reply = {};
-        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
-        client.call(wire::kUnlockBuffer, wire::UnlockBufferRequest{client.header(), locked.bufferId}, reply);
-    }
-    client.cancel(lock);
-}
-
 TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
-    wchar_t program[MAX_PATH];
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
     for (int round = 0; round < 10; ++round) {
-        std::wstring command = L"\"" + std::wstring(program) +
-                               L"\" --gtest_also_run_disabled_tests --gtest_filter=*DISABLED_StreamsUntilKilled";
+        std::wstring command = L"\"" + std::filesystem::path(STREAMING_CLIENT).wstring() + L"\" " + m_card.devicePath();
         STARTUPINFOW startup = {};
         startup.cb = sizeof startup;
         PROCESS_INFORMATION child = {};
@@ -209,15 +168,11 @@ TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
         ASSERT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }, std::chrono::seconds(10)));
         RawClient next(m_card.devicePath());
         ASSERT_EQ(next.openSession(), 0u);
-        RawClient::Pending lock;
-        std::vector<uint8_t> memory;
-        DWORD error = 0;
-        startStreaming(next, lock, memory, error);
-        ASSERT_EQ(error, 0u);
+        RawStream stream(next, 0, TARNIS_OUTPUT_YUV422_8);
+        ASSERT_EQ(stream.start(), 0u);
         wire::LockBufferReply locked = {};
-        ASSERT_EQ(next.call(wire::kLockBuffer, next.header(), locked), 0u);
+        ASSERT_EQ(stream.lock(locked), 0u);
         EXPECT_EQ(locked.dmaStatus, 0u);
-        next.cancel(lock);
     }
 }
 
@@ -226,17 +181,13 @@ TEST_F(SimcardProtocol, InjectedDmaStatusesArriveInOrder) {
     ASSERT_EQ(client.openSession(), 0u);
     for (uint32_t status : {1u, 2u, 16u, 99u})
         m_card.dmaStatusNext(0, status);
-    RawClient::Pending lock;
-    std::vector<uint8_t> memory;
-    DWORD error = 0;
-    startStreaming(client, lock, memory, error);
-    ASSERT_EQ(error, 0u);
+    RawStream stream(client, 0, TARNIS_OUTPUT_YUV422_8);
+    ASSERT_EQ(stream.start(), 0u);
     for (uint32_t status : {1u, 2u, 16u, 99u, 0u}) {
         wire::LockBufferReply locked = {};
-        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
+        ASSERT_EQ(stream.lock(locked), 0u);
         EXPECT_EQ(locked.dmaStatus, status);
     }
-    client.cancel(lock);
 }
 
 TEST_F(SimcardProtocol, PlugCyclesLeaveTheCardUsable) {
@@ -252,58 +203,15 @@ TEST_F(SimcardProtocol, PlugCyclesLeaveTheCardUsable) {
     }
 }
 
-TEST_F(SimcardProtocol, DeliversFramesIntoTheClientsMemory) {
-    RawClient client(m_card.devicePath());
+TEST_F(SimcardProtocol, ChannelBelongsToOneSessionAtATime) {
+    RawClient client(m_card.devicePath()), other(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
-    wire::Reply reply = {};
-    ASSERT_EQ(client.call(wire::kChannelAccess, wire::ChannelAccessRequest{client.header(), 0x100}, reply), 0u);
-    RawClient other(m_card.devicePath());
     ASSERT_EQ(other.openSession(), 0u);
-    EXPECT_EQ(other.call(wire::kChannelAccess, wire::ChannelAccessRequest{other.header(), 0x100}, reply),
-              DWORD(ERROR_ACCESS_DENIED));
-    wire::PrepareReply prepared = {};
-    const wire::PrepareRequest prepare = {client.header(), 1, 9, 0, {0, 1, 0, 1}, {0, 0}};
-    ASSERT_EQ(client.call(wire::kPrepare, prepare, prepared), 0u);
-    ASSERT_EQ(prepared.frameSizeBytes, 1920u * 1080 * 2);
-    std::vector<uint8_t> memory(10 * size_t(prepared.frameSizeBytes), 0xEE);
-    RawClient::Pending lock;
-    ASSERT_EQ(client.begin(lock, wire::kLockChunk, nullptr, 0, memory.data(), DWORD(memory.size())),
-              DWORD(ERROR_IO_PENDING));
-    struct {
-        wire::ChunkTableHead head;
-        wire::Chunk chunk;
-    } table = {{0, 1}, {uint64_t(uintptr_t(memory.data())), memory.size(), 0, 10, 0}};
-    ASSERT_EQ(client.call(wire::kChunkTable, nullptr, 0, &table, sizeof table), 0u);
-    ASSERT_EQ(table.head.result, 0u);
-    ASSERT_EQ(client.call(wire::kStartGrabbing, wire::StartGrabbingRequest{client.header(), 0}, reply), 0u);
-    ASSERT_EQ(reply.result, 0u);
-    const char* longRun = std::getenv("KESTRA_LONG");
-    const int frames = longRun && longRun[0] == '1' ? 3600 : 60;
-    std::vector<uint8_t> picture(prepared.frameSizeBytes);
-    PictureSource expected;
-    ASSERT_TRUE(expected.prepare({1920, 1080, false, 1, 60, PictureKind::Bars, wire::toWire(wire::kDefaultConverter)},
-                                 picture.data(), picture.size(), 0));
-    uint32_t lastFrame = 0;
-    for (int i = 0; i < frames; ++i) {
-        wire::LockBufferReply locked = {};
-        ASSERT_EQ(client.call(wire::kLockBuffer, client.header(), locked), 0u);
-        ASSERT_EQ(locked.result, 0u);
-        ASSERT_EQ(locked.dmaStatus, 0u);
-        const auto* frame = reinterpret_cast<const uint8_t*>(uintptr_t(locked.bufferAddress));
-        ASSERT_GE(frame, memory.data());
-        ASSERT_LE(frame + prepared.frameSizeBytes, memory.data() + memory.size());
-        expected.advance(locked.frameWord0);
-        ASSERT_EQ(std::memcmp(frame, picture.data(), picture.size()), 0) << "frame " << locked.frameWord0;
-        ASSERT_GT(locked.frameWord0, lastFrame);
-        lastFrame = locked.frameWord0;
-        ASSERT_EQ(client.call(wire::kUnlockBuffer, wire::UnlockBufferRequest{client.header(), locked.bufferId}, reply),
-                  0u);
-    }
-    const CardState state = m_card.state();
-    std::printf("%d frames: %u dropped, %u failed\n", frames, state.channels[0].dropped, state.channels[0].failed);
-    EXPECT_EQ(state.channels[0].failed, 0u);
-    ASSERT_EQ(client.call(wire::kStopGrabbing, client.header(), reply), 0u);
-    client.cancel(lock);
+    ASSERT_EQ(client.setAccess(0, true), 0u);
+    EXPECT_EQ(other.setAccess(0, true), DWORD(ERROR_ACCESS_DENIED));
+    ASSERT_EQ(client.setAccess(0, false), 0u);
+    EXPECT_EQ(other.setAccess(0, true), 0u);
+    EXPECT_EQ(other.setAccess(0, false), 0u);
 }
 
 } // namespace
