@@ -1,0 +1,90 @@
+#include "class_factory.h"
+
+#include <new>
+
+HINSTANCE g_hInst = nullptr;
+LONG CClassFactory::m_cLocked = 0;
+
+CUnknown* CFactoryTemplate::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) const {
+    CheckPointer(phr, nullptr);
+    return m_lpfnNew(pUnk, phr);
+}
+
+CClassFactory::CClassFactory(const CFactoryTemplate* pTemplate)
+    : CBaseObject(NAME("class factory")), m_pTemplate(pTemplate) {}
+
+STDMETHODIMP CClassFactory::QueryInterface(REFIID riid, void** ppv) {
+    CheckPointer(ppv, E_POINTER);
+    if (riid == IID_IUnknown || riid == IID_IClassFactory) return GetInterface(this, ppv);
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+}
+
+STDMETHODIMP_(ULONG) CClassFactory::AddRef() {
+    return ULONG(InterlockedIncrement(&m_cRef));
+}
+
+STDMETHODIMP_(ULONG) CClassFactory::Release() {
+    const LONG left = InterlockedDecrement(&m_cRef);
+    if (left == 0) delete this;
+    return ULONG(left);
+}
+
+STDMETHODIMP CClassFactory::CreateInstance(LPUNKNOWN pUnkOuter, REFIID riid, void** pv) try {
+    CheckPointer(pv, E_POINTER);
+    *pv = nullptr;
+    if (pUnkOuter && riid != IID_IUnknown) return E_NOINTERFACE;
+    HRESULT hr = S_OK;
+    CUnknown* object = m_pTemplate->CreateInstance(pUnkOuter, &hr);
+    if (!object) return SUCCEEDED(hr) ? E_OUTOFMEMORY : hr;
+    if (FAILED(hr)) {
+        delete object;
+        return hr;
+    }
+    object->NonDelegatingAddRef();
+    hr = object->NonDelegatingQueryInterface(riid, pv);
+    object->NonDelegatingRelease(); // deletes the object if it lacks the interface
+    return hr;
+} catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+} catch (...) {
+    return E_UNEXPECTED;
+}
+
+STDMETHODIMP CClassFactory::LockServer(BOOL fLock) {
+    if (fLock) {
+        InterlockedIncrement(&m_cLocked);
+    } else {
+        InterlockedDecrement(&m_cLocked);
+    }
+    return S_OK;
+}
+
+STDAPI DllGetClassObject(REFCLSID rClsID, REFIID riid, void** pv) {
+    CheckPointer(pv, E_POINTER);
+    *pv = nullptr;
+    if (riid != IID_IUnknown && riid != IID_IClassFactory) return E_NOINTERFACE;
+    for (int i = 0; i < g_cTemplates; ++i) {
+        if (!g_Templates[i].IsClassID(rClsID)) continue;
+        auto* factory = new (std::nothrow) CClassFactory(&g_Templates[i]);
+        return factory ? GetInterface(factory, pv) : E_OUTOFMEMORY;
+    }
+    return CLASS_E_CLASSNOTAVAILABLE;
+}
+
+STDAPI DllCanUnloadNow() {
+    return CClassFactory::IsLocked() || CBaseObject::ObjectsActive() ? S_FALSE : S_OK;
+}
+
+extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID) {
+    if (ulReason != DLL_PROCESS_ATTACH && ulReason != DLL_PROCESS_DETACH) return TRUE;
+    if (ulReason == DLL_PROCESS_ATTACH) {
+        g_hInst = hInstance;
+        DisableThreadLibraryCalls(hInstance);
+    }
+    for (int i = 0; i < g_cTemplates; ++i) {
+        if (g_Templates[i].m_lpfnInit)
+            g_Templates[i].m_lpfnInit(ulReason == DLL_PROCESS_ATTACH, g_Templates[i].m_ClsID);
+    }
+    return TRUE;
+}

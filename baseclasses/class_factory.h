@@ -1,0 +1,74 @@
+// The module's class table, its class factories and its COM registration.
+#pragma once
+
+#include "objects.h"
+
+struct AMOVIESETUP_MEDIATYPE {
+    const CLSID* clsMajorType;
+    const CLSID* clsMinorType;
+};
+struct AMOVIESETUP_PIN {
+    LPWSTR strName;
+    BOOL bRendered;
+    BOOL bOutput;
+    BOOL bZero;
+    BOOL bMany;
+    const CLSID* clsConnectsToFilter;
+    const WCHAR* strConnectsToPin;
+    UINT nMediaTypes;
+    const AMOVIESETUP_MEDIATYPE* lpMediaType;
+};
+struct AMOVIESETUP_FILTER {
+    const CLSID* clsID;
+    const WCHAR* strName;
+    DWORD dwMerit;
+    UINT nPins;
+    const AMOVIESETUP_PIN* lpPin;
+};
+
+typedef CUnknown*(CALLBACK* LPFNNewCOMObject)(LPUNKNOWN pUnkOuter, HRESULT* phr);
+typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
+
+/// One class of the module: the filter's author defines g_Templates and g_cTemplates.
+class CFactoryTemplate {
+public:
+    const WCHAR* m_Name;
+    const CLSID* m_ClsID;
+    LPFNNewCOMObject m_lpfnNew;
+    LPFNInitRoutine m_lpfnInit;
+    const AMOVIESETUP_FILTER* m_pAMovieSetup_Filter;
+
+    BOOL IsClassID(REFCLSID rclsid) const { return *m_ClsID == rclsid; }
+    CUnknown* CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) const;
+};
+
+extern CFactoryTemplate g_Templates[];
+extern int g_cTemplates;
+extern HINSTANCE g_hInst;
+
+/// Makes objects of one class. Any thread.
+class CClassFactory : public IClassFactory, public CBaseObject {
+public:
+    explicit CClassFactory(const CFactoryTemplate* pTemplate);
+    virtual ~CClassFactory() = default;
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    STDMETHODIMP_(ULONG) AddRef() override;
+    STDMETHODIMP_(ULONG) Release() override;
+    STDMETHODIMP CreateInstance(LPUNKNOWN pUnkOuter, REFIID riid, void** pv) override;
+    STDMETHODIMP LockServer(BOOL fLock) override;
+    static BOOL IsLocked() { return m_cLocked > 0; }
+
+private:
+    const CFactoryTemplate* const m_pTemplate;
+    LONG m_cRef = 0;
+    static LONG m_cLocked;
+};
+
+extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID pv);
+/// Writes or removes the COM keys of every class of the table.
+STDAPI RegisterAllServers(LPCWSTR szFileName, BOOL bRegister);
+/// As RegisterAllServers with this module's path.
+STDAPI AMovieDllRegisterServer2(BOOL bRegister);
+STDAPI AMovieSetupRegisterServer(CLSID clsServer, LPCWSTR szDescription, LPCWSTR szFileName,
+                                 LPCWSTR szThreadingModel = L"Both", LPCWSTR szServerType = L"InprocServer32");
+STDAPI AMovieSetupUnregisterServer(CLSID clsServer);

@@ -1,0 +1,197 @@
+#include "filter.h"
+
+#include "pin.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
+#include <new>
+
+CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid)
+    : CUnknown(pName, pUnk), m_clsid(clsid), m_pLock(pLock) {}
+
+CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid, HRESULT*)
+    : CBaseFilter(pName, pUnk, pLock, clsid) {}
+
+CBaseFilter::~CBaseFilter() {
+    delete[] m_pName;
+    if (m_pClock) m_pClock->Release();
+}
+
+HRESULT CBaseFilter::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
+    if (riid == IID_IBaseFilter || riid == IID_IMediaFilter || riid == IID_IPersist) {
+        return GetInterface(static_cast<IBaseFilter*>(this), ppv);
+    }
+    return CUnknown::NonDelegatingQueryInterface(riid, ppv);
+}
+
+STDMETHODIMP CBaseFilter::GetClassID(CLSID* pClsID) {
+    CheckPointer(pClsID, E_POINTER);
+    *pClsID = m_clsid;
+    return S_OK;
+}
+
+// Every connected pin is stopped, whatever another says; the first failure is the answer.
+STDMETHODIMP CBaseFilter::Stop() {
+    CAutoLock lock(m_pLock);
+    HRESULT result = S_OK;
+    if (m_State != State_Stopped) {
+        const int count = GetPinCount();
+        for (int i = 0; i < count; ++i) {
+            CBasePin* pin = GetPin(i);
+            if (!pin || !pin->IsConnected()) continue;
+            const HRESULT hr = pin->Inactive();
+            if (FAILED(hr) && SUCCEEDED(result)) result = hr;
+        }
+    }
+    m_State = State_Stopped;
+    return result;
+}
+
+STDMETHODIMP CBaseFilter::Pause() {
+    CAutoLock lock(m_pLock);
+    if (m_State == State_Stopped) {
+        const int count = GetPinCount();
+        for (int i = 0; i < count; ++i) {
+            CBasePin* pin = GetPin(i);
+            if (!pin || !pin->IsConnected()) continue;
+            const HRESULT hr = pin->Active();
+            if (FAILED(hr)) return hr;
+        }
+    }
+    m_State = State_Paused;
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::Run(REFERENCE_TIME tStart) {
+    CAutoLock lock(m_pLock);
+    m_tStart = tStart;
+    if (m_State == State_Stopped) {
+        const HRESULT hr = Pause();
+        if (FAILED(hr)) return hr;
+    }
+    if (m_State != State_Running) {
+        const int count = GetPinCount();
+        for (int i = 0; i < count; ++i) {
+            CBasePin* pin = GetPin(i);
+            if (!pin || !pin->IsConnected()) continue;
+            const HRESULT hr = pin->Run(tStart);
+            if (FAILED(hr)) return hr;
+        }
+    }
+    m_State = State_Running;
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::GetState(DWORD, FILTER_STATE* State) {
+    CheckPointer(State, E_POINTER);
+    *State = m_State;
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::SetSyncSource(IReferenceClock* pClock) {
+    CAutoLock lock(m_pLock);
+    if (pClock) pClock->AddRef();
+    if (m_pClock) m_pClock->Release();
+    m_pClock = pClock;
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::GetSyncSource(IReferenceClock** pClock) {
+    CheckPointer(pClock, E_POINTER);
+    CAutoLock lock(m_pLock);
+    if (m_pClock) m_pClock->AddRef();
+    *pClock = m_pClock;
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::EnumPins(IEnumPins** ppEnum) {
+    CheckPointer(ppEnum, E_POINTER);
+    *ppEnum = new (std::nothrow) CEnumPins(this, nullptr);
+    return *ppEnum ? S_OK : E_OUTOFMEMORY;
+}
+
+STDMETHODIMP CBaseFilter::FindPin(LPCWSTR Id, IPin** ppPin) {
+    CheckPointer(ppPin, E_POINTER);
+    *ppPin = nullptr;
+    CheckPointer(Id, E_POINTER);
+    CAutoLock lock(m_pLock);
+    const int count = GetPinCount();
+    for (int i = 0; i < count; ++i) {
+        CBasePin* pin = GetPin(i);
+        if (pin && std::wcscmp(pin->Name(), Id) == 0) {
+            pin->AddRef();
+            *ppPin = pin;
+            return S_OK;
+        }
+    }
+    return VFW_E_NOT_FOUND;
+}
+
+STDMETHODIMP CBaseFilter::QueryFilterInfo(FILTER_INFO* pInfo) {
+    CheckPointer(pInfo, E_POINTER);
+    CAutoLock lock(m_pLock);
+    *pInfo = {};
+    if (m_pName) std::wcsncpy(pInfo->achName, m_pName, std::size(pInfo->achName) - 1);
+    pInfo->pGraph = m_pGraph;
+    if (m_pGraph) m_pGraph->AddRef();
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) {
+    CAutoLock lock(m_pLock);
+    WCHAR* name = nullptr;
+    if (pName) {
+        const size_t length = std::wcslen(pName) + 1;
+        name = new (std::nothrow) WCHAR[length];
+        if (!name) return E_OUTOFMEMORY;
+        std::copy_n(pName, length, name);
+    }
+    delete[] m_pName;
+    m_pName = name;
+    m_pGraph = pGraph;
+    m_pSink = nullptr;
+    // The graph holds the filter; holding the graph or its sink in return would keep both for ever.
+    if (pGraph && SUCCEEDED(pGraph->QueryInterface(IID_IMediaEventSink, reinterpret_cast<void**>(&m_pSink)))) {
+        m_pSink->Release();
+    }
+    return S_OK;
+}
+
+STDMETHODIMP CBaseFilter::QueryVendorInfo(LPWSTR* pVendorInfo) {
+    if (pVendorInfo) *pVendorInfo = nullptr;
+    return E_NOTIMPL;
+}
+
+HRESULT CBaseFilter::StreamTime(CRefTime& rtStream) {
+    CAutoLock lock(m_pLock);
+    if (!m_pClock) return VFW_E_NO_CLOCK;
+    REFERENCE_TIME now = 0;
+    const HRESULT hr = m_pClock->GetTime(&now);
+    if (FAILED(hr)) return hr;
+    rtStream = now - m_tStart;
+    return S_OK;
+}
+
+BOOL CBaseFilter::IsActive() {
+    CAutoLock lock(m_pLock);
+    return m_State == State_Paused || m_State == State_Running;
+}
+
+HRESULT CBaseFilter::NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2) {
+    IMediaEventSink* sink = m_pSink; // the graph's own lock must not be taken under ours
+    if (!sink) return E_NOTIMPL;
+    if (EventCode == EC_COMPLETE) EventParam2 = reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(this));
+    return sink->Notify(EventCode, EventParam1, EventParam2);
+}
+
+HRESULT CBaseFilter::ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt) {
+    if (!m_pGraph) return E_NOINTERFACE;
+    IFilterGraph2* graph2 = nullptr;
+    if (FAILED(m_pGraph->QueryInterface(IID_IFilterGraph2, reinterpret_cast<void**>(&graph2)))) {
+        return m_pGraph->Reconnect(pPin);
+    }
+    const HRESULT hr = graph2->ReconnectEx(pPin, pmt);
+    graph2->Release();
+    return hr;
+}

@@ -1,0 +1,97 @@
+// The filter and the enumerators of its pins and their media types.
+#pragma once
+
+#include "media_type.h"
+
+class CBasePin;
+
+/// Base of every filter. m_pLock guards state, graph and clock; the graph's threads enter.
+class CBaseFilter : public CUnknown, public IBaseFilter {
+public:
+    CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid);
+    CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid, HRESULT* phr);
+    ~CBaseFilter() override;
+
+    DECLARE_IUNKNOWN
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+
+    STDMETHODIMP GetClassID(CLSID* pClsID) override;
+    STDMETHODIMP Stop() override;
+    STDMETHODIMP Pause() override;
+    STDMETHODIMP Run(REFERENCE_TIME tStart) override;
+    STDMETHODIMP GetState(DWORD dwMSecs, FILTER_STATE* State) override;
+    STDMETHODIMP SetSyncSource(IReferenceClock* pClock) override;
+    STDMETHODIMP GetSyncSource(IReferenceClock** pClock) override;
+    STDMETHODIMP EnumPins(IEnumPins** ppEnum) override;
+    STDMETHODIMP FindPin(LPCWSTR Id, IPin** ppPin) override;
+    STDMETHODIMP QueryFilterInfo(FILTER_INFO* pInfo) override;
+    STDMETHODIMP JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) override;
+    STDMETHODIMP QueryVendorInfo(LPWSTR* pVendorInfo) override;
+
+    virtual int GetPinCount() = 0;
+    /// Pin n, not counted; null if there is none.
+    virtual CBasePin* GetPin(int n) = 0;
+    virtual LONG GetPinVersion() { return m_PinVersion; }
+    void IncrementPinVersion() { InterlockedIncrement(&m_PinVersion); }
+    virtual HRESULT StreamTime(CRefTime& rtStream);
+    BOOL IsActive();
+    BOOL IsStopped() { return m_State == State_Stopped; }
+    HRESULT NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2);
+    /// Not counted; null outside a graph.
+    IFilterGraph* GetFilterGraph() { return m_pGraph; }
+    HRESULT ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt);
+
+protected:
+    FILTER_STATE m_State = State_Stopped;
+    IReferenceClock* m_pClock = nullptr;
+    CRefTime m_tStart;
+    CLSID m_clsid;
+    CCritSec* m_pLock;
+    WCHAR* m_pName = nullptr;
+    IFilterGraph* m_pGraph = nullptr;   // not counted: the graph owns the filter
+    IMediaEventSink* m_pSink = nullptr; // not counted either
+    LONG m_PinVersion = 1;
+
+    friend class CBasePin;
+};
+
+/// Enumerates a filter's pins as they were when it was made or last reset. Holds the filter.
+class CEnumPins : public IEnumPins {
+public:
+    CEnumPins(CBaseFilter* pFilter, CEnumPins* pEnumPins);
+    virtual ~CEnumPins();
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    STDMETHODIMP_(ULONG) AddRef() override;
+    STDMETHODIMP_(ULONG) Release() override;
+    STDMETHODIMP Next(ULONG cPins, IPin** ppPins, ULONG* pcFetched) override;
+    STDMETHODIMP Skip(ULONG cPins) override;
+    STDMETHODIMP Reset() override;
+    STDMETHODIMP Clone(IEnumPins** ppEnum) override;
+
+private:
+    LONG m_cRef = 1;
+    CBaseFilter* m_pFilter;
+    int m_Position;
+    int m_PinCount;
+    LONG m_Version;
+};
+
+/// Enumerates a pin's media types. Holds the pin.
+class CEnumMediaTypes : public IEnumMediaTypes {
+public:
+    CEnumMediaTypes(CBasePin* pPin, CEnumMediaTypes* pEnumMediaTypes);
+    virtual ~CEnumMediaTypes();
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
+    STDMETHODIMP_(ULONG) AddRef() override;
+    STDMETHODIMP_(ULONG) Release() override;
+    STDMETHODIMP Next(ULONG cTypes, AM_MEDIA_TYPE** ppTypes, ULONG* pcFetched) override;
+    STDMETHODIMP Skip(ULONG cTypes) override;
+    STDMETHODIMP Reset() override;
+    STDMETHODIMP Clone(IEnumMediaTypes** ppEnum) override;
+
+private:
+    LONG m_cRef = 1;
+    CBasePin* m_pPin;
+    int m_Position;
+    LONG m_Version;
+};

@@ -1,0 +1,126 @@
+// Locks, counted objects and the aggregatable IUnknown. Any thread.
+#pragma once
+
+#include <windows.h>
+
+#include <tchar.h> // strsafe.h, which dshow.h includes, must come after it
+
+#include <dshow.h>
+
+#include <cassert>
+
+#ifndef ASSERT
+#define ASSERT(condition) assert(condition)
+#endif
+#ifndef NAME
+#define NAME(text) TEXT(text)
+#endif
+#define CheckPointer(pointer, result)                                                                                  \
+    {                                                                                                                  \
+        if ((pointer) == NULL) return (result);                                                                        \
+    }
+#define ValidateReadPtr(p, cb)                                                                                         \
+    { (void)(p), (void)(cb); }
+#define ValidateWritePtr(p, cb)                                                                                        \
+    { (void)(p), (void)(cb); }
+#define ValidateReadWritePtr(p, cb)                                                                                    \
+    { (void)(p), (void)(cb); }
+
+/// A recursive lock.
+class CCritSec {
+public:
+    CCritSec() { InitializeCriticalSection(&m_CritSec); }
+    ~CCritSec() { DeleteCriticalSection(&m_CritSec); }
+    CCritSec(const CCritSec&) = delete;
+    CCritSec& operator=(const CCritSec&) = delete;
+    void Lock() { EnterCriticalSection(&m_CritSec); }
+    void Unlock() { LeaveCriticalSection(&m_CritSec); }
+
+    CRITICAL_SECTION m_CritSec;
+};
+
+/// Holds a lock for its own life.
+class CAutoLock {
+public:
+    explicit CAutoLock(CCritSec* plock) : m_pLock(plock) { m_pLock->Lock(); }
+    ~CAutoLock() { m_pLock->Unlock(); }
+    CAutoLock(const CAutoLock&) = delete;
+    CAutoLock& operator=(const CAutoLock&) = delete;
+
+protected:
+    CCritSec* m_pLock;
+};
+
+/// Counts the module's living objects, which keep DllCanUnloadNow from answering S_OK.
+class CBaseObject {
+public:
+    explicit CBaseObject(LPCTSTR pName);
+    ~CBaseObject();
+    CBaseObject(const CBaseObject&) = delete;
+    CBaseObject& operator=(const CBaseObject&) = delete;
+    static LONG ObjectsActive() { return m_cObjects; }
+
+private:
+    static volatile LONG m_cObjects;
+};
+
+/// What an aggregatable object itself answers, whoever its controlling unknown is. Laid out as IUnknown.
+struct INonDelegatingUnknown {
+    virtual HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) = 0;
+    virtual ULONG STDMETHODCALLTYPE NonDelegatingAddRef() = 0;
+    virtual ULONG STDMETHODCALLTYPE NonDelegatingRelease() = 0;
+};
+
+/// Base of every COM object. Starts with count 0; the first reference is its creator's to take. Deletes itself.
+class CUnknown : public INonDelegatingUnknown, public CBaseObject {
+public:
+    CUnknown(LPCTSTR pName, LPUNKNOWN pUnk);
+    CUnknown(LPCTSTR pName, LPUNKNOWN pUnk, HRESULT* phr);
+    virtual ~CUnknown() = default;
+
+    /// The controlling unknown: the outer object, or this one. Not counted.
+    LPUNKNOWN GetOwner() const { return m_pUnknown; }
+
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+    ULONG STDMETHODCALLTYPE NonDelegatingAddRef() override;
+    ULONG STDMETHODCALLTYPE NonDelegatingRelease() override;
+
+protected:
+    volatile LONG m_cRef = 0;
+
+private:
+    LPUNKNOWN m_pUnknown;
+};
+
+/// IUnknown of a class that derives from CUnknown and from COM interfaces.
+#define DECLARE_IUNKNOWN                                                                                               \
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {                                       \
+        return GetOwner()->QueryInterface(riid, ppv);                                                                  \
+    }                                                                                                                  \
+    ULONG STDMETHODCALLTYPE AddRef() override {                                                                        \
+        return GetOwner()->AddRef();                                                                                   \
+    }                                                                                                                  \
+    ULONG STDMETHODCALLTYPE Release() override {                                                                       \
+        return GetOwner()->Release();                                                                                  \
+    }
+
+/// Answers a QueryInterface with `pUnk`, counted. @return S_OK, or E_POINTER for a null ppv.
+HRESULT GetInterface(LPUNKNOWN pUnk, void** ppv);
+
+/// A time in units of 100 ns.
+class CRefTime {
+public:
+    REFERENCE_TIME m_time = 0;
+    CRefTime() = default;
+    CRefTime(REFERENCE_TIME time) : m_time(time) {}
+    operator REFERENCE_TIME() const { return m_time; }
+    LONG Millisecs() const { return LONG(m_time / 10000); }
+    REFERENCE_TIME GetUnits() const { return m_time; }
+};
+
+#ifndef UNITS
+#define UNITS 10000000LL
+#endif
+#ifndef MILLISECONDS
+#define MILLISECONDS 1000LL
+#endif

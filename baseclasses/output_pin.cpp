@@ -1,0 +1,101 @@
+#include "pin.h"
+
+#include <initializer_list>
+
+CBaseOutputPin::CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName)
+    : CBasePin(pObjectName, pFilter, pLock, phr, pName, PINDIR_OUTPUT) {}
+
+CBaseOutputPin::~CBaseOutputPin() {
+    if (m_pAllocator) m_pAllocator->Release();
+    if (m_pInputPin) m_pInputPin->Release();
+}
+
+HRESULT CBaseOutputPin::CheckConnect(IPin* pPin) {
+    const HRESULT hr = CBasePin::CheckConnect(pPin);
+    if (FAILED(hr)) return hr;
+    IMemInputPin* input = nullptr;
+    const HRESULT found = pPin->QueryInterface(IID_IMemInputPin, reinterpret_cast<void**>(&input));
+    if (FAILED(found)) return found;
+    if (m_pInputPin) m_pInputPin->Release();
+    m_pInputPin = input;
+    return S_OK;
+}
+
+HRESULT CBaseOutputPin::CompleteConnect(IPin*) {
+    return DecideAllocator(m_pInputPin, &m_pAllocator);
+}
+
+HRESULT CBaseOutputPin::BreakConnect() {
+    if (m_pAllocator) {
+        const HRESULT hr = m_pAllocator->Decommit();
+        if (FAILED(hr)) return hr;
+        m_pAllocator->Release();
+        m_pAllocator = nullptr;
+    }
+    if (m_pInputPin) {
+        m_pInputPin->Release();
+        m_pInputPin = nullptr;
+    }
+    return S_OK;
+}
+
+// The receiver's allocator first, then our own; each must take our buffer size and be taken by the receiver.
+HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pPin, IMemAllocator** ppAlloc) {
+    *ppAlloc = nullptr;
+    ALLOCATOR_PROPERTIES wanted{};
+    pPin->GetAllocatorRequirements(&wanted);
+    if (wanted.cbAlign == 0) wanted.cbAlign = 1;
+    HRESULT hr = E_FAIL;
+    for (const bool receivers : {true, false}) {
+        IMemAllocator* allocator = nullptr;
+        hr = receivers ? pPin->GetAllocator(&allocator) : InitAllocator(&allocator);
+        if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator, &wanted);
+        if (SUCCEEDED(hr)) hr = pPin->NotifyAllocator(allocator, FALSE);
+        if (SUCCEEDED(hr)) {
+            *ppAlloc = allocator;
+            return S_OK;
+        }
+        if (allocator) allocator->Release();
+    }
+    return hr;
+}
+
+HRESULT CBaseOutputPin::InitAllocator(IMemAllocator** ppAlloc) {
+    return CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER, IID_IMemAllocator,
+                            reinterpret_cast<void**>(ppAlloc));
+}
+
+HRESULT CBaseOutputPin::Active() {
+    return m_pAllocator ? m_pAllocator->Commit() : VFW_E_NO_ALLOCATOR;
+}
+
+HRESULT CBaseOutputPin::Inactive() {
+    m_bRunTimeError = false;
+    return m_pAllocator ? m_pAllocator->Decommit() : VFW_E_NO_ALLOCATOR;
+}
+
+HRESULT CBaseOutputPin::GetDeliveryBuffer(IMediaSample** ppSample, REFERENCE_TIME* pStartTime, REFERENCE_TIME* pEndTime,
+                                          DWORD dwFlags) {
+    *ppSample = nullptr;
+    return m_pAllocator ? m_pAllocator->GetBuffer(ppSample, pStartTime, pEndTime, dwFlags) : E_NOINTERFACE;
+}
+
+HRESULT CBaseOutputPin::Deliver(IMediaSample* pSample) {
+    return m_pInputPin ? m_pInputPin->Receive(pSample) : VFW_E_NOT_CONNECTED;
+}
+
+HRESULT CBaseOutputPin::DeliverEndOfStream() {
+    return m_Connected ? m_Connected->EndOfStream() : VFW_E_NOT_CONNECTED;
+}
+
+HRESULT CBaseOutputPin::DeliverBeginFlush() {
+    return m_Connected ? m_Connected->BeginFlush() : VFW_E_NOT_CONNECTED;
+}
+
+HRESULT CBaseOutputPin::DeliverEndFlush() {
+    return m_Connected ? m_Connected->EndFlush() : VFW_E_NOT_CONNECTED;
+}
+
+HRESULT CBaseOutputPin::DeliverNewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) {
+    return m_Connected ? m_Connected->NewSegment(tStart, tStop, dRate) : VFW_E_NOT_CONNECTED;
+}

@@ -1,0 +1,251 @@
+#include "pin.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
+#include <new>
+
+CBasePin::CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
+                   PIN_DIRECTION dir)
+    : CUnknown(pObjectName, nullptr), m_dir(dir), m_pLock(pLock), m_pFilter(pFilter) {
+    const size_t length = pName ? std::wcslen(pName) : 0;
+    m_pName = new (std::nothrow) WCHAR[length + 1];
+    if (!m_pName) {
+        if (phr) *phr = E_OUTOFMEMORY;
+        return;
+    }
+    std::copy_n(pName, length, m_pName);
+    m_pName[length] = 0;
+}
+
+CBasePin::~CBasePin() {
+    delete[] m_pName;
+    if (m_Connected) m_Connected->Release();
+}
+
+HRESULT CBasePin::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
+    if (riid == IID_IPin) return GetInterface(static_cast<IPin*>(this), ppv);
+    if (riid == IID_IQualityControl) return GetInterface(static_cast<IQualityControl*>(this), ppv);
+    return CUnknown::NonDelegatingQueryInterface(riid, ppv);
+}
+
+STDMETHODIMP CBasePin::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) {
+    CheckPointer(pReceivePin, E_POINTER);
+    CAutoLock lock(m_pLock);
+    if (m_Connected) return VFW_E_ALREADY_CONNECTED;
+    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
+    HRESULT hr = S_OK;
+    CMediaType type;
+    if (pmt) hr = type.Set(*pmt);
+    if (SUCCEEDED(hr)) hr = AgreeMediaType(pReceivePin, pmt ? &type : nullptr);
+    if (FAILED(hr)) {
+        BreakConnect();
+        return hr;
+    }
+    return S_OK;
+}
+
+HRESULT CBasePin::AttemptConnection(IPin* pReceivePin, const CMediaType* pmt) {
+    HRESULT hr = CheckConnect(pReceivePin);
+    if (FAILED(hr)) {
+        BreakConnect();
+        return hr;
+    }
+    hr = CheckMediaType(pmt);
+    if (hr != S_OK) {
+        BreakConnect();
+        return FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG ? hr : VFW_E_TYPE_NOT_ACCEPTED;
+    }
+    m_Connected = pReceivePin;
+    m_Connected->AddRef();
+    hr = SetMediaType(pmt);
+    if (SUCCEEDED(hr)) {
+        hr = pReceivePin->ReceiveConnection(this, pmt);
+        if (SUCCEEDED(hr)) {
+            hr = CompleteConnect(pReceivePin);
+            if (SUCCEEDED(hr)) return S_OK;
+            pReceivePin->Disconnect();
+        }
+    }
+    BreakConnect();
+    m_Connected->Release();
+    m_Connected = nullptr;
+    return hr;
+}
+
+HRESULT CBasePin::TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumMediaTypes* pEnum) {
+    HRESULT hr = pEnum->Reset();
+    if (FAILED(hr)) return hr;
+    HRESULT result = VFW_E_NO_ACCEPTABLE_TYPES;
+    AM_MEDIA_TYPE* offered = nullptr;
+    while (pEnum->Next(1, &offered, nullptr) == S_OK) {
+        HRESULT copied = S_OK;
+        const CMediaType type(*offered, &copied);
+        DeleteMediaType(offered);
+        if (FAILED(copied)) return copied;
+        if (pmt && !type.MatchesPartial(pmt)) continue;
+        hr = AttemptConnection(pReceivePin, &type);
+        if (hr == S_OK) return S_OK;
+        // A refused type says nothing; another failure is the more useful answer.
+        if (result == VFW_E_NO_ACCEPTABLE_TYPES && FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG &&
+            hr != VFW_E_TYPE_NOT_ACCEPTED) {
+            result = hr;
+        }
+    }
+    return result;
+}
+
+HRESULT CBasePin::AgreeMediaType(IPin* pReceivePin, const CMediaType* pmt) {
+    if (pmt && !pmt->IsPartiallySpecified()) return AttemptConnection(pReceivePin, pmt);
+    HRESULT result = VFW_E_NO_ACCEPTABLE_TYPES;
+    IPin* const order[] = {m_bTryMyTypesFirst ? this : pReceivePin, m_bTryMyTypesFirst ? pReceivePin : this};
+    for (IPin* pin : order) {
+        IEnumMediaTypes* types = nullptr;
+        if (FAILED(pin->EnumMediaTypes(&types)) || !types) continue;
+        const HRESULT hr = TryMediaTypes(pReceivePin, pmt, types);
+        types->Release();
+        if (hr == S_OK) return S_OK;
+        if (result == VFW_E_NO_ACCEPTABLE_TYPES) result = hr;
+    }
+    return result;
+}
+
+STDMETHODIMP CBasePin::ReceiveConnection(IPin* pConnector, const AM_MEDIA_TYPE* pmt) {
+    CheckPointer(pConnector, E_POINTER);
+    CheckPointer(pmt, E_POINTER);
+    CAutoLock lock(m_pLock);
+    if (m_Connected) return VFW_E_ALREADY_CONNECTED;
+    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
+    HRESULT hr = CheckConnect(pConnector);
+    if (FAILED(hr)) {
+        BreakConnect();
+        return hr;
+    }
+    CMediaType type;
+    hr = type.Set(*pmt);
+    if (SUCCEEDED(hr)) {
+        hr = CheckMediaType(&type);
+        if (hr != S_OK && (SUCCEEDED(hr) || hr == E_FAIL || hr == E_INVALIDARG)) hr = VFW_E_TYPE_NOT_ACCEPTED;
+    }
+    if (FAILED(hr)) {
+        BreakConnect();
+        return hr;
+    }
+    m_Connected = pConnector;
+    m_Connected->AddRef();
+    hr = SetMediaType(&type);
+    if (SUCCEEDED(hr)) hr = CompleteConnect(pConnector);
+    if (SUCCEEDED(hr)) return S_OK;
+    BreakConnect();
+    m_Connected->Release();
+    m_Connected = nullptr;
+    return hr;
+}
+
+STDMETHODIMP CBasePin::Disconnect() {
+    CAutoLock lock(m_pLock);
+    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
+    return DisconnectInternal();
+}
+
+HRESULT CBasePin::DisconnectInternal() {
+    if (!m_Connected) return S_FALSE;
+    const HRESULT hr = BreakConnect();
+    if (FAILED(hr)) return hr;
+    m_Connected->Release();
+    m_Connected = nullptr;
+    return S_OK;
+}
+
+STDMETHODIMP CBasePin::ConnectedTo(IPin** pPin) {
+    CheckPointer(pPin, E_POINTER);
+    *pPin = m_Connected;
+    if (!m_Connected) return VFW_E_NOT_CONNECTED;
+    m_Connected->AddRef();
+    return S_OK;
+}
+
+STDMETHODIMP CBasePin::ConnectionMediaType(AM_MEDIA_TYPE* pmt) {
+    CheckPointer(pmt, E_POINTER);
+    CAutoLock lock(m_pLock);
+    if (IsConnected()) return CopyMediaType(pmt, &m_mt);
+    *pmt = {};
+    return VFW_E_NOT_CONNECTED;
+}
+
+STDMETHODIMP CBasePin::QueryPinInfo(PIN_INFO* pInfo) {
+    CheckPointer(pInfo, E_POINTER);
+    *pInfo = {};
+    pInfo->pFilter = m_pFilter;
+    m_pFilter->AddRef();
+    pInfo->dir = m_dir;
+    std::wcsncpy(pInfo->achName, m_pName, std::size(pInfo->achName) - 1);
+    return S_OK;
+}
+
+STDMETHODIMP CBasePin::QueryDirection(PIN_DIRECTION* pPinDir) {
+    CheckPointer(pPinDir, E_POINTER);
+    *pPinDir = m_dir;
+    return S_OK;
+}
+
+STDMETHODIMP CBasePin::QueryId(LPWSTR* Id) {
+    CheckPointer(Id, E_POINTER);
+    const size_t length = std::wcslen(m_pName) + 1;
+    *Id = static_cast<LPWSTR>(CoTaskMemAlloc(length * sizeof(WCHAR)));
+    if (!*Id) return E_OUTOFMEMORY;
+    std::copy_n(m_pName, length, *Id);
+    return S_OK;
+}
+
+// Any answer but S_OK means no: FAILED alone would take a CheckMediaType that says S_FALSE for a yes.
+STDMETHODIMP CBasePin::QueryAccept(const AM_MEDIA_TYPE* pmt) {
+    CheckPointer(pmt, E_POINTER);
+    HRESULT hr = S_OK;
+    const CMediaType type(*pmt, &hr);
+    if (FAILED(hr)) return hr;
+    return CheckMediaType(&type) == S_OK ? S_OK : S_FALSE;
+}
+
+STDMETHODIMP CBasePin::EnumMediaTypes(IEnumMediaTypes** ppEnum) {
+    CheckPointer(ppEnum, E_POINTER);
+    *ppEnum = new (std::nothrow) CEnumMediaTypes(this, nullptr);
+    return *ppEnum ? S_OK : E_OUTOFMEMORY;
+}
+
+STDMETHODIMP CBasePin::QueryInternalConnections(IPin**, ULONG*) {
+    return E_NOTIMPL;
+}
+
+STDMETHODIMP CBasePin::NewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) {
+    m_tStart = tStart;
+    m_tStop = tStop;
+    m_dRate = dRate;
+    return S_OK;
+}
+
+STDMETHODIMP CBasePin::Notify(IBaseFilter*, Quality) {
+    return E_NOTIMPL;
+}
+
+STDMETHODIMP CBasePin::SetSink(IQualityControl* piqc) {
+    CAutoLock lock(m_pLock);
+    m_pQSink = piqc; // not counted, as the interface's contract has it
+    return S_OK;
+}
+
+HRESULT CBasePin::SetMediaType(const CMediaType* pmt) {
+    return m_mt.Set(*pmt);
+}
+
+HRESULT CBasePin::CheckConnect(IPin* pPin) {
+    PIN_DIRECTION other;
+    const HRESULT hr = pPin->QueryDirection(&other);
+    if (FAILED(hr)) return hr;
+    return other == m_dir ? VFW_E_INVALID_DIRECTION : S_OK;
+}
+
+HRESULT CBasePin::Inactive() {
+    m_bRunTimeError = false;
+    return S_OK;
+}

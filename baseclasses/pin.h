@@ -1,0 +1,109 @@
+// Pins: what every pin answers, and the output pin with its allocator.
+#pragma once
+
+#include "filter.h"
+
+/// Base of every pin. Its lifetime is its filter's, whose count it shares. m_pLock guards the connection.
+class CBasePin : public CUnknown, public IPin, public IQualityControl {
+public:
+    CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
+             PIN_DIRECTION dir);
+    ~CBasePin() override;
+
+    DECLARE_IUNKNOWN
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+    ULONG STDMETHODCALLTYPE NonDelegatingAddRef() override { return m_pFilter->AddRef(); }
+    ULONG STDMETHODCALLTYPE NonDelegatingRelease() override { return m_pFilter->Release(); }
+
+    STDMETHODIMP Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) override;
+    STDMETHODIMP ReceiveConnection(IPin* pConnector, const AM_MEDIA_TYPE* pmt) override;
+    STDMETHODIMP Disconnect() override;
+    STDMETHODIMP ConnectedTo(IPin** pPin) override;
+    STDMETHODIMP ConnectionMediaType(AM_MEDIA_TYPE* pmt) override;
+    STDMETHODIMP QueryPinInfo(PIN_INFO* pInfo) override;
+    STDMETHODIMP QueryDirection(PIN_DIRECTION* pPinDir) override;
+    STDMETHODIMP QueryId(LPWSTR* Id) override;
+    STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* pmt) override;
+    STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** ppEnum) override;
+    STDMETHODIMP QueryInternalConnections(IPin** apPin, ULONG* nPin) override;
+    STDMETHODIMP EndOfStream() override { return S_OK; }
+    STDMETHODIMP BeginFlush() override = 0;
+    STDMETHODIMP EndFlush() override = 0;
+    STDMETHODIMP NewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) override;
+    STDMETHODIMP Notify(IBaseFilter* pSender, Quality q) override;
+    STDMETHODIMP SetSink(IQualityControl* piqc) override;
+
+    BOOL IsConnected() { return m_Connected != nullptr; }
+    IPin* GetConnected() { return m_Connected; }
+    BOOL IsStopped() { return m_pFilter->IsStopped(); }
+    LPWSTR Name() { return m_pName; }
+    bool CanReconnectWhenActive() { return m_bCanReconnectWhenActive; }
+    void SetReconnectWhenActive(bool bCanReconnect) { m_bCanReconnectWhenActive = bCanReconnect; }
+    virtual LONG GetMediaTypeVersion() { return m_TypeVersion; }
+    void IncrementTypeVersion() { InterlockedIncrement(&m_TypeVersion); }
+    REFERENCE_TIME CurrentStartTime() { return m_tStart; }
+    REFERENCE_TIME CurrentStopTime() { return m_tStop; }
+    double CurrentRate() { return m_dRate; }
+
+    virtual HRESULT CheckMediaType(const CMediaType*) = 0;
+    virtual HRESULT SetMediaType(const CMediaType*);
+    virtual HRESULT CheckConnect(IPin*);
+    virtual HRESULT BreakConnect() { return S_OK; }
+    virtual HRESULT CompleteConnect(IPin*) { return S_OK; }
+    virtual HRESULT GetMediaType(int, CMediaType*) { return E_UNEXPECTED; }
+    virtual HRESULT Active() { return S_OK; }
+    virtual HRESULT Inactive();
+    virtual HRESULT Run(REFERENCE_TIME) { return S_OK; }
+
+protected:
+    HRESULT AttemptConnection(IPin* pReceivePin, const CMediaType* pmt);
+    HRESULT TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumMediaTypes* pEnum);
+    /// Connects with pmt if it is complete, else with the first type of either pin that matches and is accepted.
+    HRESULT AgreeMediaType(IPin* pReceivePin, const CMediaType* pmt);
+    HRESULT DisconnectInternal();
+
+    WCHAR* m_pName = nullptr;
+    IPin* m_Connected = nullptr;
+    PIN_DIRECTION m_dir;
+    CCritSec* m_pLock;
+    bool m_bRunTimeError = false;
+    bool m_bCanReconnectWhenActive = false;
+    bool m_bTryMyTypesFirst = false;
+    CBaseFilter* m_pFilter; // not counted: owns the pin
+    IQualityControl* m_pQSink = nullptr;
+    LONG m_TypeVersion = 1;
+    CMediaType m_mt;
+    REFERENCE_TIME m_tStart = 0;
+    REFERENCE_TIME m_tStop = MAXLONGLONG;
+    double m_dRate = 1.0;
+};
+
+/// An output pin: agrees on an allocator when it connects, and delivers samples. Deliver holds no lock.
+class CBaseOutputPin : public CBasePin {
+public:
+    CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName);
+    ~CBaseOutputPin() override;
+
+    STDMETHODIMP BeginFlush() override { return E_UNEXPECTED; }
+    STDMETHODIMP EndFlush() override { return E_UNEXPECTED; }
+    HRESULT CompleteConnect(IPin* pReceivePin) override;
+    HRESULT CheckConnect(IPin* pPin) override;
+    HRESULT BreakConnect() override;
+    HRESULT Active() override;
+    HRESULT Inactive() override;
+
+    virtual HRESULT DecideAllocator(IMemInputPin* pPin, IMemAllocator** pAlloc);
+    virtual HRESULT DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* ppropInputRequest) = 0;
+    virtual HRESULT InitAllocator(IMemAllocator** ppAlloc);
+    virtual HRESULT GetDeliveryBuffer(IMediaSample** ppSample, REFERENCE_TIME* pStartTime, REFERENCE_TIME* pEndTime,
+                                      DWORD dwFlags);
+    virtual HRESULT Deliver(IMediaSample* pSample);
+    virtual HRESULT DeliverEndOfStream();
+    virtual HRESULT DeliverBeginFlush();
+    virtual HRESULT DeliverEndFlush();
+    virtual HRESULT DeliverNewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate);
+
+protected:
+    IMemAllocator* m_pAllocator = nullptr;
+    IMemInputPin* m_pInputPin = nullptr;
+};

@@ -1,0 +1,61 @@
+// Events and the worker thread that answers one request at a time.
+#pragma once
+
+#include "objects.h"
+
+/// Owns a Win32 event. Any thread.
+class CAMEvent {
+public:
+    explicit CAMEvent(BOOL fManualReset = FALSE, HRESULT* phr = nullptr);
+    ~CAMEvent();
+    CAMEvent(const CAMEvent&) = delete;
+    CAMEvent& operator=(const CAMEvent&) = delete;
+    operator HANDLE() const { return m_hEvent; }
+    void Set() { SetEvent(m_hEvent); }
+    void Reset() { ResetEvent(m_hEvent); }
+    /// @return TRUE if the event came within the time.
+    BOOL Wait(DWORD dwTimeout = INFINITE) { return WaitForSingleObject(m_hEvent, dwTimeout) == WAIT_OBJECT_0; }
+    BOOL Check() { return Wait(0); }
+
+protected:
+    HANDLE m_hEvent;
+};
+
+/// A thread that waits for requests. Create, CallWorker and Close belong to the owner's threads, ThreadProc,
+/// GetRequest, CheckRequest and Reply to the worker. The derived class ends the worker before it is destroyed.
+class CAMThread {
+public:
+    explicit CAMThread(HRESULT* phr = nullptr);
+    virtual ~CAMThread();
+    CAMThread(const CAMThread&) = delete;
+    CAMThread& operator=(const CAMThread&) = delete;
+
+    CCritSec m_AccessLock; // callers of the worker
+    CCritSec m_WorkerLock; // the worker's own data
+
+    /// @return FALSE if there is a thread already or none can be made.
+    BOOL Create();
+    /// Hands the request over and waits for the answer. @return Reply's value; E_FAIL without a thread.
+    DWORD CallWorker(DWORD dwParam);
+    /// Waits until the thread has ended. The worker must have been told to end.
+    void Close();
+    BOOL ThreadExists() const { return m_hThread != nullptr; }
+    HANDLE GetRequestHandle() const { return m_EventSend; }
+    DWORD GetRequestParam() const { return m_dwParam; }
+    DWORD GetRequest();
+    /// @return TRUE and the request if one waits for its reply.
+    BOOL CheckRequest(DWORD* pParam);
+    void Reply(DWORD dwReturn);
+    static HRESULT CoInitializeHelper();
+    static DWORD WINAPI InitialThreadProc(LPVOID pv);
+
+protected:
+    virtual DWORD ThreadProc() = 0;
+
+private:
+    CAMEvent m_EventSend;
+    CAMEvent m_EventComplete;
+    DWORD m_dwParam = 0;
+    DWORD m_dwReturnVal = 0;
+    HANDLE m_hThread = nullptr;
+};
