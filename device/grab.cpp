@@ -22,10 +22,6 @@ uint32_t nullPointer(const char* function, int line, const wchar_t* text) noexce
     return TARNIS_INVALID_ARGUMENT;
 }
 
-Channel& channelOf(TARNIS_HANDLE hGrabber, int8_t port) noexcept {
-    return hGrabber->m_channels[static_cast<size_t>(port)];
-}
-
 uint32_t sendAccess(TARNIS_HANDLE hGrabber, int8_t port, uint32_t flags) noexcept {
     wire::ChannelAccessRequest request{{}, flags};
     wire::Reply reply{};
@@ -51,7 +47,7 @@ uint32_t kestra::checkHandleAndPort(const LogUnit& unit, const char* function, i
 uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
     const std::lock_guard access(hGrabber->m_accessMutex);
-    Channel& channel = channelOf(hGrabber, port);
+    Channel& channel = hGrabber->channel(port);
     ++channel.openCount;
     if (hGrabber->hasAccess(port)) {
         KESTRA_LOG(kUnit, __func__, LOG_TRACE, kAlreadyOpened, L"Channel %d already opened", static_cast<int>(port));
@@ -69,7 +65,7 @@ uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
 uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
     const std::lock_guard access(hGrabber->m_accessMutex);
-    Channel& channel = channelOf(hGrabber, port);
+    Channel& channel = hGrabber->channel(port);
     if (!hGrabber->hasAccess(port)) {
         KESTRA_LOG(kUnit, __func__, LOG_ERROR, TARNIS_SUCCESS, L"Channel %d has not been open", static_cast<int>(port));
         return TARNIS_SUCCESS;
@@ -82,7 +78,7 @@ uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
 uint32_t TARNIS_SetBufferCount(TARNIS_HANDLE hGrabber, int8_t port, uint32_t /*count: every channel has ten*/) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
     if (!hGrabber->hasAccess(port)) return TARNIS_NO_DMA_ACCESS;
-    channelOf(hGrabber, port).bufferCount = 10;
+    hGrabber->channel(port).bufferCount = 10;
     return TARNIS_SUCCESS;
 }
 
@@ -175,7 +171,7 @@ uint32_t TARNIS_StartGrab(TARNIS_HANDLE hGrabber, int8_t port, uint32_t startPar
         KESTRA_LOG(kUnit, __func__, LOG_ERROR, TARNIS_NO_DMA_ACCESS, L"No DMA Access!");
         return TARNIS_NO_DMA_ACCESS;
     }
-    Channel& channel = channelOf(hGrabber, port);
+    Channel& channel = hGrabber->channel(port);
     bool grabbing = false;
     {
         const std::lock_guard lock(hGrabber->m_state);
@@ -214,8 +210,8 @@ uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port) {
     std::shared_ptr<GrabRun> run;
     {
         const std::lock_guard lock(hGrabber->m_state);
-        run = std::move(channelOf(hGrabber, port).run);
-        channelOf(hGrabber, port).run.reset();
+        run = std::move(hGrabber->channel(port).run);
+        hGrabber->channel(port).run.reset();
     }
     if (run) {
         SetEvent(run->stop.get());
@@ -231,7 +227,7 @@ uint32_t TARNIS_SnapFrames(TARNIS_HANDLE hGrabber, int8_t /*port: always 0*/, Ta
     if (const uint32_t code = noexp_TARNIS_Prepare(hGrabber, 0, pCameraData)) return code;
     if (pBufferSize) {
         const std::lock_guard lock(hGrabber->m_state);
-        const auto& buffers = channelOf(hGrabber, 0).buffers;
+        const auto& buffers = hGrabber->channel(0).buffers;
         *pBufferSize = buffers ? buffers->bufferSize : 0;
     }
     if (!lpBuffer) return nullPointer(__func__, __LINE__, L"lpBuffer is NULL");

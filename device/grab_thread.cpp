@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    Channel& channel() { return m_instance.m_channels[static_cast<size_t>(m_run.port)]; }
+    Channel& channel() { return m_instance.channel(m_run.port); }
 
     bool isCurrent() {
         if (WaitForSingleObject(m_run.stop.get(), 0) == WAIT_OBJECT_0) return false;
@@ -217,7 +217,7 @@ std::shared_ptr<GrabRun> startGrabThread(TARNIS_GIS& instance, int8_t port, uint
         run->callback = callback;
         run->context = context;
         if (!run->stop || !run->started) return nullptr;
-        Channel& channel = instance.m_channels[static_cast<size_t>(port)];
+        Channel& channel = instance.channel(port);
         auto parameter = std::make_unique<std::shared_ptr<GrabRun>>(run);
         unsigned id = 0;
         // Suspended until the run knows its thread: a callback may ask whether it runs on it.

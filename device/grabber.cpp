@@ -104,8 +104,7 @@ void TARNIS_GIS::OpenCard() noexcept {
                      m_sessionWatch);
         for (int8_t port = 0; port < 2; ++port) {
             wire::RegisterInputEventRequest registration{};
-            registration.eventHandle =
-                reinterpret_cast<uint64_t>(m_channels[static_cast<size_t>(port)].inputCheck.get());
+            registration.eventHandle = reinterpret_cast<uint64_t>(channel(port).inputCheck.get());
             wire::Reply reply{};
             if (ask(wire::kRegisterInputEvent, port, registration, reply).driverResult != 0) refused = true;
         }
@@ -142,7 +141,7 @@ void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
     SetEvent(m_stopCard.get());
     if (m_requestCount.load() != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
     for (int8_t port = 0; port < 2; ++port) {
-        Channel& channel = m_channels[static_cast<size_t>(port)];
+        Channel& channel = this->channel(port);
         std::shared_ptr<GrabRun> run;
         {
             const std::lock_guard lock(m_state);
@@ -183,7 +182,7 @@ bool TARNIS_GIS::isPath(const DEV_BROADCAST_DEVICEINTERFACE_W& device) const noe
 }
 
 void TARNIS_GIS::resumeChannel(int8_t port) noexcept {
-    Channel& channel = m_channels[static_cast<size_t>(port)];
+    Channel& channel = this->channel(port);
     std::shared_ptr<GrabRun> interrupted;
     TarnisCameraData data{};
     {

@@ -31,6 +31,9 @@ struct RequestResult {
 };
 static_assert(sizeof(RequestResult) == 4);
 
+/// The library's status for a Win32 error.
+uint8_t statusOf(DWORD error) noexcept;
+
 /// A request that the system may still write to. Its memory must stay until it has ended.
 struct PendingRequest {
     OVERLAPPED overlapped{};
@@ -134,6 +137,8 @@ public:
     uint32_t sessionId() const noexcept { return m_sessionId.load(std::memory_order_relaxed); }
     uint32_t requestCount() const noexcept { return static_cast<uint32_t>(m_requestCount.load()); }
     bool hasAccess(int8_t port) const noexcept { return (m_channelFlags.load() & accessBit(port)) != 0; }
+    /// @param port  0 or 1, checked by the caller
+    kestra::Channel& channel(int8_t port) noexcept { return m_channels[port == 0 ? 0 : 1]; }
     static uint32_t accessBit(int8_t port) noexcept { return 1u << (port + 8); }
 
     std::mutex m_state;

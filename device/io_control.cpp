@@ -11,7 +11,9 @@ constexpr char kFunction[] = "TARNIS_GIS::IOCtl";
 constexpr int32_t kRequestFailed = 0x494F4641; // IOFA
 constexpr int32_t kDriverRefused = 0x494F4652; // IOFR
 
-uint8_t statusOf(DWORD error) noexcept {
+} // namespace
+
+uint8_t kestra::statusOf(DWORD error) noexcept {
     switch (error) {
     case ERROR_SUCCESS:
         return TARNIS_SUCCESS;
@@ -23,8 +25,6 @@ uint8_t statusOf(DWORD error) noexcept {
         return TARNIS_FAILURE;
     }
 }
-
-} // namespace
 
 RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t requestSize, void* reply,
                                    uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous,

@@ -19,6 +19,16 @@ uint64_t largestChunk() noexcept {
     return v >= 61 ? 0xFFFFF000 : v == 60 ? 0x7FFFF000 : 0x1FF9E00;
 }
 
+/// 0 while all chunks are locked; else why one is not. A driver may take a lock request and refuse it a moment later.
+uint32_t refusedLock(HANDLE device, DmaBuffers& buffers) noexcept {
+    for (const auto& chunk : buffers.chunks) {
+        DWORD bytes = 0;
+        if (chunk->lock.isPending()) continue;
+        if (!GetOverlappedResult(device, &chunk->lock.overlapped, &bytes, FALSE)) return statusOf(GetLastError());
+    }
+    return TARNIS_SUCCESS;
+}
+
 /// Sends the table of chunks, which tells the card where in this process its buffers lie.
 uint32_t sendChunkTable(TARNIS_GIS& instance, int8_t port, const DmaBuffers& buffers) {
     std::vector<std::byte> table(sizeof(wire::ChunkTableHead) + buffers.chunks.size() * sizeof(wire::Chunk));
@@ -41,7 +51,7 @@ uint32_t sendChunkTable(TARNIS_GIS& instance, int8_t port, const DmaBuffers& buf
 
 /// Frees the channel's buffers and allocates and locks new ones.
 uint32_t allocateBuffers(TARNIS_GIS& instance, int8_t port, uint32_t count, uint32_t size) {
-    Channel& channel = instance.m_channels[static_cast<size_t>(port)];
+    Channel& channel = instance.channel(port);
     std::shared_ptr<DmaBuffers> old;
     {
         const std::lock_guard lock(instance.m_state);
@@ -77,7 +87,10 @@ uint32_t allocateBuffers(TARNIS_GIS& instance, int8_t port, uint32_t count, uint
                    .status;
         if (code != TARNIS_SUCCESS) break;
     }
-    if (code == TARNIS_SUCCESS) code = sendChunkTable(instance, port, *buffers);
+    if (code == TARNIS_SUCCESS) {
+        code = sendChunkTable(instance, port, *buffers);
+        if (const uint32_t refused = refusedLock(instance.deviceHandle(), *buffers)) code = refused;
+    }
     if (code != TARNIS_SUCCESS) {
         buffers->unlock(instance.deviceHandle());
         return code;
@@ -98,7 +111,7 @@ bool isPreparedFor(const Channel& channel, const TarnisCameraData& wanted) noexc
 }
 
 uint32_t prepareChannel(TARNIS_GIS& instance, int8_t port, TarnisCameraData& cameraData) {
-    Channel& channel = instance.m_channels[static_cast<size_t>(port)];
+    Channel& channel = instance.channel(port);
     const std::lock_guard oneAtATime(channel.prepareMutex);
     const uint32_t statusCode = TARNIS_GetCameraStatus(&instance, port, &cameraData.status);
     TarnisCameraData stored = cameraData;

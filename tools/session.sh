@@ -30,6 +30,12 @@ session_start_wine() {
     export WINEDEBUG=${WINEDEBUG:--all}
     export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
     mkdir -p "$windows_build"
+    # The installer leaves a driver file alone that is there already, so an old build's driver would stay.
+    local installed=$WINEPREFIX/drive_c/windows/system32/drivers/kestrasim.sys
+    if [ -f "$installed" ] && ! cmp -s "$installed" "$windows_build/simcard/kestrasim.sys"; then
+        say "the simulated card's driver has changed since this prefix was made"
+        rm -f "$WINEPREFIX/complete"
+    fi
     if [ ! -f "$WINEPREFIX/complete" ]; then
         say "making a Wine prefix in build/windows/wineprefix (once, about 15 s)"
         rm -rf "$WINEPREFIX"

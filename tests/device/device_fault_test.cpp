@@ -1,0 +1,202 @@
+// Every fault of a request, for every request that the library makes: the documented result, the documented log line,
+// nothing hangs, and the next call works.
+#include "tests/device/device_test.h"
+
+#include <windows.h>
+
+#include <functional>
+#include <thread>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+constexpr ULONGLONG kDeadlineMs = 5000;
+
+/// What a fault of a request does to the call that made it.
+enum class Outcome {
+    Mapped,   ///< the fault's own code
+    Tolerated ///< logged, and the call succeeds
+};
+
+struct Case {
+    const char* name;
+    uint32_t code;
+    Outcome outcome;
+    bool claims; ///< needs port 0's DMA access
+    std::function<uint32_t(TARNIS_HANDLE)> call;
+};
+
+uint32_t cameraStatus(TARNIS_HANDLE h) {
+    TarnisCameraStatus status{};
+    return TARNIS_GetCameraStatus(h, 0, &status);
+}
+
+uint32_t prepare(TARNIS_HANDLE h) {
+    // Another selector each time: a channel that is prepared already asks the card nothing.
+    static uint32_t selector = 0;
+    TarnisCameraData data{};
+    data.outputSelector = ++selector % 2 + 1;
+    return noexp_TARNIS_Prepare(h, 0, &data);
+}
+
+uint32_t snap(TARNIS_HANDLE h) {
+    TarnisCameraData data{};
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
+    static std::vector<uint8_t> frame(1920 * 1080 * 2);
+    uint32_t size = 0;
+    return TARNIS_SnapFrames(h, 0, &data, frame.data(), uint32_t(frame.size()), &size);
+}
+
+const std::vector<Case>& cases() {
+    static const std::vector<Case> all = {
+        {"connection", wire::kConnection, Outcome::Mapped, false,
+         [](auto h) {
+             uint8_t connected = 0;
+             return TARNIS_IsCameraConnected(h, 0, &connected);
+         }},
+        {"video status", wire::kVideoStatus, Outcome::Mapped, false, cameraStatus},
+        {"register of the status", wire::kReadRegister, Outcome::Tolerated, false, cameraStatus},
+        {"statistics of the status", wire::kGrabStatistics, Outcome::Tolerated, false, cameraStatus},
+        {"size of the status", wire::kFormatSize, Outcome::Tolerated, false, cameraStatus},
+        {"register", wire::kReadRegister, Outcome::Mapped, false,
+         [](auto h) {
+             uint16_t value = 0;
+             return noexp_TARNIS_ReadI2C(h, 0, 0x22, &value);
+         }},
+        {"statistics", wire::kGrabStatistics, Outcome::Mapped, false,
+         [](auto h) {
+             TarnisGrabStat statistics{};
+             return TARNIS_GetGrabStat(h, 0, &statistics);
+         }},
+        {"get converter", wire::kGetConverter, Outcome::Mapped, false,
+         [](auto h) {
+             TarnisConverterParams params{};
+             return TARNIS_GetColorSpaceConverterParams(h, &params);
+         }},
+        {"set converter", wire::kSetConverter, Outcome::Mapped, false,
+         [](auto h) { return TARNIS_SetColorSpaceConverterParams(h, &wire::kDefaultConverter); }},
+        {"prepare", wire::kPrepare, Outcome::Mapped, true, prepare},
+        {"stop", wire::kStopGrabbing, Outcome::Mapped, true, [](auto h) { return TARNIS_StopGrab(h, 0); }},
+    };
+    return all;
+}
+
+struct FaultCase {
+    const char* name;
+    Fault fault;
+    uint32_t result;
+};
+
+/// The faults that end a request, with the library's result for each.
+std::vector<FaultCase> faultsOf(uint32_t code) {
+    return {{"access denied", {FaultKind::NtStatus, code, 0xC0000022, 0, 1, {}}, TARNIS_ACCESS_DENIED},
+            {"not supported", {FaultKind::NtStatus, code, 0xC00000BB, 0, 1, {}}, TARNIS_NOT_SUPPORTED},
+            {"invalid parameter", {FaultKind::NtStatus, code, 0xC000000D, 0, 1, {}}, TARNIS_FAILURE},
+            {"driver result", {FaultKind::DriverResult, code, 9, 0, 1, {}}, TARNIS_FAILURE},
+            {"short reply", {FaultKind::ShortReply, code, 3, 0, 1, {}}, TARNIS_FAILURE},
+            {"delay", {FaultKind::Delay, code, 30, 0, 1, {}}, TARNIS_SUCCESS}};
+}
+
+class DeviceFault : public DeviceTest {};
+
+} // namespace
+
+TEST_F(DeviceFault, EachHasItsResultItsLogLineAndNoAftermath) {
+    ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
+    for (const Case& c : cases())
+        for (const FaultCase& f : faultsOf(c.code)) {
+            SCOPED_TRACE(testing::Message() << c.name << ": " << f.name);
+            m_log.clear();
+            m_card.addFault(f.fault);
+            const ULONGLONG begin = GetTickCount64();
+            EXPECT_EQ(c.call(m_grabber), c.outcome == Outcome::Mapped ? f.result : uint32_t{TARNIS_SUCCESS});
+            EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+            int lines = 0;
+            for (const SeenRecord& record : m_log.records())
+                lines += record.functionName == "TARNIS_GIS::IOCtl" && record.severity == LOG_ERROR;
+            EXPECT_EQ(lines, f.result == TARNIS_SUCCESS ? 0 : 1);
+            EXPECT_EQ(m_card.state().faults, 0u) << "the fault was met";
+            EXPECT_EQ(c.call(m_grabber), 0u) << "the next call works";
+        }
+    EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
+}
+
+TEST_F(DeviceFault, ClaimAndReleaseAnswerWithTheDriversCode) {
+    for (const FaultCase& f : faultsOf(wire::kChannelAccess)) {
+        SCOPED_TRACE(f.name);
+        m_card.addFault(f.fault);
+        EXPECT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), f.result);
+        if (f.result != 0) {
+            EXPECT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u) << "rolled back, so it can be claimed";
+        }
+        m_card.addFault(f.fault);
+        EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), f.result);
+        EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), 253u) << "released all the same";
+    }
+}
+
+TEST_F(DeviceFault, ChunksTableAndSnapAnswerWithTheDriversCode) {
+    ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
+    const struct {
+        uint32_t code;
+        uint32_t (*call)(TARNIS_HANDLE);
+    } direct[] = {{wire::kLockChunk, prepare}, {wire::kChunkTable, prepare}, {wire::kSnap, snap}};
+    for (const auto& [code, call] : direct)
+        for (const FaultCase& f : faultsOf(code)) {
+            if (f.fault.kind != FaultKind::NtStatus) continue;
+            SCOPED_TRACE(testing::Message() << std::hex << code << ": " << f.name);
+            m_card.addFault(f.fault);
+            EXPECT_EQ(call(m_grabber), f.result);
+            EXPECT_EQ(call(m_grabber), 0u);
+        }
+    EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
+}
+
+TEST_F(DeviceFault, OpeningFailsCleanlyOrGoesOnWithoutTheSession) {
+    TARNIS_Done(m_grabber);
+    m_grabber = nullptr;
+    for (const FaultCase& f : faultsOf(wire::kOpenSession)) {
+        SCOPED_TRACE(f.name);
+        m_card.addFault(f.fault);
+        TARNIS_HANDLE handle = openCard();
+        EXPECT_EQ(handle != nullptr, f.result == TARNIS_SUCCESS);
+        if (handle) TARNIS_Done(handle);
+        EXPECT_EQ(m_card.state().clients, 0u);
+    }
+    for (const FaultCase& f : faultsOf(wire::kSessionWatch)) {
+        if (f.fault.kind != FaultKind::NtStatus) continue;
+        SCOPED_TRACE(f.name);
+        m_card.addFault(f.fault);
+        TARNIS_HANDLE handle = openCard();
+        ASSERT_NE(handle, nullptr) << "the watch is not needed to work";
+        EXPECT_EQ(cameraStatus(handle), 0u);
+        TARNIS_Done(handle);
+    }
+}
+
+TEST_F(DeviceFault, UnansweredRequestEndsWithTheHandleWhateverItIs) {
+    TARNIS_Done(m_grabber);
+    for (const Case& c : cases()) {
+        if (c.outcome != Outcome::Mapped) continue;
+        SCOPED_TRACE(c.name);
+        m_card.reset();
+        m_grabber = openCard();
+        ASSERT_NE(m_grabber, nullptr);
+        ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
+        m_card.addFault({FaultKind::NeverComplete, c.code, 0, 0, 1, {}});
+        uint32_t result = 0;
+        std::thread asker([&] { result = c.call(m_grabber); });
+        EXPECT_TRUE(waitUntil([&] { return m_card.state().faults == 0; }));
+        const ULONGLONG begin = GetTickCount64();
+        TARNIS_HANDLE closing = m_grabber;
+        m_grabber = nullptr;
+        EXPECT_EQ(TARNIS_Done(closing), 0u);
+        EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+        asker.join();
+        EXPECT_EQ(result, 255u);
+    }
+}
+
+} // namespace kestra::test
