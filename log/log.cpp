@@ -35,7 +35,16 @@ struct Tables {
     std::mutex changes; // opening, closing and listening
     std::wstring title;
 
+    /// True if the end of the process caught a thread inside the log. It never leaves the gate and never gives
+    /// back what it held there, be it a lock of ours or of the system: nothing may be waited for any more.
+    bool wreckedByProcessEnd() noexcept {
+        if (!platform::processIsEnding()) return false;
+        const std::unique_lock free(changes, std::try_to_lock);
+        return !free || !gate.isEmpty();
+    }
+
     ~Tables() {
+        if (wreckedByProcessEnd()) return; // the system takes everything back
         engines.forEach([](uint32_t, void* engine) { delete static_cast<LogEngine*>(engine); });
         modules.forEach([](uint32_t, void* list) { delete static_cast<HandleList*>(list); });
         logFloor.store(kNobodyListens, std::memory_order_relaxed);
@@ -199,6 +208,7 @@ bool logAcceptsExactly(uint32_t severity) noexcept {
 void logPoint(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
               const wchar_t* format, ...) noexcept {
     const platform::KeepLastError keep;
+    const ReaderGate::Pass pass(tables().gate); // marks where the end of the process may catch this thread
     LogRecord record;
     record.timeText = LogMakeTimeStamp(record);
     va_list arguments;
@@ -304,6 +314,10 @@ int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDir
 }
 
 int32_t LogClose(uint32_t handle) noexcept {
+    if (tables().wreckedByProcessEnd()) {
+        logFloor.store(kNobodyListens, std::memory_order_relaxed);
+        return 0;
+    }
     {
         const std::lock_guard lock(tables().changes);
         closeEngine(handle);

@@ -68,7 +68,8 @@ int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDir
                 uintptr_t reserved2, uint32_t systemDetail, uint32_t fileDetail, uint32_t ideDetail) noexcept;
 
 /// Takes back one LogOpen; the last one closes the channels and destroys the engine. Waits until no thread is
-/// inside a delivery to it: do not call it from a channel.
+/// inside a delivery to it: do not call it from a channel. If the end of the process ended a thread inside a log
+/// point, nothing is closed and no leave is taken: the system closes the channels.
 /// @return 0
 int32_t LogClose(uint32_t handle) noexcept;
 

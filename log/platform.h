@@ -26,6 +26,8 @@ void executablePath(wchar_t* path, size_t capacity) noexcept;
 /// printf into a buffer of `capacity` characters, always terminated.
 void format(wchar_t* buffer, size_t capacity, const wchar_t* format, va_list arguments) noexcept;
 void debugOutput(const wchar_t* text) noexcept;
+/// True once the process's exit has ended all other threads, wherever they stood.
+bool processIsEnding() noexcept;
 /// Waits, with messages pumped, for all handles given to addPendingHandle, then closes them.
 void waitForPendingHandles() noexcept;
 

@@ -59,6 +59,9 @@ void format(wchar_t* buffer, size_t capacity, const wchar_t* text, va_list argum
 }
 
 void debugOutput(const wchar_t*) noexcept {}
+bool processIsEnding() noexcept {
+    return false; // other threads run on while this one cleans up
+}
 void waitForPendingHandles() noexcept {}
 
 KeepLastError::KeepLastError() noexcept : m_error(static_cast<uint32_t>(errno)) {}

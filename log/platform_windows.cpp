@@ -62,6 +62,13 @@ void debugOutput(const wchar_t* text) noexcept {
     OutputDebugStringW(text);
 }
 
+bool processIsEnding() noexcept {
+    // Looked up: the import libraries at hand do not all name it.
+    using ShutdownInProgress = BOOLEAN(NTAPI*)();
+    const FARPROC found = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
+    return found && reinterpret_cast<ShutdownInProgress>(reinterpret_cast<void*>(found))();
+}
+
 KeepLastError::KeepLastError() noexcept : m_error(GetLastError()) {}
 KeepLastError::~KeepLastError() {
     SetLastError(m_error);

@@ -34,6 +34,8 @@ public:
         }
     }
 
+    bool isEmpty() const noexcept { return m_inside[0].load() == 0 && m_inside[1].load() == 0; }
+
 private:
     std::atomic<uint32_t> m_phase{0};
     std::atomic<uint32_t> m_inside[2]{};
