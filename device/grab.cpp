@@ -46,6 +46,7 @@ uint32_t kestra::checkHandleAndPort(const LogUnit& unit, const char* function, i
 
 uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     const std::lock_guard access(hGrabber->m_accessMutex);
     Channel& channel = hGrabber->channel(port);
     ++channel.openCount;
@@ -64,6 +65,7 @@ uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
 
 uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     const std::lock_guard access(hGrabber->m_accessMutex);
     Channel& channel = hGrabber->channel(port);
     if (!hGrabber->hasAccess(port)) {
@@ -94,6 +96,7 @@ uint32_t TARNIS_IsCameraConnected(TARNIS_HANDLE hGrabber, int8_t port, uint8_t* 
 
 uint32_t TARNIS_GetCameraStatus(TARNIS_HANDLE hGrabber, int8_t port, TarnisCameraStatus* pCameraStatus) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     if (!pCameraStatus) return nullPointer(__func__, __LINE__, L"pCameraStatus is NULL");
     constexpr uint16_t kFormatRegister = 0x22, kAudioRegister = 0x202, kOtherAudioRegister = 0x403;
     const int8_t input = inputPort(port);
@@ -167,6 +170,7 @@ uint32_t TARNIS_SetColorSpaceConverterParams(TARNIS_HANDLE hGrabber, const Tarni
 uint32_t TARNIS_StartGrab(TARNIS_HANDLE hGrabber, int8_t port, uint32_t startParam, TarnisCameraData* pCameraData,
                           TarnisFrameCallback callback, uint64_t context) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     if (!hGrabber->hasAccess(port)) {
         KESTRA_LOG(kUnit, __func__, LOG_ERROR, TARNIS_NO_DMA_ACCESS, L"No DMA Access!");
         return TARNIS_NO_DMA_ACCESS;
@@ -203,6 +207,7 @@ uint32_t TARNIS_StartGrab(TARNIS_HANDLE hGrabber, int8_t port, uint32_t startPar
 
 uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     if (!hGrabber->hasAccess(port)) return TARNIS_NO_DMA_ACCESS;
     wire::Header request{};
     wire::Reply reply{};
@@ -223,6 +228,7 @@ uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port) {
 uint32_t TARNIS_SnapFrames(TARNIS_HANDLE hGrabber, int8_t /*port: always 0*/, TarnisCameraData* pCameraData,
                            void* lpBuffer, uint32_t bufferLength, uint32_t* pBufferSize) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, 0)) return code;
+    const CallGuard call(*hGrabber);
     if (!hGrabber->hasAccess(0)) return TARNIS_NO_DMA_ACCESS;
     if (const uint32_t code = noexp_TARNIS_Prepare(hGrabber, 0, pCameraData)) return code;
     if (pBufferSize) {

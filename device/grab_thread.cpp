@@ -106,6 +106,10 @@ private:
             frame.frameWord0 = m_reply.frameWord0;
             frame.frameWord1 = m_reply.frameWord1;
             frame.lpRawBuffer = reinterpret_cast<const void*>(static_cast<uintptr_t>(m_reply.bufferAddress));
+            if (!m_buffers || !m_buffers->contains(frame.lpRawBuffer)) { // prepared anew since the last frame
+                const std::lock_guard lock(m_instance.m_state);
+                m_buffers = channel().buffers;
+            }
             frame.bufferSize = m_buffers ? m_buffers->bufferSize : 0;
             frame.frameByte = m_reply.frameByte;
             frame.frameWord2 = m_reply.frameWord2;
@@ -167,8 +171,8 @@ private:
 
     GrabRun& m_run;
     TARNIS_GIS& m_instance;
-    std::shared_ptr<DmaBuffers> m_buffers; // the callback may look at a frame while the channel is prepared anew
     UniqueObject m_inputCheck;
+    std::shared_ptr<DmaBuffers> m_buffers; // held: the channel may be prepared anew while the callback looks at a frame
     wire::Header m_request{};
     wire::LockBufferReply m_reply{};
     PendingRequest m_lock; // never left while the system may write to m_reply: see the destructor

@@ -12,6 +12,7 @@ namespace {
 
 constexpr LogUnit kUnit{"Initializing functions", L".\\TARNIS_Init.cpp"};
 constexpr DWORD kDrainMs = 1000;
+constexpr DWORD kOpenMs = 1000; // for each request of the opening: nobody has a handle yet that could end it
 
 UniqueObject logged(HANDLE object, const wchar_t* what) noexcept {
     if (!object) {
@@ -77,6 +78,10 @@ void TARNIS_GIS::release() noexcept {
 /// Under mutexAccess.
 void TARNIS_GIS::OpenCard() noexcept {
     ResetEvent(m_stopCard.get());
+    if (m_closing) { // set before the event was, so a reset that came after it is seen here
+        SetEvent(m_stopCard.get());
+        return;
+    }
     UniqueFile device(CreateFileW(m_devicePath.c_str(), GENERIC_READ | GENERIC_WRITE,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OVERLAPPED, nullptr));
@@ -93,7 +98,7 @@ void TARNIS_GIS::OpenCard() noexcept {
     wire::Header request{};
     wire::OpenSessionReply session{};
     m_sessionId = 0;
-    const RequestResult opened = ask(wire::kOpenSession, 0, request, session);
+    const RequestResult opened = ask(wire::kOpenSession, 0, request, session, kOpenMs);
     if (opened.status == TARNIS_SUCCESS) m_sessionId = session.sessionId;
     // A card without a session refuses everything else: it does not count as opened.
     bool refused = opened.status != TARNIS_SUCCESS;
@@ -106,10 +111,27 @@ void TARNIS_GIS::OpenCard() noexcept {
             wire::RegisterInputEventRequest registration{};
             registration.eventHandle = reinterpret_cast<uint64_t>(channel(port).inputCheck.get());
             wire::Reply reply{};
-            if (ask(wire::kRegisterInputEvent, port, registration, reply).driverResult != 0) refused = true;
+            if (ask(wire::kRegisterInputEvent, port, registration, reply, kOpenMs).driverResult != 0) refused = true;
         }
     }
     if (refused) closeDevice();
+}
+
+/// Ends the requests that are under way on other threads. With StopCard set.
+void TARNIS_GIS::cancelRequests(HANDLE device) noexcept {
+    while (m_requestCount.load() != 0) {
+        CancelIoEx(device, nullptr);
+        WaitForSingleObject(m_ioctlEmpty.get(), 10);
+    }
+}
+
+/// Sets StopCard so that no arrival resets it, and lets what is under way end. Needs no lock: the notifier's thread may
+/// hold mutexAccess, inside a request that the card never answers.
+void TARNIS_GIS::refuseRequestsForGood() noexcept {
+    m_closing = true;
+    SetEvent(m_stopCard.get());
+    if (m_requestCount.load() != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
+    cancelRequests(deviceHandle());
 }
 
 /// Ends every request and closes the handle. Under mutexAccess.
@@ -125,11 +147,7 @@ void TARNIS_GIS::closeDevice() noexcept {
         }
         if (buffers) buffers->unlock(device);
     }
-    // Requests that are still under way on other threads end now; nobody may be in one when the handle goes.
-    while (m_requestCount.load() != 0) {
-        CancelIoEx(device, nullptr);
-        WaitForSingleObject(m_ioctlEmpty.get(), 10);
-    }
+    cancelRequests(device); // nobody may be in one when the handle goes
     UniqueFile closing;
     const std::lock_guard lock(m_state);
     std::swap(closing, m_device);
@@ -148,7 +166,15 @@ void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
             run = channel.run;
             if (run && resumeLater && run->reported) channel.interrupted = run;
         }
-        if (run) TARNIS_StopGrab(this, port);
+        if (!run) continue;
+        TARNIS_StopGrab(this, port);
+        // Without DMA access that was refused: the run must end all the same, it keeps the instance alive.
+        if (WaitForSingleObject(run->stop.get(), 0) != WAIT_OBJECT_0) {
+            SetEvent(run->stop.get());
+            if (run->threadId != GetCurrentThreadId()) WaitForSingleObject(run->thread.get(), kDrainMs);
+            const std::lock_guard lock(m_state);
+            if (channel.run == run) channel.run.reset();
+        }
     }
     const HANDLE device = deviceHandle();
     if (device == INVALID_HANDLE_VALUE) return;
@@ -162,6 +188,7 @@ void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
 }
 
 void TARNIS_GIS::closeAndRelease() noexcept {
+    if (m_stopCard && m_ioctlEmpty) refuseRequestsForGood();
     // Before the mutex: the notifier's thread may be waiting for it in a handler.
     m_notifier.reset();
     if (m_mutexAccess) {

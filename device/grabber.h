@@ -63,6 +63,10 @@ public:
     std::vector<std::unique_ptr<Chunk>> chunks;
 
     bool isLocked() const noexcept;
+    bool contains(const void* address) const noexcept {
+        const auto offset = static_cast<uint64_t>(static_cast<const std::byte*>(address) - base);
+        return offset < uint64_t{bufferSize} * bufferCount;
+    }
     void unlock(HANDLE device) noexcept;
 };
 
@@ -102,6 +106,8 @@ uint32_t checkHandleAndPort(const LogUnit& unit, const char* function, int line,
 
 } // namespace kestra
 
+/// One opened card. Counted: the creator, each grabbing thread and each call that is under way hold it, so that a close
+/// on another thread takes it from under nobody.
 struct TARNIS_GIS final : public IDeviceAddRemove {
 public:
     /// Opens the card. isUsable() says whether that went well.
@@ -118,16 +124,18 @@ public:
 
     /// Makes one request of the driver: fills the header in, judges the outcome, logs failures.
     /// @param overlapped    with `asynchronous`: stays pending, the caller collects it; else null
+    /// @param patienceMs    a synchronous request that takes longer is cancelled: error 995
     kestra::RequestResult IOCtl(uint32_t code, int8_t port, void* request, uint32_t requestSize, void* reply,
-                                uint32_t replySize, OVERLAPPED* overlapped = nullptr,
-                                bool asynchronous = false) noexcept;
+                                uint32_t replySize, OVERLAPPED* overlapped = nullptr, bool asynchronous = false,
+                                DWORD patienceMs = INFINITE) noexcept;
     /// The same without header and without a look at the reply.
     kestra::RequestResult rawIOCtl(uint32_t code, const void* request, uint32_t requestSize, void* reply,
                                    uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous,
-                                   DWORD* replyBytes = nullptr) noexcept;
+                                   DWORD* replyBytes = nullptr, DWORD patienceMs = INFINITE) noexcept;
     template <class Request, class Reply>
-    kestra::RequestResult ask(uint32_t code, int8_t port, Request& request, Reply& reply) noexcept {
-        return IOCtl(code, port, &request, sizeof request, &reply, sizeof reply);
+    kestra::RequestResult ask(uint32_t code, int8_t port, Request& request, Reply& reply,
+                              DWORD patienceMs = INFINITE) noexcept {
+        return IOCtl(code, port, &request, sizeof request, &reply, sizeof reply, nullptr, false, patienceMs);
     }
     /// Issues a request that must outlive the calling thread, from the thread that lives as long as the instance.
     kestra::RequestResult issueLasting(uint32_t code, const void* request, uint32_t requestSize, void* reply,
@@ -150,6 +158,8 @@ private:
     ~TARNIS_GIS() = default;
 
     void OpenCard() noexcept;
+    void refuseRequestsForGood() noexcept;
+    void cancelRequests(HANDLE device) noexcept;
     void stopCard(bool resumeLater) noexcept;
     void closeDevice() noexcept;
     void resumeChannel(int8_t port) noexcept;
@@ -157,6 +167,7 @@ private:
 
     std::atomic<int> m_references{1};
     std::atomic<int32_t> m_requestCount{0};
+    std::atomic<bool> m_closing{false};
     kestra::UniqueObject m_sessionEvent, m_mutexAccess, m_stopCard, m_ioctlEmpty;
     const std::wstring m_devicePath;
     kestra::UniqueFile m_device; // replaced under m_state
@@ -167,3 +178,19 @@ private:
     kestra::RequestThread m_requestThread;
     std::unique_ptr<kestra::DeviceNotifier> m_notifier;
 };
+
+namespace kestra {
+
+/// Keeps the instance for the time of one call.
+class CallGuard {
+public:
+    explicit CallGuard(TARNIS_GIS& instance) noexcept : m_instance(instance) { instance.addReference(); }
+    ~CallGuard() { m_instance.release(); }
+    CallGuard(const CallGuard&) = delete;
+    CallGuard& operator=(const CallGuard&) = delete;
+
+private:
+    TARNIS_GIS& m_instance;
+};
+
+} // namespace kestra

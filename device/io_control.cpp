@@ -11,6 +11,13 @@ constexpr char kFunction[] = "TARNIS_GIS::IOCtl";
 constexpr int32_t kRequestFailed = 0x494F4641; // IOFA
 constexpr int32_t kDriverRefused = 0x494F4652; // IOFR
 
+/// Waits for the end of a pending request, which is cancelled when its time is over. @return its Win32 error
+DWORD awaitReply(HANDLE device, OVERLAPPED& overlapped, DWORD patienceMs, DWORD& bytes) noexcept {
+    if (patienceMs != INFINITE && WaitForSingleObject(overlapped.hEvent, patienceMs) == WAIT_TIMEOUT)
+        CancelIoEx(device, &overlapped);
+    return GetOverlappedResult(device, &overlapped, &bytes, TRUE) ? DWORD{ERROR_SUCCESS} : GetLastError();
+}
+
 } // namespace
 
 uint8_t kestra::statusOf(DWORD error) noexcept {
@@ -28,7 +35,8 @@ uint8_t kestra::statusOf(DWORD error) noexcept {
 
 RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t requestSize, void* reply,
                                    uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous,
-                                   DWORD* replyBytes) noexcept {
+                                   DWORD* replyBytes, DWORD patienceMs) noexcept {
+    const CallGuard call(*this);
     ++m_requestCount;
     ResetEvent(m_ioctlEmpty.get());
     DWORD error = ERROR_OPERATION_ABORTED;
@@ -50,8 +58,7 @@ RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t 
         } else {
             error = GetLastError();
             if (error == ERROR_IO_PENDING)
-                error = asynchronous || GetOverlappedResult(device, overlapped, &bytes, TRUE) ? ERROR_SUCCESS
-                                                                                              : GetLastError();
+                error = asynchronous ? DWORD{ERROR_SUCCESS} : awaitReply(device, *overlapped, patienceMs, bytes);
         }
         if (replyBytes) *replyBytes = bytes;
     }
@@ -63,12 +70,14 @@ RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t 
 }
 
 RequestResult TARNIS_GIS::IOCtl(uint32_t code, int8_t port, void* request, uint32_t requestSize, void* reply,
-                                uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous) noexcept {
+                                uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous,
+                                DWORD patienceMs) noexcept {
+    const CallGuard call(*this);
     const wire::Header header{static_cast<uint8_t>(port), sessionId()};
     std::memcpy(request, &header, sizeof header);
     DWORD replyBytes = 0;
     RequestResult result =
-        rawIOCtl(code, request, requestSize, reply, replySize, overlapped, asynchronous, &replyBytes);
+        rawIOCtl(code, request, requestSize, reply, replySize, overlapped, asynchronous, &replyBytes, patienceMs);
     // A synchronous reply that is shorter than its layout is no reply.
     if (result.status == TARNIS_SUCCESS && !asynchronous && replyBytes < replySize) {
         result.win32Error = ERROR_INVALID_DATA;

@@ -140,6 +140,7 @@ uint32_t prepareChannel(TARNIS_GIS& instance, int8_t port, TarnisCameraData& cam
 
 uint32_t noexp_TARNIS_Prepare(TARNIS_HANDLE hGrabber, int8_t port, TarnisCameraData* pCameraData) {
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
+    const CallGuard call(*hGrabber);
     if (!pCameraData) {
         KESTRA_LOG(kUnit, __func__, LOG_ERROR, TARNIS_INVALID_ARGUMENT, L"pCameraData is NULL");
         return TARNIS_INVALID_ARGUMENT;

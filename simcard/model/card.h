@@ -161,7 +161,7 @@ private:
         uint8_t selector, outputParameter;
         Signal preparedFor;
         uint32_t frameSize;
-        uint32_t bufferCount, nextFill, nextLock;
+        uint32_t bufferCount, nextFill;
         uint32_t generation;
         uint32_t lastTick;
         uint64_t eventHandle;
@@ -199,7 +199,12 @@ private:
     Pending* oldest(uint32_t client, PendingKind kind, uint8_t port) noexcept;
     uint32_t countPending(uint32_t client, PendingKind kind, uint8_t port) const noexcept;
     void serveLocks(uint32_t client, uint8_t port) noexcept;
-    void fillLockReply(Channel& channel, Buffer& buffer, uint32_t index, const Request& request) noexcept;
+    /// Index of the next buffer to fill: the first free one from nextFill on. A buffer that a client never gives back
+    /// is passed over. @return bufferCount: all are in use.
+    static uint32_t freeBuffer(const Channel& channel) noexcept;
+    /// Index of the filled buffer that has waited longest. @return bufferCount: none is filled.
+    static uint32_t oldestFilled(const Channel& channel) noexcept;
+    void fillLockReply(Channel& channel, uint32_t index, const Request& request) noexcept;
     Fault* matchFault(uint32_t code, bool dma) noexcept;
     bool consume(Fault& fault) noexcept;
     bool matchesInput(const Channel& channel) const noexcept;

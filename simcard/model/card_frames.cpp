@@ -32,7 +32,7 @@ bool Card::allReady() const noexcept {
     for (const Client& client : m_clients)
         for (const Channel& channel : client.channels)
             if (client.used && channel.grabbing && matchesInput(channel) &&
-                channel.buffers[channel.nextFill].state != BufferState::Free)
+                freeBuffer(channel) == channel.bufferCount)
                 return false;
     return true;
 }
@@ -41,7 +41,7 @@ bool Card::anyReady() const noexcept {
     for (const Client& client : m_clients)
         for (const Channel& channel : client.channels)
             if (client.used && channel.grabbing && matchesInput(channel) &&
-                channel.buffers[channel.nextFill].state == BufferState::Free)
+                freeBuffer(channel) != channel.bufferCount)
                 return true;
     for (const Pending& pending : m_pending)
         if (pending.used && pending.kind == PendingKind::Snap) return true;
@@ -87,23 +87,24 @@ bool Card::beginFrame(FrameJob& job) noexcept {
                 continue;
             channel.lastTick = m_frameNumber;
             ++channel.counters.frames;
-            Buffer& buffer = channel.buffers[channel.nextFill];
-            if (buffer.state != BufferState::Free) {
+            const uint32_t index = freeBuffer(channel);
+            if (index == channel.bufferCount) {
                 ++channel.counters.dropped;
                 continue;
             }
+            Buffer& buffer = channel.buffers[index];
             buffer.state = BufferState::Filling;
             buffer.frameNumber = m_frameNumber;
             buffer.serial = ++m_serial;
             job.client = i;
             job.port = port;
-            job.buffer = channel.nextFill;
+            job.buffer = index;
             job.generation = channel.generation;
             job.address = buffer.address;
             job.bytes = channel.frameSize;
             job.selector = channel.selector;
             job.outputParameter = channel.outputParameter;
-            channel.nextFill = (channel.nextFill + 1) % channel.bufferCount;
+            channel.nextFill = (index + 1) % channel.bufferCount;
             return true;
         }
     return false;
@@ -127,16 +128,33 @@ void Card::endFrame(const FrameJob& job, bool written) noexcept {
 void Card::serveLocks(uint32_t client, uint8_t port) noexcept {
     Channel& channel = m_clients[client].channels[port];
     if (!channel.grabbing) return;
-    while (channel.buffers[channel.nextLock].state == BufferState::Filled) {
+    for (uint32_t index; (index = oldestFilled(channel)) != channel.bufferCount;) {
         Pending* pending = oldest(client, PendingKind::LockBuffer, port);
         if (!pending) return;
-        const uint32_t index = channel.nextLock;
-        fillLockReply(channel, channel.buffers[index], index, pending->request);
+        fillLockReply(channel, index, pending->request);
         completePending(*pending, kStatusSuccess, sizeof(wire::LockBufferReply));
     }
 }
 
-void Card::fillLockReply(Channel& channel, Buffer& buffer, uint32_t index, const Request& request) noexcept {
+uint32_t Card::freeBuffer(const Channel& channel) noexcept {
+    for (uint32_t i = 0; i < channel.bufferCount; ++i) {
+        const uint32_t index = (channel.nextFill + i) % channel.bufferCount;
+        if (channel.buffers[index].state == BufferState::Free) return index;
+    }
+    return channel.bufferCount;
+}
+
+uint32_t Card::oldestFilled(const Channel& channel) noexcept {
+    uint32_t found = channel.bufferCount;
+    for (uint32_t i = 0; i < channel.bufferCount; ++i)
+        if (channel.buffers[i].state == BufferState::Filled &&
+            (found == channel.bufferCount || channel.buffers[i].serial < channel.buffers[found].serial))
+            found = i;
+    return found;
+}
+
+void Card::fillLockReply(Channel& channel, uint32_t index, const Request& request) noexcept {
+    Buffer& buffer = channel.buffers[index];
     wire::LockBufferReply reply = {};
     reply.frameWord0 = buffer.frameNumber;
     reply.frameWord1 = channel.counters.dropped;
@@ -148,13 +166,12 @@ void Card::fillLockReply(Channel& channel, Buffer& buffer, uint32_t index, const
     std::memcpy(request.out, &reply, sizeof reply);
     buffer.state = BufferState::Held;
     ++channel.counters.delivered;
-    channel.nextLock = (index + 1) % channel.bufferCount;
 }
 
 void Card::startChannel(Channel& channel) noexcept {
     for (Buffer& buffer : channel.buffers)
         buffer.state = BufferState::Free;
-    channel.nextFill = channel.nextLock = 0;
+    channel.nextFill = 0;
     channel.lastTick = m_frameNumber;
     ++channel.generation;
     channel.counters = {};

@@ -222,10 +222,10 @@ Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
             refused.result = kResultNotGrabbing;
             return reply(request, refused);
         }
-        Buffer& buffer = channel.buffers[channel.nextLock];
-        if (buffer.state != BufferState::Filled || oldest(index, PendingKind::LockBuffer, port))
+        const uint32_t filled = oldestFilled(channel);
+        if (filled == channel.bufferCount || oldest(index, PendingKind::LockBuffer, port))
             return pend(request, PendingKind::LockBuffer, port, logSequence);
-        fillLockReply(channel, buffer, channel.nextLock, request);
+        fillLockReply(channel, filled, request);
         return {kStatusSuccess, sizeof(wire::LockBufferReply)};
     }
     case wire::kUnlockBuffer: {

@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 namespace kestra::test {
 namespace {
@@ -522,6 +523,18 @@ TEST_F(DeviceGrab, StartAndStopCyclesLeaveNothingBehind) {
     EXPECT_LT(after.privateBytes, before.privateBytes + (2 << 20));
     EXPECT_EQ(counter.wrong, 0);
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
+}
+
+TEST_F(DeviceGrab, ClosingEndsAGrabWhoseAccessWasAlreadyReleased) {
+    FrameCounter counter;
+    const int own = 2; // the notifier and the request thread
+    const int threadsOpen = processCounts().threads;
+    ASSERT_EQ(start(counter), 0u);
+    ASSERT_TRUE(counter.waitForFrames(1));
+    ASSERT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
+    EXPECT_EQ(TARNIS_Done(std::exchange(m_grabber, nullptr)), 0u);
+    EXPECT_TRUE(waitUntil([&] { return processCounts().threads == threadsOpen - own; }))
+        << processCounts().threads << " threads are left of " << threadsOpen;
 }
 
 TEST_F(DeviceGrab, OpeningAndClosingLeavesNothingBehind) {

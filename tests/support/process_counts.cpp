@@ -1,9 +1,9 @@
-// Handles are counted in the system's own handle table: GetProcessHandleCount reports 0 under Wine.
+// Handles are counted in the system's own handle table and memory by a walk through the address space:
+// GetProcessHandleCount and PrivateUsage report 0 under Wine.
 #include "tests/support/process_counts.h"
 
 #include <windows.h>
 
-#include <psapi.h>
 #include <tlhelp32.h>
 
 #include <stdexcept>
@@ -61,14 +61,19 @@ int countThreads() {
     return count;
 }
 
+size_t countPrivateBytes() {
+    size_t bytes = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const char* address = nullptr; VirtualQuery(address, &region, sizeof region) == sizeof region;
+         address = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+    return bytes;
+}
+
 } // namespace
 
 ProcessCounts processCounts() {
-    PROCESS_MEMORY_COUNTERS_EX memory{};
-    memory.cb = sizeof memory;
-    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof memory))
-        throw std::runtime_error("the process's memory cannot be read");
-    return {countHandles(), countThreads(), memory.PrivateUsage};
+    return {countHandles(), countThreads(), countPrivateBytes()};
 }
 
 } // namespace kestra::test

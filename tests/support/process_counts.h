@@ -9,7 +9,7 @@ namespace kestra::test {
 struct ProcessCounts {
     int handles;
     int threads;
-    size_t privateBytes;
+    size_t privateBytes; ///< committed, not shared with other processes
 };
 
 /// Counts now. Throws std::runtime_error if the system refuses.
