@@ -34,6 +34,39 @@ private:
     HDEVINFO m_set;
 };
 
+/// Ends the calling thread's synchronous requests that take longer than a second each: a card that never answers must
+/// not hold up the enumeration of the others. Without memory or a thread for it there is no limit.
+class SynchronousRequestLimit {
+public:
+    SynchronousRequestLimit() {
+        HANDLE caller = nullptr;
+        if (!DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &caller, 0, FALSE,
+                             DUPLICATE_SAME_ACCESS))
+            return;
+        m_caller = UniqueObject(caller);
+        m_done = UniqueObject(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        if (m_done) m_thread = UniqueObject(CreateThread(nullptr, 0, watch, this, 0, nullptr));
+    }
+    ~SynchronousRequestLimit() {
+        if (!m_thread) return;
+        SetEvent(m_done.get());
+        WaitForSingleObject(m_thread.get(), INFINITE);
+    }
+    SynchronousRequestLimit(const SynchronousRequestLimit&) = delete;
+    SynchronousRequestLimit& operator=(const SynchronousRequestLimit&) = delete;
+
+private:
+    static DWORD WINAPI watch(void* self) noexcept {
+        const auto& limit = *static_cast<SynchronousRequestLimit*>(self);
+        while (WaitForSingleObject(limit.m_done.get(), kPatienceMs) == WAIT_TIMEOUT)
+            CancelSynchronousIo(limit.m_caller.get());
+        return 0;
+    }
+
+    static constexpr DWORD kPatienceMs = 1000;
+    UniqueObject m_caller, m_done, m_thread;
+};
+
 } // namespace
 
 uint32_t noexp_TARNIS_GetSlotInfo(HANDLE device, uint32_t* slotValue, wchar_t* text, uint32_t* textCapacity) noexcept {
@@ -113,6 +146,7 @@ void CDeviceEnumerator::EnumerateDevice(const GUID& interfaceClass, SlotInfo slo
                        static_cast<int>(index), detail->devicePath, static_cast<int>(lastError), lastError);
             continue;
         }
+        const SynchronousRequestLimit limit;
         uint32_t capacity = 0;
         status = slotInfo(device.get(), nullptr, nullptr, &capacity);
         if (capacity != 0) entry.text = std::make_unique<wchar_t[]>(capacity);

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <thread>
+#include <utility>
 
 namespace kestra::test {
 namespace {
@@ -176,10 +177,37 @@ TEST_F(DeviceFault, OpeningFailsCleanlyOrGoesOnWithoutTheSession) {
     }
 }
 
-TEST_F(DeviceFault, UnansweredRequestEndsWithTheHandleWhateverItIs) {
+namespace {
+
+/// Starts port 0 and, once that is refused or taken, returns its code.
+uint32_t startGrab(TARNIS_HANDLE h) {
+    TarnisCameraData data{};
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
+    return TARNIS_StartGrab(h, 0, 0, &data, nullptr, 0);
+}
+
+DeviceInterfaceDetail* detailOf(const std::wstring& devicePath, std::vector<std::byte>& block) {
+    block.resize(sizeof(uint32_t) + (devicePath.size() + 1) * sizeof(wchar_t));
+    auto* detail = reinterpret_cast<DeviceInterfaceDetail*>(block.data());
+    detail->size = uint32_t(block.size());
+    std::memcpy(detail->devicePath, devicePath.c_str(), (devicePath.size() + 1) * sizeof(wchar_t));
+    return detail;
+}
+
+} // namespace
+
+TEST_F(DeviceFault, UnansweredRequestEndsWhenTheCardIsClosedWhateverItIs) {
     TARNIS_Done(m_grabber);
-    for (const Case& c : cases()) {
-        if (c.outcome != Outcome::Mapped) continue;
+    std::vector<Case> all = cases();
+    all.push_back(
+        {"claim", wire::kChannelAccess, Outcome::Mapped, false, [](auto h) { return TARNIS_GetDMAAccess(h, 1); }});
+    all.push_back(
+        {"release", wire::kChannelAccess, Outcome::Mapped, true, [](auto h) { return TARNIS_ReleaseDMAAccess(h, 0); }});
+    all.push_back({"chunk table", wire::kChunkTable, Outcome::Mapped, true, prepare});
+    all.push_back({"snap", wire::kSnap, Outcome::Mapped, true, snap});
+    all.push_back({"prepare of a start", wire::kPrepare, Outcome::Mapped, true, startGrab});
+    all.push_back({"start", wire::kStartGrabbing, Outcome::Mapped, true, startGrab});
+    for (const Case& c : all) {
         SCOPED_TRACE(c.name);
         m_card.reset();
         m_grabber = openCard();
@@ -195,7 +223,100 @@ TEST_F(DeviceFault, UnansweredRequestEndsWithTheHandleWhateverItIs) {
         EXPECT_EQ(TARNIS_Done(closing), 0u);
         EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
         asker.join();
-        EXPECT_EQ(result, 255u);
+        EXPECT_EQ(result, c.outcome == Outcome::Mapped ? uint32_t{TARNIS_FAILURE} : uint32_t{TARNIS_SUCCESS});
+    }
+}
+
+TEST_F(DeviceFault, UnansweredLockOrUnlockDoesNotHoldUpAStop) {
+    for (const uint32_t code : {uint32_t(wire::kLockBuffer), uint32_t(wire::kUnlockBuffer)}) {
+        SCOPED_TRACE(testing::Message() << std::hex << code);
+        m_card.addFault({FaultKind::NeverComplete, code, 0, 2, 1, {}});
+        FrameCounter counter;
+        ASSERT_EQ(start(counter), 0u);
+        ASSERT_TRUE(waitUntil([&] { return m_card.state().faults == 0; }));
+        const ULONGLONG begin = GetTickCount64();
+        EXPECT_EQ(stop(), 0u);
+        EXPECT_LT(GetTickCount64() - begin, 1500u) << "a thread in a request is waited for one second";
+        m_card.clearFaults(); // ends the request
+    }
+    FrameCounter counter;
+    ASSERT_EQ(start(counter), 0u);
+    EXPECT_TRUE(counter.waitForFrames(3));
+    EXPECT_EQ(stop(), 0u);
+}
+
+TEST_F(DeviceFault, CardThatNeverAnswersTheOpeningGivesNoHandleInTime) {
+    TARNIS_Done(std::exchange(m_grabber, nullptr));
+    std::vector<std::byte> block;
+    const auto open = [&] { return TARNIS_InitByHandle(detailOf(m_card.devicePath(), block)); };
+    m_card.addFault({FaultKind::NeverComplete, wire::kOpenSession, 0, 0, 1, {}});
+    ULONGLONG begin = GetTickCount64();
+    EXPECT_EQ(open(), nullptr);
+    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+    EXPECT_EQ(m_log.count(L"DeviceIOCtl(0xCE322040) failed. ErrorCode=995(0x000003E3)."), 1);
+
+    // Without its input events the card is open all the same.
+    m_card.addFault({FaultKind::NeverComplete, wire::kRegisterInputEvent, 0, 0, 2, {}});
+    begin = GetTickCount64();
+    m_grabber = open();
+    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+    ASSERT_NE(m_grabber, nullptr);
+    EXPECT_EQ(m_log.count(L"DeviceIOCtl(0xCE32206C) failed. ErrorCode=995(0x000003E3)."), 2);
+    EXPECT_EQ(cameraStatus(m_grabber), 0u);
+}
+
+TEST_F(DeviceFault, ClosingDuringAnArrivalThatIsNeverAnsweredEnds) {
+    for (const uint32_t code : {uint32_t(wire::kOpenSession), uint32_t(wire::kChannelAccess)}) {
+        SCOPED_TRACE(testing::Message() << std::hex << code);
+        if (!m_grabber) m_grabber = openCard();
+        ASSERT_NE(m_grabber, nullptr);
+        ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
+        m_log.clear();
+        m_card.unplug();
+        ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStopped Leave") == 1; }));
+        m_card.addFault({FaultKind::NeverComplete, code, 0, 0, 1, {}});
+        m_card.plug();
+        ASSERT_TRUE(waitUntil([&] { return m_card.state().faults == 0; })) << "the arrival has asked";
+        const ULONGLONG begin = GetTickCount64();
+        EXPECT_EQ(TARNIS_Done(std::exchange(m_grabber, nullptr)), 0u);
+        EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+        EXPECT_EQ(m_card.state().clients, 0u);
+    }
+}
+
+TEST_F(DeviceFault, CardThatNeverTellsItsSlotIsListedAfterASecondAndTheOthersToo) {
+    m_card.addFault({FaultKind::NeverComplete, wire::kGetSlotInfo, 0, 0, 2, {}});
+    const ULONGLONG begin = GetTickCount64();
+    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
+    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+    ASSERT_NE(enumerator, nullptr);
+    DeviceEnumData data{};
+    data.size = sizeof data;
+    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u);
+    EXPECT_EQ(data.slotText, nullptr);
+    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u) << "the second card";
+    EXPECT_STREQ(data.slotText, L"Kestra HD-SDI (simulated)");
+    TARNIS_EnumClose(enumerator);
+    EXPECT_EQ(m_log.count(L"First chanceDeviceIOCtl(KestraCTL_GET_SLOT_INFO) failed. ErrorCode=995(0x000003E3)."), 2);
+}
+
+TEST_F(DeviceFault, FailedUnlocksAreLoggedAndTheFramesGoOn) {
+    for (const FaultCase& f : faultsOf(wire::kUnlockBuffer)) {
+        SCOPED_TRACE(f.name);
+        m_log.clear();
+        Fault twice = f.fault;
+        twice.skip = 1;
+        twice.count = 2;
+        m_card.addFault(twice);
+        FrameCounter counter;
+        ASSERT_EQ(start(counter), 0u);
+        EXPECT_TRUE(counter.waitForFrames(30)) << "three times as many as there are buffers";
+        EXPECT_EQ(stop(), 0u);
+        EXPECT_EQ(counter.wrong, 0);
+        int lines = 0;
+        for (const SeenRecord& record : m_log.records())
+            lines += record.functionName == "TARNIS_GIS::IOCtl";
+        EXPECT_EQ(lines, f.result == TARNIS_SUCCESS ? 0 : 2);
     }
 }
 

@@ -35,6 +35,8 @@ struct Layout {
 constexpr Signal kInterlaced = {1, 1, 1, 7, 0, 0, 1920, 1080, 0, 30, 1, 0};
 constexpr Signal kCinema = {1, 0, 1, kVideoMode24, 0, 1, 1280, 720, 0, 24000, 1001, 0};
 
+constexpr Signal kNoSignal = {};
+
 constexpr Layout kLayouts[] = {
     {"Progressive1080p60EightBit", kDefaultSignal, TARNIS_OUTPUT_YUV422_8, 1, false},
     {"Interlaced1080iTenBit", kInterlaced, TARNIS_OUTPUT_YUV422_10, 0, false},
@@ -102,12 +104,6 @@ protected:
     static void open(RawClient& client) {
         ASSERT_EQ(client.openError(), 0u);
         ASSERT_EQ(client.openSession(), 0u);
-    }
-    /// A card that makes one frame a second: what is asked of it now stays pending for a while.
-    void slowSignal() {
-        Signal slow = kDefaultSignal;
-        slow.rateNumerator = slow.rateDenominator = 1;
-        m_card.setSignal(slow);
     }
 };
 
@@ -231,7 +227,6 @@ TEST_F(RawStreamTest, SnapFillsTheCallersBufferWithOneFrame) {
 }
 
 TEST_F(RawStreamTest, StopEndsAWaitingLockAsChosen) {
-    slowSignal();
     for (const StopBehaviour behaviour : {StopBehaviour::Abort, StopBehaviour::LeavePending, StopBehaviour::Cancel}) {
         Options options = kDefaultOptions;
         options.stopBehaviour = behaviour;
@@ -239,6 +234,9 @@ TEST_F(RawStreamTest, StopEndsAWaitingLockAsChosen) {
         RawClient client(m_card.devicePath());
         open(client);
         RawStream stream(client, 0, TARNIS_OUTPUT_YUV422_8);
+        ASSERT_EQ(stream.start(), 0u); // prepared with a signal
+        ASSERT_EQ(stream.stop(), 0u);
+        m_card.setSignal(kNoSignal); // no frame will serve the lock
         ASSERT_EQ(stream.start(), 0u);
         const wire::Header header = client.header();
         wire::LockBufferReply reply = {};
@@ -260,6 +258,7 @@ TEST_F(RawStreamTest, StopEndsAWaitingLockAsChosen) {
             EXPECT_EQ(client.end(pending), DWORD{ERROR_OPERATION_ABORTED});
             break;
         }
+        m_card.setSignal(kDefaultSignal);
     }
 }
 

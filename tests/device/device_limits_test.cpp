@@ -1,0 +1,183 @@
+// Sizes and systems that no simulated signal gives: what the library does with a card that asks for huge or empty
+// frames, with old systems' limits, and without the objects that an instance needs.
+#include "tests/device/device_test.h"
+#include "tests/support/scoped_import_hook.h"
+
+#include <gmock/gmock.h>
+
+#include <windows.h>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+using Ioctl = decltype(&DeviceIoControl);
+using Version = decltype(&GetVersionExW);
+
+uint32_t g_frameSize; ///< what the prepared frame size becomes
+DWORD g_major, g_minor;
+Ioctl g_ioctl;
+std::vector<DWORD> g_lockedChunks; ///< lengths of the chunks that were locked, in order
+bool g_lockReally;
+
+/// Passes everything on, but the size in the prepare reply is the test's.
+BOOL WINAPI resizedIoctl(HANDLE device, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize, DWORD* bytes,
+                         OVERLAPPED* overlapped) {
+    if (code == wire::kLockChunk) {
+        g_lockedChunks.push_back(outSize);
+        if (!g_lockReally) {
+            SetLastError(ERROR_NOT_ENOUGH_MEMORY); // gigabytes are not for the driver
+            return FALSE;
+        }
+    }
+    BOOL ok = g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
+    if (code != wire::kPrepare || g_frameSize == 0xDEFA17) return ok;
+    if (!ok && GetLastError() == ERROR_IO_PENDING) ok = GetOverlappedResult(device, overlapped, bytes, TRUE);
+    if (ok) std::memcpy(static_cast<char*>(out) + 4, &g_frameSize, sizeof g_frameSize);
+    return ok;
+}
+
+BOOL WINAPI testVersion(OSVERSIONINFOW* version) {
+    version->dwMajorVersion = g_major;
+    version->dwMinorVersion = g_minor;
+    return TRUE;
+}
+
+class DeviceLimits : public DeviceTest {
+protected:
+    DeviceLimits() { g_ioctl = m_ioctlHook.original(); }
+    void SetUp() override {
+        ASSERT_TRUE(m_ioctlHook.installed());
+        ASSERT_TRUE(m_versionHook.installed());
+        g_frameSize = 0xDEFA17;
+        g_lockedChunks.clear();
+        g_lockReally = true;
+        g_major = 10;
+        g_minor = 0;
+        DeviceTest::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
+    }
+    void TearDown() override {
+        EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
+        DeviceTest::TearDown();
+    }
+    uint32_t prepare(uint32_t selector = TARNIS_OUTPUT_YUV422_8) {
+        TarnisCameraData data{};
+        data.outputSelector = selector;
+        return noexp_TARNIS_Prepare(m_grabber, 0, &data);
+    }
+
+    ScopedImportHook<Ioctl> m_ioctlHook{"kernel32.dll", "DeviceIoControl", resizedIoctl};
+    ScopedImportHook<Version> m_versionHook{"kernel32.dll", "GetVersionExW", testVersion};
+};
+
+} // namespace
+
+TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
+    struct Limit {
+        DWORD major, minor;
+        uint32_t largest;
+    };
+    // One byte more than a chunk of the system may have: 6.1 and later, 6.0, before.
+    for (const auto& [major, minor, largest] :
+         {Limit{10, 0, 0xFFFFF000}, Limit{6, 1, 0xFFFFF000}, Limit{6, 0, 0x7FFFF000}, Limit{5, 2, 0x1FF9E00}}) {
+        SCOPED_TRACE(testing::Message() << major << "." << minor);
+        g_major = major;
+        g_minor = minor;
+        g_frameSize = largest + 1;
+        EXPECT_EQ(prepare(), 5u);
+        EXPECT_TRUE(g_lockedChunks.empty());
+    }
+    g_frameSize = 0xFFFFFFFF;
+    g_major = 10;
+    EXPECT_EQ(prepare(), 5u) << "all that the word holds";
+    EXPECT_TRUE(g_lockedChunks.empty());
+}
+
+TEST_F(DeviceLimits, FrameOfTheLargestChunkIsLockedAloneAndItsRefusalAnswered) {
+    g_lockReally = false;
+    g_major = 5;
+    g_minor = 2;
+    g_frameSize = 0x1FF9E00;
+    EXPECT_EQ(prepare(), 255u);
+    EXPECT_THAT(g_lockedChunks, testing::ElementsAre(0x1FF9E00u)) << "one buffer a chunk, and the first is refused";
+}
+
+TEST_F(DeviceLimits, BuffersAreSpreadOverChunksOnSystemsWithSmallOnes) {
+    g_major = 5;
+    g_minor = 2;
+    ASSERT_EQ(prepare(), 0u); // 1920 * 1080 * 2 bytes: eight buffers fit into a chunk
+    constexpr uint32_t kFrame = 1920 * 1080 * 2;
+    EXPECT_THAT(g_lockedChunks, testing::ElementsAre(8 * kFrame, 2 * kFrame));
+    FrameCounter counter;
+    ASSERT_EQ(restart(counter), 0u);
+    EXPECT_TRUE(counter.waitForFrames(25)) << "frames arrive in the buffers of both chunks";
+    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 0), 0u);
+    EXPECT_EQ(counter.wrong, 0);
+}
+
+TEST_F(DeviceLimits, EmptyFrameIsAFailureAndTheNextPrepareWorks) {
+    g_frameSize = 0;
+    EXPECT_EQ(prepare(), 255u);
+    EXPECT_TRUE(g_lockedChunks.empty());
+    g_frameSize = 0xDEFA17;
+    EXPECT_EQ(prepare(), 0u);
+}
+
+TEST_F(DeviceLimits, BuffersThatTheSystemDoesNotGiveAreOutOfMemory) {
+    const ScopedImportHook<decltype(&VirtualAlloc)> hook("kernel32.dll", "VirtualAlloc",
+                                                         [](void*, SIZE_T, DWORD, DWORD) -> void* {
+                                                             SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                                                             return nullptr;
+                                                         });
+    ASSERT_TRUE(hook.installed());
+    EXPECT_EQ(prepare(), 5u);
+    EXPECT_TRUE(g_lockedChunks.empty());
+}
+
+namespace {
+
+int g_eventsBeforeFailure;
+decltype(&CreateEventW) g_createEvent;
+
+HANDLE WINAPI failingCreateEvent(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set, const wchar_t* name) {
+    if (g_eventsBeforeFailure-- != 0) return g_createEvent(security, manual, set, name);
+    SetLastError(ERROR_NO_SYSTEM_RESOURCES);
+    return nullptr;
+}
+
+} // namespace
+
+TEST_F(DeviceLimits, EachMissingEventIsNamedAndGivesNoHandle) {
+    std::vector<std::byte> block(512);
+    auto* detail = reinterpret_cast<DeviceInterfaceDetail*>(block.data());
+    const std::wstring path = m_card.devicePath();
+    std::memcpy(detail->devicePath, path.c_str(), (path.size() + 1) * sizeof(wchar_t));
+    // What an instance makes, in its order; the channels' events come with its members before.
+    const wchar_t* const texts[] = {L"session CreateEvent() failed. GetLastError=1450(0x5AA)",
+                                    L"StopCard CreateEvent() failed. GetLastError=1450(0x5AA)",
+                                    L"IOCTLEmpty CreateEvent() failed. GetLastError=1450(0x5AA)"};
+    int seen[3] = {};
+    for (int failing = 0; failing < 8; ++failing) {
+        m_log.clear();
+        g_eventsBeforeFailure = failing;
+        const ScopedImportHook<decltype(&CreateEventW)> hook("kernel32.dll", "CreateEventW", failingCreateEvent);
+        ASSERT_TRUE(hook.installed());
+        g_createEvent = hook.original();
+        TARNIS_HANDLE handle = TARNIS_InitByHandle(detail);
+        for (int i = 0; i < 3; ++i)
+            if (m_log.count(texts[i]) != 0) {
+                ++seen[i];
+                EXPECT_EQ(m_log.count(texts[i]), 1);
+                EXPECT_EQ(handle, nullptr) << "without an event of its own an instance is of no use";
+                EXPECT_EQ(m_log.records()[0].functionName, "TARNIS_GIS::TARNIS_GIS");
+                EXPECT_EQ(m_log.records()[0].group, "Initializing functions");
+            }
+        if (handle) TARNIS_Done(handle);
+    }
+    EXPECT_THAT(seen, testing::ElementsAre(1, 1, 1));
+    EXPECT_EQ(m_card.state().clients, 1u) << "only the fixture has the card open";
+}
+
+} // namespace kestra::test
