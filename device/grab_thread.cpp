@@ -31,7 +31,7 @@ public:
     ~GrabLoop() { m_lock.end(m_instance.deviceHandle()); }
 
     void run() {
-        if (!m_lock.event || !m_inputCheck) return;
+        if (!m_lock.event || !m_unlock.event || !m_inputCheck) return;
         while (isCurrent()) {
             if (!m_lock.issued) issueLock();
             const HANDLE events[] = {m_run.stop.get(), m_inputCheck.get(), m_lock.event.get()};
@@ -57,7 +57,6 @@ private:
     Channel& channel() { return m_instance.channel(m_run.port); }
 
     bool isCurrent() {
-        if (WaitForSingleObject(m_run.stop.get(), 0) == WAIT_OBJECT_0) return false;
         const std::lock_guard lock(m_instance.m_state);
         return channel().run.get() == &m_run;
     }
@@ -93,7 +92,8 @@ private:
         if (deliver) callBack();
         wire::UnlockBufferRequest request{{}, m_reply.bufferId};
         wire::Reply reply{};
-        m_instance.ask(wire::kUnlockBuffer, m_run.port, request, reply);
+        m_instance.IOCtl(wire::kUnlockBuffer, m_run.port, &request, sizeof request, &reply, sizeof reply,
+                         &m_unlock.overlapped);
     }
 
     void callBack() {
@@ -175,7 +175,8 @@ private:
     std::shared_ptr<DmaBuffers> m_buffers; // held: the channel may be prepared anew while the callback looks at a frame
     wire::Header m_request{};
     wire::LockBufferReply m_reply{};
-    PendingRequest m_lock; // never left while the system may write to m_reply: see the destructor
+    PendingRequest m_unlock; // its event serves every unlock
+    PendingRequest m_lock;   // never left while the system may write to m_reply: see the destructor
 };
 
 uint32_t grab(GrabRun& run) {

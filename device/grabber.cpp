@@ -77,9 +77,9 @@ void TARNIS_GIS::release() noexcept {
 
 /// Under mutexAccess.
 void TARNIS_GIS::OpenCard() noexcept {
-    ResetEvent(m_stopCard.get());
-    if (m_closing) { // set before the event was, so a reset that came after it is seen here
-        SetEvent(m_stopCard.get());
+    resetStopCard();
+    if (m_closing) { // set before StopCard was, so a reset that came after it is seen here
+        setStopCard();
         return;
     }
     UniqueFile device(CreateFileW(m_devicePath.c_str(), GENERIC_READ | GENERIC_WRITE,
@@ -117,6 +117,23 @@ void TARNIS_GIS::OpenCard() noexcept {
     if (refused) closeDevice();
 }
 
+void TARNIS_GIS::setStopCard() noexcept {
+    m_stopped = true;
+    SetEvent(m_stopCard.get());
+}
+
+void TARNIS_GIS::resetStopCard() noexcept {
+    ResetEvent(m_stopCard.get());
+    m_stopped = false;
+}
+
+/// With StopCard set, so that no request follows: lets those under way end by themselves for a while. The event is
+/// signalled only with StopCard set; a request that was through before does not count any more.
+void TARNIS_GIS::waitForRequests() noexcept {
+    ResetEvent(m_ioctlEmpty.get());
+    if (m_requestCount.load() != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
+}
+
 /// Ends the requests that are under way on other threads. With StopCard set.
 void TARNIS_GIS::cancelRequests(HANDLE device) noexcept {
     while (m_requestCount.load() != 0) {
@@ -129,8 +146,8 @@ void TARNIS_GIS::cancelRequests(HANDLE device) noexcept {
 /// hold mutexAccess, inside a request that the card never answers.
 void TARNIS_GIS::refuseRequestsForGood() noexcept {
     m_closing = true;
-    SetEvent(m_stopCard.get());
-    if (m_requestCount.load() != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
+    setStopCard();
+    waitForRequests();
     cancelRequests(deviceHandle());
 }
 
@@ -156,8 +173,8 @@ void TARNIS_GIS::closeDevice() noexcept {
 /// Stops requests and threads and closes the handle. Under mutexAccess.
 /// @param resumeLater  arrival shall start again what was grabbing
 void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
-    SetEvent(m_stopCard.get());
-    if (m_requestCount.load() != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
+    setStopCard();
+    waitForRequests();
     for (int8_t port = 0; port < 2; ++port) {
         Channel& channel = this->channel(port);
         std::shared_ptr<GrabRun> run;

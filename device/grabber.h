@@ -123,7 +123,8 @@ public:
     void DeviceArrived(const DEV_BROADCAST_DEVICEINTERFACE_W& device) noexcept override;
 
     /// Makes one request of the driver: fills the header in, judges the outcome, logs failures.
-    /// @param overlapped    with `asynchronous`: stays pending, the caller collects it; else null
+    /// @param overlapped    with `asynchronous`: stays pending, the caller collects it; else null, or a record with an
+    ///                      event of the caller's that is waited for
     /// @param patienceMs    a synchronous request that takes longer is cancelled: error 995
     kestra::RequestResult IOCtl(uint32_t code, int8_t port, void* request, uint32_t requestSize, void* reply,
                                 uint32_t replySize, OVERLAPPED* overlapped = nullptr, bool asynchronous = false,
@@ -158,6 +159,9 @@ private:
     ~TARNIS_GIS() = default;
 
     void OpenCard() noexcept;
+    void setStopCard() noexcept;
+    void resetStopCard() noexcept;
+    void waitForRequests() noexcept;
     void refuseRequestsForGood() noexcept;
     void cancelRequests(HANDLE device) noexcept;
     void stopCard(bool resumeLater) noexcept;
@@ -168,6 +172,8 @@ private:
     std::atomic<int> m_references{1};
     std::atomic<int32_t> m_requestCount{0};
     std::atomic<bool> m_closing{false};
+    /// Follows the StopCard event, and is what requests look at: asking the system twice a frame would show.
+    std::atomic<bool> m_stopped{false};
     kestra::UniqueObject m_sessionEvent, m_mutexAccess, m_stopCard, m_ioctlEmpty;
     const std::wstring m_devicePath;
     kestra::UniqueFile m_device; // replaced under m_state

@@ -34,13 +34,12 @@ uint8_t kestra::statusOf(DWORD error) noexcept {
 }
 
 RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t requestSize, void* reply,
-                                   uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous,
-                                   DWORD* replyBytes, DWORD patienceMs) noexcept {
+                                   uint32_t replySize, OVERLAPPED* overlapped, bool asynchronous, DWORD* replyBytes,
+                                   DWORD patienceMs) noexcept {
     const CallGuard call(*this);
     ++m_requestCount;
-    ResetEvent(m_ioctlEmpty.get());
     DWORD error = ERROR_OPERATION_ABORTED;
-    if (WaitForSingleObject(m_stopCard.get(), 0) != WAIT_OBJECT_0) {
+    if (!m_stopped) {
         OVERLAPPED local{};
         UniqueObject localEvent;
         if (!overlapped) {
@@ -62,7 +61,7 @@ RequestResult TARNIS_GIS::rawIOCtl(uint32_t code, const void* request, uint32_t 
         }
         if (replyBytes) *replyBytes = bytes;
     }
-    if (--m_requestCount == 0) SetEvent(m_ioctlEmpty.get());
+    if (--m_requestCount == 0 && m_stopped) SetEvent(m_ioctlEmpty.get()); // somebody may be waiting for it
     RequestResult result;
     result.win32Error = static_cast<uint16_t>(error);
     result.status = statusOf(error);

@@ -1,0 +1,123 @@
+// Time per frame of the device library beside the bare request pair (lock and unlock by a raw client), in one run:
+// rounds of both alternate on the same card, which fills buffers as fast as they are given back.
+#include "device/tarnis.h"
+#include "simcard/client/raw_client.h"
+#include "simcard/ctl/control.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+namespace {
+
+using namespace kestra;
+using namespace kestra::simcard;
+
+constexpr int kRounds = 15;
+constexpr uint32_t kFrames = 1500;
+constexpr Signal kSmall = {1, 0, 0, 9, 0, 0, 64, 16, 0, 60, 1, 0}; // so that requests are what costs
+
+double microsecondsNow() {
+    LARGE_INTEGER ticks, frequency;
+    QueryPerformanceCounter(&ticks);
+    QueryPerformanceFrequency(&frequency);
+    return 1e6 * static_cast<double>(ticks.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+/// Microseconds per frame of lock and unlock without the library.
+double bareRound(const std::wstring& path) {
+    RawClient client(path);
+    client.openSession();
+    RawStream stream(client, 0, TARNIS_OUTPUT_YUV422_8);
+    if (stream.start() != 0) throw std::runtime_error("the raw stream does not start");
+    RawClient::Pending lock, unlock; // made once: the bare pair costs no more than its two requests
+    const wire::Header header = client.header();
+    wire::LockBufferReply buffer{};
+    wire::Reply reply{};
+    const auto ask = [&](RawClient::Pending& pending, uint32_t code, const void* in, DWORD inSize, void* out,
+                         DWORD outSize) {
+        const DWORD error = client.begin(pending, code, in, inSize, out, outSize);
+        if ((error != ERROR_SUCCESS && error != ERROR_IO_PENDING) || client.end(pending) != ERROR_SUCCESS)
+            throw std::runtime_error("the raw stream ends");
+    };
+    double begin = 0;
+    for (uint32_t i = 0; i < kFrames + 100; ++i) {
+        if (i == 100) begin = microsecondsNow();
+        ask(lock, wire::kLockBuffer, &header, sizeof header, &buffer, sizeof buffer);
+        const wire::UnlockBufferRequest request{header, buffer.bufferId};
+        ask(unlock, wire::kUnlockBuffer, &request, sizeof request, &reply, sizeof reply);
+    }
+    return (microsecondsNow() - begin) / kFrames;
+}
+
+struct Timed {
+    uint32_t frames = 0;
+    double begin = 0, end = 0;
+    HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ~Timed() { CloseHandle(done); }
+    static void onFrame(uint64_t context, const TarnisFrameInfo*) {
+        auto& self = *reinterpret_cast<Timed*>(context);
+        ++self.frames;
+        if (self.frames == 100) self.begin = microsecondsNow();
+        if (self.frames == kFrames + 100) {
+            self.end = microsecondsNow();
+            SetEvent(self.done);
+        }
+    }
+};
+
+double libraryRound() {
+    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
+    DeviceEnumData data{};
+    data.size = sizeof data;
+    if (TARNIS_EnumNext(enumerator, &data) != 0) throw std::runtime_error("no card");
+    TARNIS_HANDLE grabber = TARNIS_InitByHandle(data.interfaceDetail);
+    TARNIS_EnumClose(enumerator);
+    Timed timed;
+    TarnisCameraData camera{};
+    camera.outputSelector = TARNIS_OUTPUT_YUV422_8;
+    if (TARNIS_GetDMAAccess(grabber, 0) != 0 ||
+        TARNIS_StartGrab(grabber, 0, 0, &camera, Timed::onFrame, reinterpret_cast<uint64_t>(&timed)) != 0)
+        throw std::runtime_error("the library does not start");
+    WaitForSingleObject(timed.done, 60000);
+    TARNIS_StopGrab(grabber, 0);
+    TARNIS_ReleaseDMAAccess(grabber, 0);
+    TARNIS_Done(grabber);
+    return (timed.end - timed.begin) / kFrames;
+}
+
+} // namespace
+
+int main() {
+    try {
+        const CardControl card;
+        card.reset();
+        card.setSignal(kSmall);
+        Options fast = kDefaultOptions;
+        fast.pace = Pace::AsTaken;
+        card.setOptions(fast);
+        std::vector<double> bare, library;
+        for (int round = 0; round < kRounds; ++round) {
+            bare.push_back(bareRound(card.devicePath()));
+            library.push_back(libraryRound());
+        }
+        card.reset();
+        std::printf("%d rounds of %u frames each, median microseconds per frame\n", kRounds, kFrames);
+        std::printf("  lock and unlock by a raw client  %8.1f\n", median(bare));
+        std::printf("  device library, to the callback  %8.1f\n", median(library));
+        std::printf("  library / raw                    %8.3f\n", median(library) / median(bare));
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "device_bench: %s\n", error.what());
+        return 1;
+    }
+}
