@@ -31,8 +31,7 @@ bool Card::wantsFrames() const noexcept {
 bool Card::allReady() const noexcept {
     for (const Client& client : m_clients)
         for (const Channel& channel : client.channels)
-            if (client.used && channel.grabbing && matchesInput(channel) &&
-                freeBuffer(channel) == channel.bufferCount)
+            if (client.used && channel.grabbing && matchesInput(channel) && freeBuffer(channel) == channel.bufferCount)
                 return false;
     return true;
 }
@@ -40,8 +39,7 @@ bool Card::allReady() const noexcept {
 bool Card::anyReady() const noexcept {
     for (const Client& client : m_clients)
         for (const Channel& channel : client.channels)
-            if (client.used && channel.grabbing && matchesInput(channel) &&
-                freeBuffer(channel) != channel.bufferCount)
+            if (client.used && channel.grabbing && matchesInput(channel) && freeBuffer(channel) != channel.bufferCount)
                 return true;
     for (const Pending& pending : m_pending)
         if (pending.used && pending.kind == PendingKind::Snap) return true;
