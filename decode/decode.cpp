@@ -1,0 +1,132 @@
+// The decoder's entry: checks, geometry, and the line loops.
+#include "decode/decode.h"
+
+#include "decode/line_kernels.h"
+#include "decode/parallel.h"
+#include "decode/region_kernels.h"
+#include "decode/scratch_image.h"
+#include "device/tarnis.h"
+#include "log/log.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+using namespace kestra;
+
+namespace {
+
+constexpr LogUnit kUnit{"\"Unpack Functions\"", L".\\TARNIS_unpack.cpp"};
+constexpr char kFunction[] = "TARNIS_Decode";
+
+/// Lines of an image: where the first one is and how far it is to the next.
+template <class Byte>
+struct Lines {
+    Byte* first;
+    ptrdiff_t stepBytes;
+    Byte* operator[](uint32_t line) const noexcept { return first + stepBytes * static_cast<ptrdiff_t>(line); }
+    Lines from(uint32_t line, ptrdiff_t step) const noexcept { return {(*this)[line], step}; }
+};
+
+struct Frame {
+    uint32_t width, height; ///< of the image that is decoded
+    bool interlaced;        ///< the second field follows the first
+    Lines<const uint8_t> raw;
+    Lines<uint8_t> rgb;
+    uint32_t firstFieldLines() const noexcept { return (height + 1) / 2; }
+};
+
+void convertLines(const LineConversion& conversion, uint32_t lines, uint32_t pairs, Lines<const uint8_t> raw,
+                  Lines<uint8_t> rgb) {
+    const ConvertLine convert = convertLineFor(conversion);
+    const uint64_t bytes = uint64_t{lines} * (static_cast<uint64_t>(std::llabs(raw.stepBytes)) + 6ull * pairs);
+    forEachLine(lines, bytes, [&](uint32_t i) {
+        uint8_t* out = rgb[i];
+        const auto next = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(rgb.stepBytes);
+        convert(conversion, raw[i], out, pairs, reinterpret_cast<const uint8_t*>(next)); // a hint only
+    });
+}
+
+/// 4:2:2 of either depth, fields woven.
+void convertFrame(const Frame& frame, SampleDepth depth) {
+    TarnisConverterParams params;
+    TARNIS_GetDefaultColorSpaceConverterParams(&params);
+    buildTables(g_colorTables, depth, params);
+    const LineConversion conversion{g_colorTables, params};
+    const uint32_t pairs = frame.width / 2;
+    if (!frame.interlaced) return convertLines(conversion, frame.height, pairs, frame.raw, frame.rgb);
+    const uint32_t first = frame.firstFieldLines();
+    const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
+    convertLines(conversion, first, pairs, frame.raw, frame.rgb.from(0, twoLines));
+    convertLines(conversion, frame.height - first, pairs, frame.raw.from(first, frame.raw.stepBytes),
+                 frame.rgb.from(1, twoLines));
+}
+
+/// Lines of 24-bit RGB as they are. One block of lines for each thread.
+void copyLines(uint32_t lines, uint32_t width, Lines<const uint8_t> raw, Lines<uint8_t> rgb) {
+    constexpr uint32_t kBlock = 16; // lines: a thread's prefetches then reach the next line of its own
+    const uint64_t bytes = uint64_t{lines} * width * 6;
+    forEachLine((lines + kBlock - 1) / kBlock, bytes, [&](uint32_t block) {
+        const uint32_t line = block * kBlock, count = lines - line < kBlock ? lines - line : kBlock;
+        copyRegionC3(raw[line], static_cast<int32_t>(raw.stepBytes), rgb[line], static_cast<int32_t>(rgb.stepBytes),
+                     {static_cast<int32_t>(width), static_cast<int32_t>(count)});
+    });
+}
+
+void copyFrame(const Frame& frame) {
+    if (!frame.interlaced) return copyLines(frame.height, frame.width, frame.raw, frame.rgb);
+    // Both fields have height / 2 lines here: the last raw line of an odd height is not copied.
+    const uint32_t fieldLines = frame.height / 2;
+    const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
+    copyLines(fieldLines, frame.width, frame.raw, frame.rgb.from(0, twoLines));
+    copyLines(fieldLines, frame.width, frame.raw.from(fieldLines, frame.raw.stepBytes), frame.rgb.from(1, twoLines));
+}
+
+uint32_t refused(int line, const wchar_t* text) noexcept {
+    KESTRA_LOG_AT(line, kUnit, kFunction, LOG_ERROR, TARNIS_INVALID_ARGUMENT, L"%ls", text);
+    return TARNIS_INVALID_ARGUMENT;
+}
+
+} // namespace
+
+uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixels, void* pDst, int32_t* pStrideSize,
+                       uint32_t /*outputFormat*/, const void* /*reserved1*/, const void* /*reserved2*/) {
+    if (!cameraData) return refused(610, L"cameraData is NULL");
+    if (!pStrideSize) return refused(611, L"pStrideSize is NULL");
+    const uint32_t width = cameraData->status.width;
+    const auto needed = static_cast<int32_t>((width * 3 + 3) & ~3u);
+    if (!pRawPixels) *pStrideSize = 0;
+    if (std::llabs(int64_t{*pStrideSize}) < needed || !pDst) {
+        *pStrideSize = needed;
+        return TARNIS_INVALID_ARGUMENT;
+    }
+    if (!pRawPixels) return refused(624, L"pRawPixels is NULL"); // only without any width
+
+    Frame frame{width,
+                cameraData->status.height,
+                cameraData->status.interlaced == 1,
+                {static_cast<const uint8_t*>(pRawPixels), 0},
+                {static_cast<uint8_t*>(pDst), *pStrideSize}};
+    if (cameraData->outputParameter == 1 && frame.interlaced) {
+        frame.interlaced = false; // the first field alone
+        frame.height /= 2;
+    }
+    switch (cameraData->outputSelector) {
+    case TARNIS_OUTPUT_YUV422_10: {
+        const ScratchImage scratch(width, frame.height);
+        if (!scratch) return TARNIS_OUT_OF_MEMORY;
+        frame.raw.stepBytes = ptrdiff_t{8} * ((width * 2 + 5) / 6);
+        convertFrame(frame, SampleDepth::Ten);
+        return TARNIS_SUCCESS;
+    }
+    case TARNIS_OUTPUT_YUV422_8:
+        frame.raw.stepBytes = (width * 2 + 3) & ~3u;
+        convertFrame(frame, SampleDepth::Eight);
+        return TARNIS_SUCCESS;
+    case TARNIS_OUTPUT_RGB24:
+        frame.raw.stepBytes = needed;
+        copyFrame(frame);
+        return TARNIS_SUCCESS;
+    default:
+        return TARNIS_NOT_SUPPORTED;
+    }
+}

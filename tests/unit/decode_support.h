@@ -1,0 +1,142 @@
+// What the decoder's tests share: raw lines of known samples, memory with guards, and the rows that run here.
+#pragma once
+
+#include "decode/cpu_variants.h"
+#include "device/records.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+namespace kestra::test {
+
+inline bool longRun() {
+    const char* value = std::getenv("KESTRA_LONG");
+    return value && value[0] == '1';
+}
+
+/// The variants that this processor runs; says once which it lacks.
+inline std::vector<int> runningVariants() {
+    std::vector<int> rows;
+    for (int variant = 0; variant < kCpuVariants; ++variant)
+        if (cpuRuns(variant)) rows.push_back(variant);
+    return rows;
+}
+
+/// Uses one variant for the life of the object.
+class ForcedVariant {
+public:
+    explicit ForcedVariant(int variant) : m_before(cpuVariant()) { EXPECT_TRUE(forceCpuVariant(variant)); }
+    ~ForcedVariant() { forceCpuVariant(m_before); }
+    ForcedVariant(const ForcedVariant&) = delete;
+    ForcedVariant& operator=(const ForcedVariant&) = delete;
+
+private:
+    int m_before;
+};
+
+/// Bytes that end where the next page cannot be touched (or begin where the one before cannot): whoever reads or writes
+/// beyond them is stopped.
+class GuardedBytes {
+public:
+    /// @param atEnd the bytes end at the guard; else they begin at one
+    explicit GuardedBytes(size_t size, bool atEnd = true) : m_size(size) {
+        m_pages = (size + kPage - 1) / kPage * kPage;
+        m_base = reserve(m_pages + 2 * kPage);
+        protect(m_base, kPage);
+        protect(m_base + kPage + m_pages, kPage);
+        m_data = m_base + kPage + (atEnd ? m_pages - size : 0);
+    }
+    ~GuardedBytes() { release(m_base, m_pages + 2 * kPage); }
+    GuardedBytes(const GuardedBytes&) = delete;
+    GuardedBytes& operator=(const GuardedBytes&) = delete;
+
+    uint8_t* data() const { return m_data; }
+    size_t size() const { return m_size; }
+    uint8_t* begin() const { return m_data; }
+    uint8_t* end() const { return m_data + m_size; }
+
+private:
+    static constexpr size_t kPage = 4096;
+#ifdef _WIN32
+    static uint8_t* reserve(size_t bytes) {
+        return static_cast<uint8_t*>(VirtualAlloc(nullptr, bytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    }
+    static void protect(uint8_t* base, size_t bytes) {
+        DWORD old = 0;
+        VirtualProtect(base, bytes, PAGE_NOACCESS, &old);
+    }
+    static void release(uint8_t* base, size_t) {
+        VirtualFree(base, 0, MEM_RELEASE);
+    }
+#else
+    static uint8_t* reserve(size_t bytes) {
+        return static_cast<uint8_t*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    }
+    static void protect(uint8_t* base, size_t bytes) {
+        mprotect(base, bytes, PROT_NONE);
+    }
+    static void release(uint8_t* base, size_t bytes) {
+        munmap(base, bytes);
+    }
+#endif
+    size_t m_size, m_pages;
+    uint8_t *m_base, *m_data;
+};
+
+inline void fillRandom(uint8_t* first, uint8_t* last, uint32_t seed) {
+    std::mt19937 random(seed);
+    for (; first != last; ++first)
+        *first = static_cast<uint8_t>(random());
+}
+
+/// Bytes from one raw line to the next.
+inline size_t rawStride(uint32_t selector, uint32_t width) {
+    switch (selector) {
+    case TARNIS_OUTPUT_YUV422_10:
+        return (width * 2 + 5) / 6 * size_t{8};
+    case TARNIS_OUTPUT_YUV422_8:
+        return (width * 2 + 3) & ~3u;
+    default:
+        return (width * 3 + 3) & ~3u;
+    }
+}
+
+inline uint32_t rgbStride(uint32_t width) {
+    return (width * 3 + 3) & ~3u;
+}
+
+inline TarnisCameraData cameraData(uint32_t selector, uint16_t width, uint16_t height, bool interlaced = false) {
+    TarnisCameraData data{};
+    data.outputSelector = selector;
+    data.status.width = width;
+    data.status.height = height;
+    data.status.interlaced = interlaced ? 1 : 0;
+    return data;
+}
+
+/// Packs 10-bit samples, six in a word.
+inline std::vector<uint8_t> pack10(const std::vector<uint16_t>& samples) {
+    std::vector<uint8_t> bytes((samples.size() + 5) / 6 * 8);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        uint64_t word = 0;
+        std::memcpy(&word, &bytes[i / 6 * 8], sizeof word);
+        word |= uint64_t{samples[i]} << 10 * (i % 6);
+        std::memcpy(&bytes[i / 6 * 8], &word, sizeof word);
+    }
+    return bytes;
+}
+
+} // namespace kestra::test

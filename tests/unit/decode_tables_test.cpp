@@ -1,0 +1,278 @@
+// The colour tables, the pair conversion, and the line kernels' agreement with them over all samples.
+#include "decode/color_tables.h"
+#include "decode/line_kernels.h"
+#include "device/wire.h"
+#include "tests/unit/decode_support.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <memory>
+
+namespace kestra::test {
+namespace {
+
+const TarnisConverterParams kDefaults = wire::kDefaultConverter;
+
+std::unique_ptr<ColorTables> tablesFor(SampleDepth depth, const TarnisConverterParams& params = kDefaults) {
+    auto tables = std::make_unique<ColorTables>();
+    buildTables(*tables, depth, params);
+    return tables;
+}
+
+std::array<uint8_t, 6> pair8(const TarnisConverterParams& params, uint8_t y0, uint8_t cb, uint8_t y1, uint8_t cr) {
+    const auto tables = tablesFor(SampleDepth::Eight, params);
+    const uint8_t samples[4] = {y0, cb, y1, cr};
+    std::array<uint8_t, 6> bgr{};
+    convertPair8(*tables, params, samples, bgr.data());
+    return bgr;
+}
+
+std::array<uint8_t, 6> pair10(const TarnisConverterParams& params, uint16_t y0, uint16_t cb, uint16_t y1, uint16_t cr) {
+    const auto tables = tablesFor(SampleDepth::Ten, params);
+    const uint16_t samples[4] = {y0, cb, y1, cr};
+    std::array<uint8_t, 6> bgr{};
+    convertPair10(*tables, params, samples, bgr.data());
+    return bgr;
+}
+
+} // namespace
+
+TEST(ColorTables, StartZeroedForEightBits) {
+    static const ColorTables zero{};
+    EXPECT_EQ(zero.depth, SampleDepth::Eight);
+    EXPECT_TRUE(std::all_of(std::begin(zero.YR), std::end(zero.YR), [](int32_t entry) { return entry == 0; }));
+}
+
+TEST(ColorTables, DefaultEntriesAreTruncatedProducts) {
+    const auto eight = tablesFor(SampleDepth::Eight);
+    EXPECT_EQ(eight->YR[16], 0);
+    EXPECT_EQ(eight->YG[235], 254);  // 219 * 1.164 = 254.916
+    EXPECT_EQ(eight->YB[0], -18);    // -16 * 1.164 = -18.624, toward zero
+    EXPECT_EQ(eight->CrR[255], 202); // 127 * 1.596 = 202.69
+    EXPECT_EQ(eight->CrR[0], -204);  // -128 * 1.596 = -204.288
+    EXPECT_EQ(eight->CrG[0], -104);  // -128 * 0.813 = -104.06
+    EXPECT_EQ(eight->CbB[255], 256); // 127 * 2.017 = 256.159
+    EXPECT_EQ(eight->CbG[255], 49);  // 127 * 0.392 = 49.784
+    const auto ten = tablesFor(SampleDepth::Ten);
+    EXPECT_EQ(ten->YR[940], 1019);  // 876 * 1.164 = 1019.66
+    EXPECT_EQ(ten->CbB[0], -1032);  // -512 * 2.017 = -1032.7
+    EXPECT_EQ(ten->CrR[1023], 815); // 511 * 1.596 = 815.556
+    // Entries that only single precision, rounded at each product, gives.
+    for (const int i : {12, 262, 762, 1012})
+        EXPECT_EQ(ten->CrR[i], static_cast<int32_t>(static_cast<float>(i - 512) * 1.596f)) << i;
+    EXPECT_EQ(ten->CrR[12], -798) << "-500 * 1.596";
+}
+
+TEST(ColorTables, SampleOffsetsShiftArithmeticallyForEightBits) {
+    TarnisConverterParams params = kDefaults;
+    params.YOff = -5; // -5 >> 2 is -2
+    params.CrOff = 515;
+    const auto tables = tablesFor(SampleDepth::Eight, params);
+    EXPECT_EQ(tables->YR[0], 2); // 2 * 1.164
+    EXPECT_EQ(tables->CrR[128], 0);
+    EXPECT_EQ(tables->CrR[129], 1);
+}
+
+TEST(ColorTables, EightBitBuildRewritesTheFirst256EntriesOnly) {
+    auto tables = tablesFor(SampleDepth::Ten);
+    const int32_t before = tables->YR[256];
+    buildTables(*tables, SampleDepth::Eight, kDefaults);
+    EXPECT_EQ(tables->depth, SampleDepth::Eight);
+    EXPECT_EQ(tables->YR[256], before);
+    EXPECT_EQ(tables->YR[235], 254);
+}
+
+TEST(ColorTables, AreRebuiltForEveryFieldButTheLimits) {
+    using P = TarnisConverterParams;
+    void (*const changes[])(P&) = {
+        [](P& p) { ++p.YOff; },         [](P& p) { ++p.CrOff; },      [](P& p) { ++p.CbOff; },
+        [](P& p) { p.Y1 += 1; },        [](P& p) { p.R1 += 1; },      [](P& p) { p.G1 += 1; },
+        [](P& p) { p.G2 += 1; },        [](P& p) { p.B1 += 1; },      [](P& p) { ++p.RedOffset; },
+        [](P& p) { ++p.GreenOffset; },  [](P& p) { ++p.BlueOffset; }, [](P& p) { p.RedGain += 1; },
+        [](P& p) { p.GreenGain += 1; }, [](P& p) { p.BlueGain += 1; }};
+    for (size_t i = 0; i < std::size(changes); ++i) {
+        auto tables = tablesFor(SampleDepth::Ten);
+        tables->YR[0] = 12345; // still there: not rebuilt
+        buildTables(*tables, SampleDepth::Ten, kDefaults);
+        ASSERT_EQ(tables->YR[0], 12345);
+        TarnisConverterParams params = kDefaults;
+        changes[i](params);
+        buildTables(*tables, SampleDepth::Ten, params);
+        EXPECT_NE(tables->YR[0], 12345) << "change " << i;
+    }
+    auto tables = tablesFor(SampleDepth::Ten);
+    tables->YR[0] = 12345;
+    TarnisConverterParams limits = kDefaults;
+    limits.RMin = limits.GMin = limits.BMin = 9;
+    limits.RMax = limits.GMax = limits.BMax = 99;
+    buildTables(*tables, SampleDepth::Ten, limits);
+    EXPECT_EQ(tables->YR[0], 12345);
+    buildTables(*tables, SampleDepth::Eight, limits);
+    EXPECT_NE(tables->YR[0], 12345) << "another depth";
+}
+
+TEST(ColorTables, ExtremeParametersAreAbsorbed) {
+    TarnisConverterParams params = kDefaults;
+    params.Y1 = 3e38f;
+    params.RedGain = std::numeric_limits<float>::infinity();
+    params.GreenGain = std::numeric_limits<float>::quiet_NaN();
+    params.YOff = std::numeric_limits<int32_t>::min();
+    params.RedOffset = -128;
+    for (const SampleDepth depth : {SampleDepth::Eight, SampleDepth::Ten}) {
+        const auto tables = tablesFor(depth, params);
+        EXPECT_FALSE(tables->arithmeticIsExact);
+    }
+    pair8(params, 0, 255, 128, 0);
+    pair10(params, 1023, 0, 512, 1023);
+}
+
+TEST(PairConversion, BlackAndWhite) {
+    EXPECT_EQ(pair8(kDefaults, 16, 128, 235, 128), (std::array<uint8_t, 6>{0, 0, 0, 254, 254, 254}));
+    EXPECT_EQ(pair10(kDefaults, 64, 512, 940, 512), (std::array<uint8_t, 6>{0, 0, 0, 254, 254, 254}));
+}
+
+TEST(PairConversion, OffsetActsInUnitsOfItsDepth) {
+    TarnisConverterParams raised = kDefaults;
+    raised.RedOffset = 4;
+    EXPECT_EQ(pair8(raised, 100, 128, 100, 128)[2], pair8(kDefaults, 100, 128, 100, 128)[2] + 4);
+    EXPECT_EQ(pair10(raised, 400, 512, 400, 512)[2], pair10(kDefaults, 400, 512, 400, 512)[2] + 1);
+}
+
+TEST(PairConversion, LowerLimitWins) {
+    TarnisConverterParams params = kDefaults;
+    params.RMin = 200;
+    params.RMax = 100;
+    for (const uint8_t y : {0, 100, 255})
+        for (const uint8_t cr : {0, 128, 255})
+            EXPECT_EQ(pair8(params, y, 128, y, cr)[2], 200);
+}
+
+TEST(PairConversion, ChangedLimitActsWithoutARebuild) {
+    auto tables = tablesFor(SampleDepth::Eight);
+    tables->YB[16] = 50; // a rebuild would put 0 here
+    TarnisConverterParams params = kDefaults;
+    params.BMax = 40;
+    buildTables(*tables, SampleDepth::Eight, params);
+    const uint8_t samples[4] = {16, 128, 16, 128};
+    uint8_t bgr[6];
+    convertPair8(*tables, params, samples, bgr);
+    EXPECT_EQ(bgr[0], 40);
+}
+
+TEST(PairConversion, ChannelsTakeTheirOwnTerms) {
+    TarnisConverterParams params = kDefaults;
+    params.RedGain = 0.5f;
+    params.GreenGain = 2.0f;
+    params.BlueGain = 0.25f;
+    params.BlueOffset = -3;
+    const auto bgr = pair8(params, 120, 90, 60, 150);
+    const auto product = [](float a, float b, float c) { return static_cast<int>(a * b * c); };
+    const float y = 104 * 1.164f;
+    EXPECT_EQ(bgr[0], std::max(0, static_cast<int>(0.25f * y) - 3 + product(2.017f, -38, 0.25f)));
+    EXPECT_EQ(bgr[1], static_cast<int>(2.0f * y) - product(0.813f, 22, 2.0f) - product(0.392f, -38, 2.0f));
+    EXPECT_EQ(bgr[2], static_cast<int>(0.5f * y) + product(1.596f, 22, 0.5f));
+}
+
+TEST(LineKernels, OtherThanDefaultParametersAreReadFromTheTables) {
+    auto tables = tablesFor(SampleDepth::Eight);
+    EXPECT_TRUE(tables->arithmeticIsExact);
+    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kConvertLine8[static_cast<size_t>(cpuVariant())]);
+    TarnisConverterParams limited = kDefaults;
+    limited.GMax = 254;
+    EXPECT_EQ(convertLineFor({*tables, limited}), convertLine8Plain);
+    tables = tablesFor(SampleDepth::Ten);
+    EXPECT_TRUE(tables->arithmeticIsExact);
+    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kConvertLine10[static_cast<size_t>(cpuVariant())]);
+    TarnisConverterParams tinted = kDefaults;
+    tinted.RedGain = 0.999f;
+    tables = tablesFor(SampleDepth::Ten, tinted);
+    EXPECT_FALSE(tables->arithmeticIsExact);
+    EXPECT_EQ(convertLineFor({*tables, tinted}), convertLine10Plain);
+}
+
+TEST(LineKernels, EveryEightBitTripleIsExactInEveryVariant) {
+    const auto tables = tablesFor(SampleDepth::Eight);
+    const LineConversion conversion{*tables, kDefaults};
+    std::vector<uint8_t> raw(256 * 2), expected(256 * 3), actual(256 * 3);
+    for (uint32_t cb = 0; cb < 256; ++cb)
+        for (uint32_t cr = 0; cr < 256; ++cr) {
+            for (uint32_t y = 0; y < 256; ++y) {
+                raw[2 * y] = static_cast<uint8_t>(y);
+                raw[2 * y + 1] = static_cast<uint8_t>(y % 2 == 0 ? cb : cr);
+            }
+            convertLine8Plain(conversion, raw.data(), expected.data(), 128, expected.data());
+            for (const int variant : runningVariants()) {
+                kConvertLine8[static_cast<size_t>(variant)](conversion, raw.data(), actual.data(), 128, actual.data());
+                ASSERT_EQ(actual, expected) << cpuVariantName(variant) << " Cb " << cb << " Cr " << cr;
+            }
+        }
+}
+
+// All 2^30 triples with KESTRA_LONG=1, one in 1009 of the chroma pairs without.
+TEST(LineKernels, TenBitTriplesAreExactInEveryVariant) {
+    const auto tables = tablesFor(SampleDepth::Ten);
+    const LineConversion conversion{*tables, kDefaults};
+    const uint32_t stride = longRun() ? 1 : 1009;
+    std::vector<uint8_t> expected(1024 * 3), actual(1024 * 3);
+    std::vector<uint16_t> samples(2048);
+    const auto begin = std::chrono::steady_clock::now();
+    uint64_t triples = 0;
+    for (uint32_t chroma = 0; chroma < 1u << 20; chroma += stride, triples += 1024) {
+        const auto cb = static_cast<uint16_t>(chroma & 1023), cr = static_cast<uint16_t>(chroma >> 10);
+        for (uint32_t y = 0; y < 1024; ++y) {
+            samples[2 * y] = static_cast<uint16_t>(y);
+            samples[2 * y + 1] = y % 2 == 0 ? cb : cr;
+        }
+        const std::vector<uint8_t> raw = pack10(samples);
+        convertLine10Plain(conversion, raw.data(), expected.data(), 512, expected.data());
+        for (const int variant : runningVariants()) {
+            kConvertLine10[static_cast<size_t>(variant)](conversion, raw.data(), actual.data(), 512, actual.data());
+            ASSERT_EQ(actual, expected) << cpuVariantName(variant) << " Cb " << cb << " Cr " << cr;
+        }
+    }
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    std::printf("%llu triples in %.1f s:", static_cast<unsigned long long>(triples), seconds.count());
+    for (int variant = 0; variant < kCpuVariants; ++variant)
+        std::printf(" %s%s", cpuVariantName(variant), cpuRuns(variant) ? "" : " (not run: the processor lacks it)");
+    std::printf("\n");
+}
+
+TEST(LineKernels, TableReadsOfEveryParameterRecordMatchThePairConversion) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 50; ++round) {
+        TarnisConverterParams params = kDefaults;
+        params.YOff = static_cast<int32_t>(random() % 200);
+        params.CrOff = static_cast<int32_t>(random() % 1024);
+        params.RedGain = static_cast<float>(random() % 4000) / 1000;
+        params.BlueOffset = static_cast<int8_t>(random());
+        params.GMin = static_cast<uint8_t>(random());
+        params.GMax = static_cast<uint8_t>(random());
+        const auto tables = tablesFor(SampleDepth::Eight, params);
+        uint8_t raw[4 * 9], rgb[6 * 9], expected[6 * 9];
+        fillRandom(raw, raw + sizeof raw, random());
+        convertLineFor({*tables, params})({*tables, params}, raw, rgb, 9, rgb);
+        for (int n = 0; n < 9; ++n)
+            convertPair8(*tables, params, raw + 4 * n, expected + 6 * n);
+        ASSERT_EQ(std::memcmp(rgb, expected, sizeof rgb), 0) << "round " << round;
+    }
+}
+
+TEST(CpuVariants, OnlyWhatRunsCanBeForced) {
+    const int before = cpuVariant();
+    EXPECT_FALSE(forceCpuVariant(-1));
+    EXPECT_FALSE(forceCpuVariant(kCpuVariants));
+    EXPECT_EQ(cpuVariant(), before);
+    for (int variant = 0; variant < kCpuVariants; ++variant)
+        EXPECT_EQ(forceCpuVariant(variant), cpuRuns(variant)) << cpuVariantName(variant);
+    EXPECT_TRUE(forceCpuVariant(kPlain));
+    EXPECT_EQ(cpuVariant(), kPlain);
+    forceCpuVariant(before);
+    EXPECT_STREQ(cpuVariantName(-1), "unknown");
+}
+
+TEST(CpuVariants, WidestThatRunsIsChosenByItself) {
+    EXPECT_EQ(cpuVariant(), runningVariants().back());
+}
+
+} // namespace kestra::test
