@@ -11,12 +11,18 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include <xmmintrin.h>
+
 using namespace kestra;
 
 namespace {
 
 constexpr LogUnit kUnit{"\"Unpack Functions\"", L".\\TARNIS_unpack.cpp"};
 constexpr char kFunction[] = "TARNIS_Decode";
+
+/// From how many bytes of image on its stores go past the caches. Storing into cached lines costs reading them first;
+/// whoever reads a large image next finds little of it in a cache either way.
+constexpr uint64_t kStreamedBytes = 3u << 20;
 
 /// Lines of an image: where the first one is and how far it is to the next.
 template <class Byte>
@@ -38,11 +44,15 @@ struct Frame {
 void convertLines(const LineConversion& conversion, uint32_t lines, uint32_t pairs, Lines<const uint8_t> raw,
                   Lines<uint8_t> rgb) {
     const ConvertLine convert = convertLineFor(conversion);
+    const bool streamed = uint64_t{6} * pairs * lines >= kStreamedBytes;
     const uint64_t bytes = uint64_t{lines} * (static_cast<uint64_t>(std::llabs(raw.stepBytes)) + 6ull * pairs);
-    forEachLine(lines, bytes, [&](uint32_t i) {
-        uint8_t* out = rgb[i];
-        const auto next = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(rgb.stepBytes);
-        convert(conversion, raw[i], out, pairs, reinterpret_cast<const uint8_t*>(next)); // a hint only
+    forEachBlock(lines, bytes, [&](uint32_t first, uint32_t count) {
+        for (uint32_t i = first; i < first + count; ++i) {
+            uint8_t* out = rgb[i];
+            const auto next = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(rgb.stepBytes);
+            convert(conversion, raw[i], out, pairs, streamed ? nullptr : reinterpret_cast<const uint8_t*>(next));
+        }
+        if (streamed) _mm_sfence(); // every store is seen before the end of the loop is
     });
 }
 
@@ -61,13 +71,10 @@ void convertFrame(const Frame& frame, SampleDepth depth) {
                  frame.rgb.from(1, twoLines));
 }
 
-/// Lines of 24-bit RGB as they are. One block of lines for each thread.
+/// Lines of 24-bit RGB as they are.
 void copyLines(uint32_t lines, uint32_t width, Lines<const uint8_t> raw, Lines<uint8_t> rgb) {
-    constexpr uint32_t kBlock = 16; // lines: a thread's prefetches then reach the next line of its own
-    const uint64_t bytes = uint64_t{lines} * width * 6;
-    forEachLine((lines + kBlock - 1) / kBlock, bytes, [&](uint32_t block) {
-        const uint32_t line = block * kBlock, count = lines - line < kBlock ? lines - line : kBlock;
-        copyRegionC3(raw[line], static_cast<int32_t>(raw.stepBytes), rgb[line], static_cast<int32_t>(rgb.stepBytes),
+    forEachBlock(lines, uint64_t{lines} * width * 6, [&](uint32_t first, uint32_t count) {
+        copyRegionC3(raw[first], static_cast<int32_t>(raw.stepBytes), rgb[first], static_cast<int32_t>(rgb.stepBytes),
                      {static_cast<int32_t>(width), static_cast<int32_t>(count)});
     });
 }

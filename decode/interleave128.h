@@ -1,10 +1,13 @@
 // Interleaving of three registers of bytes to B, G, R in every 128-bit lane, and the places of 10-bit samples there:
 // what the SSE4.1 and AVX2 kernels share. Private to decode/.
 //
-// Byte i of blue belongs to byte 3 i of the 48 that a lane's 16 pixels make. As 3 has an inverse modulo 16, one shuffle
-// puts every blue byte where it belongs modulo 16, whichever of the three output registers that is in; so do one for
-// green and one for red, and each output register takes every third byte from each of the three.
+// Pixel i's green belongs to byte 3 i + 1 of the 48 that a lane's 16 pixels make, and likewise for the other two
+// sources (see fromRedBlue). No two bytes of a source belong to the same byte modulo 16, so one shuffle puts every byte
+// where it belongs, whichever of the three output registers that is in; each output register then takes every third
+// byte from each of the three sources.
 #pragma once
+
+#include "decode/yuv_arithmetic.h"
 
 #include <array>
 #include <cstddef>
@@ -14,19 +17,28 @@ namespace kestra {
 
 using Lane = std::array<uint8_t, 16>;
 
-/// Source byte for every byte of a lane; channel 0 blue, 1 green, 2 red.
-constexpr Lane spread(int channel) {
+enum Source { kBlueRed = 0, kGreen = 1, kRedBlue = 2 };
+
+constexpr Source sourceOf(int pixel, int channel) {
+    return channel == 1 ? kGreen : fromRedBlue(pixel, channel) ? kRedBlue : kBlueRed;
+}
+
+/// Which byte of the source goes to every byte of a lane.
+constexpr Lane spread(Source source) {
     Lane lane{};
-    for (int i = 0; i < 16; ++i)
-        lane[static_cast<size_t>((3 * i + channel) % 16)] = static_cast<uint8_t>(i);
+    for (int byte = 0; byte < 48; ++byte)
+        if (sourceOf(byte / 3, byte % 3) == source)
+            lane[static_cast<size_t>(byte % 16)] = static_cast<uint8_t>(byte / 3);
     return lane;
 }
 
-/// 0xFF where byte p of output register `out` is of that channel.
-constexpr Lane taken(int out, int channel) {
+/// 0xFF where byte p of output register `out` is from that source.
+constexpr Lane taken(int out, Source source) {
     Lane lane{};
-    for (int p = 0; p < 16; ++p)
-        lane[static_cast<size_t>(p)] = (16 * out + p) % 3 == channel ? 0xFF : 0;
+    for (int p = 0; p < 16; ++p) {
+        const int byte = 16 * out + p;
+        lane[static_cast<size_t>(p)] = sourceOf(byte / 3, byte % 3) == source ? 0xFF : 0;
+    }
     return lane;
 }
 

@@ -17,6 +17,7 @@ struct Ops {
 
     static KESTRA_INLINE Vec load(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
     static KESTRA_INLINE void store(void* p, Vec v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+    static KESTRA_INLINE void stream(void* p, Vec v) { _mm_stream_si128(static_cast<Vec*>(p), v); }
     static KESTRA_INLINE Vec zero() { return _mm_setzero_si128(); }
     static KESTRA_INLINE Vec shiftRight(Vec v, unsigned count) {
         return _mm_srl_epi16(v, _mm_cvtsi32_si128(static_cast<int>(count)));
@@ -32,8 +33,6 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm_slli_epi16(_mm_srli_epi16(v, 8), 3); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm_slli_epi32(_mm_srli_epi32(v, 16), 16); }
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1); }
-    static KESTRA_INLINE Vec repeatEven(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xA0), 0xA0); }
-    static KESTRA_INLINE Vec repeatOdd(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xF5), 0xF5); }
 };
 
 /// Four pixels of B, G, R, 0 become twelve bytes of B, G, R and four that are 0.
@@ -46,9 +45,12 @@ KESTRA_INLINE __m128i closeGaps(__m128i bgrx) {
 }
 
 /// Limits to 0..255, interleaves and stores eight pixels: 24 bytes.
-KESTRA_INLINE void store8(uint8_t* rgb, const Channels<Ops>& v) {
-    const __m128i bg = _mm_unpacklo_epi8(_mm_packus_epi16(v.b, v.b), _mm_packus_epi16(v.g, v.g));
-    const __m128i rx = _mm_unpacklo_epi8(_mm_packus_epi16(v.r, v.r), Ops::zero());
+KESTRA_INLINE void store8(uint8_t* rgb, const PixelSums<Ops>& v) {
+    const __m128i even = _mm_set1_epi32(0x0000FFFF);
+    const __m128i blue = _mm_or_si128(_mm_and_si128(even, v.blueRed), _mm_andnot_si128(even, v.redBlue));
+    const __m128i red = _mm_or_si128(_mm_and_si128(even, v.redBlue), _mm_andnot_si128(even, v.blueRed));
+    const __m128i bg = _mm_unpacklo_epi8(_mm_packus_epi16(blue, blue), _mm_packus_epi16(v.green, v.green));
+    const __m128i rx = _mm_unpacklo_epi8(_mm_packus_epi16(red, red), Ops::zero());
     const __m128i first = closeGaps(_mm_unpacklo_epi16(bg, rx)), second = closeGaps(_mm_unpackhi_epi16(bg, rx));
     Ops::store(rgb, _mm_or_si128(first, _mm_slli_si128(second, 12)));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(rgb + 16), _mm_srli_si128(second, 4));
@@ -75,7 +77,7 @@ void convertLine8Sse2(const LineConversion& conversion, const uint8_t* raw, uint
     if (pairs < kBlock) return convertLine8Plain(conversion, raw, rgb, pairs, nextLine);
     uint32_t done = 0;
     for (; done + kBlock <= pairs; done += kBlock) {
-        __builtin_prefetch(nextLine + size_t{6} * done, 1);
+        if (nextLine) __builtin_prefetch(nextLine + size_t{6} * done, 1);
         convert8of8(raw + size_t{4} * done, rgb + size_t{6} * done);
     }
     if (done < pairs) { // once more over what is done: the same bytes
@@ -98,7 +100,7 @@ void convertLine10Sse2(const LineConversion& conversion, const uint8_t* raw, uin
             for (uint32_t j = 0; j < 6; ++j)
                 samples[6 * k + j] = static_cast<uint16_t>(word >> 10 * j & 1023);
         }
-        __builtin_prefetch(nextLine + size_t{6} * done, 1);
+        if (nextLine) __builtin_prefetch(nextLine + size_t{6} * done, 1);
         for (uint32_t part = 0; part < 3; ++part)
             convert8of10(samples + size_t{16} * part, rgb + size_t{6} * done + size_t{24} * part);
     }

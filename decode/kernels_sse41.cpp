@@ -1,8 +1,7 @@
 // Kernels for SSSE3 and SSE4.1. The only file built with these instructions.
 #include "decode/interleave128.h"
-#include "decode/line_kernels.h"
+#include "decode/line_template.h"
 #include "decode/region_template.h"
-#include "decode/yuv_arithmetic.h"
 
 #include <smmintrin.h>
 
@@ -20,6 +19,7 @@ struct Ops {
 
     static KESTRA_INLINE Vec load(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
     static KESTRA_INLINE void store(void* p, Vec v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+    static KESTRA_INLINE void stream(void* p, Vec v) { _mm_stream_si128(static_cast<Vec*>(p), v); }
     static KESTRA_INLINE Vec zero() { return _mm_setzero_si128(); }
     static KESTRA_INLINE Vec shiftRight(Vec v, unsigned count) {
         return _mm_srl_epi16(v, _mm_cvtsi32_si128(static_cast<int>(count)));
@@ -35,32 +35,33 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm_maddubs_epi16(v, set16(0x0800)); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm_blend_epi16(zero(), v, 0xAA); }
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1); }
-    static KESTRA_INLINE Vec repeatEven(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xA0), 0xA0); }
-    static KESTRA_INLINE Vec repeatOdd(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xF5), 0xF5); }
 };
 
-alignas(16) constexpr Lane kSpread[3] = {spread(0), spread(1), spread(2)};
-alignas(16) constexpr Lane kTaken[3][3] = {{taken(0, 0), taken(0, 1), taken(0, 2)},
-                                           {taken(1, 0), taken(1, 1), taken(1, 2)},
-                                           {taken(2, 0), taken(2, 1), taken(2, 2)}};
+alignas(16) constexpr Lane kSpread[3] = {spread(kBlueRed), spread(kGreen), spread(kRedBlue)};
+alignas(16) constexpr Lane kTakeGreen[3] = {taken(0, kGreen), taken(1, kGreen), taken(2, kGreen)};
+alignas(16) constexpr Lane kTakeRedBlue[3] = {taken(0, kRedBlue), taken(1, kRedBlue), taken(2, kRedBlue)};
+
+struct CachedStore {
+    static KESTRA_INLINE void put(uint8_t* p, __m128i v) { Ops::store(p, v); }
+};
+struct StreamingStore {
+    static KESTRA_INLINE void put(uint8_t* p, __m128i v) { Ops::stream(p, v); }
+};
 
 template <int kOut>
-KESTRA_INLINE __m128i pick(__m128i b, __m128i g, __m128i r) {
-    return _mm_blendv_epi8(_mm_blendv_epi8(b, g, vec(kTaken[kOut][1])), r, vec(kTaken[kOut][2]));
+KESTRA_INLINE __m128i pick(__m128i blueRed, __m128i green, __m128i redBlue) {
+    return _mm_blendv_epi8(_mm_blendv_epi8(blueRed, green, vec(kTakeGreen[kOut])), redBlue, vec(kTakeRedBlue[kOut]));
 }
 
 /// Limits to 0..255, interleaves and stores 16 pixels, eight in `a` and eight in `b`.
-KESTRA_INLINE void store16(uint8_t* rgb, const Channels<Ops>& a, const Channels<Ops>& b) {
-    const __m128i blue = _mm_shuffle_epi8(_mm_packus_epi16(a.b, b.b), vec(kSpread[0]));
-    const __m128i green = _mm_shuffle_epi8(_mm_packus_epi16(a.g, b.g), vec(kSpread[1]));
-    const __m128i red = _mm_shuffle_epi8(_mm_packus_epi16(a.r, b.r), vec(kSpread[2]));
-    Ops::store(rgb, pick<0>(blue, green, red));
-    Ops::store(rgb + 16, pick<1>(blue, green, red));
-    Ops::store(rgb + 32, pick<2>(blue, green, red));
-}
-
-KESTRA_INLINE void convert16of8(const uint8_t* raw, uint8_t* rgb) {
-    store16(rgb, convert8<Ops>(Ops::load(raw)), convert8<Ops>(Ops::load(raw + 16)));
+template <class Store>
+KESTRA_INLINE void store16(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSums<Ops>& b) {
+    const __m128i blueRed = _mm_shuffle_epi8(_mm_packus_epi16(a.blueRed, b.blueRed), vec(kSpread[kBlueRed]));
+    const __m128i green = _mm_shuffle_epi8(_mm_packus_epi16(a.green, b.green), vec(kSpread[kGreen]));
+    const __m128i redBlue = _mm_shuffle_epi8(_mm_packus_epi16(a.redBlue, b.redBlue), vec(kSpread[kRedBlue]));
+    Store::put(rgb, pick<0>(blueRed, green, redBlue));
+    Store::put(rgb + 16, pick<1>(blueRed, green, redBlue));
+    Store::put(rgb + 32, pick<2>(blueRed, green, redBlue));
 }
 
 template <int kGroup>
@@ -78,55 +79,61 @@ KESTRA_INLINE __m128i unpack(const uint8_t* words, int firstWord) {
 }
 
 /// Converts 16 pixels that start with group kGroup (0..2 modulo 3); `words` is that group's word.
-template <int kGroup>
-KESTRA_INLINE void convert16of10(const uint8_t* words, uint8_t* rgb) {
+template <class Store, int kGroup>
+KESTRA_INLINE void convert16(const uint8_t* words, uint8_t* rgb) {
     constexpr int kFirst = groupWord(kGroup);
     const __m128i v0 = unpack<kGroup>(words, kFirst), v1 = unpack<kGroup + 1>(words, kFirst);
     const __m128i v2 = unpack<kGroup + 2>(words, kFirst), v3 = unpack<kGroup + 3>(words, kFirst);
-    store16(rgb, convert10<Ops>(_mm_unpacklo_epi64(v0, v1), _mm_unpackhi_epi64(v0, v1)),
-            convert10<Ops>(_mm_unpacklo_epi64(v2, v3), _mm_unpackhi_epi64(v2, v3)));
+    store16<Store>(rgb, convert10<Ops>(_mm_unpacklo_epi64(v0, v1), _mm_unpackhi_epi64(v0, v1)),
+                   convert10<Ops>(_mm_unpacklo_epi64(v2, v3), _mm_unpackhi_epi64(v2, v3)));
 }
+
+struct Common {
+    static constexpr uint32_t kBlockPairs = 8, kAlignment = 16;
+    using Cached = CachedStore;
+    using Streaming = StreamingStore;
+};
+
+struct Eight : Common {
+    static constexpr uint32_t kUnitPairs = 1;
+    static constexpr ConvertLine plain = convertLine8Plain;
+    static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
+    template <class Store>
+    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+        const uint8_t* in = raw + size_t{4} * pair;
+        store16<Store>(rgb + size_t{6} * pair, convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 16)));
+    }
+};
+
+struct Ten : Common {
+    static constexpr uint32_t kUnitPairs = 2; // a group of four pixels
+    static constexpr ConvertLine plain = convertLine10Plain;
+    static constexpr auto lastPair = convertLastPair10;
+    template <class Store>
+    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+        const uint8_t* words = raw + size_t{8} * (4 * pair / 6);
+        uint8_t* out = rgb + size_t{6} * pair;
+        switch (pair / 2 % 3) {
+        case 0:
+            return convert16<Store, 0>(words, out);
+        case 1:
+            return convert16<Store, 1>(words, out);
+        default:
+            return convert16<Store, 2>(words, out);
+        }
+    }
+};
 
 } // namespace
 
 void convertLine8Sse41(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                        const uint8_t* nextLine) {
-    constexpr uint32_t kBlock = 8; // pairs
-    if (pairs < kBlock) return convertLine8Plain(conversion, raw, rgb, pairs, nextLine);
-    uint32_t done = 0;
-    for (; done + kBlock <= pairs; done += kBlock) {
-        __builtin_prefetch(nextLine + size_t{6} * done, 1);
-        convert16of8(raw + size_t{4} * done, rgb + size_t{6} * done);
-    }
-    if (done < pairs) { // once more over what is done: the same bytes
-        done = pairs - kBlock;
-        convert16of8(raw + size_t{4} * done, rgb + size_t{6} * done);
-    }
+    convertLine<Eight>(conversion, raw, rgb, pairs, nextLine);
 }
 
 void convertLine10Sse41(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                         const uint8_t* nextLine) {
-    constexpr uint32_t kBlock = 4; // groups of four pixels
-    const uint32_t groups = pairs / 2;
-    if (groups < kBlock) return convertLine10Plain(conversion, raw, rgb, pairs, nextLine);
-    const auto block = [&](uint32_t group) {
-        const uint8_t* words = raw + size_t{8} * (8 * group / 6);
-        uint8_t* out = rgb + size_t{12} * group;
-        __builtin_prefetch(nextLine + size_t{12} * group, 1);
-        switch (group % 3) {
-        case 0:
-            return convert16of10<0>(words, out);
-        case 1:
-            return convert16of10<1>(words, out);
-        default:
-            return convert16of10<2>(words, out);
-        }
-    };
-    uint32_t done = 0;
-    for (; done + kBlock <= groups; done += kBlock)
-        block(done);
-    if (done < groups) block(groups - kBlock); // once more over what is done: the same bytes
-    if (pairs % 2 != 0) convertLastPair10(conversion, raw, rgb, pairs);
+    convertLine<Ten>(conversion, raw, rgb, pairs, nextLine);
 }
 
 int32_t copyC3Sse41(const uint8_t* src, int32_t srcStep, uint8_t* dst, int32_t dstStep, RegionSize region) {

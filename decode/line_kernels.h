@@ -18,7 +18,9 @@ struct LineConversion {
 /// @param raw       8-bit: bytes Y0, Cb, Y1, Cr; 10-bit: little-endian words of six samples. No byte beyond the last
 ///                  sample's group is read (8-bit: 4 bytes a pair; 10-bit: whole words).
 /// @param rgb       6 bytes a pair are written
-/// @param nextLine  where the next call will write: fetched into the cache on the way; only a hint, may be any address
+/// @param nextLine  where the next call will write: fetched into the cache on the way; only a hint, may be any address.
+///                  Null: this image is larger than what its reader finds in the cache; stores go past the caches where
+///                  the alignment allows it, and a fence after the last line is the caller's.
 using ConvertLine = void (*)(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                              const uint8_t* nextLine);
 

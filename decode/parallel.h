@@ -4,6 +4,10 @@
 
 #include <cstdint>
 
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
 namespace kestra {
 
 /// Keeps the module in its process from the first parallel loop on. The OpenMP runtime keeps a pool of threads for each
@@ -14,18 +18,26 @@ void keepModule() noexcept;
 /// parallel region cost more than the others save.
 constexpr uint64_t kParallelBytes = 3u << 20;
 
-/// Calls line(i) for i in 0..lines-1.
+/// Calls block(first, count) on each thread for its lines, which altogether are 0..lines-1.
 /// @param bytes what the loop reads and writes altogether
-template <class Line>
-void forEachLine(uint32_t lines, uint64_t bytes, Line line) {
-    const bool parallel = bytes >= kParallelBytes;
-    if (parallel) keepModule();
-    const auto count = static_cast<int64_t>(lines);
+template <class Block>
+void forEachBlock(uint32_t lines, uint64_t bytes, Block block) {
 #ifdef _OPENMP
-#pragma omp parallel for schedule(static) if (parallel)
+    if (bytes >= kParallelBytes) {
+        keepModule();
+#pragma omp parallel
+        {
+            const auto threads = static_cast<uint64_t>(omp_get_num_threads());
+            const auto self = static_cast<uint64_t>(omp_get_thread_num());
+            const auto first = static_cast<uint32_t>(lines * self / threads);
+            block(first, static_cast<uint32_t>(lines * (self + 1) / threads) - first);
+        }
+        return;
+    }
+#else
+    (void)bytes;
 #endif
-    for (int64_t i = 0; i < count; ++i)
-        line(static_cast<uint32_t>(i));
+    block(0, lines);
 }
 
 } // namespace kestra

@@ -9,6 +9,7 @@ struct ByteOps {
     static constexpr size_t kBytes = 1;
     static uint8_t load(const uint8_t* p) { return *p; }
     static void store(uint8_t* p, uint8_t v) { *p = v; }
+    static void stream(uint8_t* p, uint8_t v) { *p = v; }
 };
 
 } // namespace

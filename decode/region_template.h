@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include <xmmintrin.h>
+
 #ifndef KESTRA_INLINE
 #define KESTRA_INLINE inline __attribute__((always_inline))
 #endif
@@ -20,22 +22,31 @@ KESTRA_INLINE void copyBytes(const uint8_t* src, uint8_t* dst, size_t bytes) {
     }
 }
 
+/// From how many bytes on a copied region is stored past the caches: storing into cached lines costs reading them
+/// first.
+constexpr uint64_t kStreamedRegion = 1u << 20;
+
 /// One line; the first and the last register may overlap the aligned ones between them.
-/// @param nextDst where the next line will go: fetched into the cache on the way
+/// @param nextDst where the next line will go: fetched into the cache on the way; null: stored past the caches
 template <class Ops>
 KESTRA_INLINE void copyLine(const uint8_t* src, uint8_t* dst, size_t bytes, const uint8_t* nextDst) {
     constexpr size_t kBytes = Ops::kBytes;
     if (bytes < kBytes) return copyBytes(src, dst, bytes);
     Ops::store(dst, Ops::load(src));
     size_t i = kBytes - (reinterpret_cast<uintptr_t>(dst) & (kBytes - 1));
-    for (; i + 128 <= bytes; i += 128) {
-        __builtin_prefetch(nextDst + i, 1);
-        __builtin_prefetch(nextDst + i + 64, 1);
-        for (size_t j = 0; j < 128; j += kBytes)
-            Ops::store(dst + i + j, Ops::load(src + i + j));
+    if (nextDst) {
+        for (; i + 128 <= bytes; i += 128) {
+            __builtin_prefetch(nextDst + i, 1);
+            __builtin_prefetch(nextDst + i + 64, 1);
+            for (size_t j = 0; j < 128; j += kBytes)
+                Ops::store(dst + i + j, Ops::load(src + i + j));
+        }
+        for (; i + kBytes <= bytes; i += kBytes)
+            Ops::store(dst + i, Ops::load(src + i));
+    } else {
+        for (; i + kBytes <= bytes; i += kBytes)
+            Ops::stream(dst + i, Ops::load(src + i));
     }
-    for (; i + kBytes <= bytes; i += kBytes)
-        Ops::store(dst + i, Ops::load(src + i));
     if (i < bytes) Ops::store(dst + bytes - kBytes, Ops::load(src + bytes - kBytes));
 }
 
@@ -49,10 +60,12 @@ template <class Ops>
 KESTRA_INLINE int32_t copyC3(const uint8_t* src, int32_t srcStep, uint8_t* dst, int32_t dstStep, RegionSize region) {
     if (const int32_t status = checkCopy(src, dst, region)) return status;
     const size_t bytes = size_t{3} * static_cast<uint32_t>(region.width);
-    for (int32_t y = 0; y < region.height; ++y, src += ptrdiff_t{srcStep}, dst += ptrdiff_t{dstStep})
-        copyLine<Ops>(src, dst, bytes,
-                      reinterpret_cast<const uint8_t*>(reinterpret_cast<uintptr_t>(dst) +
-                                                       static_cast<uintptr_t>(ptrdiff_t{dstStep})));
+    const bool streamed = uint64_t{bytes} * static_cast<uint32_t>(region.height) >= kStreamedRegion;
+    for (int32_t y = 0; y < region.height; ++y, src += ptrdiff_t{srcStep}, dst += ptrdiff_t{dstStep}) {
+        const auto next = reinterpret_cast<uintptr_t>(dst) + static_cast<uintptr_t>(ptrdiff_t{dstStep}); // a hint only
+        copyLine<Ops>(src, dst, bytes, streamed ? nullptr : reinterpret_cast<const uint8_t*>(next));
+    }
+    if (streamed) _mm_sfence();
     return kRegionDone;
 }
 

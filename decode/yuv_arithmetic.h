@@ -11,10 +11,17 @@
 
 namespace kestra {
 
+/// Sums of one register of pixels, not yet limited. Blue and red stay where their chroma came in: of even pixels
+/// `blueRed` holds blue and `redBlue` red, of odd pixels the other way round.
 template <class Ops>
-struct Channels {
-    typename Ops::Vec b, g, r; ///< sums, not yet limited
+struct PixelSums {
+    typename Ops::Vec blueRed, green, redBlue;
 };
+
+/// True if that byte of a pixel comes from `redBlue`, else from `blueRed` or, channel 1, `green`.
+constexpr bool fromRedBlue(int pixel, int channel) noexcept {
+    return channel != 1 && (channel == 2) == (pixel % 2 == 0);
+}
 
 /// Even lanes `cb`, odd lanes `cr`.
 constexpr int32_t alternating(int16_t cb, int16_t cr) noexcept {
@@ -22,15 +29,16 @@ constexpr int32_t alternating(int16_t cb, int16_t cr) noexcept {
 }
 
 template <class Ops>
-KESTRA_INLINE Channels<Ops> addTerms(typename Ops::Vec y, typename Ops::Vec blueRed, typename Ops::Vec green) noexcept {
+KESTRA_INLINE PixelSums<Ops> addTerms(typename Ops::Vec y, typename Ops::Vec blueRed,
+                                      typename Ops::Vec green) noexcept {
     // Cb and Cr terms of green: added to their neighbour, both lanes of a pair hold the sum.
     green = Ops::add(green, Ops::swapNeighbours(green));
-    return {Ops::add(y, Ops::repeatEven(blueRed)), Ops::sub(y, green), Ops::add(y, Ops::repeatOdd(blueRed))};
+    return {Ops::add(y, blueRed), Ops::sub(y, green), Ops::add(y, Ops::swapNeighbours(blueRed))};
 }
 
 /// @param raw bytes Y, Cb, Y, Cr
 template <class Ops>
-KESTRA_INLINE Channels<Ops> convert8(typename Ops::Vec raw) noexcept {
+KESTRA_INLINE PixelSums<Ops> convert8(typename Ops::Vec raw) noexcept {
     const auto y = Ops::sub(Ops::eightTimesEvenBytes(raw), Ops::set16(8 * yuv8::kYOff));
     const auto c = Ops::sub(Ops::eightTimesOddBytes(raw), Ops::set16(8 * yuv8::kCOff));
     const auto sign = Ops::sign(c);
@@ -41,7 +49,7 @@ KESTRA_INLINE Channels<Ops> convert8(typename Ops::Vec raw) noexcept {
 
 /// @param ySamples, cSamples 10-bit samples, one a lane
 template <class Ops>
-KESTRA_INLINE Channels<Ops> convert10(typename Ops::Vec ySamples, typename Ops::Vec cSamples) noexcept {
+KESTRA_INLINE PixelSums<Ops> convert10(typename Ops::Vec ySamples, typename Ops::Vec cSamples) noexcept {
     const auto y = Ops::sub(ySamples, Ops::set16(yuv10::kYOff));
     const auto c = Ops::sub(cSamples, Ops::set16(yuv10::kCOff));
     const auto sign = Ops::sign(c);
@@ -51,7 +59,7 @@ KESTRA_INLINE Channels<Ops> convert10(typename Ops::Vec ySamples, typename Ops::
     const auto green =
         Ops::sub(Ops::add(Ops::oddLanes(c), Ops::high(c, Ops::set32(alternating(yuv10::kCbG, yuv10::kCrG)))), sign);
     auto sums = addTerms<Ops>(yTerm, blueRed, green);
-    return {Ops::quarter(sums.b), Ops::quarter(sums.g), Ops::quarter(sums.r)};
+    return {Ops::quarter(sums.blueRed), Ops::quarter(sums.green), Ops::quarter(sums.redBlue)};
 }
 
 } // namespace kestra

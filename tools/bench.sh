@@ -18,9 +18,24 @@ bench_device() {
     "$root/tests/support/simulated-card" remove "$root/build/windows/simcard/kestrasimctl.exe" > /dev/null
 }
 
+bench_decode() {
+    build_preset native decode_bench decode_time
+    build_preset windows decode_time
+    step "decoder (native), beside memcpy, libyuv, libavcodec and libswscale"
+    "$root/build/native/bench/decode_bench"
+    session_start
+    step "the same kernels natively and through Wine, one thread: microseconds per line of 1920 pixels"
+    local native through_wine
+    native=$("$root/build/native/bench/decode_time")
+    through_wine=$("$root/tools/run-windows" "$root/build/windows/bench/decode_time.exe" | tr -d '\r')
+    paste -d ' ' <(printf '%s\n' "$native") <(printf '%s\n' "$through_wine") |
+        awk '{ printf "  %-7s %-7s in the cache: native %6.3f  Wine %6.3f  ratio %.2f    cold: native %6.3f  Wine %6.3f  ratio %.2f\n",
+                      $1, $2, $3, $7, $7 / $3, $4, $8, $8 / $4 }'
+}
+
 verb_bench() {
     local names=("$@") name
-    [ $# -gt 0 ] || names=(log device)
+    [ $# -gt 0 ] || names=(log device decode)
     for name in "${names[@]}"; do
         declare -F "bench_$name" > /dev/null || die "there is no benchmark '$name'"
     done

@@ -1,0 +1,290 @@
+// The decoder beside libyuv, libavcodec + libyuv and libswscale, and beside memcpy of as many bytes as are read and
+// written, in one run. Prints milliseconds per frame and the ratios; see docs/decoder.md for how to read them.
+#include "bench/decode_frames.h"
+#include "decode/cpu_variants.h"
+#include "decode/decode.h"
+
+#include <benchmark/benchmark.h>
+#include <libyuv.h>
+#include <omp.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace {
+
+using namespace kestra;
+using namespace kestra::bench;
+
+constexpr const char* kLayouts[] = {"10-bit", "8-bit", "rgb24"};
+
+struct Case {
+    uint32_t selector;
+    Size size;
+    bool cold;
+    int threads;
+    std::string key() const {
+        return std::string(kLayouts[selector]) + (size.width == kHd.width ? " 1080p" : " 2160p") +
+               (cold ? " cold " : " hot ") + std::to_string(threads) + "T";
+    }
+};
+
+/// One frame by a peer or by us.
+using Work = std::function<void(FrameSet&)>;
+
+void decodeOnce(FrameSet& frames) {
+    int32_t stride = frames.stride();
+    TARNIS_Decode(&frames.data, frames.source(), frames.image(), &stride, 2, nullptr, nullptr);
+}
+
+/// The mean of what is read and what is written, between blocks of its own: so much from one, so much into the other.
+void copyOnce(FrameSet& frames) {
+    std::memcpy(frames.copyTarget(), frames.copySource(), frames.copyBytes());
+}
+
+/// libyuv has no direct way to 24 bits: through a line of ARGB, or through a whole frame of it.
+void yuy2ByLines(FrameSet& frames) {
+    static std::vector<uint8_t> argb(4 * 4096);
+    const int width = frames.data.status.width;
+    for (int y = 0; y < frames.data.status.height; ++y) {
+        libyuv::YUY2ToARGB(frames.source() + size_t{2} * width * y, 2 * width, argb.data(), 4 * width, width, 1);
+        libyuv::ARGBToRGB24(argb.data(), 4 * width, frames.image() + size_t{3} * width * y, 3 * width, width, 1);
+    }
+}
+void yuy2WholeFrame(FrameSet& frames) {
+    const int width = frames.data.status.width, height = frames.data.status.height;
+    static std::vector<uint8_t> argb;
+    argb.resize(size_t{4} * width * height);
+    libyuv::YUY2ToARGB(frames.source(), 2 * width, argb.data(), 4 * width, width, height);
+    libyuv::ARGBToRGB24(argb.data(), 4 * width, frames.image(), 3 * width, width, height);
+}
+
+/// v210 holds the same samples in the same number of bytes, four words of 32 bits for six pixels.
+class V210 {
+public:
+    explicit V210(Size size) {
+        const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_V210);
+        m_context = avcodec_alloc_context3(codec);
+        m_context->width = size.width;
+        m_context->height = size.height;
+        m_context->thread_count = 1;
+        if (avcodec_open2(m_context, codec, nullptr) < 0) throw std::runtime_error("no v210 decoder");
+        m_packet = av_packet_alloc();
+        m_frame = av_frame_alloc();
+        m_argb.resize(size_t{4} * size.width * size.height);
+    }
+    ~V210() {
+        av_frame_free(&m_frame);
+        av_packet_free(&m_packet);
+        avcodec_free_context(&m_context);
+    }
+    V210(const V210&) = delete;
+    V210& operator=(const V210&) = delete;
+
+    void operator()(FrameSet& frames) {
+        const int width = frames.data.status.width, height = frames.data.status.height;
+        m_packet->data = const_cast<uint8_t*>(frames.source());
+        m_packet->size = static_cast<int>(frames.rawBytes);
+        if (avcodec_send_packet(m_context, m_packet) < 0 || avcodec_receive_frame(m_context, m_frame) < 0) std::abort();
+        const auto plane = [&](int i) { return reinterpret_cast<const uint16_t*>(m_frame->data[i]); };
+        libyuv::I210ToARGB(plane(0), m_frame->linesize[0] / 2, plane(1), m_frame->linesize[1] / 2, plane(2),
+                           m_frame->linesize[2] / 2, m_argb.data(), 4 * width, width, height);
+        libyuv::ARGBToRGB24(m_argb.data(), 4 * width, frames.image(), 3 * width, width, height);
+        av_frame_unref(m_frame);
+    }
+
+private:
+    AVCodecContext* m_context;
+    AVPacket* m_packet;
+    AVFrame* m_frame;
+    std::vector<uint8_t> m_argb;
+};
+
+/// libswscale from 16-bit packed 4:2:2: more bytes to read than our words, its nearest format.
+class Y210 {
+public:
+    explicit Y210(Size size)
+        : m_source(size_t{4} * size.width * size.height),
+          m_context(sws_getContext(size.width, size.height, AV_PIX_FMT_Y210LE, size.width, size.height,
+                                   AV_PIX_FMT_BGR24, SWS_POINT, nullptr, nullptr, nullptr)) {
+        if (!m_context) throw std::runtime_error("no y210 conversion");
+    }
+    ~Y210() { sws_freeContext(m_context); }
+    Y210(const Y210&) = delete;
+    Y210& operator=(const Y210&) = delete;
+    void operator()(FrameSet& frames) {
+        const uint8_t* in[] = {m_source.data()};
+        uint8_t* out[] = {frames.image()};
+        const int inStride[] = {4 * frames.data.status.width}, outStride[] = {frames.stride()};
+        sws_scale(m_context, in, inStride, 0, frames.data.status.height, out, outStride);
+    }
+
+private:
+    Block m_source;
+    SwsContext* m_context;
+};
+
+void copyPlane(FrameSet& frames) {
+    libyuv::CopyPlane(frames.source(), frames.stride(), frames.image(), frames.stride(), frames.stride(),
+                      frames.data.status.height);
+}
+
+/// Reads the whole image once, as a client does.
+void decodeAndRead(FrameSet& frames) {
+    decodeOnce(frames);
+    uint64_t sum = 0;
+    for (size_t i = 0; i < frames.rgbBytes; i += 64) {
+        uint64_t word;
+        std::memcpy(&word, frames.image() + i, sizeof word);
+        sum += word;
+    }
+    benchmark::DoNotOptimize(sum);
+}
+
+/// Keeps each benchmark's median.
+class Medians : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(const Context&) override { return true; }
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs)
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
+                ms[run.run_name.function_name] = run.GetAdjustedRealTime(); // the name as it was registered
+    }
+    std::map<std::string, double> ms;
+};
+
+struct Row {
+    std::string name;
+    bool ours;
+};
+
+void add(const Case& c, const std::string& row, int variant, Work work) {
+    static std::map<std::string, std::shared_ptr<FrameSet>> sets; // made once, shared by all rows of a case
+    const std::string setKey = std::to_string(c.selector) + "/" + std::to_string(c.size.width) + (c.cold ? "c" : "h");
+    auto& frames = sets[setKey];
+    if (!frames) frames = std::make_shared<FrameSet>(c.selector, c.size, c.cold);
+    benchmark::RegisterBenchmark((c.key() + "|" + row).c_str(),
+                                 [c, variant, work, frames](benchmark::State& state) {
+                                     forceCpuVariant(variant);
+                                     omp_set_num_threads(c.threads);
+                                     for (auto _ : state) {
+                                         frames->advance();
+                                         work(*frames);
+                                     }
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+}
+
+std::vector<Row> addCase(const Case& c) {
+    std::vector<Row> rows{{"memcpy", false}};
+    add(c, "memcpy", kPlain, copyOnce);
+    const auto peer = [&](const char* name, Work work) {
+        rows.push_back({name, false});
+        add(c, name, kPlain, std::move(work));
+    };
+    if (c.threads == 1) {
+        if (c.selector == TARNIS_OUTPUT_YUV422_8) {
+            peer("libyuv YUY2, by lines", yuy2ByLines);
+            peer("libyuv YUY2, by frames", yuy2WholeFrame);
+        } else if (c.selector == TARNIS_OUTPUT_YUV422_10) {
+            const auto v210 = std::make_shared<V210>(c.size);
+            const auto y210 = std::make_shared<Y210>(c.size);
+            peer("libavcodec v210 + libyuv", [v210](FrameSet& frames) { (*v210)(frames); });
+            peer("libswscale y210", [y210](FrameSet& frames) { (*y210)(frames); });
+        } else {
+            peer("libyuv CopyPlane", copyPlane);
+        }
+    }
+    for (int variant = 0; variant < kCpuVariants; ++variant) {
+        if (!cpuRuns(variant) || (c.threads != 1 && variant < kAvx2)) continue;
+        rows.push_back({std::string("ours ") + cpuVariantName(variant), true});
+        add(c, rows.back().name, variant, decodeOnce);
+    }
+    if (c.cold && c.size.width == kHd.width) {
+        rows.push_back({"ours widest, and one read", true});
+        add(c, rows.back().name, cpuVariant(), decodeAndRead);
+    }
+    return rows;
+}
+
+/// Calls beside busy threads: what a partner thread that is preempted costs.
+void besideBusyThreads(int busy) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> neighbours;
+    for (int i = 0; i < busy; ++i)
+        neighbours.emplace_back([&] {
+            while (!stop) {
+            }
+        });
+    for (const uint32_t selector : {0u, 1u, 2u}) {
+        FrameSet frames(selector, kHd, true);
+        omp_set_num_threads(static_cast<int>(std::thread::hardware_concurrency()));
+        std::vector<double> times;
+        for (int i = 0; i < 600; ++i) {
+            frames.advance();
+            const auto begin = std::chrono::steady_clock::now();
+            decodeOnce(frames);
+            times.push_back(
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
+        }
+        std::sort(times.begin(), times.end());
+        std::printf("  %-7s 1080p  p50 %7.3f ms   p99 %7.3f ms   (one frame at 60 Hz: 16.667 ms)\n", kLayouts[selector],
+                    times[times.size() / 2], times[times.size() * 99 / 100]);
+    }
+    stop = true;
+    for (std::thread& neighbour : neighbours)
+        neighbour.join();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=7", "--benchmark_enable_random_interleaving=true",
+                              "--benchmark_min_time=0.06"};
+    for (std::string& text : defaults)
+        arguments.insert(arguments.begin() + 1, text.data());
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    const int all = static_cast<int>(std::thread::hardware_concurrency());
+    std::vector<std::pair<Case, std::vector<Row>>> cases;
+    for (const bool cold : {true, false})
+        for (const Size size : {kHd, kUhd})
+            for (const uint32_t selector : {1u, 0u, 2u})
+                for (const int threads : {1, all}) {
+                    const Case c{selector, size, cold, threads};
+                    cases.emplace_back(c, addCase(c));
+                }
+    Medians medians;
+    benchmark::RunSpecifiedBenchmarks(&medians);
+    for (const auto& [c, rows] : cases) {
+        const auto ms = [&, &key = c](const std::string& row) { return medians.ms[key.key() + "|" + row]; };
+        double best = 0;
+        for (const Row& row : rows)
+            if (!row.ours && row.name != "memcpy" && (best == 0 || ms(row.name) < best)) best = ms(row.name);
+        std::printf("\n%s\n  %-28s %9s %12s %12s\n", c.key().c_str(), "", "ms/frame", "of memcpy", "of best peer");
+        for (const Row& row : rows) {
+            if (ms(row.name) == 0) continue;
+            std::printf("  %-28s %9.3f %12.2f", row.name.c_str(), ms(row.name), ms("memcpy") / ms(row.name));
+            if (best != 0) std::printf(" %12.2f", best / ms(row.name));
+            std::printf("\n");
+        }
+    }
+    std::printf("\nall threads, beside one busy thread\n");
+    besideBusyThreads(1);
+    return 0;
+}

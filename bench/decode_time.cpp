@@ -1,0 +1,52 @@
+// Milliseconds per decoded 1080p frame, one thread, for every layout and variant: the same program runs natively and
+// under Wine, so that the two can be laid side by side. One line each: layout variant ms.
+#include "bench/decode_frames.h"
+#include "decode/cpu_variants.h"
+#include "decode/decode.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+namespace {
+
+using namespace kestra;
+using namespace kestra::bench;
+
+/// Median over many decodes of the frames in turn.
+double microsecondsPerLine(FrameSet& frames) {
+    std::vector<double> times;
+    const int calls = frames.data.status.height < kHd.height ? 2000 : 120;
+    for (int i = 0; i < calls; ++i) {
+        frames.advance();
+        int32_t stride = frames.stride();
+        const auto begin = std::chrono::steady_clock::now();
+        if (TARNIS_Decode(&frames.data, frames.source(), frames.image(), &stride, 2, nullptr, nullptr) != 0) return -1;
+        times.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count());
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2] / frames.data.status.height;
+}
+
+} // namespace
+
+int main() {
+#ifdef _OPENMP
+    omp_set_num_threads(1);
+#endif
+    constexpr const char* kNames[] = {"10-bit", "8-bit", "rgb24"};
+    for (uint32_t selector = 0; selector < 3; ++selector) {
+        FrameSet cached(selector, {1920, 64}, false), cold(selector, kHd, true);
+        for (int variant = 0; variant < kCpuVariants; ++variant) {
+            if (!forceCpuVariant(variant)) continue;
+            microsecondsPerLine(cached); // pages and clocks settle
+            std::printf("%s %s %.4f %.4f\n", kNames[selector], cpuVariantName(variant), microsecondsPerLine(cached),
+                        microsecondsPerLine(cold));
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,52 @@
+// The line kernels' loop, written once for every instruction set. Private to decode/.
+//
+// A `Kernel` converts blocks of a line:
+//   kBlockPairs             pairs in a block
+//   kUnitPairs              a block may start at every multiple of so many pairs
+//   kAlignment              of streaming stores, in bytes
+//   block<Store>(raw, rgb, pair)  converts the block that starts at that pair of the line; Store::put stores a register
+//   Cached, Streaming       the two kinds of Store
+//   plain                   the kernel for lines shorter than a block
+//   lastPair                converts the pair that is over when the units are two pairs
+#pragma once
+
+#include "decode/line_kernels.h"
+#include "decode/yuv_arithmetic.h"
+
+namespace kestra {
+
+/// How many steps of `stepBytes` (6 or 12) bytes lead from an address to a multiple of `alignment`, a power of two.
+/// @return false if none do
+KESTRA_INLINE bool stepsToAligned(const uint8_t* address, uint32_t stepBytes, uint32_t alignment, uint32_t& steps) {
+    const auto a = reinterpret_cast<uintptr_t>(address);
+    const uint32_t unit = stepBytes / 3;
+    if (a % unit != 0) return false;
+    constexpr uint32_t kInverseOf3 = 0xAAAAAAAB; // modulo 2^32, so modulo every smaller power of two
+    steps = (0 - static_cast<uint32_t>(a / unit)) * kInverseOf3 & (alignment / unit - 1);
+    return true;
+}
+
+template <class Kernel>
+KESTRA_INLINE void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
+                               const uint8_t* nextLine) {
+    constexpr uint32_t kBlock = Kernel::kBlockPairs, kUnit = Kernel::kUnitPairs;
+    const uint32_t whole = pairs / kUnit * kUnit;
+    if (whole < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);
+    uint32_t done = 0, steps = 0;
+    if (!nextLine && stepsToAligned(rgb, 6 * kUnit, Kernel::kAlignment, steps)) {
+        if (steps != 0) Kernel::template block<typename Kernel::Cached>(raw, rgb, 0);
+        for (done = steps * kUnit; done + kBlock <= whole; done += kBlock)
+            Kernel::template block<typename Kernel::Streaming>(raw, rgb, done);
+    } else {
+        for (; done + kBlock <= whole; done += kBlock) {
+            if (nextLine)
+                for (uint32_t byte = 0; byte < 6 * kBlock; byte += 64)
+                    __builtin_prefetch(nextLine + size_t{6} * done + byte, 1);
+            Kernel::template block<typename Kernel::Cached>(raw, rgb, done);
+        }
+    }
+    if (done < whole) Kernel::template block<typename Kernel::Cached>(raw, rgb, whole - kBlock); // partly once more
+    if (whole < pairs) Kernel::lastPair(conversion, raw, rgb, pairs);
+}
+
+} // namespace kestra

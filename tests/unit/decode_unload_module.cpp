@@ -1,0 +1,7 @@
+// A module that decodes, for decode_unload_test to load and release.
+#include "decode/decode.h"
+
+extern "C" __declspec(dllexport) uint32_t
+    decodeOnce(const TarnisCameraData* data, const void* raw, void* rgb, int32_t* stride) {
+    return TARNIS_Decode(data, raw, rgb, stride, 2, nullptr, nullptr);
+}
