@@ -19,25 +19,24 @@ using Lane = std::array<uint8_t, 16>;
 
 enum Source { kBlueRed = 0, kGreen = 1, kRedBlue = 2 };
 
-constexpr Source sourceOf(int pixel, int channel) {
+constexpr Source sourceOf(size_t pixel, size_t channel) {
     return channel == 1 ? kGreen : fromRedBlue(pixel, channel) ? kRedBlue : kBlueRed;
 }
 
 /// Which byte of the source goes to every byte of a lane.
 constexpr Lane spread(Source source) {
     Lane lane{};
-    for (int byte = 0; byte < 48; ++byte)
-        if (sourceOf(byte / 3, byte % 3) == source)
-            lane[static_cast<size_t>(byte % 16)] = static_cast<uint8_t>(byte / 3);
+    for (size_t byte = 0; byte < 48; ++byte)
+        if (sourceOf(byte / 3, byte % 3) == source) lane[byte % 16] = static_cast<uint8_t>(byte / 3);
     return lane;
 }
 
 /// 0xFF where byte p of output register `out` is from that source.
-constexpr Lane taken(int out, Source source) {
+constexpr Lane taken(size_t out, Source source) {
     Lane lane{};
-    for (int p = 0; p < 16; ++p) {
-        const int byte = 16 * out + p;
-        lane[static_cast<size_t>(p)] = sourceOf(byte / 3, byte % 3) == source ? 0xFF : 0;
+    for (size_t p = 0; p < 16; ++p) {
+        const size_t byte = 16 * out + p;
+        lane[p] = sourceOf(byte / 3, byte % 3) == source ? 0xFF : 0;
     }
     return lane;
 }
@@ -46,33 +45,33 @@ constexpr Lane taken(int out, Source source) {
 // brings the two bytes of each into its lane, Y first and then C; a product puts the sample on top of its lane.
 
 /// Bytes of the samples of four pixels: lanes 0..3 Y, lanes 4..7 Cb, Cr, Cb, Cr.
-constexpr Lane sampleBytes(int offset) {
+constexpr Lane sampleBytes(size_t offset) {
     Lane lane{};
-    for (int q = 0; q < 8; ++q) {
-        const int sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
-        const int byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
-        lane[static_cast<size_t>(2 * q)] = static_cast<uint8_t>(byte);
-        lane[static_cast<size_t>(2 * q + 1)] = static_cast<uint8_t>(byte + 1);
+    for (size_t q = 0; q < 8; ++q) {
+        const size_t sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
+        const size_t byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
+        lane[2 * q] = static_cast<uint8_t>(byte);
+        lane[2 * q + 1] = static_cast<uint8_t>(byte + 1);
     }
     return lane;
 }
 
 /// What to multiply each lane with so that its sample fills bits 6..15.
-constexpr std::array<uint16_t, 8> sampleFactors(int offset) {
+constexpr std::array<uint16_t, 8> sampleFactors(size_t offset) {
     std::array<uint16_t, 8> factors{};
-    for (int q = 0; q < 8; ++q) {
-        const int sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
-        factors[static_cast<size_t>(q)] = static_cast<uint16_t>(1 << (6 - 10 * (sample % 6) % 8));
+    for (size_t q = 0; q < 8; ++q) {
+        const size_t sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
+        factors[q] = static_cast<uint16_t>(1u << (6 - 10 * (sample % 6) % 8));
     }
     return factors;
 }
 
-/// Sample of its word at which group g of four pixels starts, and that word.
-constexpr int groupOffset(int group) {
+/// Sample of its word at which group g of four pixels starts, and the byte at which that word starts.
+constexpr size_t groupOffset(size_t group) {
     return 8 * group % 6;
 }
-constexpr int groupWord(int group) {
-    return 8 * group / 6;
+constexpr size_t groupByte(size_t group) {
+    return 8 * (8 * group / 6);
 }
 
 } // namespace kestra

@@ -62,7 +62,7 @@ struct StreamingStore {
 };
 
 /// One output register of each lane.
-template <int kOut>
+template <size_t kOut>
 KESTRA_INLINE __m256i pick(__m256i blueRed, __m256i green, __m256i redBlue) {
     return _mm256_blendv_epi8(_mm256_blendv_epi8(blueRed, green, kTakeGreen[kOut].vec()), redBlue,
                               kTakeRedBlue[kOut].vec());
@@ -82,7 +82,7 @@ KESTRA_INLINE void store32(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSum
     Store::put(rgb + 64, _mm256_permute2x128_si256(second, third, 0x31));
 }
 
-template <int kGroup>
+template <size_t kGroup>
 struct Unpack {
     static constexpr Wide<Lane> kBytes = {sampleBytes(groupOffset(kGroup)), sampleBytes(groupOffset(kGroup + 4))};
     static constexpr Wide<std::array<uint16_t, 8>> kFactors = {sampleFactors(groupOffset(kGroup)),
@@ -90,20 +90,19 @@ struct Unpack {
 };
 
 /// Four pixels of group kGroup and four of group kGroup + 4, in a lane each: Y in its low, C in its high half.
-template <int kGroup>
-KESTRA_INLINE __m256i unpack(const uint8_t* words, int firstWord) {
-    const __m256i bytes =
-        twoAt(words + 8 * (groupWord(kGroup) - firstWord), words + 8 * (groupWord(kGroup + 4) - firstWord));
+template <size_t kGroup>
+KESTRA_INLINE __m256i unpack(const uint8_t* words) {
+    const __m256i bytes = twoAt(words + groupByte(kGroup), words + groupByte(kGroup + 4));
     const __m256i lanes = _mm256_shuffle_epi8(bytes, Unpack<kGroup>::kBytes.vec());
     return _mm256_srli_epi16(_mm256_mullo_epi16(lanes, Unpack<kGroup>::kFactors.vec()), 6);
 }
 
-/// Converts 32 pixels that start with group kGroup (0..2 modulo 3); `words` is that group's word.
-template <class Store, int kGroup>
+/// Converts 32 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
+/// three.
+template <class Store, size_t kGroup>
 KESTRA_INLINE void convert32(const uint8_t* words, uint8_t* rgb) {
-    constexpr int kFirst = groupWord(kGroup);
-    const __m256i v0 = unpack<kGroup>(words, kFirst), v1 = unpack<kGroup + 1>(words, kFirst);
-    const __m256i v2 = unpack<kGroup + 2>(words, kFirst), v3 = unpack<kGroup + 3>(words, kFirst);
+    const __m256i v0 = unpack<kGroup>(words), v1 = unpack<kGroup + 1>(words);
+    const __m256i v2 = unpack<kGroup + 2>(words), v3 = unpack<kGroup + 3>(words);
     store32<Store>(rgb, convert10<Ops>(_mm256_unpacklo_epi64(v0, v1), _mm256_unpackhi_epi64(v0, v1)),
                    convert10<Ops>(_mm256_unpacklo_epi64(v2, v3), _mm256_unpackhi_epi64(v2, v3)));
 }
@@ -132,7 +131,7 @@ struct Ten : Common {
     static constexpr auto lastPair = convertLastPair10;
     template <class Store>
     static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
-        const uint8_t* words = raw + size_t{8} * (4 * pair / 6);
+        const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
         uint8_t* out = rgb + size_t{6} * pair;
         switch (pair / 2 % 3) {
         case 0:

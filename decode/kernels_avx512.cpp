@@ -41,18 +41,18 @@ KESTRA_INLINE __m512i toVec(const Index& index) {
 }
 
 // Packing leaves the byte of pixel p (0..31) of a register's first source at 16 * (p / 8) + p % 8, of its second 8 on.
-constexpr int packedAt(int pixel) {
+constexpr size_t packedAt(size_t pixel) {
     return 16 * (pixel / 8) + pixel % 8;
 }
 
 /// Index of the bytes that output register `out` of the three takes from (first, redBlue), where `first` is the packed
 /// blueRed and green of 32 pixels, of which the outer registers need no others.
-constexpr Index outerIndex(int out) {
+constexpr Index outerIndex(size_t out) {
     Index index{};
-    for (int t = 0; t < 64; ++t) {
-        const int pixel = (64 * out + t) / 3, channel = (64 * out + t) % 3, at = packedAt(pixel % 32);
-        index[static_cast<size_t>(t)] = static_cast<uint8_t>(fromRedBlue(pixel, channel) ? 64 + at + 8 * (pixel / 32)
-                                                                                         : at + (channel == 1 ? 8 : 0));
+    for (size_t t = 0; t < 64; ++t) {
+        const size_t pixel = (64 * out + t) / 3, channel = (64 * out + t) % 3, at = packedAt(pixel % 32);
+        index[t] = static_cast<uint8_t>(fromRedBlue(pixel, channel) ? 64 + at + 8 * (pixel / 32)
+                                                                    : at + (channel == 1 ? 8 : 0));
     }
     return index;
 }
@@ -60,9 +60,9 @@ constexpr Index outerIndex(int out) {
 /// The middle register is from both halves' blueRed and green, and then from redBlue.
 constexpr Index middleIndex(bool redBlue) {
     Index index{};
-    for (int t = 0; t < 64; ++t) {
-        const int pixel = (64 + t) / 3, channel = (64 + t) % 3, at = packedAt(pixel % 32);
-        index[static_cast<size_t>(t)] =
+    for (size_t t = 0; t < 64; ++t) {
+        const size_t pixel = (64 + t) / 3, channel = (64 + t) % 3, at = packedAt(pixel % 32);
+        index[t] =
             static_cast<uint8_t>(redBlue ? at + 8 * (pixel / 32) : 64 * (pixel / 32) + at + (channel == 1 ? 8 : 0));
     }
     return index;
@@ -70,7 +70,7 @@ constexpr Index middleIndex(bool redBlue) {
 
 constexpr uint64_t middleRedBlue() {
     uint64_t mask = 0;
-    for (int t = 0; t < 64; ++t)
+    for (size_t t = 0; t < 64; ++t)
         if (fromRedBlue((64 + t) / 3, (64 + t) % 3)) mask |= uint64_t{1} << t;
     return mask;
 }
@@ -103,26 +103,26 @@ KESTRA_INLINE void store64(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSum
 // 10-bit samples. 64 samples from an even pixel on start at sample 0, 2 or 4 of a word and lie in 11 or 12 words.
 
 /// Bytes that hold sample `first + 2 * q + odd` in lane q.
-template <int kOffset>
-constexpr Index sampleBytes(int odd) {
+template <size_t kOffset>
+constexpr Index sampleBytes(size_t odd) {
     Index index{};
-    for (int q = 0; q < 32; ++q) {
-        const int sample = kOffset + 2 * q + odd, byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
-        index[static_cast<size_t>(2 * q)] = static_cast<uint8_t>(byte);
-        index[static_cast<size_t>(2 * q + 1)] = static_cast<uint8_t>(byte + 1);
+    for (size_t q = 0; q < 32; ++q) {
+        const size_t sample = kOffset + 2 * q + odd, byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
+        index[2 * q] = static_cast<uint8_t>(byte);
+        index[2 * q + 1] = static_cast<uint8_t>(byte + 1);
     }
     return index;
 }
 
-template <int kOffset>
-constexpr std::array<uint16_t, 32> sampleShifts(int odd) {
+template <size_t kOffset>
+constexpr std::array<uint16_t, 32> sampleShifts(size_t odd) {
     std::array<uint16_t, 32> shifts{};
-    for (int q = 0; q < 32; ++q)
-        shifts[static_cast<size_t>(q)] = static_cast<uint16_t>(10 * ((kOffset + 2 * q + odd) % 6) % 8);
+    for (size_t q = 0; q < 32; ++q)
+        shifts[q] = static_cast<uint16_t>(10 * ((kOffset + 2 * q + odd) % 6) % 8);
     return shifts;
 }
 
-template <int kOffset>
+template <size_t kOffset>
 struct Unpack {
     alignas(64) static constexpr Index kYBytes = sampleBytes<kOffset>(0);
     alignas(64) static constexpr Index kCBytes = sampleBytes<kOffset>(1);
@@ -131,7 +131,7 @@ struct Unpack {
 };
 
 /// Converts 32 pixels whose first sample is sample kOffset of the word at `words`.
-template <int kOffset>
+template <size_t kOffset>
 KESTRA_INLINE PixelSums<Ops> convert32(const uint8_t* words) {
     constexpr __mmask8 kRest = (kOffset + 64 + 5) / 6 == 12 ? 0x0F : 0x07;
     const __m512i low = _mm512_loadu_si512(words);
@@ -145,9 +145,9 @@ KESTRA_INLINE PixelSums<Ops> convert32(const uint8_t* words) {
 }
 
 /// Converts 64 pixels: 128 samples from sample kOffset of the word at `words` on.
-template <class Store, int kOffset>
+template <class Store, size_t kOffset>
 KESTRA_INLINE void convert64(const uint8_t* words, uint8_t* rgb) {
-    constexpr int kSecond = kOffset + 64;
+    constexpr size_t kSecond = kOffset + 64;
     store64<Store>(rgb, convert32<kOffset>(words), convert32<kSecond % 6>(words + 8 * (kSecond / 6)));
 }
 

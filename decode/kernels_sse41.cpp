@@ -48,7 +48,7 @@ struct StreamingStore {
     static KESTRA_INLINE void put(uint8_t* p, __m128i v) { Ops::stream(p, v); }
 };
 
-template <int kOut>
+template <size_t kOut>
 KESTRA_INLINE __m128i pick(__m128i blueRed, __m128i green, __m128i redBlue) {
     return _mm_blendv_epi8(_mm_blendv_epi8(blueRed, green, vec(kTakeGreen[kOut])), redBlue, vec(kTakeRedBlue[kOut]));
 }
@@ -64,26 +64,26 @@ KESTRA_INLINE void store16(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSum
     Store::put(rgb + 32, pick<2>(blueRed, green, redBlue));
 }
 
-template <int kGroup>
+template <size_t kGroup>
 struct Unpack {
     alignas(16) static constexpr Lane kBytes = sampleBytes(groupOffset(kGroup));
     alignas(16) static constexpr std::array<uint16_t, 8> kFactors = sampleFactors(groupOffset(kGroup));
 };
 
 /// Four pixels: Y in the low, C in the high half.
-template <int kGroup>
-KESTRA_INLINE __m128i unpack(const uint8_t* words, int firstWord) {
-    const __m128i bytes = Ops::load(words + 8 * (groupWord(kGroup) - firstWord));
+template <size_t kGroup>
+KESTRA_INLINE __m128i unpack(const uint8_t* words) {
+    const __m128i bytes = Ops::load(words + groupByte(kGroup));
     return _mm_srli_epi16(
         _mm_mullo_epi16(_mm_shuffle_epi8(bytes, vec(Unpack<kGroup>::kBytes)), vec(Unpack<kGroup>::kFactors)), 6);
 }
 
-/// Converts 16 pixels that start with group kGroup (0..2 modulo 3); `words` is that group's word.
-template <class Store, int kGroup>
+/// Converts 16 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
+/// three.
+template <class Store, size_t kGroup>
 KESTRA_INLINE void convert16(const uint8_t* words, uint8_t* rgb) {
-    constexpr int kFirst = groupWord(kGroup);
-    const __m128i v0 = unpack<kGroup>(words, kFirst), v1 = unpack<kGroup + 1>(words, kFirst);
-    const __m128i v2 = unpack<kGroup + 2>(words, kFirst), v3 = unpack<kGroup + 3>(words, kFirst);
+    const __m128i v0 = unpack<kGroup>(words), v1 = unpack<kGroup + 1>(words);
+    const __m128i v2 = unpack<kGroup + 2>(words), v3 = unpack<kGroup + 3>(words);
     store16<Store>(rgb, convert10<Ops>(_mm_unpacklo_epi64(v0, v1), _mm_unpackhi_epi64(v0, v1)),
                    convert10<Ops>(_mm_unpacklo_epi64(v2, v3), _mm_unpackhi_epi64(v2, v3)));
 }
@@ -111,7 +111,7 @@ struct Ten : Common {
     static constexpr auto lastPair = convertLastPair10;
     template <class Store>
     static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
-        const uint8_t* words = raw + size_t{8} * (4 * pair / 6);
+        const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
         uint8_t* out = rgb + size_t{6} * pair;
         switch (pair / 2 % 3) {
         case 0:

@@ -7,6 +7,8 @@
 
 #include "decode/yuv_constants.h"
 
+#include <cstddef>
+
 #define KESTRA_INLINE inline __attribute__((always_inline))
 
 namespace kestra {
@@ -19,7 +21,7 @@ struct PixelSums {
 };
 
 /// True if that byte of a pixel comes from `redBlue`, else from `blueRed` or, channel 1, `green`.
-constexpr bool fromRedBlue(int pixel, int channel) noexcept {
+constexpr bool fromRedBlue(size_t pixel, size_t channel) noexcept {
     return channel != 1 && (channel == 2) == (pixel % 2 == 0);
 }
 
