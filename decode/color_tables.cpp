@@ -63,7 +63,7 @@ uint8_t limited(int32_t value, uint8_t least, uint8_t most) noexcept {
 template <int kShift, class Sample>
 inline void convertPair(const ColorTables& t, const TarnisConverterParams& p, const Sample* s, uint8_t* bgr) noexcept {
     const uint32_t cb = s[1], cr = s[3];
-    for (int pixel = 0; pixel < 2; ++pixel) {
+    for (size_t pixel = 0; pixel < 2; ++pixel) {
         const uint32_t y = s[2 * pixel];
         bgr[3 * pixel] = limited(plus(t.YB[y], t.CbB[cb]) >> kShift, p.BMin, p.BMax);
         bgr[3 * pixel + 1] = limited(minus(minus(t.YG[y], t.CrG[cr]), t.CbG[cb]) >> kShift, p.GMin, p.GMax);
