@@ -114,6 +114,9 @@ bool logListenToModule(uint64_t moduleKey, uint32_t handle) noexcept;
 void logIgnoreModule(uint64_t moduleKey, uint32_t handle) noexcept;
 /// Call after an engine's channels or thresholds changed: keeps logAccepts quick and right.
 void logUpdateFloor() noexcept;
+/// What opening a handle without an engine has to say: the handle in decimal and its four characters.
+/// @param text  receives it, cut to `capacity` characters with the terminator
+void logDescribeMissingEngine(uint32_t handle, wchar_t* text, size_t capacity) noexcept;
 /// "Log Engine - " and the host's path, once an engine was opened; else empty.
 std::wstring logEngineTitle();
 

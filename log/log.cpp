@@ -145,12 +145,6 @@ const wchar_t* formatMessage(const wchar_t* format, va_list arguments) noexcept 
     return message;
 }
 
-void describeMissingEngine(uint32_t handle, wchar_t* text, size_t capacity) noexcept {
-    std::swprintf(text, capacity, L"Can't find Log Engine for log handle: %d (%c%c%c%c)", static_cast<int>(handle),
-                  static_cast<int>(handle >> 24), static_cast<int>(handle >> 16 & 0xFF),
-                  static_cast<int>(handle >> 8 & 0xFF), static_cast<int>(handle & 0xFF));
-}
-
 } // namespace
 
 namespace kestra {
@@ -194,6 +188,12 @@ void logIgnoreModule(uint64_t moduleKey, uint32_t handle) noexcept {
     } catch (const std::bad_alloc&) {
         // The engine goes on listening.
     }
+}
+
+void logDescribeMissingEngine(uint32_t handle, wchar_t* text, size_t capacity) noexcept {
+    std::swprintf(text, capacity, L"Can't find Log Engine for log handle: %d (%c%c%c%c)", static_cast<int>(handle),
+                  static_cast<int>(handle >> 24), static_cast<int>(handle >> 16 & 0xFF),
+                  static_cast<int>(handle >> 8 & 0xFF), static_cast<int>(handle & 0xFF));
 }
 
 std::wstring logEngineTitle() {
@@ -298,7 +298,7 @@ int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDir
     if (!engine) {
         if (handle != 0) {
             wchar_t text[kTitleCapacity];
-            describeMissingEngine(handle, text, kTitleCapacity);
+            logDescribeMissingEngine(handle, text, kTitleCapacity);
             return -1;
         }
         engine = findOrCreate(handle);

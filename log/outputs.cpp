@@ -132,18 +132,27 @@ uint32_t FileOutput::openFile() noexcept {
     return 0;
 }
 
+uint32_t FileOutput::reopenFile() noexcept {
+    if (m_file != INVALID_HANDLE_VALUE) {
+        FlushFileBuffers(m_file);
+        CloseHandle(m_file);
+        m_file = INVALID_HANDLE_VALUE;
+    }
+    if (const uint32_t status = makeDirectory()) return status;
+    return openFile();
+}
+
 uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& record) noexcept {
     if (!m_mutex) return kNotOpen;
     const MutexHold hold(m_mutex, kMutexTimeoutMs);
     if (!hold.held()) return 0;
-    if (m_file == INVALID_HANDLE_VALUE) return kNotOpen;
-    if (!hasDateOf(record)) {
+    const bool hadFile = m_file != INVALID_HANDLE_VALUE;
+    if (!hadFile || !hasDateOf(record)) {
         m_day = record.day;
         m_month = record.month;
         m_year = record.year;
-        FlushFileBuffers(m_file);
-        CloseHandle(m_file);
-        if (openFile() != 0) return kNotOpen;
+        // A line that finds no file is lost; what made the file go may have passed for the next one.
+        if (reopenFile() != 0 || !hadFile) return kNotOpen;
     }
     // One write: the line and its line break, in the same order as two would leave them.
     wchar_t buffer[kestra::kLineCapacity + 2];

@@ -35,6 +35,7 @@ public:
     ~FileOutput() override;
 
     /// @return 0; 0xFFFFFFFF with no file. A line that cannot be written is lost.
+    ///         A line that finds no file after a change of date tries to open it for the lines that follow.
     uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept override;
     uint32_t open() noexcept override;
     void close() noexcept override;
@@ -52,6 +53,7 @@ private:
 
     uint32_t openMutex() noexcept;
     uint32_t openFile() noexcept;
+    uint32_t reopenFile() noexcept;
     uint32_t makeDirectory() noexcept;
     uint32_t fail(const wchar_t* format, const wchar_t* subject, uint32_t error) noexcept;
     bool hasDateOf(const LogRecord& record) const noexcept;

@@ -4,7 +4,7 @@
 namespace kestra {
 
 /// Gives a waitable handle to the log: the next LogClose waits for it (pumping messages) and closes it.
-/// @return false if sixteen are waiting already; the handle then stays the caller's.
+/// @return false if memory is short; the handle then stays the caller's.
 bool logAddPendingHandle(void* handle) noexcept;
 
 } // namespace kestra

@@ -6,7 +6,9 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <utility>
 
 #include <sys/timeb.h>
 
@@ -76,35 +78,47 @@ KeepLastError::~KeepLastError() {
 
 namespace {
 
-constexpr size_t kPendingCapacity = 16;
+constexpr size_t kPendingCapacity = 16; // to begin with
 SRWLOCK g_pendingLock = SRWLOCK_INIT;
-HANDLE g_pending[kPendingCapacity];
-DWORD g_pendingCount = 0;
+HANDLE* g_pending = nullptr; // plain memory: it must outlive every static object that may still close a log
+size_t g_pendingCount = 0, g_pendingRoom = 0;
+
+/// Dispatches what is in the calling thread's queue. A request to quit stays in it for the thread's own loop.
+/// @return false once that request has been seen.
+bool pumpMessages() noexcept {
+    MSG message;
+    while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+        if (message.message == WM_QUIT) {
+            PostQuitMessage(static_cast<int>(message.wParam));
+            return false;
+        }
+        TranslateMessage(&message);
+        DispatchMessageW(&message);
+    }
+    return true;
+}
 
 } // namespace
 
 void waitForPendingHandles() noexcept {
     AcquireSRWLockExclusive(&g_pendingLock);
-    HANDLE handles[kPendingCapacity];
-    const DWORD count = g_pendingCount;
-    for (DWORD i = 0; i < count; ++i)
-        handles[i] = g_pending[i];
-    g_pendingCount = 0;
+    HANDLE* const handles = std::exchange(g_pending, nullptr);
+    const size_t count = std::exchange(g_pendingCount, 0);
+    g_pendingRoom = 0;
     ReleaseSRWLockExclusive(&g_pendingLock);
-    if (count == 0) return;
-    // MWMO_WAITALL would also ask for input before it returns, so each handle is waited for in its turn.
-    for (DWORD i = 0; i < count;) {
-        const DWORD result = MsgWaitForMultipleObjectsEx(1, &handles[i], INFINITE, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
-        if (result != WAIT_OBJECT_0 + 1) {
+    // MWMO_WAITALL would also ask for input before it returns, and stops at 63 handles: the wait for all is made
+    // of one wait after the other, which ends at the same moment.
+    bool pumping = true;
+    for (size_t i = 0; i < count;) {
+        const DWORD result =
+            pumping ? MsgWaitForMultipleObjectsEx(1, &handles[i], INFINITE, QS_ALLINPUT, MWMO_INPUTAVAILABLE)
+                    : WaitForSingleObject(handles[i], INFINITE);
+        if (pumping && result == WAIT_OBJECT_0 + 1)
+            pumping = pumpMessages();
+        else
             CloseHandle(handles[i++]);
-            continue;
-        }
-        MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            TranslateMessage(&message);
-            DispatchMessageW(&message);
-        }
     }
+    std::free(handles);
 }
 
 } // namespace kestra::platform
@@ -114,10 +128,17 @@ namespace kestra {
 bool logAddPendingHandle(void* handle) noexcept {
     using namespace platform;
     AcquireSRWLockExclusive(&g_pendingLock);
-    const bool room = g_pendingCount < kPendingCapacity;
-    if (room) g_pending[g_pendingCount++] = handle;
+    if (g_pendingCount == g_pendingRoom) {
+        const size_t room = g_pendingRoom == 0 ? kPendingCapacity : 2 * g_pendingRoom;
+        if (void* grown = std::realloc(g_pending, room * sizeof(HANDLE))) {
+            g_pending = static_cast<HANDLE*>(grown);
+            g_pendingRoom = room;
+        }
+    }
+    const bool taken = g_pendingCount < g_pendingRoom;
+    if (taken) g_pending[g_pendingCount++] = handle;
     ReleaseSRWLockExclusive(&g_pendingLock);
-    return room;
+    return taken;
 }
 
 } // namespace kestra

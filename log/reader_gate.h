@@ -3,9 +3,9 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <thread>
 
 namespace kestra {
 
@@ -14,12 +14,17 @@ public:
     /// Stands inside for as long as it lives.
     class Pass {
     public:
-        explicit Pass(ReaderGate& gate) noexcept : m_count(gate.m_inside[gate.m_phase.load() & 1]) { ++m_count; }
-        ~Pass() { --m_count; }
+        explicit Pass(ReaderGate& gate) noexcept : m_gate(gate), m_count(gate.m_inside[gate.m_phase.load() & 1]) {
+            ++m_count;
+        }
+        ~Pass() {
+            if (--m_count == 0 && m_gate.m_waiting.load()) m_gate.wake();
+        }
         Pass(const Pass&) = delete;
         Pass& operator=(const Pass&) = delete;
 
     private:
+        ReaderGate& m_gate;
         std::atomic<uint32_t>& m_count;
     };
 
@@ -29,17 +34,29 @@ public:
         // Twice: a reader may have read the phase just before it turned, and counted itself after.
         for (int turn = 0; turn < 2; ++turn) {
             const uint32_t left = m_phase.fetch_add(1) & 1;
-            while (m_inside[left].load() != 0)
-                std::this_thread::yield();
+            // Nobody inside: no lock is touched, for at the end of the process one may stay held by a dead thread.
+            if (m_inside[left].load() == 0) continue;
+            std::unique_lock sleeping(m_wakeMutex);
+            m_waiting.store(true); // before the count is read again: a reader reads them in the opposite order
+            m_left.wait(sleeping, [&] { return m_inside[left].load() == 0; });
+            m_waiting.store(false);
         }
     }
 
     bool isEmpty() const noexcept { return m_inside[0].load() == 0 && m_inside[1].load() == 0; }
 
 private:
+    void wake() noexcept {
+        const std::lock_guard lock(m_wakeMutex);
+        m_left.notify_all();
+    }
+
     std::atomic<uint32_t> m_phase{0};
     std::atomic<uint32_t> m_inside[2]{};
-    std::mutex m_mutex;
+    std::mutex m_mutex; // one waits at a time
+    std::atomic<bool> m_waiting{false};
+    std::mutex m_wakeMutex;
+    std::condition_variable m_left;
 };
 
 } // namespace kestra

@@ -186,10 +186,10 @@ TEST_F(LogEngineTest, NullTextsBecomeUndefined) {
     r.message = nullptr;
     LogSend(kHandle, r);
     ASSERT_EQ(m_seen.lines.size(), 1u);
-    EXPECT_NE(m_seen.lines[0].find(L"TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; SV=MANDATORY; "
-                                   L"CD=-1; MSG=undefined"),
-              std::wstring::npos)
-        << "see the line";
+    const std::wstring& line = m_seen.lines[0];
+    EXPECT_EQ(line.substr(line.find(L';')),
+              L"; ML=9; PT=0:77; NL=0; TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; SV=MANDATORY; "
+              L"CD=-1; MSG=undefined");
     EXPECT_EQ(r.message, nullptr) << "the caller's record is left alone";
 }
 
@@ -235,6 +235,12 @@ TEST_F(LogEngineTest, OpeningAnUnknownHandleFails) {
     EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 1, 1, 1), -1);
     EXPECT_EQ(logFindEngine(kHandle), nullptr);
     EXPECT_EQ(logEngineTitle().substr(0, 13), L"Log Engine - ");
+}
+
+TEST(LogMissingEngine, IsDescribedByItsNumberAndItsFourCharacters) {
+    wchar_t text[128];
+    logDescribeMissingEngine(kTarnisLogHandle, text, 128);
+    EXPECT_STREQ(text, L"Can't find Log Engine for log handle: 1263685185 (KRNA)");
 }
 
 TEST_F(LogEngineTest, OpeningWithoutAnyChannelFailsAndRemovesTheEngine) {

@@ -330,6 +330,93 @@ TEST_F(LogFile, FileThatCannotBeReopenedOnANewDayLosesLinesNotTheProcess) {
     std::filesystem::create_directory(m_folder / name);
     EXPECT_EQ(writeLine(output, L"lost", r), 0xFFFFFFFF);
     EXPECT_EQ(writeLine(output, L"lost too", r), 0xFFFFFFFF);
+    std::filesystem::remove(m_folder / name);
+    EXPECT_EQ(writeLine(output, L"finds no file", r), 0xFFFFFFFF);
+    EXPECT_EQ(writeLine(output, L"kept", r), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(m_folder / name), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, DirectoryThatVanishedOverNightIsMadeAgain) {
+    const auto folder = m_folder / "vanishing";
+    std::filesystem::create_directory(folder);
+    FileOutput output(L"TARNIS", (folder.wstring() + L"\\").c_str());
+    output.setDailyNames(true);
+    ASSERT_EQ(output.open(), 0u);
+    LogRecord r = today();
+    r.year += 1;
+    wchar_t name[64];
+    std::swprintf(name, 64, L"TARNIS_%02d_%02d_%04d.txt", r.day, r.month, r.year);
+    std::filesystem::create_directory(folder / name);
+    EXPECT_EQ(writeLine(output, L"lost", r), 0xFFFFFFFF);
+    std::filesystem::remove_all(folder);
+    EXPECT_EQ(writeLine(output, L"finds no file", r), 0xFFFFFFFF);
+    EXPECT_EQ(writeLine(output, L"kept", r), 0u);
+    output.close();
+    EXPECT_THAT(linesOf(folder / name), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, FileThatVanishedLosesTheLineOnly) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    const ScopedImportHook<decltype(&SetFilePointer)> pointer(kKernel, "SetFilePointer",
+                                                              [](HANDLE, LONG, PLONG, DWORD) -> DWORD {
+                                                                  SetLastError(ERROR_FILE_INVALID);
+                                                                  return INVALID_SET_FILE_POINTER;
+                                                              });
+    const ScopedImportHook<decltype(&WriteFile)> write(
+        kKernel, "WriteFile", [](HANDLE, LPCVOID, DWORD, LPDWORD written, LPOVERLAPPED) -> BOOL {
+            *written = 0;
+            SetLastError(ERROR_FILE_INVALID);
+            return FALSE;
+        });
+    ASSERT_TRUE(pointer.installed());
+    ASSERT_TRUE(write.installed());
+    EXPECT_EQ(writeLine(output, L"lost", today(4)), 0u);
+    EXPECT_EQ(writeLine(output, L"lost too", today(4)), 0u);
+}
+
+TEST_F(LogFile, ClosingWithoutTheMutexClosesWithoutAFlush) {
+    const int before = processCounts().handles;
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    g_flushes = 0;
+    const ScopedImportHook<decltype(&FlushFileBuffers)> flush(kKernel, "FlushFileBuffers", [](HANDLE) -> BOOL {
+        ++g_flushes;
+        return TRUE;
+    });
+    const ScopedImportHook<decltype(&WaitForSingleObject)> wait(kKernel, "WaitForSingleObject",
+                                                                [](HANDLE, DWORD) -> DWORD { return WAIT_TIMEOUT; });
+    ASSERT_TRUE(flush.installed());
+    ASSERT_TRUE(wait.installed());
+    output.close();
+    EXPECT_EQ(g_flushes, 0);
+    EXPECT_EQ(processCounts().handles, before);
+    EXPECT_EQ(writeLine(output, L"x", today()), 0xFFFFFFFF);
+}
+
+TEST_F(LogFile, NameIsCutAt259Characters) {
+    const std::wstring tag(240, L't');
+    FileOutput output(tag.c_str(), nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    const std::wstring whole = m_folder.wstring() + L"\\" + tag + L".txt";
+    ASSERT_GT(whole.size(), 259u);
+    EXPECT_EQ(output.fileName(), whole.substr(0, 259));
+}
+
+TEST_F(LogFile, LocalTimeThatCannotBeHadLeavesTheConstantText) {
+    // The clock answers, but with a time that has no local form.
+    const ScopedImportHook<decltype(&_ftime64_s)> hook("msvcrt.dll", "_ftime64_s",
+                                                       [](struct __timeb64* now) -> errno_t {
+                                                           *now = {};
+                                                           now->time = -1000000;
+                                                           return 0;
+                                                       });
+    ASSERT_TRUE(hook.installed());
+    LogRecord r;
+    EXPECT_STREQ(LogMakeTimeStamp(r), "error_data error_time");
+    EXPECT_EQ(r.day, -1);
+    EXPECT_EQ(r.month, -1);
 }
 
 namespace {
@@ -359,6 +446,87 @@ TEST_F(LogFile, MemoryShortageLeavesTheConstantTexts) {
 
 namespace {
 
+constexpr uint32_t kShortHandle = 0x53484F52;
+int g_refusals;
+
+/// Keeps whole lines.
+class KeepingOutput final : public LogOutput {
+public:
+    KeepingOutput(std::vector<std::wstring>& lines, const wchar_t* name) : LogOutput(name, kFile, 0), m_lines(lines) {
+        setDetail(4);
+    }
+    uint32_t write(const wchar_t* line, size_t length, const LogRecord&) noexcept override {
+        m_lines.emplace_back(line, length);
+        return 0;
+    }
+    uint32_t open() noexcept override { return 0; }
+    void close() noexcept override {}
+
+private:
+    std::vector<std::wstring>& m_lines;
+};
+
+LogRecord plainRecord() {
+    LogRecord r;
+    r.threadId = 1;
+    r.message = L"text";
+    return r;
+}
+
+} // namespace
+
+TEST(LogMemoryShortage, ChannelWithoutALineBufferMissesTheRecordAndTheOthersGetIt) {
+    std::vector<std::wstring> first, second;
+    LogEngine* engine = logFindOrCreateEngine(kShortHandle);
+    engine->append(std::make_unique<KeepingOutput>(first, L"first"));
+    engine->append(std::make_unique<KeepingOutput>(second, L"second"));
+    {
+        g_refusals = 1;
+        const ScopedImportHook<void* (*)(size_t)> hook("msvcrt.dll", "malloc", [](size_t bytes) {
+            return bytes == 8192 && g_refusals-- > 0 ? nullptr : g_malloc(bytes);
+        });
+        ASSERT_TRUE(hook.installed());
+        g_malloc = hook.original();
+        EXPECT_EQ(LogSend(kShortHandle, plainRecord()), 0u);
+    }
+    EXPECT_EQ(first.size(), 0u);
+    EXPECT_EQ(second.size(), 1u);
+    LogClose(kShortHandle);
+}
+
+TEST(LogMemoryShortage, ThreadWithoutAContextHasAnIdentifierOfAllOnes) {
+    std::vector<std::wstring> lines;
+    LogEngine* engine = logFindOrCreateEngine(kShortHandle);
+    engine->append(std::make_unique<KeepingOutput>(lines, L"only"));
+    {
+        const ScopedImportHook<void* (*)(size_t)> hook(
+            "msvcrt.dll", "malloc", [](size_t bytes) { return bytes == 64 ? nullptr : g_malloc(bytes); });
+        ASSERT_TRUE(hook.installed());
+        g_malloc = hook.original();
+        EXPECT_EQ(LogSend(kShortHandle, plainRecord()), 0u);
+    }
+    EXPECT_THAT(lines, ElementsAre(L"{FFFFFFFFFFFFFFFF}; ML=4; PT=0:1; TM=undefined; F=undefined,undefined,0; "
+                                   L"SV=MANDATORY; CD=-1; MSG=text"));
+    LogClose(kShortHandle);
+}
+
+TEST(LogChannelNames, AreCutAt256CharactersInTheAnnouncement) {
+    std::vector<std::wstring> lines;
+    const std::wstring name(200, L'n');
+    LogEngine* engine = logFindOrCreateEngine(kShortHandle);
+    for (int i = 0; i < 2; ++i)
+        engine->append(std::make_unique<KeepingOutput>(lines, name.c_str()));
+    engine->slot(0)->setDetail(2);
+    engine->slot(1)->setDetail(0);
+    LogClose(kShortHandle);
+    std::wstring message = L"   <<<<<<<<<<<<<<<<< Close the log channels: " + name + L", " + std::wstring(54, L'n') +
+                           L" for: " + GetCommandLineW();
+    if (message.size() > 511) message.resize(511);
+    EXPECT_THAT(lines, ElementsAre(L"SV=MANDATORY; CD=0; MSG=" + message));
+}
+
+namespace {
+
 /// The engine's channels as the registry configures them, in a folder of their own.
 class LogConfigurationTest : public LogFolder {
 protected:
@@ -376,6 +544,11 @@ protected:
     static void log(uint32_t severity, const wchar_t* message) {
         static constexpr LogUnit unit{"group", L".\\unit.cpp"};
         KESTRA_LOG(unit, "function", severity, 1, L"%ls", message);
+    }
+    /// A line of level 3 with its source line, which changes with every edit, made a "#".
+    static std::wstring maskSourceLine(const std::wstring& line) {
+        const size_t end = line.find(L';'), begin = line.rfind(L',', end);
+        return line.substr(0, begin + 1) + L"#" + line.substr(end);
     }
     std::vector<std::wstring> fileLines() { return linesOf(m_folder / "TARNIS.txt"); }
 
@@ -412,13 +585,13 @@ TEST_F(LogConfigurationTest, FileDetailThreeWritesTheOpeningLineAndOneLineARecor
     const auto lines = fileLines();
     ASSERT_EQ(lines.size(), 3u);
     const std::wstring host = std::wstring(L" for: ") + GetCommandLineW();
-    EXPECT_THAT(lines[0], testing::StartsWith(L"F=.\\LogEngine.cpp,LogEngine::Initialize,"));
-    EXPECT_THAT(lines[0], testing::EndsWith(L"; SV=MANDATORY; CD=0; MSG=   >>>>>>>>>>>>>>>>> Open the log channels: "
-                                            L"File_Output" +
-                                            host));
-    EXPECT_THAT(lines[1], testing::StartsWith(L"F=.\\unit.cpp,function,"));
-    EXPECT_THAT(lines[1], testing::EndsWith(L"; SV=ERROR; CD=1; MSG=hGrabber is NULL"));
-    EXPECT_THAT(lines[2], HasSubstr(L"<<<<<<<<<<<<<<<<< Close the log channels: File_Output" + host));
+    EXPECT_EQ(maskSourceLine(lines[0]), L"F=.\\LogEngine.cpp,LogEngine::Initialize,#; SV=MANDATORY; CD=0; MSG=   "
+                                        L">>>>>>>>>>>>>>>>> Open the log channels: File_Output" +
+                                            host);
+    EXPECT_EQ(maskSourceLine(lines[1]), L"F=.\\unit.cpp,function,#; SV=ERROR; CD=1; MSG=hGrabber is NULL");
+    EXPECT_EQ(maskSourceLine(lines[2]), L"F=.\\LogEngine.cpp,LogEngine::Close,#; SV=MANDATORY; CD=0; MSG=   "
+                                        L"<<<<<<<<<<<<<<<<< Close the log channels: File_Output" +
+                                            host);
     EXPECT_EQ(m_debug.lines().size(), 1u) << "nothing but the first line of the configuration load";
 }
 
@@ -442,10 +615,18 @@ TEST_F(LogConfigurationTest, AllThreeChannelsOpenInOrder) {
     set(L"IdeSeverityThrsh", 3);
     ASSERT_TRUE(logLoadConfiguration());
     log(LOG_WARNING, L"seen by the debugger");
-    EXPECT_TRUE(m_debug.contains(L"SV=WARNING; CD=1; MSG=seen by the debugger"));
+    const std::wstring host = std::wstring(L" for: ") + GetCommandLineW();
+    // The debugger's channel opens with the threshold ERROR, so it gets the announcement as well.
+    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n",
+                                             L"SV=MANDATORY; CD=0; MSG=   >>>>>>>>>>>>>>>>> Open the log channels: "
+                                             L"System_Output_Stub, File_Output, IDE_Output" +
+                                                 host,
+                                             L"\n", L"SV=WARNING; CD=1; MSG=seen by the debugger", L"\n"));
     EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 3u);
     LogClose(kTarnisLogHandle);
-    EXPECT_THAT(fileLines().at(0), HasSubstr(L"channels: System_Output_Stub, File_Output, IDE_Output for: "));
+    EXPECT_EQ(fileLines().at(0), L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: System_Output_Stub, "
+                                 L"File_Output, IDE_Output" +
+                                     host);
 }
 
 TEST_F(LogConfigurationTest, ConfiguredDirectoryIsUsed) {
@@ -529,13 +710,31 @@ TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
     EXPECT_FALSE(GetHandleInformation(done, &flags)) << "the waited-for handle is closed";
 }
 
-TEST(LogPendingHandles, NoMoreThanSixteenAreTaken) {
-    for (int i = 0; i < 16; ++i)
+TEST(LogPendingHandles, MoreThanSixteenAreWaitedForAndClosed) {
+    const int before = processCounts().handles;
+    for (int i = 0; i < 100; ++i)
         ASSERT_TRUE(logAddPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
-    const HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-    EXPECT_FALSE(logAddPendingHandle(event));
-    CloseHandle(event);
+    EXPECT_EQ(processCounts().handles, before + 100);
     LogClose(0x12345678);
-    EXPECT_TRUE(logAddPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
+    EXPECT_EQ(processCounts().handles, before);
+}
+
+TEST(LogPendingHandles, RequestToQuitStaysForTheThreadsOwnLoop) {
+    const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_TRUE(logAddPendingHandle(done));
+    PostQuitMessage(7);
+    // Set only after the wait has met the request: that is when it waits for the event alone.
+    static HANDLE toSet;
+    toSet = done;
+    const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",
+                                                                [](HANDLE, DWORD) -> DWORD {
+                                                                    SetEvent(toSet);
+                                                                    return WAIT_OBJECT_0;
+                                                                });
+    ASSERT_TRUE(hook.installed());
     LogClose(0x12345678);
+    MSG message{};
+    ASSERT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.message, UINT{WM_QUIT});
+    EXPECT_EQ(message.wParam, WPARAM{7});
 }

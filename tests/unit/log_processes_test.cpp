@@ -12,6 +12,49 @@
 #include <string>
 #include <vector>
 
+namespace {
+
+/// Runs the writer to its end. @return its exit code.
+DWORD runWriter(const std::wstring& arguments) {
+    std::wstring command = L"\"" + std::filesystem::path(LOG_WRITER).wstring() + L"\"" + arguments;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION information{};
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information))
+        return 0xFFFFFFFF;
+    CloseHandle(information.hThread);
+    EXPECT_EQ(WaitForSingleObject(information.hProcess, 60000), WAIT_OBJECT_0);
+    DWORD code = 0xFFFFFFFF;
+    GetExitCodeProcess(information.hProcess, &code);
+    CloseHandle(information.hProcess);
+    return code;
+}
+
+} // namespace
+
+TEST(LogFileOfManyProcesses, IsWrittenOnWhenAProcessDiedWithTheMutex) {
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("kestra-abandoned-" + std::to_string(GetCurrentProcessId()));
+    std::filesystem::create_directories(folder);
+    // Kept open here, or the mutex would go with the process that abandons it.
+    const HANDLE mutex = CreateMutexW(nullptr, FALSE, L"ZELIB_WRITING_MUTEX");
+    ASSERT_EQ(runWriter(L""), 77u);
+    EXPECT_EQ(runWriter(L" \"" + folder.wstring() + L"\\\\\" 0 1 3"), 0u);
+    CloseHandle(mutex);
+    // Mark, opening line, three records, closing line: the records alone tell that none was dropped.
+    std::ifstream in(folder / "TARNIS.txt", std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    in.close();
+    std::wstring text(bytes.size() / 2, L'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * 2);
+    const size_t first = text.find(L"\r\n") + 2;
+    const std::wstring records = L"SV=MANDATORY; CD=0; MSG=process 0 thread 0 record 0\r\n"
+                                 L"SV=MANDATORY; CD=1; MSG=process 0 thread 0 record 1\r\n"
+                                 L"SV=MANDATORY; CD=2; MSG=process 0 thread 0 record 2\r\n";
+    EXPECT_EQ(text.substr(first, records.size()), records);
+    std::filesystem::remove_all(folder);
+}
+
 TEST(LogFileOfManyProcesses, HoldsEveryLineOnceAndWhole) {
     const bool longRun = std::getenv("KESTRA_LONG") != nullptr;
     const int processes = 8, threads = 4, records = longRun ? 10000 : 250;

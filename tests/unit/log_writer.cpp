@@ -1,4 +1,5 @@
 // One of many processes that log into the same file: log_writer DIRECTORY PROCESS THREADS RECORDS
+// Without arguments it dies with the mutex that keeps their lines apart.
 #include "log/engine.h"
 
 #include <windows.h>
@@ -8,6 +9,11 @@
 #include <vector>
 
 int wmain(int argc, wchar_t** argv) {
+    if (argc == 1) {
+        const HANDLE mutex = CreateMutexW(nullptr, FALSE, L"ZELIB_WRITING_MUTEX");
+        const bool held = WaitForSingleObject(mutex, 10000) == WAIT_OBJECT_0;
+        TerminateProcess(GetCurrentProcess(), held ? 77 : 1);
+    }
     if (argc != 5) return 2;
     const int process = _wtoi(argv[2]), threads = _wtoi(argv[3]), records = _wtoi(argv[4]);
     if (!kestra::logFindOrCreateEngine(kTarnisLogHandle)) return 1;
