@@ -12,7 +12,7 @@ if(WIN32)
 endif()
 if(KESTRA_SANITIZE)
   target_compile_options(kestra_options INTERFACE
-    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=address,undefined,fuzzer-no-link -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kestra_options INTERFACE -fsanitize=address,undefined)
 endif()
 

@@ -2,6 +2,7 @@
 #include "decode/interleave128.h"
 #include "decode/line_template.h"
 #include "decode/region_template.h"
+#include "decode/sample_template.h"
 
 #include <immintrin.h>
 
@@ -23,6 +24,7 @@ KESTRA_INLINE __m256i twoAt(const uint8_t* low, const uint8_t* high) {
                                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(high)), 1);
 }
 
+constexpr Wide<Lane> kExpandBytes = twice(Lane{0, 1, 2, 128, 3, 4, 5, 128, 6, 7, 8, 128, 9, 10, 11, 128});
 constexpr Wide<Lane> kSwapNeighbours = twice(Lane{2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13});
 
 struct Ops {
@@ -46,6 +48,13 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm256_maddubs_epi16(v, set16(0x0008)); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm256_maddubs_epi16(v, set16(0x0800)); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm256_blend_epi16(zero(), v, 0xAA); }
+    static KESTRA_INLINE Vec swapBytes(Vec v) {
+        return _mm256_or_si256(_mm256_slli_epi16(v, 8), _mm256_srli_epi16(v, 8));
+    }
+    static KESTRA_INLINE Vec expand(Vec v) {
+        const Vec halves = _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 1, 2, 2, 3, 4, 5, 5));
+        return _mm256_shuffle_epi8(halves, kExpandBytes.vec());
+    }
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm256_shuffle_epi8(v, kSwapNeighbours.vec()); }
 };
 
@@ -164,6 +173,16 @@ int32_t copy16C1Avx2(const void* src, int32_t srcStep, void* dst, int32_t dstSte
 }
 int32_t shiftRight16C1Avx2(uint32_t shift, void* image, int32_t step, RegionSize region) {
     return shiftRight16C1<Ops>(shift, image, step, region);
+}
+
+void copyLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    copySampleLine<Ops>(src, dst, bytes, streamed);
+}
+void swapLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    swapSampleLine<Ops>(src, dst, bytes, streamed);
+}
+void expandLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    expandSampleLine<Ops>(src, dst, bytes, streamed);
 }
 
 } // namespace kestra

@@ -1,6 +1,7 @@
 // Kernels for AVX-512 F, BW, VL and VBMI. The only file built with these instructions.
 #include "decode/line_template.h"
 #include "decode/region_template.h"
+#include "decode/sample_template.h"
 #include "decode/yuv_arithmetic.h"
 
 #include <immintrin.h>
@@ -31,6 +32,10 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm512_maddubs_epi16(v, set16(0x0008)); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm512_maddubs_epi16(v, set16(0x0800)); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm512_maskz_mov_epi16(0xAAAAAAAA, v); }
+    static KESTRA_INLINE Vec swapBytes(Vec v) {
+        return _mm512_or_si512(_mm512_slli_epi16(v, 8), _mm512_srli_epi16(v, 8));
+    }
+    static KESTRA_INLINE Vec expand(Vec v);
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm512_rol_epi32(v, 16); }
 };
 
@@ -38,6 +43,17 @@ using Index = std::array<uint8_t, 64>;
 
 KESTRA_INLINE __m512i toVec(const Index& index) {
     return _mm512_loadu_si512(index.data());
+}
+
+alignas(64) constexpr Index kExpandIndex = [] {
+    Index index{};
+    for (size_t t = 0; t < 64; ++t)
+        index[t] = static_cast<uint8_t>(t / 4 * 3 + t % 4);
+    return index;
+}();
+
+KESTRA_INLINE __m512i Ops::expand(__m512i v) {
+    return _mm512_maskz_permutexvar_epi8(0x7777777777777777, toVec(kExpandIndex), v);
 }
 
 // Packing leaves the byte of pixel p (0..31) of a register's first source at 16 * (p / 8) + p % 8, of its second 8 on.
@@ -205,6 +221,16 @@ int32_t copy16C1Avx512(const void* src, int32_t srcStep, void* dst, int32_t dstS
 }
 int32_t shiftRight16C1Avx512(uint32_t shift, void* image, int32_t step, RegionSize region) {
     return shiftRight16C1<Ops>(shift, image, step, region);
+}
+
+void copyLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    copySampleLine<Ops>(src, dst, bytes, streamed);
+}
+void swapLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    swapSampleLine<Ops>(src, dst, bytes, streamed);
+}
+void expandLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    expandSampleLine<Ops>(src, dst, bytes, streamed);
 }
 
 } // namespace kestra

@@ -1,6 +1,7 @@
 // Kernels for SSE2, which every 64-bit x86 processor has.
 #include "decode/line_kernels.h"
 #include "decode/region_template.h"
+#include "decode/sample_template.h"
 #include "decode/yuv_arithmetic.h"
 
 #include <emmintrin.h>
@@ -32,6 +33,7 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm_slli_epi16(_mm_and_si128(v, set16(0x00FF)), 3); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm_slli_epi16(_mm_srli_epi16(v, 8), 3); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm_slli_epi32(_mm_srli_epi32(v, 16), 16); }
+    static KESTRA_INLINE Vec swapBytes(Vec v) { return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)); }
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1); }
 };
 
@@ -116,6 +118,13 @@ int32_t copy16C1Sse2(const void* src, int32_t srcStep, void* dst, int32_t dstSte
 }
 int32_t shiftRight16C1Sse2(uint32_t shift, void* image, int32_t step, RegionSize region) {
     return shiftRight16C1<Ops>(shift, image, step, region);
+}
+
+void copyLineSse2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    copySampleLine<Ops>(src, dst, bytes, streamed);
+}
+void swapLineSse2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    swapSampleLine<Ops>(src, dst, bytes, streamed);
 }
 
 } // namespace kestra

@@ -2,6 +2,7 @@
 #include "decode/interleave128.h"
 #include "decode/line_template.h"
 #include "decode/region_template.h"
+#include "decode/sample_template.h"
 
 #include <smmintrin.h>
 
@@ -12,6 +13,8 @@ template <class Bytes>
 KESTRA_INLINE __m128i vec(const Bytes& lane) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(lane.data()));
 }
+
+alignas(16) constexpr Lane kExpandBytes = {0, 1, 2, 128, 3, 4, 5, 128, 6, 7, 8, 128, 9, 10, 11, 128};
 
 struct Ops {
     using Vec = __m128i;
@@ -34,6 +37,8 @@ struct Ops {
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm_maddubs_epi16(v, set16(0x0008)); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm_maddubs_epi16(v, set16(0x0800)); }
     static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm_blend_epi16(zero(), v, 0xAA); }
+    static KESTRA_INLINE Vec swapBytes(Vec v) { return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)); }
+    static KESTRA_INLINE Vec expand(Vec v) { return _mm_shuffle_epi8(v, vec(kExpandBytes)); }
     static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1); }
 };
 
@@ -144,6 +149,16 @@ int32_t copy16C1Sse41(const void* src, int32_t srcStep, void* dst, int32_t dstSt
 }
 int32_t shiftRight16C1Sse41(uint32_t shift, void* image, int32_t step, RegionSize region) {
     return shiftRight16C1<Ops>(shift, image, step, region);
+}
+
+void copyLineSse41(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    copySampleLine<Ops>(src, dst, bytes, streamed);
+}
+void swapLineSse41(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    swapSampleLine<Ops>(src, dst, bytes, streamed);
+}
+void expandLineSse41(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    expandSampleLine<Ops>(src, dst, bytes, streamed);
 }
 
 } // namespace kestra
