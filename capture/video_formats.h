@@ -1,0 +1,33 @@
+// The media types that the video pin offers. No state; any thread.
+#pragma once
+
+#include "capture/frame_writer.h"
+
+#include <streams.h>
+
+namespace kestra {
+
+/// Size and rate of the pictures that a card's input gives; without a signal 1280 x 720, progressive, 60 a second.
+struct PictureTiming {
+    uint32_t width, height;
+    uint32_t frameRate; ///< as the card reports it: fields per second when interlaced
+    bool interlaced;
+    REFERENCE_TIME averageTimePerFrame() const noexcept; ///< 100-ns units
+    uint32_t bitRate(uint32_t imageBytes) const noexcept;
+};
+PictureTiming timingOf(const TarnisCameraStatus& status) noexcept;
+
+/// Makes the complete media type of one format. @return E_OUTOFMEMORY without memory for the format block
+HRESULT makeVideoType(VideoFormat format, const PictureTiming& timing, CMediaType& type);
+
+/// The bitmap header of a VIDEOINFOHEADER or VIDEOINFOHEADER2 block; null if the block is too short for it.
+const BITMAPINFOHEADER* bitmapHeaderOf(const AM_MEDIA_TYPE& type) noexcept;
+
+/// The format that a type's depth and format block stand for; what fits none is YUY2.
+VideoFormat videoFormatOf(const AM_MEDIA_TYPE& type) noexcept;
+
+/// True if the two agree in major type, subtype (an empty one agrees with any) and format type. Frame sizes, rates and
+/// depths are not compared.
+bool matchesVideoType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered) noexcept;
+
+} // namespace kestra

@@ -1,0 +1,30 @@
+// The module: its classes, its entry points, its registration.
+#include "capture/video_filter.h"
+#include "log/configuration.h"
+#include "server/registration.h"
+
+#include <streams.h>
+
+namespace {
+
+kestra::LogLifetime g_log; // the library's log is open for as long as the module is loaded
+
+} // namespace
+
+// A further class is one line.
+CFactoryTemplate g_Templates[] = {
+    {L"Kestra Capture Video", &CLSID_KestraCapture, CKestraCapture::CreateInstance, nullptr, nullptr},
+};
+int g_cTemplates = sizeof g_Templates / sizeof g_Templates[0];
+
+STDAPI DllRegisterServer() {
+    return kestra::registerModule();
+}
+
+STDAPI DllUnregisterServer() {
+    return kestra::unregisterModule();
+}
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+    return DllEntryPoint(instance, reason, reserved);
+}
