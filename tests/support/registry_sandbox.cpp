@@ -1,4 +1,5 @@
-// Redirects HKEY_CURRENT_USER to a key of this process's own.
+// Redirects HKEY_CURRENT_USER to a key of this process's own. Not a volatile one: below it only volatile keys could be
+// made, and the code under test makes plain ones.
 #include "tests/support/registry_sandbox.h"
 
 #include <stdexcept>
@@ -14,7 +15,7 @@ void check(LSTATUS status, const char* what) {
 
 RegistrySandbox::RegistrySandbox() : m_path(L"Software\\KestraTest\\" + std::to_wstring(GetCurrentProcessId())) {
     RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
-    check(RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr,
+    check(RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
                           &m_root, nullptr),
           "RegCreateKeyExW");
     check(RegOverridePredefKey(HKEY_CURRENT_USER, m_root), "RegOverridePredefKey");
@@ -28,7 +29,7 @@ RegistrySandbox::~RegistrySandbox() {
 
 void RegistrySandbox::setRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD bytes) {
     HKEY opened = nullptr;
-    check(RegCreateKeyExW(m_root, key, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &opened, nullptr),
+    check(RegCreateKeyExW(m_root, key, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr, &opened, nullptr),
           "RegCreateKeyExW");
     const LSTATUS status = RegSetValueExW(opened, name, 0, type, static_cast<const BYTE*>(data), bytes);
     RegCloseKey(opened);
