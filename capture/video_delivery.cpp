@@ -40,7 +40,8 @@ HRESULT CKestraStream::Active() {
     trace(L"CKestraStream->Active->start");
     if (m_pFilter->IsActive()) return traced(L"CKestraStream->Active->m_pFilter->IsActive()", S_FALSE);
     if (!IsConnected()) return traced(L"CKestraStream->Active->!IsConnected()", S_OK);
-    const HRESULT hr = CBaseOutputPin::Active();
+    // The base's base on purpose: the stream's own worker thread is not used.
+    const HRESULT hr = CBaseOutputPin::Active(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(L"CKestraStream->Active->FAILED(hr)", hr);
     audioPins.activateAll();
     if (TARNIS_GetDMAAccess(m_hGrabber, m_port) != TARNIS_SUCCESS)
@@ -73,7 +74,8 @@ HRESULT CKestraStream::Inactive() {
     trace(L"CKestraStream->Inactive->start");
     if (!IsConnected()) return traced(L"CKestraStream->Inactive->!IsConnected()", S_OK);
     m_capture->activity().set(Activity::State::Stopped); // so that a callback returns that comes now
-    const HRESULT hr = CBaseOutputPin::Inactive();       // frees a callback that waits for a buffer
+    // Frees a callback that waits for a buffer. The base's base, as in Active.
+    const HRESULT hr = CBaseOutputPin::Inactive(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(L"CKestraStream->Inactive->FAILED(hr)", hr);
     DeliverEndOfStream();
     TARNIS_StopGrab(m_hGrabber, m_port);
