@@ -1,0 +1,483 @@
+// The video pin at work: connection, start and stop, every byte of every format, every status, and what a badly behaved
+// receiver, another application or a pulled card do to it. KESTRA_LONG=1: more cycles, with figures.
+#include "simcard/model/picture.h"
+#include "tests/com/video_test.h"
+#include "tests/support/process_counts.h"
+
+#include <cstdlib>
+#include <set>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+bool longRun() {
+    const char* value = std::getenv("KESTRA_LONG");
+    return value && value[0] == '1';
+}
+
+struct Picture {
+    Signal signal;
+    int format; ///< as in "VideoFormat"
+    uint32_t width() const { return signal.width; }
+    uint32_t height() const { return signal.height; }
+    bool interlaced() const { return signal.interlaced != 0; }
+    bool rgb() const { return format == 1 || format == 3; }
+    uint32_t bytesPerPixel() const { return format == 3 ? 4 : format == 1 ? 3 : 2; }
+    uint32_t lineBytes() const { return (width() * bytesPerPixel() + 3) & ~3u; }
+    /// Raw line that shows a line of the picture.
+    uint32_t rawLine(uint32_t line) const {
+        if (!interlaced()) return line;
+        return line / 2 + (line % 2) * ((height() + 1) / 2);
+    }
+    /// Line of the sample, from its first byte on, that shows a line of the picture.
+    uint32_t sampleLine(uint32_t line) const {
+        const bool woven = format == 0 || format == 1;
+        const uint32_t inOrder = woven ? line : rawLine(line);
+        return rgb() ? height() - 1 - inOrder : inOrder;
+    }
+};
+
+/// The sample that a frame must become, made from the card's raw frame the slow way.
+std::vector<uint8_t> expectedSample(const Picture& picture, uint32_t frameNumber) {
+    const PictureFormat format{picture.signal.width,
+                               picture.signal.height,
+                               picture.interlaced(),
+                               uint8_t(picture.rgb() ? TARNIS_OUTPUT_RGB24 : TARNIS_OUTPUT_YUV422_8),
+                               uint8_t(picture.signal.nominalFrameRate()),
+                               PictureKind::Bars,
+                               wire::toWire(wire::kDefaultConverter)};
+    std::vector<uint8_t> raw(frameSizeBytes(format)), sample(size_t{picture.lineBytes()} * picture.height());
+    PictureSource source;
+    EXPECT_TRUE(source.prepare(format, raw.data(), raw.size(), frameNumber));
+    const uint32_t rawLineSize = rawLineBytes(format.selector, picture.width());
+    for (uint32_t line = 0; line < picture.height(); ++line) {
+        const uint8_t* in = &raw[size_t{picture.rawLine(line)} * rawLineSize];
+        uint8_t* out = &sample[size_t{picture.sampleLine(line)} * picture.lineBytes()];
+        for (uint32_t x = 0; x < picture.width(); ++x)
+            for (uint32_t byte = 0; byte < (picture.rgb() ? 3u : 2u); ++byte)
+                out[x * picture.bytesPerPixel() + (picture.format == 2 ? byte ^ 1 : byte)] =
+                    in[x * (picture.rgb() ? 3 : 2) + byte];
+    }
+    return sample;
+}
+
+bool frameNumberOf(const Picture& picture, const std::vector<uint8_t>& sample, uint32_t& number) {
+    return readFrameNumber(
+        picture.width(), picture.height(),
+        [&](uint32_t x, uint32_t y) {
+            const uint32_t channel = picture.format == 2 || picture.rgb() ? 1 : 0; // luma, or green
+            return sample[size_t{picture.sampleLine(y)} * picture.lineBytes() + x * picture.bytesPerPixel() + channel];
+        },
+        number);
+}
+
+class VideoStream : public VideoTest {
+protected:
+    void TearDown() override {
+        if (m_filter) m_filter->Stop();
+        disconnect();
+        VideoTest::TearDown();
+    }
+    /// A filter with that format, connected to the sink.
+    void connect(int format = 0) {
+        m_registry.setDword(kSettings, L"VideoFormat", DWORD(format));
+        ASSERT_EQ(makeFilter(), S_OK);
+        ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
+    }
+    void disconnect() {
+        if (m_pin) m_pin->Disconnect();
+        m_sink.Disconnect();
+    }
+    bool receives(int count = 3) {
+        const int before = m_sink.received;
+        return waitUntil([&] { return m_sink.received >= before + count; }, std::chrono::seconds(10));
+    }
+    ULONGLONG stopMs() {
+        const ULONGLONG begin = GetTickCount64();
+        EXPECT_EQ(m_filter->Stop(), S_OK);
+        return GetTickCount64() - begin;
+    }
+
+    TestSink m_sink;
+};
+
+struct Case {
+    const char* name;
+    Picture picture;
+};
+constexpr Signal kOdd = {1, 1, 0, 7, 0, 0, 723, 487, 0, 30, 1, 0};
+constexpr Case kCases[] = {{"Yuy2Progressive", {kDefaultSignal, 0}}, {"Rgb24Progressive", {kDefaultSignal, 1}},
+                           {"UyvyProgressive", {kDefaultSignal, 2}}, {"Rgb32Progressive", {kDefaultSignal, 3}},
+                           {"Yuy2Interlaced", {kInterlaced60, 0}},   {"Rgb24Interlaced", {kInterlaced60, 1}},
+                           {"UyvyInterlaced", {kInterlaced60, 2}},   {"Rgb32Interlaced", {kInterlaced60, 3}}};
+
+class VideoBytes : public VideoStream, public testing::WithParamInterface<Case> {};
+
+} // namespace
+
+TEST_P(VideoBytes, EveryByteOfEverySampleIsTheFrames) {
+    const Picture& picture = GetParam().picture;
+    m_card.setSignal(picture.signal);
+    connect(picture.format);
+    m_sink.keep = longRun() ? 60 : 5;
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(static_cast<int>(m_sink.keep)));
+    EXPECT_LT(stopMs(), 500u);
+    uint32_t last = 0;
+    for (const ReceivedSample& sample : m_sink.samples()) {
+        uint32_t number = 0;
+        ASSERT_TRUE(frameNumberOf(picture, sample.bytes, number));
+        EXPECT_TRUE(sample.bytes == expectedSample(picture, number)) << "frame " << number;
+        EXPECT_TRUE(sample.syncPoint);
+        EXPECT_EQ(sample.typeSpecificFlags, picture.interlaced() && picture.format >= 2 ? 4u : 0u);
+        if (last != 0) {
+            EXPECT_EQ(number, last + 1) << "no frame is lost";
+        }
+        last = number;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, VideoBytes, testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(VideoStream, OddPicturesOfFieldsStayWithinTheirSample) {
+    m_card.setSignal(kOdd);
+    for (const int format : {0, 2, 3}) {
+        SCOPED_TRACE(format);
+        connect(format);
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(2));
+        m_filter->Stop();
+        disconnect();
+        m_sink.forget();
+    }
+}
+
+TEST_F(VideoStream, TimeStampsFollowTheFrameRateWithoutGaps) {
+    m_card.setSignal(kInterlaced60);
+    connect();
+    m_card.dmaStatusNext(0, 1, 1, 2); // a frame that is dropped leaves no gap
+    for (int run = 0; run < 2; ++run) {
+        m_sink.forget();
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(4));
+        EXPECT_EQ(m_filter->Stop(), S_OK);
+        const auto samples = m_sink.samples();
+        ASSERT_EQ(samples.size(), 4u);
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_TRUE(samples[size_t(i)].timed);
+            EXPECT_EQ(samples[size_t(i)].start, REFERENCE_TIME{i} * 10'000'000 / 30);
+            EXPECT_EQ(samples[size_t(i)].stop, samples[size_t(i)].start + 333333);
+        }
+        EXPECT_EQ(samples[1].start, 333333);
+        EXPECT_EQ(samples[1].stop, 666666);
+    }
+}
+
+TEST_F(VideoStream, VideoMode24HasThatRate) {
+    Signal cinema = {1, 0, 1, kVideoMode24, 0, 0, 1280, 720, 0, 24000, 1001, 0};
+    m_card.setSignal(cinema);
+    connect();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    EXPECT_EQ(m_sink.samples()[1].start, 10'000'000 / 24);
+}
+
+TEST_F(VideoStream, LifeOfARunIsTraced) {
+    connect();
+    EXPECT_EQ(lines(L"CKestraStream->Connect->start"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->Connect->NOERROR"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->start"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->S_OK"), 1);
+    ASSERT_EQ(m_filter->Pause(), S_OK);
+    EXPECT_EQ(lines(L"CKestraStream->Active->start"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->Active->NOERROR"), 1);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    EXPECT_EQ(lines(L"CKestraStream->Inactive->start"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->Inactive->NOERROR"), 1);
+    EXPECT_GE(lines(L"CKestraStream->SDIGrabVideoCallback->start"), 2);
+    EXPECT_GE(lines(L"CKestraStream->SDIGrabVideoCallback->S_OK"), 2);
+    EXPECT_EQ(m_sink.endOfStreams, 1);
+}
+
+TEST_F(VideoStream, ConnectionsThatCannotBeMadeAreNamed) {
+    ASSERT_EQ(makeFilter(), S_OK);
+    EXPECT_EQ(m_pin->Connect(nullptr, nullptr), E_POINTER);
+    m_sink.acceptResult = VFW_E_TYPE_NOT_ACCEPTED;
+    m_trace.clear();
+    EXPECT_TRUE(FAILED(m_pin->Connect(&m_sink, nullptr)));
+    EXPECT_EQ(lines(L"CKestraStream->Connect->FAILED(hr)"), 1);
+    m_sink.acceptResult = S_OK;
+    m_sink.notifyAllocatorResult = E_FAIL;
+    EXPECT_TRUE(FAILED(m_pin->Connect(&m_sink, nullptr)));
+    m_sink.Disconnect();
+    m_sink.notifyAllocatorResult = S_OK;
+    ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
+    TestSink other;
+    EXPECT_EQ(m_pin->Connect(&other, nullptr), VFW_E_ALREADY_CONNECTED);
+    EXPECT_EQ(lines(L"CKestraStream->Connect->VFW_E_ALREADY_CONNECTED"), 1);
+    disconnect();
+    ASSERT_EQ(m_filter->Pause(), S_OK);
+    EXPECT_EQ(lines(L"CKestraStream->Active->!IsConnected()"), 0) << "the base filter activates connected pins only";
+    EXPECT_EQ(m_pin->Connect(&m_sink, nullptr), VFW_E_NOT_STOPPED);
+    EXPECT_EQ(lines(L"CKestraStream->Connect->VFW_E_NOT_STOPPED"), 1);
+    EXPECT_EQ(other.references(), 0);
+}
+
+TEST_F(VideoStream, RefusedAllocatorPropertiesAreTraced) {
+    ASSERT_EQ(makeFilter(), S_OK);
+    m_sink.accepts = [](const AM_MEDIA_TYPE&) { return true; };
+    AM_MEDIA_TYPE type{};
+    type.majortype = MEDIATYPE_Video;
+    type.subtype = MEDIASUBTYPE_YUY2;
+    type.formattype = FORMAT_VideoInfo; // complete, but of samples without a size: the allocator wants none
+    type.lSampleSize = 0;
+    VIDEOINFOHEADER block{};
+    type.pbFormat = reinterpret_cast<BYTE*>(&block);
+    type.cbFormat = sizeof block;
+    m_trace.clear();
+    const HRESULT hr = m_pin->Connect(&m_sink, &type);
+    if (FAILED(hr)) {
+        EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->FAILED(hr)"),
+                  lines(L"CKestraStream->DecideBufferSize->start"));
+    } else {
+        EXPECT_GE(lines(L"CKestraStream->DecideBufferSize->S_OK"), 1) << "this system's allocator takes empty buffers";
+    }
+}
+
+TEST_F(VideoStream, StatusesOfTheCardAreTracedAndDeliverNothing) {
+    connect();
+    const struct {
+        uint32_t status;
+        const wchar_t* name;
+    } statuses[] = {{1, L"DMA_STATUS_FRAME_DROPED"}, {2, L"DMA_STATUS_FIFO_OVERRUN"}, {16, L"DMA_STATUS_ABORTED"}};
+    for (const auto& [status, name] : statuses)
+        m_card.dmaStatusNext(0, status, 1);
+    m_card.dmaStatusNext(0, 4, 1);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    const std::wstring prefix = L"CKestraStream->SDIGrabVideoCallback->";
+    for (const auto& [status, name] : statuses)
+        EXPECT_GE(lines(prefix + name), 1) << status;
+    EXPECT_EQ(m_sink.samples()[0].start, 0) << "the first good frame is the first in time";
+    EXPECT_EQ(m_card.state().faults, 0u);
+}
+
+TEST_F(VideoStream, SampleTooSmallForALineIsDroppedAndMadeWholeAgain) {
+    connect();
+    m_sink.leaveActualLength = 1000; // as it comes back from the allocator
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->SetActualDataLength") >= 1; }));
+    m_sink.leaveActualLength = 0;
+    EXPECT_TRUE(receives(5)) << "no sample is lost for good";
+}
+
+TEST_F(VideoStream, FailedDeliveryIsTracedAndTheStreamCanBeStoppedAndStartedAgain) {
+    connect();
+    for (const HRESULT result : {S_FALSE, VFW_E_WRONG_STATE, E_FAIL}) {
+        m_trace.clear();
+        m_sink.receiveResult = result;
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->Deliver") >= 2; }));
+        EXPECT_LT(stopMs(), 500u);
+        EXPECT_EQ(lines(L"CKestraStream->Inactive->NOERROR"), 1) << "the pin is still found";
+        m_sink.receiveResult = S_OK;
+        m_sink.forget();
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        EXPECT_TRUE(receives(2));
+        EXPECT_EQ(m_sink.samples()[0].start, 0);
+        EXPECT_EQ(m_filter->Stop(), S_OK);
+    }
+}
+
+TEST_F(VideoStream, StoppingTakesMillisecondsAlsoWhileTheReceiverHoldsABuffer) {
+    connect();
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(2));
+        EXPECT_LT(stopMs(), 100u);
+    }
+}
+
+TEST_F(VideoStream, ReceiverThatBlocksHoldsUpAStopForASecondAtMost) {
+    connect();
+    const HANDLE gate = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_sink.blockUntil = gate;
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return m_sink.insideReceive == 1; }));
+    const ULONGLONG took = stopMs();
+    EXPECT_LT(took, 1500u);
+    m_sink.blockUntil = nullptr;
+    SetEvent(gate);
+    EXPECT_TRUE(waitUntil([&] { return m_sink.insideReceive == 0; }));
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    EXPECT_TRUE(receives(2)) << "and the next run works";
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    CloseHandle(gate);
+}
+
+TEST_F(VideoStream, FormatChangeEndsTheStreamAndTheClientStartsAgain) {
+    connect();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    m_card.setSignal(kInterlaced60);
+    Signal smaller = kDefaultSignal;
+    smaller.width = 1280;
+    smaller.height = 720;
+    m_card.setSignal(smaller);
+    ASSERT_TRUE(waitUntil([&] { return m_sink.endOfStreams == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_DICONNECTED") == 1; }));
+    EXPECT_LT(stopMs(), 500u);
+    disconnect();
+    ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
+    m_sink.forget();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    EXPECT_TRUE(receives(2));
+}
+
+TEST_F(VideoStream, PulledCardComesBackOrIsLetGoInEveryState) {
+    for (const int state : {0, 1, 2}) { // stopped, paused, running
+        SCOPED_TRACE(state);
+        connect();
+        if (state == 1) m_filter->Pause();
+        if (state == 2) {
+            ASSERT_EQ(m_filter->Run(0), S_OK);
+            ASSERT_TRUE(receives(2));
+        }
+        m_card.unplug();
+        if (state == 2) {
+            m_card.plug();
+            EXPECT_TRUE(receives(3)) << "the stream goes on";
+            m_card.unplug();
+        }
+        EXPECT_LT(stopMs(), 2500u);
+        disconnect();
+        m_pin = ComRef<IPin>();
+        const ULONGLONG begin = GetTickCount64();
+        m_filter = ComRef<IBaseFilter>();
+        EXPECT_LT(GetTickCount64() - begin, 2500u);
+        m_card.plug();
+        m_sink.forget();
+    }
+}
+
+TEST_F(VideoStream, SecondClientOfTheCardIsRefusedAndTheFirstGoesOn) {
+    connect();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    ComRef<IBaseFilter> second;
+    ASSERT_EQ(m_module.create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(second.out())), S_OK);
+    const ComRef<IPin> pin = onlyPin(second.get());
+    TestSink sink;
+    ASSERT_EQ(pin->Connect(&sink, nullptr), S_OK);
+    m_trace.clear();
+    EXPECT_EQ(second->Pause(), E_UNEXPECTED);
+    EXPECT_EQ(lines(L"CKestraStream->Active->E_UNEXPECTED"), 1);
+    EXPECT_TRUE(receives(3));
+    second->Stop();
+    pin->Disconnect();
+    sink.Disconnect();
+}
+
+TEST_F(VideoStream, RefusedStartIsToldAndTheNextOneWorks) {
+    connect();
+    m_card.refuseNext(wire::kStartGrabbing, 3);
+    m_trace.clear();
+    EXPECT_EQ(m_filter->Pause(), E_UNEXPECTED);
+    EXPECT_EQ(lines(L"CKestraStream->Active->E_UNEXPECTED"), 1);
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    EXPECT_TRUE(receives(2));
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+}
+
+TEST_F(VideoStream, HostThatNeverCapturesOpensNoCardAndStartsNoThread) {
+    const ProcessCounts before = processCounts();
+    ComRef<IClassFactory> factory;
+    ASSERT_EQ(m_module.classObject(kVideoFilter, IID_IClassFactory, reinterpret_cast<void**>(factory.out())), S_OK);
+    EXPECT_EQ(processCounts().threads, before.threads);
+    EXPECT_EQ(m_card.state().clients, 0u);
+}
+
+TEST_F(VideoStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
+    const int starts = longRun() ? 500 : 25, creations = longRun() ? 100 : 10;
+    connect(1);
+    ProcessCounts before{};
+    for (int i = 0; i < starts; ++i) {
+        if (i == starts / 5) before = processCounts();
+        m_sink.forget();
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(1)) << i;
+        ASSERT_EQ(m_filter->Stop(), S_OK);
+        m_trace.clear();
+    }
+    ProcessCounts after = processCounts();
+    std::printf("%d starts: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", starts, before.handles,
+                after.handles, before.threads, after.threads, before.privateBytes / 1024, after.privateBytes / 1024);
+    EXPECT_LE(after.handles, before.handles + 4);
+    EXPECT_EQ(after.threads, before.threads);
+    EXPECT_LT(after.privateBytes, before.privateBytes + (4 << 20));
+    disconnect();
+    for (int i = 0; i < creations; ++i) {
+        if (i == creations / 5) before = processCounts();
+        connect(i % 4);
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(1)) << i;
+        ASSERT_EQ(m_filter->Stop(), S_OK);
+        disconnect();
+        m_pin = ComRef<IPin>();
+        m_filter = ComRef<IBaseFilter>();
+        ASSERT_EQ(m_module.canUnloadNow(), S_OK) << i;
+    }
+    after = processCounts();
+    std::printf("%d graphs: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", creations,
+                before.handles, after.handles, before.threads, after.threads, before.privateBytes / 1024,
+                after.privateBytes / 1024);
+    EXPECT_LE(after.handles, before.handles + 8);
+    EXPECT_EQ(after.threads, before.threads);
+    EXPECT_LT(after.privateBytes, before.privateBytes + (8 << 20));
+}
+
+TEST_F(VideoStream, RunsInTheSystemsGraphAndTellsItOfALostDevice) {
+    ComRef<IGraphBuilder> graph;
+    ASSERT_EQ(CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER, IID_IGraphBuilder,
+                               reinterpret_cast<void**>(graph.out())),
+              S_OK);
+    ComRef<IBaseFilter> renderer;
+    ASSERT_EQ(CoCreateInstance(kNullRenderer, nullptr, CLSCTX_INPROC_SERVER, IID_IBaseFilter,
+                               reinterpret_cast<void**>(renderer.out())),
+              S_OK);
+    ASSERT_EQ(makeFilter(), S_OK);
+    ASSERT_EQ(graph->AddFilter(m_filter.get(), L"card"), S_OK);
+    ASSERT_EQ(graph->AddFilter(renderer.get(), L"nobody"), S_OK);
+    ASSERT_EQ(graph->ConnectDirect(m_pin.get(), onlyPin(renderer.get()).get(), nullptr), S_OK);
+    auto control = query<IMediaControl>(graph.get(), IID_IMediaControl);
+    auto events = query<IMediaEvent>(graph.get(), IID_IMediaEvent);
+    events->CancelDefaultHandling(EC_DEVICE_LOST);
+    ASSERT_TRUE(SUCCEEDED(control->Run()));
+    EXPECT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->S_OK") >= 5; }));
+    Signal smaller = kDefaultSignal;
+    smaller.width = 1280;
+    smaller.height = 720;
+    m_card.setSignal(smaller);
+    std::vector<LONG_PTR> lost;
+    EXPECT_TRUE(waitUntil([&] {
+        long code = 0;
+        LONG_PTR first = 0, second = 0;
+        while (events->GetEvent(&code, &first, &second, 10) == S_OK) {
+            if (code == EC_DEVICE_LOST) lost.push_back(second);
+            events->FreeEventParams(code, first, second);
+        }
+        return lost.size() >= 2;
+    }));
+    EXPECT_EQ(lost, (std::vector<LONG_PTR>{0, 1})) << "gone, and there again";
+    EXPECT_TRUE(SUCCEEDED(control->Stop()));
+    graph->RemoveFilter(m_filter.get());
+    graph->RemoveFilter(renderer.get());
+}
+
+} // namespace kestra::test
