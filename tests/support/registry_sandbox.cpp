@@ -15,8 +15,8 @@ void check(LSTATUS status, const char* what) {
 
 RegistrySandbox::RegistrySandbox() : m_path(L"Software\\KestraTest\\" + std::to_wstring(GetCurrentProcessId())) {
     RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
-    check(RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                          &m_root, nullptr),
+    check(RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
+                          nullptr, &m_root, nullptr),
           "RegCreateKeyExW");
     check(RegOverridePredefKey(HKEY_CURRENT_USER, m_root), "RegOverridePredefKey");
 }
