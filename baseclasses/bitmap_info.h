@@ -14,6 +14,26 @@ public:
     void SetFOURCC(const GUID* guid) { *this = FOURCCMap(guid); }
 };
 
+// Helpers of the platform's video header that MinGW's lacks.
+#ifndef WIDTHBYTES
+/// Bytes of a line of so many bits, padded to 4.
+#define WIDTHBYTES(bits) ((DWORD)(((bits) + 31) & (~31)) / 8)
+#endif
+#ifndef DIBWIDTHBYTES
+#define DIBWIDTHBYTES(bi) (DWORD) WIDTHBYTES((DWORD)(bi).biWidth*(DWORD)(bi).biBitCount)
+#endif
+#ifndef DIBSIZE
+/// Bytes of an uncompressed image, 32-bit arithmetic: GetBitmapSize minds the overflow.
+#define DIBSIZE(bi) (DIBWIDTHBYTES(bi) * (DWORD)((bi).biHeight < 0 ? -(bi).biHeight : (bi).biHeight))
+#endif
+#ifndef SIZE_PREHEADER
+#define SIZE_PREHEADER (FIELD_OFFSET(VIDEOINFOHEADER, bmiHeader))
+#endif
+#ifndef HEADER
+/// The bitmap header within a VIDEOINFOHEADER.
+#define HEADER(pVideoInfo) (&(((VIDEOINFOHEADER*)(pVideoInfo))->bmiHeader))
+#endif
+
 /// Bytes of an uncompressed image with lines padded to 4 bytes; 0 if they do not fit 32 bits.
 DWORD WINAPI GetBitmapSize(const BITMAPINFOHEADER* pHeader);
 /// The subtype that stands for the header's depth, masks or FOURCC; GUID_NULL for an unknown depth.

@@ -1,5 +1,7 @@
 #include "class_factory.h"
 
+#include "firewall.h"
+
 #include <new>
 
 HINSTANCE g_hInst = nullptr;
@@ -7,6 +9,10 @@ LONG CClassFactory::m_cLocked = 0;
 
 CUnknown* CFactoryTemplate::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) const {
     CheckPointer(phr, nullptr);
+    if (!m_lpfnNew) {
+        *phr = CLASS_E_CLASSNOTAVAILABLE;
+        return nullptr;
+    }
     return m_lpfnNew(pUnk, phr);
 }
 
@@ -30,25 +36,25 @@ STDMETHODIMP_(ULONG) CClassFactory::Release() {
     return ULONG(left);
 }
 
-STDMETHODIMP CClassFactory::CreateInstance(LPUNKNOWN pUnkOuter, REFIID riid, void** pv) try {
+STDMETHODIMP CClassFactory::CreateInstance(LPUNKNOWN pUnkOuter, REFIID riid, void** pv) {
     CheckPointer(pv, E_POINTER);
     *pv = nullptr;
     if (pUnkOuter && riid != IID_IUnknown) return E_NOINTERFACE;
-    HRESULT hr = S_OK;
-    CUnknown* object = m_pTemplate->CreateInstance(pUnkOuter, &hr);
+    CUnknown* object = nullptr;
+    HRESULT created = S_OK;
+    HRESULT hr = kestra::com::guarded([&] {
+        object = m_pTemplate->CreateInstance(pUnkOuter, &created);
+        return created;
+    });
     if (!object) return SUCCEEDED(hr) ? E_OUTOFMEMORY : hr;
     if (FAILED(hr)) {
         delete object;
         return hr;
     }
     object->NonDelegatingAddRef();
-    hr = object->NonDelegatingQueryInterface(riid, pv);
+    hr = kestra::com::guarded([&] { return object->NonDelegatingQueryInterface(riid, pv); });
     object->NonDelegatingRelease(); // deletes the object if it lacks the interface
     return hr;
-} catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-} catch (...) {
-    return E_UNEXPECTED;
 }
 
 STDMETHODIMP CClassFactory::LockServer(BOOL fLock) {

@@ -2,29 +2,7 @@
 #pragma once
 
 #include "objects.h"
-
-struct AMOVIESETUP_MEDIATYPE {
-    const CLSID* clsMajorType;
-    const CLSID* clsMinorType;
-};
-struct AMOVIESETUP_PIN {
-    LPWSTR strName;
-    BOOL bRendered;
-    BOOL bOutput;
-    BOOL bZero;
-    BOOL bMany;
-    const CLSID* clsConnectsToFilter;
-    const WCHAR* strConnectsToPin;
-    UINT nMediaTypes;
-    const AMOVIESETUP_MEDIATYPE* lpMediaType;
-};
-struct AMOVIESETUP_FILTER {
-    const CLSID* clsID;
-    const WCHAR* strName;
-    DWORD dwMerit;
-    UINT nPins;
-    const AMOVIESETUP_PIN* lpPin;
-};
+#include "setup_data.h"
 
 typedef CUnknown*(CALLBACK* LPFNNewCOMObject)(LPUNKNOWN pUnkOuter, HRESULT* phr);
 typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
@@ -67,8 +45,10 @@ private:
 extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID pv);
 /// Writes or removes the COM keys of every class of the table.
 STDAPI RegisterAllServers(LPCWSTR szFileName, BOOL bRegister);
-/// As RegisterAllServers with this module's path.
+/// As RegisterAllServers with this module's path; also enters or removes the filters that have setup data.
 STDAPI AMovieDllRegisterServer2(BOOL bRegister);
+/// Enters or removes one filter. @param pIFM2  the caller's filter mapper, not kept
+STDAPI AMovieSetupRegisterFilter2(const AMOVIESETUP_FILTER* psetupdata, IFilterMapper2* pIFM2, BOOL bRegister);
 STDAPI AMovieSetupRegisterServer(CLSID clsServer, LPCWSTR szDescription, LPCWSTR szFileName,
                                  LPCWSTR szThreadingModel = L"Both", LPCWSTR szServerType = L"InprocServer32");
 STDAPI AMovieSetupUnregisterServer(CLSID clsServer);

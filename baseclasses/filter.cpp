@@ -1,11 +1,15 @@
 #include "filter.h"
 
+#include "firewall.h"
 #include "pin.h"
+#include "registration.h"
 
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
 #include <new>
+
+using kestra::com::guarded;
 
 CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid)
     : CUnknown(pName, pUnk), m_clsid(clsid), m_pLock(pLock) {}
@@ -22,6 +26,7 @@ HRESULT CBaseFilter::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IBaseFilter || riid == IID_IMediaFilter || riid == IID_IPersist) {
         return GetInterface(static_cast<IBaseFilter*>(this), ppv);
     }
+    if (riid == IID_IAMovieSetup) return GetInterface(static_cast<IAMovieSetup*>(this), ppv);
     return CUnknown::NonDelegatingQueryInterface(riid, ppv);
 }
 
@@ -31,32 +36,52 @@ STDMETHODIMP CBaseFilter::GetClassID(CLSID* pClsID) {
     return S_OK;
 }
 
+// Calls `action` on every connected pin until one fails. @return how many pins were visited without a failure.
+template <class Action>
+HRESULT CBaseFilter::forConnectedPins(int* visited, Action action) {
+    return guarded([&]() -> HRESULT {
+        const int count = GetPinCount();
+        for (*visited = 0; *visited < count; ++*visited) {
+            CBasePin* pin = GetPin(*visited);
+            if (!pin || !pin->IsConnected()) continue;
+            const HRESULT hr = action(*pin);
+            if (FAILED(hr)) return hr;
+        }
+        return S_OK;
+    });
+}
+
 // Every connected pin is stopped, whatever another says; the first failure is the answer.
 STDMETHODIMP CBaseFilter::Stop() {
     CAutoLock lock(m_pLock);
     HRESULT result = S_OK;
     if (m_State != State_Stopped) {
-        const int count = GetPinCount();
-        for (int i = 0; i < count; ++i) {
-            CBasePin* pin = GetPin(i);
-            if (!pin || !pin->IsConnected()) continue;
-            const HRESULT hr = pin->Inactive();
-            if (FAILED(hr) && SUCCEEDED(result)) result = hr;
-        }
+        int visited = 0;
+        const HRESULT hr = forConnectedPins(&visited, [&](CBasePin& pin) {
+            const HRESULT stopped = guarded([&] { return pin.Inactive(); });
+            if (FAILED(stopped) && SUCCEEDED(result)) result = stopped;
+            return S_OK;
+        });
+        if (SUCCEEDED(result)) result = hr;
     }
     m_State = State_Stopped;
     return result;
 }
 
+// A filter that cannot pause stays stopped, so Stop would not visit the pins that had been activated before the
+// failure.
 STDMETHODIMP CBaseFilter::Pause() {
     CAutoLock lock(m_pLock);
     if (m_State == State_Stopped) {
-        const int count = GetPinCount();
-        for (int i = 0; i < count; ++i) {
-            CBasePin* pin = GetPin(i);
-            if (!pin || !pin->IsConnected()) continue;
-            const HRESULT hr = pin->Active();
-            if (FAILED(hr)) return hr;
+        int activated = 0;
+        const HRESULT hr = forConnectedPins(&activated, [](CBasePin& pin) { return pin.Active(); });
+        if (FAILED(hr)) {
+            int visited = 0;
+            forConnectedPins(&visited, [&](CBasePin& pin) {
+                if (visited < activated) guarded([&] { return pin.Inactive(); });
+                return S_OK;
+            });
+            return hr;
         }
     }
     m_State = State_Paused;
@@ -67,17 +92,13 @@ STDMETHODIMP CBaseFilter::Run(REFERENCE_TIME tStart) {
     CAutoLock lock(m_pLock);
     m_tStart = tStart;
     if (m_State == State_Stopped) {
-        const HRESULT hr = Pause();
+        const HRESULT hr = guarded([this] { return Pause(); });
         if (FAILED(hr)) return hr;
     }
     if (m_State != State_Running) {
-        const int count = GetPinCount();
-        for (int i = 0; i < count; ++i) {
-            CBasePin* pin = GetPin(i);
-            if (!pin || !pin->IsConnected()) continue;
-            const HRESULT hr = pin->Run(tStart);
-            if (FAILED(hr)) return hr;
-        }
+        int visited = 0;
+        const HRESULT hr = forConnectedPins(&visited, [tStart](CBasePin& pin) { return pin.Run(tStart); });
+        if (FAILED(hr)) return hr;
     }
     m_State = State_Running;
     return S_OK;
@@ -107,8 +128,11 @@ STDMETHODIMP CBaseFilter::GetSyncSource(IReferenceClock** pClock) {
 
 STDMETHODIMP CBaseFilter::EnumPins(IEnumPins** ppEnum) {
     CheckPointer(ppEnum, E_POINTER);
-    *ppEnum = new (std::nothrow) CEnumPins(this, nullptr);
-    return *ppEnum ? S_OK : E_OUTOFMEMORY;
+    *ppEnum = nullptr;
+    return guarded([&] {
+        *ppEnum = new CEnumPins(this, nullptr);
+        return S_OK;
+    });
 }
 
 STDMETHODIMP CBaseFilter::FindPin(LPCWSTR Id, IPin** ppPin) {
@@ -116,16 +140,17 @@ STDMETHODIMP CBaseFilter::FindPin(LPCWSTR Id, IPin** ppPin) {
     *ppPin = nullptr;
     CheckPointer(Id, E_POINTER);
     CAutoLock lock(m_pLock);
-    const int count = GetPinCount();
-    for (int i = 0; i < count; ++i) {
-        CBasePin* pin = GetPin(i);
-        if (pin && std::wcscmp(pin->Name(), Id) == 0) {
+    return guarded([&]() -> HRESULT {
+        const int count = GetPinCount();
+        for (int i = 0; i < count; ++i) {
+            CBasePin* pin = GetPin(i);
+            if (!pin || std::wcscmp(pin->Name(), Id) != 0) continue;
             pin->AddRef();
             *ppPin = pin;
             return S_OK;
         }
-    }
-    return VFW_E_NOT_FOUND;
+        return VFW_E_NOT_FOUND;
+    });
 }
 
 STDMETHODIMP CBaseFilter::QueryFilterInfo(FILTER_INFO* pInfo) {
@@ -194,4 +219,20 @@ HRESULT CBaseFilter::ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt) {
     const HRESULT hr = graph2->ReconnectEx(pPin, pmt);
     graph2->Release();
     return hr;
+}
+
+STDMETHODIMP CBaseFilter::Register() {
+    return setup(TRUE);
+}
+
+STDMETHODIMP CBaseFilter::Unregister() {
+    return setup(FALSE);
+}
+
+HRESULT CBaseFilter::setup(BOOL registered) {
+    return guarded([&]() -> HRESULT {
+        const AMOVIESETUP_FILTER* data = GetSetupData();
+        if (!data) return S_FALSE;
+        return kestra::com::registerFilter(*data, registered);
+    });
 }

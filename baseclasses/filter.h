@@ -2,11 +2,12 @@
 #pragma once
 
 #include "media_type.h"
+#include "setup_data.h"
 
 class CBasePin;
 
 /// Base of every filter. m_pLock guards state, graph and clock; the graph's threads enter.
-class CBaseFilter : public CUnknown, public IBaseFilter {
+class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
 public:
     CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid);
     CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid, HRESULT* phr);
@@ -27,6 +28,12 @@ public:
     STDMETHODIMP QueryFilterInfo(FILTER_INFO* pInfo) override;
     STDMETHODIMP JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) override;
     STDMETHODIMP QueryVendorInfo(LPWSTR* pVendorInfo) override;
+
+    /// Enters the filter of GetSetupData with the system. @return S_FALSE if there are no such data.
+    STDMETHODIMP Register() override;
+    STDMETHODIMP Unregister() override;
+    /// What Register tells the system; null: nothing. Not freed.
+    virtual LPAMOVIESETUP_FILTER GetSetupData() { return nullptr; }
 
     virtual int GetPinCount() = 0;
     /// Pin n, not counted; null if there is none.
@@ -53,6 +60,11 @@ protected:
     LONG m_PinVersion = 1;
 
     friend class CBasePin;
+
+private:
+    template <class Action>
+    HRESULT forConnectedPins(int* visited, Action action);
+    HRESULT setup(BOOL registered);
 };
 
 /// Enumerates a filter's pins as they were when it was made or last reset. Holds the filter.

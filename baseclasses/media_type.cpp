@@ -59,8 +59,16 @@ void CMediaType::SetSampleSize(ULONG size) {
 }
 
 BOOL CMediaType::SetFormat(BYTE* format, ULONG length) {
-    if (!AllocFormatBuffer(length)) return length == 0;
-    std::memcpy(pbFormat, format, length);
+    if (length == 0) {
+        ResetFormatBuffer();
+        return TRUE;
+    }
+    auto* block = static_cast<BYTE*>(CoTaskMemAlloc(length));
+    if (!block) return FALSE;
+    std::memcpy(block, format, length); // before the old block goes: it may be a part of it
+    ResetFormatBuffer();
+    pbFormat = block;
+    cbFormat = length;
     return TRUE;
 }
 
@@ -125,11 +133,12 @@ HRESULT WINAPI CopyMediaType(AM_MEDIA_TYPE* pmtTarget, const AM_MEDIA_TYPE* pmtS
     *pmtTarget = *pmtSource;
     pmtTarget->pbFormat = nullptr;
     if (pmtSource->cbFormat) {
-        pmtTarget->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(pmtSource->cbFormat));
+        // A length without a block is what a careless caller sends, not what may be read.
+        if (pmtSource->pbFormat) pmtTarget->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(pmtSource->cbFormat));
         if (!pmtTarget->pbFormat) {
             pmtTarget->cbFormat = 0;
             pmtTarget->pUnk = nullptr;
-            return E_OUTOFMEMORY;
+            return pmtSource->pbFormat ? E_OUTOFMEMORY : E_INVALIDARG;
         }
         std::memcpy(pmtTarget->pbFormat, pmtSource->pbFormat, pmtSource->cbFormat);
     }

@@ -50,7 +50,8 @@ public:
 /// A task-memory copy, to be let go with DeleteMediaType; null without memory.
 AM_MEDIA_TYPE* WINAPI CreateMediaType(const AM_MEDIA_TYPE* pSrc);
 void WINAPI DeleteMediaType(AM_MEDIA_TYPE* pmt);
-/// Overwrites *target, whose former content is not freed. @return S_OK or E_OUTOFMEMORY.
+/// Overwrites *target, whose former content is not freed. @return S_OK, E_OUTOFMEMORY, or E_INVALIDARG
+/// for a format length without a block.
 HRESULT WINAPI CopyMediaType(AM_MEDIA_TYPE* pmtTarget, const AM_MEDIA_TYPE* pmtSource);
 /// Frees what the structure refers to, not the structure.
 void WINAPI FreeMediaType(AM_MEDIA_TYPE& mt);

@@ -113,6 +113,7 @@ public:
     REFERENCE_TIME m_time = 0;
     CRefTime() = default;
     CRefTime(REFERENCE_TIME time) : m_time(time) {}
+    CRefTime(LONG milliseconds) : m_time(REFERENCE_TIME(milliseconds) * 10000) {}
     operator REFERENCE_TIME() const { return m_time; }
     LONG Millisecs() const { return LONG(m_time / 10000); }
     REFERENCE_TIME GetUnits() const { return m_time; }

@@ -49,7 +49,9 @@ HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pPin, IMemAllocator** ppAl
     for (const bool receivers : {true, false}) {
         IMemAllocator* allocator = nullptr;
         hr = receivers ? pPin->GetAllocator(&allocator) : InitAllocator(&allocator);
-        if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator, &wanted);
+        if (SUCCEEDED(hr) && !allocator) hr = VFW_E_NO_ALLOCATOR;
+        ALLOCATOR_PROPERTIES request = wanted; // the second round starts from what the receiver asked for, too
+        if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator, &request);
         if (SUCCEEDED(hr)) hr = pPin->NotifyAllocator(allocator, FALSE);
         if (SUCCEEDED(hr)) {
             *ppAlloc = allocator;

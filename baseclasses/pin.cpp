@@ -1,9 +1,14 @@
 #include "pin.h"
 
+#include "firewall.h"
+
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
 #include <new>
+#include <utility>
+
+using kestra::com::guarded;
 
 CBasePin::CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
                    PIN_DIRECTION dir)
@@ -37,39 +42,41 @@ STDMETHODIMP CBasePin::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) {
     HRESULT hr = S_OK;
     CMediaType type;
     if (pmt) hr = type.Set(*pmt);
-    if (SUCCEEDED(hr)) hr = AgreeMediaType(pReceivePin, pmt ? &type : nullptr);
-    if (FAILED(hr)) {
-        BreakConnect();
-        return hr;
-    }
-    return S_OK;
+    if (SUCCEEDED(hr)) hr = guarded([&] { return AgreeMediaType(pReceivePin, pmt ? &type : nullptr); });
+    if (FAILED(hr)) breakQuietly();
+    return FAILED(hr) ? hr : S_OK;
+}
+
+// Gives back what a failed attempt holds; its failure is already the answer.
+void CBasePin::breakQuietly() {
+    guarded([this] { return BreakConnect(); });
+    if (m_Connected) std::exchange(m_Connected, nullptr)->Release();
+}
+
+// A type that is refused for no reason of its own is the type's fault.
+HRESULT CBasePin::checkType(const CMediaType* pmt) {
+    const HRESULT hr = guarded([&] { return CheckMediaType(pmt); });
+    if (hr == S_OK) return S_OK;
+    return FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG ? hr : VFW_E_TYPE_NOT_ACCEPTED;
 }
 
 HRESULT CBasePin::AttemptConnection(IPin* pReceivePin, const CMediaType* pmt) {
-    HRESULT hr = CheckConnect(pReceivePin);
-    if (FAILED(hr)) {
-        BreakConnect();
-        return hr;
-    }
-    hr = CheckMediaType(pmt);
-    if (hr != S_OK) {
-        BreakConnect();
-        return FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG ? hr : VFW_E_TYPE_NOT_ACCEPTED;
-    }
-    m_Connected = pReceivePin;
-    m_Connected->AddRef();
-    hr = SetMediaType(pmt);
+    HRESULT hr = guarded([&] { return CheckConnect(pReceivePin); });
+    if (SUCCEEDED(hr)) hr = checkType(pmt);
     if (SUCCEEDED(hr)) {
-        hr = pReceivePin->ReceiveConnection(this, pmt);
+        m_Connected = pReceivePin;
+        m_Connected->AddRef();
+        hr = guarded([&] { return SetMediaType(pmt); });
         if (SUCCEEDED(hr)) {
-            hr = CompleteConnect(pReceivePin);
-            if (SUCCEEDED(hr)) return S_OK;
-            pReceivePin->Disconnect();
+            hr = pReceivePin->ReceiveConnection(this, pmt);
+            if (SUCCEEDED(hr)) {
+                hr = guarded([&] { return CompleteConnect(pReceivePin); });
+                if (SUCCEEDED(hr)) return S_OK;
+                pReceivePin->Disconnect();
+            }
         }
     }
-    BreakConnect();
-    m_Connected->Release();
-    m_Connected = nullptr;
+    breakQuietly();
     return hr;
 }
 
@@ -116,29 +123,18 @@ STDMETHODIMP CBasePin::ReceiveConnection(IPin* pConnector, const AM_MEDIA_TYPE* 
     CAutoLock lock(m_pLock);
     if (m_Connected) return VFW_E_ALREADY_CONNECTED;
     if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
-    HRESULT hr = CheckConnect(pConnector);
-    if (FAILED(hr)) {
-        BreakConnect();
-        return hr;
-    }
     CMediaType type;
-    hr = type.Set(*pmt);
+    HRESULT hr = guarded([&] { return CheckConnect(pConnector); });
+    if (SUCCEEDED(hr)) hr = type.Set(*pmt);
+    if (SUCCEEDED(hr)) hr = checkType(&type);
     if (SUCCEEDED(hr)) {
-        hr = CheckMediaType(&type);
-        if (hr != S_OK && (SUCCEEDED(hr) || hr == E_FAIL || hr == E_INVALIDARG)) hr = VFW_E_TYPE_NOT_ACCEPTED;
+        m_Connected = pConnector;
+        m_Connected->AddRef();
+        hr = guarded([&] { return SetMediaType(&type); });
+        if (SUCCEEDED(hr)) hr = guarded([&] { return CompleteConnect(pConnector); });
+        if (SUCCEEDED(hr)) return S_OK;
     }
-    if (FAILED(hr)) {
-        BreakConnect();
-        return hr;
-    }
-    m_Connected = pConnector;
-    m_Connected->AddRef();
-    hr = SetMediaType(&type);
-    if (SUCCEEDED(hr)) hr = CompleteConnect(pConnector);
-    if (SUCCEEDED(hr)) return S_OK;
-    BreakConnect();
-    m_Connected->Release();
-    m_Connected = nullptr;
+    breakQuietly();
     return hr;
 }
 
@@ -150,7 +146,7 @@ STDMETHODIMP CBasePin::Disconnect() {
 
 HRESULT CBasePin::DisconnectInternal() {
     if (!m_Connected) return S_FALSE;
-    const HRESULT hr = BreakConnect();
+    const HRESULT hr = guarded([this] { return BreakConnect(); });
     if (FAILED(hr)) return hr;
     m_Connected->Release();
     m_Connected = nullptr;
@@ -204,13 +200,16 @@ STDMETHODIMP CBasePin::QueryAccept(const AM_MEDIA_TYPE* pmt) {
     HRESULT hr = S_OK;
     const CMediaType type(*pmt, &hr);
     if (FAILED(hr)) return hr;
-    return CheckMediaType(&type) == S_OK ? S_OK : S_FALSE;
+    return guarded([&] { return CheckMediaType(&type); }) == S_OK ? S_OK : S_FALSE;
 }
 
 STDMETHODIMP CBasePin::EnumMediaTypes(IEnumMediaTypes** ppEnum) {
     CheckPointer(ppEnum, E_POINTER);
-    *ppEnum = new (std::nothrow) CEnumMediaTypes(this, nullptr);
-    return *ppEnum ? S_OK : E_OUTOFMEMORY;
+    *ppEnum = nullptr;
+    return guarded([&] {
+        *ppEnum = new CEnumMediaTypes(this, nullptr);
+        return S_OK;
+    });
 }
 
 STDMETHODIMP CBasePin::QueryInternalConnections(IPin**, ULONG*) {

@@ -76,6 +76,10 @@ protected:
     REFERENCE_TIME m_tStart = 0;
     REFERENCE_TIME m_tStop = MAXLONGLONG;
     double m_dRate = 1.0;
+
+private:
+    void breakQuietly();
+    HRESULT checkType(const CMediaType* pmt);
 };
 
 /// An output pin: agrees on an allocator when it connects, and delivers samples. Deliver holds no lock.

@@ -1,9 +1,11 @@
 #include "property_page.h"
 
 #include "class_factory.h"
+#include "firewall.h"
 
 #include <algorithm>
-#include <string>
+
+using kestra::com::guarded;
 
 CBasePropertyPage::CBasePropertyPage(LPCTSTR pName, LPUNKNOWN pUnk, int DialogId, int TitleId)
     : CUnknown(pName, pUnk), m_DialogId(DialogId), m_TitleId(TitleId) {}
@@ -30,12 +32,12 @@ STDMETHODIMP CBasePropertyPage::SetPageSite(LPPROPERTYPAGESITE pPageSite) {
 STDMETHODIMP CBasePropertyPage::SetObjects(ULONG cObjects, LPUNKNOWN* ppUnk) {
     if (cObjects == 0) {
         m_bObjectSet = FALSE;
-        return OnDisconnect();
+        return guarded([this] { return OnDisconnect(); });
     }
     if (cObjects > 1) return E_UNEXPECTED;
     CheckPointer(ppUnk, E_POINTER);
     CheckPointer(*ppUnk, E_POINTER);
-    const HRESULT hr = OnConnect(*ppUnk);
+    const HRESULT hr = guarded([&] { return OnConnect(*ppUnk); });
     m_bObjectSet = SUCCEEDED(hr);
     return hr;
 }
@@ -49,14 +51,14 @@ STDMETHODIMP CBasePropertyPage::Activate(HWND hwndParent, LPCRECT prect, BOOL) {
         m_hwnd = nullptr;
         return E_OUTOFMEMORY;
     }
-    OnActivate();
+    guarded([this] { return OnActivate(); });
     Move(prect);
     return Show(SW_SHOWNORMAL);
 }
 
 STDMETHODIMP CBasePropertyPage::Deactivate() {
     if (!m_Dlg) return E_UNEXPECTED;
-    OnDeactivate();
+    guarded([this] { return OnDeactivate(); });
     DestroyWindow(m_Dlg);
     m_Dlg = nullptr;
     m_hwnd = nullptr;
@@ -99,7 +101,7 @@ STDMETHODIMP CBasePropertyPage::GetPageInfo(LPPROPPAGEINFO pPageInfo) {
 STDMETHODIMP CBasePropertyPage::Apply() {
     if (!m_bObjectSet || !m_pPageSite) return E_UNEXPECTED;
     if (!m_bDirty) return S_OK;
-    const HRESULT hr = OnApplyChanges();
+    const HRESULT hr = guarded([this] { return OnApplyChanges(); });
     if (SUCCEEDED(hr)) m_bDirty = FALSE;
     return hr;
 }
@@ -118,5 +120,9 @@ INT_PTR CALLBACK CBasePropertyPage::DialogProc(HWND hwnd, UINT uMsg, WPARAM wPar
     auto* page = reinterpret_cast<CBasePropertyPage*>(GetWindowLongPtr(hwnd, DWLP_USER));
     if (!page) return TRUE; // only measured, or before WM_INITDIALOG
     if (uMsg == WM_INITDIALOG) page->m_Dlg = hwnd;
-    return page->OnReceiveMessage(hwnd, uMsg, wParam, lParam);
+    try {
+        return page->OnReceiveMessage(hwnd, uMsg, wParam, lParam);
+    } catch (...) {
+        return FALSE; // as a message that nobody handled: no exception may pass through the system's window code
+    }
 }

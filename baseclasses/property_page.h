@@ -28,6 +28,7 @@ public:
     STDMETHODIMP Move(LPCRECT prect) override;
     STDMETHODIMP IsPageDirty() override { return m_bDirty ? S_OK : S_FALSE; }
     STDMETHODIMP Apply() override;
+    /// E_NOTIMPL is the contract's "no help of its own": the frame then looks at GetPageInfo.
     STDMETHODIMP Help(LPCWSTR) override { return E_NOTIMPL; }
     STDMETHODIMP TranslateAccelerator(LPMSG lpMsg) override;
 

@@ -1,4 +1,7 @@
+#include "registration.h"
+
 #include "class_factory.h"
+#include "firewall.h"
 
 #include <cwchar>
 #include <string>
@@ -39,13 +42,42 @@ STDAPI AMovieSetupUnregisterServer(CLSID clsServer) try {
 }
 
 STDAPI RegisterAllServers(LPCWSTR szFileName, BOOL bRegister) {
+    HRESULT result = S_OK;
     for (int i = 0; i < g_cTemplates; ++i) {
         const CFactoryTemplate& entry = g_Templates[i];
         const HRESULT hr = bRegister ? AMovieSetupRegisterServer(*entry.m_ClsID, entry.m_Name, szFileName)
                                      : AMovieSetupUnregisterServer(*entry.m_ClsID);
-        if (FAILED(hr)) return hr;
+        if (SUCCEEDED(hr)) continue;
+        if (bRegister) return hr;
+        if (SUCCEEDED(result)) result = hr; // one class that stays must not keep the others
     }
-    return S_OK;
+    return result;
+}
+
+STDAPI AMovieSetupRegisterFilter2(const AMOVIESETUP_FILTER* psetupdata, IFilterMapper2* pIFM2, BOOL bRegister) {
+    if (!psetupdata) return S_FALSE;
+    CheckPointer(pIFM2, E_POINTER);
+    const HRESULT removed = pIFM2->UnregisterFilter(nullptr, nullptr, *psetupdata->clsID);
+    if (!bRegister) return removed == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ? S_OK : removed;
+    REGFILTER2 data{};
+    data.dwVersion = 1;
+    data.dwMerit = psetupdata->dwMerit;
+    data.cPins = psetupdata->nPins;
+    data.rgPins = psetupdata->lpPin;
+    return pIFM2->RegisterFilter(*psetupdata->clsID, psetupdata->strName, nullptr, nullptr, nullptr, &data);
+}
+
+HRESULT kestra::com::registerFilter(const AMOVIESETUP_FILTER& filter, BOOL registered) {
+    const HRESULT com = CoInitialize(nullptr);
+    IFilterMapper2* mapper = nullptr;
+    HRESULT hr = CoCreateInstance(CLSID_FilterMapper2, nullptr, CLSCTX_INPROC_SERVER, IID_IFilterMapper2,
+                                  reinterpret_cast<void**>(&mapper));
+    if (SUCCEEDED(hr)) {
+        hr = AMovieSetupRegisterFilter2(&filter, mapper, registered);
+        mapper->Release();
+    }
+    if (SUCCEEDED(com)) CoUninitialize();
+    return hr;
 }
 
 STDAPI AMovieDllRegisterServer2(BOOL bRegister) {
@@ -53,5 +85,14 @@ STDAPI AMovieDllRegisterServer2(BOOL bRegister) {
     const DWORD length = GetModuleFileNameW(g_hInst, path, MAX_PATH);
     if (length == 0) return HRESULT_FROM_WIN32(GetLastError());
     if (length == MAX_PATH) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
-    return RegisterAllServers(path, bRegister);
+    HRESULT result = bRegister ? RegisterAllServers(path, TRUE) : S_OK;
+    if (FAILED(result)) return result;
+    for (int i = 0; i < g_cTemplates; ++i) {
+        if (!g_Templates[i].m_pAMovieSetup_Filter) continue;
+        const HRESULT hr = kestra::com::registerFilter(*g_Templates[i].m_pAMovieSetup_Filter, bRegister);
+        if (FAILED(hr) && SUCCEEDED(result)) result = hr;
+    }
+    if (bRegister) return result;
+    const HRESULT removed = RegisterAllServers(path, FALSE);
+    return FAILED(result) ? result : removed;
 }

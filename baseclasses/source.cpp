@@ -1,8 +1,12 @@
 #include "source.h"
 
+#include "firewall.h"
+
 #include <algorithm>
 #include <cwchar>
 #include <new>
+
+using kestra::com::guarded;
 
 CSource::CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid) : CBaseFilter(pName, lpunk, &m_cStateLock, clsid) {}
 
@@ -14,14 +18,16 @@ CSource::~CSource() {
     delete[] m_paStreams;
 }
 
+// The streams that there are, not m_iPins: a derived class may keep something else in that member, and a filter whose
+// count is wrong cannot be stopped.
 int CSource::GetPinCount() {
     CAutoLock lock(&m_cStateLock);
-    return m_iPins;
+    return m_streams;
 }
 
 CBasePin* CSource::GetPin(int n) {
     CAutoLock lock(&m_cStateLock);
-    return n >= 0 && n < m_iPins && n < m_streams ? m_paStreams[n] : nullptr;
+    return n >= 0 && n < m_streams ? m_paStreams[n] : nullptr;
 }
 
 HRESULT CSource::AddPin(CSourceStream* pStream) {
@@ -53,14 +59,18 @@ STDMETHODIMP CSource::FindPin(LPCWSTR Id, IPin** ppPin) {
     CheckPointer(ppPin, E_POINTER);
     *ppPin = nullptr;
     CheckPointer(Id, E_POINTER);
+    if (*Id < L'1' || *Id > L'9') return VFW_E_NOT_FOUND; // what wcstol takes besides: spaces, signs, leading zeros
     wchar_t* end = nullptr;
     const long place = std::wcstol(Id, &end, 10);
-    if (end == Id || *end || place < 1) return VFW_E_NOT_FOUND;
-    CBasePin* pin = GetPin(int(place - 1));
-    if (!pin) return VFW_E_NOT_FOUND;
-    pin->AddRef();
-    *ppPin = pin;
-    return S_OK;
+    if (*end) return VFW_E_NOT_FOUND;
+    CAutoLock lock(&m_cStateLock);
+    return guarded([&]() -> HRESULT {
+        CBasePin* pin = GetPin(int(place - 1));
+        if (!pin) return VFW_E_NOT_FOUND;
+        pin->AddRef();
+        *ppPin = pin;
+        return S_OK;
+    });
 }
 
 int CSource::FindPinNumber(IPin* iPin) {
@@ -99,28 +109,43 @@ HRESULT CSourceStream::Active() {
     if (!IsConnected()) return S_OK;
     HRESULT hr = CBaseOutputPin::Active();
     if (FAILED(hr)) return hr;
-    if (!Create()) return E_FAIL;
+    if (!Create()) {
+        CBaseOutputPin::Inactive();
+        return E_FAIL;
+    }
     hr = Init();
+    if (SUCCEEDED(hr)) hr = Pause();
     if (FAILED(hr)) {
         Close(); // a worker that could not be prepared has ended by itself
         CBaseOutputPin::Inactive();
-        return hr;
     }
-    return Pause();
+    return hr;
+}
+
+// The worker must be at rest or on its way there: it ends when it has answered, or it has ended by an exception.
+HRESULT CSourceStream::endWorker() {
+    if (!ThreadExists()) return S_OK;
+    HRESULT hr = Stop();
+    if (SUCCEEDED(hr)) hr = Exit();
+    Close();
+    return hr;
 }
 
 HRESULT CSourceStream::Inactive() {
     CAutoLock lock(m_pFilter->pStateLock());
     if (!IsConnected()) return S_OK;
     const HRESULT hr = CBaseOutputPin::Inactive(); // frees a worker that waits for a buffer
-    if (FAILED(hr)) return hr;
+    const HRESULT ended = endWorker();
+    return FAILED(hr) ? hr : ended;
+}
+
+// A pin that is disconnected while active is not visited by its filter's Stop: its worker ends here.
+HRESULT CSourceStream::BreakConnect() {
     if (ThreadExists()) {
-        HRESULT stopped = Stop();
-        if (SUCCEEDED(stopped)) stopped = Exit();
-        if (FAILED(stopped)) return stopped;
-        Close();
+        if (m_pAllocator) m_pAllocator->Decommit(); // frees a worker that waits for a buffer
+        endWorker();                                // before the input pin goes that it delivers to
     }
-    return S_OK;
+    return CBaseOutputPin::BreakConnect();
 }
 
 HRESULT CSourceStream::CheckMediaType(const CMediaType* pMediaType) {
@@ -187,9 +212,9 @@ HRESULT CSourceStream::DoBufferProcessingLoop() {
                 Sleep(1); // decommitted: the request to stop is on its way
                 continue;
             }
-            HRESULT hr = FillBuffer(sample);
+            HRESULT hr = guarded([&] { return FillBuffer(sample); });
             const bool filled = hr == S_OK;
-            if (filled) hr = Deliver(sample);
+            if (filled) hr = guarded([&] { return Deliver(sample); });
             sample->Release();
             if (hr == S_OK) continue;
             if (filled) return S_OK; // the receiver wants no more

@@ -22,12 +22,12 @@ public:
     int FindPinNumber(IPin* iPin);
 
 protected:
-    int m_iPins = 0;
+    int m_iPins = 0; // set by AddPin and RemovePin, read by nobody here
     CSourceStream** m_paStreams = nullptr;
     CCritSec m_cStateLock;
 
 private:
-    int m_streams = 0; // entries of m_paStreams, whatever a derived class makes of m_iPins
+    int m_streams = 0; // entries of m_paStreams
 };
 
 /// An output pin that adds itself to its filter. The worker runs from Active to Inactive.
@@ -39,6 +39,7 @@ public:
     STDMETHODIMP QueryId(LPWSTR* Id) override;
     HRESULT Active() override;
     HRESULT Inactive() override;
+    HRESULT BreakConnect() override;
     HRESULT CheckMediaType(const CMediaType* pMediaType) override;
     HRESULT GetMediaType(int iPosition, CMediaType* pMediaType) override;
     virtual HRESULT GetMediaType(CMediaType*) { return E_UNEXPECTED; }
@@ -63,4 +64,7 @@ protected:
     BOOL CheckRequest(Command* pCom);
 
     CSource* m_pFilter;
+
+private:
+    HRESULT endWorker();
 };

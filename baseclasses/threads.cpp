@@ -13,7 +13,7 @@ CAMEvent::~CAMEvent() {
 }
 
 // The send event stays set until the worker replies, so that CheckRequest may look any number of times.
-CAMThread::CAMThread(HRESULT* phr) : m_EventSend(TRUE, phr), m_EventComplete(FALSE, phr) {}
+CAMThread::CAMThread(HRESULT* phr) : m_EventSend(TRUE, phr), m_EventComplete(FALSE, phr), m_EventEnded(TRUE, phr) {}
 
 CAMThread::~CAMThread() {
     Close();
@@ -21,7 +21,10 @@ CAMThread::~CAMThread() {
 
 BOOL CAMThread::Create() {
     CAutoLock lock(&m_AccessLock);
-    if (ThreadExists()) return FALSE;
+    if (ThreadExists() || !m_EventSend || !m_EventComplete || !m_EventEnded) return FALSE;
+    m_EventSend.Reset();
+    m_EventComplete.Reset();
+    m_EventEnded.Reset();
     m_hThread = CreateThread(nullptr, 0, InitialThreadProc, this, 0, nullptr);
     return m_hThread != nullptr;
 }
@@ -31,8 +34,10 @@ DWORD CAMThread::CallWorker(DWORD dwParam) {
     if (!ThreadExists()) return DWORD(E_FAIL);
     m_dwParam = dwParam;
     m_EventSend.Set();
-    m_EventComplete.Wait();
-    return m_dwReturnVal;
+    const HANDLE answers[] = {m_EventComplete, m_EventEnded}; // a reply counts even if the worker ended after it
+    if (WaitForMultipleObjects(2, answers, FALSE, INFINITE) == WAIT_OBJECT_0) return m_dwReturnVal;
+    m_EventSend.Reset();
+    return DWORD(E_FAIL);
 }
 
 void CAMThread::Close() {
@@ -65,12 +70,14 @@ HRESULT CAMThread::CoInitializeHelper() {
 
 DWORD WINAPI CAMThread::InitialThreadProc(LPVOID pv) {
     const HRESULT com = CoInitializeHelper();
+    auto* thread = static_cast<CAMThread*>(pv);
     DWORD result = 1;
     try {
-        result = static_cast<CAMThread*>(pv)->ThreadProc();
+        result = thread->ThreadProc();
     } catch (...) {
         result = DWORD(E_UNEXPECTED);
     }
     if (SUCCEEDED(com)) CoUninitialize();
+    thread->m_EventEnded.Set();
     return result;
 }

@@ -35,7 +35,8 @@ public:
 
     /// @return FALSE if there is a thread already or none can be made.
     BOOL Create();
-    /// Hands the request over and waits for the answer. @return Reply's value; E_FAIL without a thread.
+    /// Hands the request over and waits for the answer. @return Reply's value; E_FAIL if there is no thread or it
+    /// ends without an answer.
     DWORD CallWorker(DWORD dwParam);
     /// Waits until the thread has ended. The worker must have been told to end.
     void Close();
@@ -55,6 +56,7 @@ protected:
 private:
     CAMEvent m_EventSend;
     CAMEvent m_EventComplete;
+    CAMEvent m_EventEnded; // set by the worker's last breath, so that no caller waits for a dead one
     DWORD m_dwParam = 0;
     DWORD m_dwReturnVal = 0;
     HANDLE m_hThread = nullptr;

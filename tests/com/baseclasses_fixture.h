@@ -1,0 +1,345 @@
+// A source filter, a sink filter and a graph for the tests of the base classes: each step can be counted and made to
+// fail, and the fixture wants every object gone at the end.
+#pragma once
+
+#include <streams.h>
+
+#include "tests/support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+
+namespace kestra::test {
+
+CLSID const kTestFilter{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3B, 0x52, 0x11, 0x01}};
+
+/// Owns one reference.
+template <class T>
+class Ref {
+public:
+    Ref() = default;
+    explicit Ref(T* counted) : m_p(counted) {}
+    ~Ref() { reset(); }
+    Ref(const Ref&) = delete;
+    Ref& operator=(const Ref&) = delete;
+    T* get() const { return m_p; }
+    T* operator->() const { return m_p; }
+    T** put() {
+        reset();
+        return &m_p;
+    }
+    void** putVoid() { return reinterpret_cast<void**>(put()); }
+    void reset() {
+        if (T* p = m_p) {
+            m_p = nullptr;
+            p->Release();
+        }
+    }
+
+private:
+    T* m_p = nullptr;
+};
+
+inline ULONG referencesOf(IUnknown* object) {
+    object->AddRef();
+    return object->Release();
+}
+
+/// What a step answers, how often it was taken, and what it throws instead.
+struct Step {
+    HRESULT result = S_OK;
+    int throws = 0; // 1: std::runtime_error, 2: std::bad_alloc
+    std::atomic<int> calls{0};
+    HRESULT take() {
+        ++calls;
+        if (throws == 1) throw std::runtime_error("test");
+        if (throws == 2) throw std::bad_alloc();
+        return result;
+    }
+};
+
+inline CMediaType testType(int index = 0) {
+    CMediaType type(&MEDIATYPE_Stream);
+    const GUID subtype{0x1000u + DWORD(index), 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+    type.SetSubtype(&subtype);
+    type.SetFormatType(&FORMAT_None);
+    return type;
+}
+
+class TestStream : public CSourceStream {
+public:
+    TestStream(HRESULT* phr, CSource* filter, LPCWSTR name = L"Out")
+        : CSourceStream(NAME("stream"), phr, filter, name) {}
+
+    Step m_getType, m_bufferSize, m_fill, m_threadCreate, m_threadDestroy, m_startPlay, m_active, m_inactive, m_run,
+        m_complete, m_break, m_initAllocator;
+    int m_types = 3;
+    int m_samplesToMake = 0; // then the end of the stream
+    LONG m_bufferBytes = 16;
+    std::function<void(IMediaSample*)> m_onFill;
+
+    HRESULT GetMediaType(int position, CMediaType* type) override {
+        const HRESULT hr = m_getType.take();
+        if (FAILED(hr)) return hr;
+        if (position < 0) return E_INVALIDARG;
+        if (position >= m_types) return VFW_S_NO_MORE_ITEMS;
+        *type = testType(position);
+        return S_OK;
+    }
+    HRESULT CheckMediaType(const CMediaType* type) override {
+        for (int i = 0; i < m_types; ++i) {
+            if (testType(i) == *type) return S_OK;
+        }
+        return E_FAIL;
+    }
+    HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* wanted) override {
+        const HRESULT hr = m_bufferSize.take();
+        if (FAILED(hr)) return hr;
+        wanted->cBuffers = 2;
+        wanted->cbBuffer = m_bufferBytes;
+        ALLOCATOR_PROPERTIES actual;
+        return allocator->SetProperties(wanted, &actual);
+    }
+    HRESULT InitAllocator(IMemAllocator** allocator) override {
+        const HRESULT hr = m_initAllocator.take();
+        return FAILED(hr) ? hr : CSourceStream::InitAllocator(allocator);
+    }
+    HRESULT CompleteConnect(IPin* peer) override {
+        const HRESULT hr = m_complete.take();
+        return FAILED(hr) ? hr : CSourceStream::CompleteConnect(peer);
+    }
+    HRESULT BreakConnect() override {
+        const HRESULT hr = m_break.take();
+        const HRESULT broken = CSourceStream::BreakConnect();
+        return FAILED(hr) ? hr : broken;
+    }
+    HRESULT Active() override {
+        const HRESULT hr = m_active.take();
+        return FAILED(hr) ? hr : CSourceStream::Active();
+    }
+    HRESULT Inactive() override {
+        const HRESULT stopped = CSourceStream::Inactive();
+        const HRESULT hr = m_inactive.take();
+        return FAILED(hr) ? hr : stopped;
+    }
+    HRESULT Run(REFERENCE_TIME) override { return m_run.take(); }
+    HRESULT OnThreadCreate() override { return m_threadCreate.take(); }
+    HRESULT OnThreadDestroy() override { return m_threadDestroy.take(); }
+    HRESULT OnThreadStartPlay() override { return m_startPlay.take(); }
+    HRESULT FillBuffer(IMediaSample* sample) override {
+        const HRESULT hr = m_fill.take();
+        if (hr != S_OK) return hr;
+        if (m_fill.calls > m_samplesToMake) return S_FALSE;
+        sample->SetActualDataLength(m_bufferBytes);
+        if (m_onFill) m_onFill(sample);
+        return S_OK;
+    }
+
+    using CSourceStream::m_pAllocator;
+    using CSourceStream::m_pInputPin;
+};
+
+class TestSource : public CSource {
+public:
+    explicit TestSource(LPUNKNOWN outer = nullptr, int pins = 1) : CSource(NAME("source"), outer, kTestFilter) {
+        for (int i = 0; i < pins; ++i)
+            new TestStream(&m_created, this);
+    }
+    ~TestSource() override { ++destroyed; }
+    TestStream& stream(int n = 0) { return static_cast<TestStream&>(*m_paStreams[n]); }
+    LPAMOVIESETUP_FILTER GetSetupData() override { return m_setup; }
+
+    HRESULT m_created = S_OK;
+    LPAMOVIESETUP_FILTER m_setup = nullptr;
+    static inline int destroyed = 0;
+    using CSource::m_iPins;
+};
+
+class TestSink;
+
+/// An input pin as a filter's author writes it on CBasePin.
+class TestInput : public CBasePin, public IMemInputPin {
+public:
+    TestInput(TestSink* filter, CCritSec* lock, HRESULT* phr);
+    ~TestInput() override {
+        if (m_allocator) m_allocator->Release();
+    }
+    DECLARE_IUNKNOWN
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IMemInputPin && m_hasTransport) return GetInterface(static_cast<IMemInputPin*>(this), ppv);
+        return CBasePin::NonDelegatingQueryInterface(riid, ppv);
+    }
+
+    Step m_check, m_set, m_complete, m_break, m_active, m_inactive, m_run, m_getAllocator, m_receive;
+    std::atomic<int> m_eos{0}, m_beginFlush{0}, m_endFlush{0}, m_segments{0}, m_notified{0};
+    int m_refusals = 0; // so many allocators are not taken
+    bool m_hasTransport = true, m_offersAllocator = false, m_offersNothing = false;
+    ALLOCATOR_PROPERTIES m_required{};
+    IMemAllocator* m_allocator = nullptr;
+    REFERENCE_TIME m_lastStart = -1;
+    int m_types = 0;
+
+    HRESULT CheckMediaType(const CMediaType*) override { return m_check.take(); }
+    HRESULT SetMediaType(const CMediaType* type) override {
+        const HRESULT hr = m_set.take();
+        return FAILED(hr) ? hr : CBasePin::SetMediaType(type);
+    }
+    HRESULT GetMediaType(int position, CMediaType* type) override {
+        if (position < 0) return E_INVALIDARG;
+        if (position >= m_types) return VFW_S_NO_MORE_ITEMS;
+        *type = testType(2 - position); // other order than the source's
+        return S_OK;
+    }
+    HRESULT CompleteConnect(IPin*) override { return m_complete.take(); }
+    HRESULT BreakConnect() override { return m_break.take(); }
+    HRESULT Active() override { return m_active.take(); }
+    HRESULT Inactive() override {
+        CBasePin::Inactive();
+        return m_inactive.take();
+    }
+    HRESULT Run(REFERENCE_TIME) override { return m_run.take(); }
+
+    STDMETHODIMP EndOfStream() override {
+        ++m_eos;
+        return S_OK;
+    }
+    STDMETHODIMP BeginFlush() override {
+        ++m_beginFlush;
+        return S_OK;
+    }
+    STDMETHODIMP EndFlush() override {
+        ++m_endFlush;
+        return S_OK;
+    }
+    STDMETHODIMP NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) override {
+        ++m_segments;
+        return CBasePin::NewSegment(start, stop, rate);
+    }
+
+    STDMETHODIMP GetAllocator(IMemAllocator** out) override {
+        *out = nullptr;
+        const HRESULT hr = m_getAllocator.take();
+        if (FAILED(hr) || m_offersNothing) return hr;
+        if (!m_offersAllocator) return VFW_E_NO_ALLOCATOR;
+        return CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER, IID_IMemAllocator,
+                                reinterpret_cast<void**>(out));
+    }
+    STDMETHODIMP NotifyAllocator(IMemAllocator* allocator, BOOL) override {
+        if (++m_notified <= m_refusals) return E_FAIL;
+        allocator->AddRef();
+        if (m_allocator) m_allocator->Release();
+        m_allocator = allocator;
+        return S_OK;
+    }
+    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
+        *properties = m_required;
+        return S_OK;
+    }
+    STDMETHODIMP Receive(IMediaSample*) override { return m_receive.take(); }
+    STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* done) override {
+        for (*done = 0; *done < count; ++*done) {
+            const HRESULT hr = Receive(samples[*done]);
+            if (hr != S_OK) return hr;
+        }
+        return S_OK;
+    }
+    STDMETHODIMP ReceiveCanBlock() override { return S_FALSE; }
+};
+
+class TestSink : public CBaseFilter {
+public:
+    TestSink() : CBaseFilter(NAME("sink"), nullptr, &m_lock, GUID_NULL), m_input(this, &m_lock, &m_created) {}
+    int GetPinCount() override { return 1; }
+    CBasePin* GetPin(int n) override { return n == 0 ? &m_input : nullptr; }
+
+    HRESULT m_created = S_OK;
+    CCritSec m_lock;
+    TestInput m_input;
+};
+
+inline TestInput::TestInput(TestSink* filter, CCritSec* lock, HRESULT* phr)
+    : CBasePin(NAME("input"), filter, lock, phr, L"In", PINDIR_INPUT) {}
+
+/// A graph that only listens. On the stack: the counts are watched, not obeyed.
+class TestGraph : public IFilterGraph, public IMediaEventSink {
+public:
+    LONG m_references = 1;
+    int m_reconnects = 0;
+    bool m_hasSink = true;
+    std::atomic<int> m_events{0};
+    std::atomic<long> m_code{0};
+    LONG_PTR m_first = 0, m_second = 0;
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        *ppv = nullptr;
+        if (riid == IID_IUnknown || riid == IID_IFilterGraph) *ppv = static_cast<IFilterGraph*>(this);
+        if (riid == IID_IMediaEventSink && m_hasSink) *ppv = static_cast<IMediaEventSink*>(this);
+        if (!*ppv) return E_NOINTERFACE;
+        AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(InterlockedIncrement(&m_references)); }
+    STDMETHODIMP_(ULONG) Release() override { return ULONG(InterlockedDecrement(&m_references)); }
+    STDMETHODIMP AddFilter(IBaseFilter*, LPCWSTR) override { return E_NOTIMPL; }
+    STDMETHODIMP RemoveFilter(IBaseFilter*) override { return E_NOTIMPL; }
+    STDMETHODIMP EnumFilters(IEnumFilters**) override { return E_NOTIMPL; }
+    STDMETHODIMP FindFilterByName(LPCWSTR, IBaseFilter**) override { return E_NOTIMPL; }
+    STDMETHODIMP ConnectDirect(IPin*, IPin*, const AM_MEDIA_TYPE*) override { return E_NOTIMPL; }
+    STDMETHODIMP Reconnect(IPin*) override {
+        ++m_reconnects;
+        return S_OK;
+    }
+    STDMETHODIMP Disconnect(IPin*) override { return E_NOTIMPL; }
+    STDMETHODIMP SetDefaultSyncSource() override { return E_NOTIMPL; }
+    STDMETHODIMP Notify(LONG code, LONG_PTR first, LONG_PTR second) override {
+        m_first = first;
+        m_second = second;
+        m_code = code;
+        ++m_events;
+        return S_OK;
+    }
+};
+
+/// COM on the test's thread, one source and one sink, and no object of the module left over.
+class BaseClassesTest : public testing::Test {
+protected:
+    BaseClassesTest() : m_objects(CBaseObject::ObjectsActive()), m_com(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {
+        m_source = new TestSource;
+        m_source->AddRef();
+        m_sink = new TestSink;
+        m_sink->AddRef();
+    }
+    ~BaseClassesTest() override {
+        if (m_source) {
+            m_source->Stop();
+            m_sink->Stop();
+            disconnect();
+            EXPECT_EQ(m_source->Release(), 0u) << "somebody still holds the source";
+            EXPECT_EQ(m_sink->Release(), 0u) << "somebody still holds the sink";
+        }
+        EXPECT_EQ(CBaseObject::ObjectsActive(), m_objects);
+        if (SUCCEEDED(m_com)) CoUninitialize();
+    }
+    TestStream& out() { return m_source->stream(); }
+    TestInput& in() { return m_sink->m_input; }
+    HRESULT connect(const AM_MEDIA_TYPE* type = nullptr) { return out().Connect(&in(), type); }
+    void disconnect() {
+        out().Disconnect();
+        in().Disconnect();
+    }
+    FILTER_STATE stateOf(CBaseFilter* filter) {
+        FILTER_STATE state = FILTER_STATE(-1);
+        EXPECT_EQ(filter->GetState(0, &state), S_OK);
+        return state;
+    }
+
+    const LONG m_objects;
+    const HRESULT m_com;
+    TestSource* m_source = nullptr;
+    TestSink* m_sink = nullptr;
+};
+
+} // namespace kestra::test

@@ -1,0 +1,285 @@
+// What pins answer, connected and not, and how they connect.
+#include "tests/com/baseclasses_fixture.h"
+
+#include <cstring>
+#include <cwchar>
+
+namespace kestra::test {
+namespace {
+
+class PinTest : public BaseClassesTest {
+protected:
+    /// Neither pin is connected or holds the other, and the next connection works.
+    void expectNoTrace(ULONG source, ULONG sink) {
+        EXPECT_FALSE(out().IsConnected());
+        EXPECT_FALSE(in().IsConnected());
+        EXPECT_EQ(out().m_pAllocator, nullptr);
+        EXPECT_EQ(out().m_pInputPin, nullptr);
+        EXPECT_EQ(referencesOf(m_source->GetOwner()), source);
+        EXPECT_EQ(referencesOf(m_sink->GetOwner()), sink);
+    }
+    void expectConnectFails(HRESULT expected, const AM_MEDIA_TYPE* type = nullptr) {
+        const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+        EXPECT_EQ(connect(type), expected);
+        expectNoTrace(source, sink);
+    }
+};
+
+TEST_F(PinTest, TellsItsNameDirectionFilterAndId) {
+    PIN_INFO info{};
+    const ULONG before = referencesOf(m_source->GetOwner());
+    ASSERT_EQ(out().QueryPinInfo(&info), S_OK);
+    EXPECT_EQ(info.pFilter, static_cast<IBaseFilter*>(m_source));
+    EXPECT_EQ(referencesOf(m_source->GetOwner()), before + 1);
+    info.pFilter->Release();
+    EXPECT_EQ(info.dir, PINDIR_OUTPUT);
+    EXPECT_STREQ(info.achName, L"Out");
+    PIN_DIRECTION direction = PINDIR_OUTPUT;
+    EXPECT_EQ(in().QueryDirection(&direction), S_OK);
+    EXPECT_EQ(direction, PINDIR_INPUT);
+    LPWSTR id = nullptr;
+    ASSERT_EQ(out().QueryId(&id), S_OK);
+    EXPECT_STREQ(id, L"1") << "a stream's identifier is its place";
+    CoTaskMemFree(id);
+    ASSERT_EQ(in().QueryId(&id), S_OK);
+    EXPECT_STREQ(id, L"In") << "any other pin's is its name";
+    CoTaskMemFree(id);
+}
+
+TEST_F(PinTest, LongNameIsCutToWhatPinInfoHolds) {
+    const std::wstring name(300, L'x');
+    auto* stream = new TestStream(&m_source->m_created, m_source, name.c_str());
+    PIN_INFO info{};
+    ASSERT_EQ(stream->QueryPinInfo(&info), S_OK);
+    info.pFilter->Release();
+    EXPECT_EQ(std::wcslen(info.achName), 127u);
+}
+
+TEST_F(PinTest, NullPointersAreRefused) {
+    EXPECT_EQ(out().QueryPinInfo(nullptr), E_POINTER);
+    EXPECT_EQ(out().QueryDirection(nullptr), E_POINTER);
+    EXPECT_EQ(out().QueryId(nullptr), E_POINTER);
+    EXPECT_EQ(in().QueryId(nullptr), E_POINTER);
+    EXPECT_EQ(out().QueryAccept(nullptr), E_POINTER);
+    EXPECT_EQ(out().ConnectedTo(nullptr), E_POINTER);
+    EXPECT_EQ(out().ConnectionMediaType(nullptr), E_POINTER);
+    EXPECT_EQ(out().Connect(nullptr, nullptr), E_POINTER);
+    const CMediaType type = testType();
+    EXPECT_EQ(in().ReceiveConnection(nullptr, &type), E_POINTER);
+    EXPECT_EQ(in().ReceiveConnection(&out(), nullptr), E_POINTER);
+}
+
+TEST_F(PinTest, InternalConnectionsAreLeftToTheDefault) {
+    ULONG count = 0;
+    EXPECT_EQ(out().QueryInternalConnections(nullptr, &count), E_NOTIMPL) << "every input goes to every output";
+    EXPECT_EQ(out().Notify(m_source, Quality{}), E_NOTIMPL);
+    EXPECT_EQ(out().BeginFlush(), E_UNEXPECTED) << "flushes go downstream, into input pins";
+    EXPECT_EQ(out().EndFlush(), E_UNEXPECTED);
+    EXPECT_EQ(out().SetSink(nullptr), S_OK);
+}
+
+TEST_F(PinTest, AcceptsItsOwnTypesOnly) {
+    EXPECT_EQ(out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(2))), S_OK);
+    EXPECT_EQ(out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(3))), S_FALSE);
+    in().m_check.result = S_FALSE;
+    EXPECT_EQ(in().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(0))), S_FALSE)
+        << "no is no, however it is said";
+    in().m_check.throws = 1;
+    EXPECT_EQ(in().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(0))), S_FALSE);
+    AM_MEDIA_TYPE broken = testType();
+    broken.cbFormat = 100;
+    EXPECT_EQ(out().QueryAccept(&broken), E_INVALIDARG) << "a length without a block";
+}
+
+TEST_F(PinTest, UnconnectedPinSaysSoAndNullsWhatItWasGiven) {
+    IPin* peer = &out();
+    EXPECT_EQ(out().ConnectedTo(&peer), VFW_E_NOT_CONNECTED);
+    EXPECT_EQ(peer, nullptr);
+    AM_MEDIA_TYPE type;
+    std::memset(&type, 0xCC, sizeof type);
+    EXPECT_EQ(out().ConnectionMediaType(&type), VFW_E_NOT_CONNECTED);
+    EXPECT_EQ(type.pbFormat, nullptr);
+    EXPECT_EQ(type.cbFormat, 0u);
+    EXPECT_EQ(type.pUnk, nullptr);
+    EXPECT_TRUE(IsEqualGUID(type.majortype, GUID_NULL));
+    EXPECT_EQ(out().Disconnect(), S_FALSE);
+}
+
+TEST_F(PinTest, ConnectedPinsNameEachOtherAndTheirType) {
+    const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+    ASSERT_EQ(connect(), S_OK);
+    Ref<IPin> peer;
+    EXPECT_EQ(out().ConnectedTo(peer.put()), S_OK);
+    EXPECT_EQ(peer.get(), static_cast<IPin*>(&in()));
+    EXPECT_EQ(in().ConnectedTo(peer.put()), S_OK);
+    EXPECT_EQ(peer.get(), static_cast<IPin*>(&out()));
+    peer.reset();
+    CMediaType type;
+    EXPECT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0));
+    type.ResetFormatBuffer();
+    EXPECT_EQ(in().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0));
+    EXPECT_EQ(out().Disconnect(), S_OK);
+    EXPECT_EQ(in().Disconnect(), S_OK);
+    EXPECT_EQ(in().Disconnect(), S_FALSE);
+    expectNoTrace(source, sink);
+}
+
+TEST_F(PinTest, ConnectsOnce) {
+    ASSERT_EQ(connect(), S_OK);
+    const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+    EXPECT_EQ(connect(), VFW_E_ALREADY_CONNECTED);
+    EXPECT_EQ(in().ReceiveConnection(&out(), &static_cast<const AM_MEDIA_TYPE&>(testType())), VFW_E_ALREADY_CONNECTED);
+    EXPECT_TRUE(out().IsConnected()) << "a second attempt must not break the first";
+    EXPECT_EQ(referencesOf(m_source->GetOwner()), source);
+    EXPECT_EQ(referencesOf(m_sink->GetOwner()), sink);
+}
+
+TEST_F(PinTest, ConnectsOnlyWhileStopped) {
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    EXPECT_EQ(connect(), VFW_E_NOT_STOPPED);
+    ASSERT_EQ(m_source->Stop(), S_OK);
+    ASSERT_EQ(m_sink->Pause(), S_OK);
+    expectConnectFails(VFW_E_NOT_STOPPED);
+    ASSERT_EQ(m_sink->Stop(), S_OK);
+    ASSERT_EQ(connect(), S_OK);
+    ASSERT_EQ(m_sink->Pause(), S_OK);
+    EXPECT_EQ(in().Disconnect(), VFW_E_NOT_STOPPED);
+    EXPECT_TRUE(in().IsConnected());
+}
+
+TEST_F(PinTest, ConnectsOnlyToTheOtherDirection) {
+    auto* other = new TestSource;
+    other->AddRef();
+    EXPECT_EQ(out().Connect(&other->stream(), nullptr), VFW_E_INVALID_DIRECTION);
+    EXPECT_EQ(out().Connect(&out(), nullptr), VFW_E_INVALID_DIRECTION) << "not to itself either";
+    TestSink sink; // on the stack: nobody keeps a reference
+    EXPECT_EQ(in().ReceiveConnection(&sink.m_input, &static_cast<const AM_MEDIA_TYPE&>(testType())),
+              VFW_E_INVALID_DIRECTION);
+    EXPECT_EQ(other->Release(), 0u);
+}
+
+TEST_F(PinTest, ConnectsOnlyToWhatTakesSamples) {
+    in().m_hasTransport = false;
+    expectConnectFails(E_NOINTERFACE);
+}
+
+TEST_F(PinTest, CompleteTypeIsTakenOrRefusedAsItIs) {
+    const CMediaType wanted = testType(1), strange = testType(7);
+    expectConnectFails(VFW_E_TYPE_NOT_ACCEPTED, &strange);
+    in().m_check.result = E_FAIL;
+    expectConnectFails(VFW_E_TYPE_NOT_ACCEPTED, &wanted);
+    in().m_check.result = S_FALSE;
+    expectConnectFails(VFW_E_TYPE_NOT_ACCEPTED, &wanted);
+    in().m_check.result = E_ACCESSDENIED;
+    expectConnectFails(E_ACCESSDENIED, &wanted);
+    in().m_check.result = S_OK;
+    ASSERT_EQ(connect(&wanted), S_OK);
+    CMediaType type;
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == wanted);
+}
+
+TEST_F(PinTest, PartialTypeChoosesAmongTheOffers) {
+    CMediaType partial = testType(1);
+    partial.SetFormatType(&GUID_NULL);
+    ASSERT_EQ(connect(&partial), S_OK);
+    CMediaType type;
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(1));
+    disconnect();
+    type.ResetFormatBuffer();
+
+    partial.SetSubtype(&GUID_NULL);
+    ASSERT_EQ(connect(&partial), S_OK);
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0)) << "the first that fits";
+    disconnect();
+
+    partial.SetType(&MEDIATYPE_Video);
+    expectConnectFails(VFW_E_NO_ACCEPTABLE_TYPES, &partial);
+}
+
+TEST_F(PinTest, ReceiversTypesAreTriedBeforeOurs) {
+    in().m_types = 3;
+    ASSERT_EQ(connect(), S_OK);
+    CMediaType type;
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(2)) << "the receiver's first";
+}
+
+TEST_F(PinTest, NoCommonTypeIsSaidAsSuch) {
+    in().m_check.result = E_FAIL;
+    expectConnectFails(VFW_E_NO_ACCEPTABLE_TYPES);
+    EXPECT_EQ(in().m_check.calls, 3) << "every type was tried";
+    out().m_types = 0;
+    in().m_check.result = S_OK;
+    expectConnectFails(VFW_E_NO_ACCEPTABLE_TYPES);
+    out().m_types = 3;
+    EXPECT_EQ(connect(), S_OK);
+}
+
+TEST_F(PinTest, EveryStepOfConnectingMayFailAndLeavesNoTrace) {
+    Step* const steps[] = {&in().m_set, &in().m_complete, &out().m_complete, &out().m_bufferSize,
+                           &out().m_initAllocator};
+    const CMediaType type = testType();
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        SCOPED_TRACE(i);
+        steps[i]->result = E_ABORT;
+        expectConnectFails(E_ABORT, &type);
+        expectConnectFails(E_ABORT);
+        steps[i]->result = S_OK;
+        steps[i]->throws = 1;
+        expectConnectFails(E_UNEXPECTED, &type);
+        steps[i]->throws = 2;
+        expectConnectFails(E_OUTOFMEMORY, &type);
+        steps[i]->throws = 0;
+        ASSERT_EQ(connect(), S_OK) << "the failure left something behind";
+        disconnect();
+    }
+    in().m_check.throws = 1;
+    expectConnectFails(E_UNEXPECTED, &type);
+}
+
+TEST_F(PinTest, FailingBreakConnectKeepsTheConnection) {
+    ASSERT_EQ(connect(), S_OK);
+    in().m_break.result = E_ABORT;
+    EXPECT_EQ(in().Disconnect(), E_ABORT);
+    EXPECT_TRUE(in().IsConnected());
+    in().m_break.throws = 1;
+    EXPECT_EQ(in().Disconnect(), E_UNEXPECTED);
+    EXPECT_TRUE(in().IsConnected());
+    in().m_break.throws = 0;
+    in().m_break.result = S_OK;
+    EXPECT_EQ(in().Disconnect(), S_OK);
+}
+
+TEST_F(PinTest, NewSegmentIsKept) {
+    EXPECT_EQ(in().NewSegment(5, 7, 2.0), S_OK);
+    EXPECT_EQ(in().CurrentStartTime(), 5);
+    EXPECT_EQ(in().CurrentStopTime(), 7);
+    EXPECT_EQ(in().CurrentRate(), 2.0);
+    EXPECT_EQ(out().CurrentStopTime(), MAXLONGLONG) << "until told otherwise";
+}
+
+TEST_F(PinTest, PinThatMayReconnectDoesSoWhileActive) {
+    ASSERT_EQ(connect(), S_OK);
+    out().SetReconnectWhenActive(true);
+    in().SetReconnectWhenActive(true);
+    EXPECT_TRUE(out().CanReconnectWhenActive());
+    ASSERT_EQ(m_sink->Pause(), S_OK);
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_eos > 0; }));
+    EXPECT_EQ(in().Disconnect(), S_OK);
+    EXPECT_EQ(out().Disconnect(), S_OK);
+    EXPECT_FALSE(out().ThreadExists()) << "no worker outlives its connection";
+    const CMediaType other = testType(1);
+    EXPECT_EQ(connect(&other), S_OK);
+    CMediaType type;
+    EXPECT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == other);
+}
+
+} // namespace
+} // namespace kestra::test

@@ -1,0 +1,175 @@
+// The source's worker: samples, end of stream, errors, exceptions, and ending in every case.
+#include "tests/com/baseclasses_fixture.h"
+#include "tests/support/process_counts.h"
+
+namespace kestra::test {
+namespace {
+
+class SourceTest : public BaseClassesTest {
+protected:
+    SourceTest() {
+        EXPECT_EQ(connect(), S_OK);
+        EXPECT_EQ(m_source->JoinFilterGraph(&m_graph, L"source"), S_OK);
+    }
+    ~SourceTest() override {
+        EXPECT_EQ(m_source->Stop(), S_OK);
+        m_source->JoinFilterGraph(nullptr, nullptr);
+        EXPECT_EQ(m_graph.m_references, 1);
+    }
+    TestGraph m_graph;
+};
+
+TEST_F(SourceTest, SamplesThenEndOfStreamReachTheReceiver) {
+    out().m_samplesToMake = 50;
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_eos == 1; }));
+    EXPECT_EQ(in().m_receive.calls, 50);
+    EXPECT_EQ(out().m_threadCreate.calls, 1);
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_EQ(out().m_threadDestroy.calls, 1);
+    EXPECT_EQ(m_graph.m_events, 0) << "completion is the renderer's to say";
+}
+
+TEST_F(SourceTest, ReceiverThatWantsNoMoreEndsTheDeliveryWithoutAnEvent) {
+    out().m_samplesToMake = 1000000;
+    in().m_receive.result = S_FALSE;
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls == 1; }));
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_EQ(in().m_receive.calls, 1);
+    EXPECT_EQ(in().m_eos, 0);
+    EXPECT_EQ(m_graph.m_events, 0);
+}
+
+TEST_F(SourceTest, FailingOrThrowingFillEndsTheStreamAndAbortsTheGraph) {
+    struct Case {
+        HRESULT result;
+        int throws;
+        HRESULT seen;
+    };
+    int round = 0;
+    for (const Case& c : {Case{E_ABORT, 0, E_ABORT}, Case{S_OK, 1, E_UNEXPECTED}, Case{S_OK, 2, E_OUTOFMEMORY}}) {
+        ++round;
+        out().m_fill.result = c.result;
+        out().m_fill.throws = c.throws;
+        ASSERT_EQ(m_source->Run(0), S_OK);
+        ASSERT_TRUE(waitUntil([&] { return m_graph.m_events == round; }));
+        EXPECT_EQ(m_graph.m_code, EC_ERRORABORT);
+        EXPECT_EQ(m_graph.m_first, c.seen);
+        EXPECT_EQ(in().m_eos, round) << "the receiver must not wait for ever";
+        EXPECT_EQ(m_source->Stop(), S_OK);
+        IMemAllocator* allocator = out().m_pAllocator;
+        ASSERT_EQ(allocator->Commit(), S_OK);
+        Ref<IMediaSample> both[2];
+        for (auto& sample : both)
+            EXPECT_EQ(allocator->GetBuffer(sample.put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK) << "no buffer is lost";
+        for (auto& sample : both)
+            sample.reset();
+        ASSERT_EQ(allocator->Decommit(), S_OK);
+    }
+}
+
+TEST_F(SourceTest, WorkerThatCannotBePreparedMakesPauseFail) {
+    out().m_threadCreate.result = E_ACCESSDENIED;
+    EXPECT_EQ(m_source->Pause(), E_ACCESSDENIED);
+    EXPECT_EQ(stateOf(m_source), State_Stopped);
+    EXPECT_FALSE(out().ThreadExists());
+    EXPECT_EQ(out().m_threadDestroy.calls, 1);
+    IMediaSample* sample = nullptr;
+    EXPECT_EQ(out().GetDeliveryBuffer(&sample, nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
+    out().m_threadCreate.result = S_OK;
+    EXPECT_EQ(m_source->Pause(), S_OK);
+}
+
+TEST_F(SourceTest, WorkerThatThrowsBeforeItAnswersMakesPauseFailAndNotHang) {
+    out().m_threadCreate.throws = 1;
+    EXPECT_EQ(m_source->Pause(), E_FAIL);
+    EXPECT_FALSE(out().ThreadExists());
+    EXPECT_EQ(stateOf(m_source), State_Stopped);
+    out().m_threadCreate.throws = 0;
+    EXPECT_EQ(m_source->Pause(), S_OK) << "the next worker starts afresh";
+}
+
+TEST_F(SourceTest, WorkerThatDiedIsReportedByStopAndGoneAfterwards) {
+    out().m_startPlay.throws = 1;
+    ASSERT_EQ(m_source->Pause(), S_OK) << "it dies after its answer";
+    EXPECT_EQ(m_source->Stop(), E_FAIL);
+    EXPECT_FALSE(out().ThreadExists());
+    out().m_startPlay.throws = 0;
+    EXPECT_EQ(m_source->Pause(), S_OK);
+}
+
+TEST_F(SourceTest, WorkerThatThrowsAtItsEndIsGoneAfterStop) {
+    out().m_threadDestroy.throws = 1;
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    EXPECT_EQ(m_source->Stop(), E_FAIL);
+    EXPECT_FALSE(out().ThreadExists());
+    out().m_threadDestroy.throws = 0;
+}
+
+TEST_F(SourceTest, StopFreesAWorkerThatWaitsForABuffer) {
+    Ref<IMediaSample> kept[2];
+    std::atomic<int> filled{0};
+    out().m_samplesToMake = 1000;
+    out().m_onFill = [&](IMediaSample* sample) {
+        if (filled < 2) {
+            sample->AddRef();
+            *kept[filled].put() = sample; // as a receiver that hoards
+        }
+        ++filled;
+    };
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls == 2; }));
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_EQ(filled, 2);
+    EXPECT_FALSE(out().ThreadExists());
+}
+
+TEST_F(SourceTest, PauseToRunKeepsTheWorker) {
+    out().m_samplesToMake = 1 << 30;
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    EXPECT_EQ(out().m_threadCreate.calls, 1);
+    EXPECT_EQ(out().Pause(), S_OK) << "a running loop answers and goes on";
+    const int seen = in().m_receive.calls;
+    EXPECT_TRUE(waitUntil([&] { return in().m_receive.calls > seen + 10; }));
+}
+
+TEST_F(SourceTest, StoppedAtAnyMomentItLeavesNoThreadAndNoHandle) {
+    out().m_samplesToMake = 1 << 30;
+    const auto cycle = [this](int i) {
+        ASSERT_EQ(i % 2 ? m_source->Run(0) : m_source->Pause(), S_OK);
+        ASSERT_EQ(m_source->Stop(), S_OK);
+    };
+    cycle(0);
+    cycle(1);
+    const ProcessCounts before = processCounts();
+    for (int i = 0; i < 200; ++i)
+        cycle(i);
+    const ProcessCounts after = processCounts();
+    EXPECT_LE(after.threads, before.threads);
+    EXPECT_LE(after.handles, before.handles);
+}
+
+TEST_F(SourceTest, PinRemovedFromTheFilterRenumbersTheOthers) {
+    auto* second = new TestStream(&m_source->m_created, m_source, L"Second");
+    auto* third = new TestStream(&m_source->m_created, m_source, L"Third");
+    EXPECT_EQ(m_source->GetPinCount(), 3);
+    EXPECT_EQ(m_source->FindPinNumber(third), 2);
+    delete second;
+    EXPECT_EQ(m_source->GetPinCount(), 2);
+    EXPECT_EQ(m_source->m_iPins, 2);
+    EXPECT_EQ(m_source->FindPinNumber(third), 1);
+    EXPECT_EQ(m_source->FindPinNumber(&in()), -1);
+    EXPECT_EQ(m_source->RemovePin(third), S_OK);
+    EXPECT_EQ(m_source->RemovePin(third), S_FALSE);
+    LPWSTR id = const_cast<LPWSTR>(L"x");
+    EXPECT_EQ(third->QueryId(&id), VFW_E_NOT_FOUND);
+    EXPECT_EQ(id, nullptr);
+    EXPECT_EQ(m_source->AddPin(third), S_OK);
+    EXPECT_EQ(m_source->GetPin(-1), nullptr);
+}
+
+} // namespace
+} // namespace kestra::test

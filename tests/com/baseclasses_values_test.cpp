@@ -1,0 +1,243 @@
+// Media types, bitmap headers, times, locks, events and the worker thread.
+#include "tests/com/baseclasses_fixture.h"
+
+#include <cstring>
+#include <numeric>
+
+namespace kestra::test {
+namespace {
+
+TEST(MediaType, CopiesOwnTheirBlockAndCountTheirUnknown) {
+    TestGraph counted;
+    {
+        CMediaType type = testType();
+        BYTE block[5] = {1, 2, 3, 4, 5};
+        ASSERT_TRUE(type.SetFormat(block, sizeof block));
+        type.pUnk = static_cast<IFilterGraph*>(&counted);
+        counted.AddRef();
+        const CMediaType copy(type);
+        CMediaType assigned;
+        assigned = copy;
+        EXPECT_EQ(counted.m_references, 4);
+        EXPECT_NE(copy.pbFormat, type.pbFormat);
+        EXPECT_EQ(std::memcmp(assigned.Format(), block, sizeof block), 0);
+        EXPECT_TRUE(assigned == type);
+        assigned.Format()[4] = 0;
+        EXPECT_TRUE(assigned != type);
+        EXPECT_EQ(type.Set(type), S_OK) << "to itself";
+        EXPECT_EQ(type.FormatLength(), 5u);
+        AM_MEDIA_TYPE* made = CreateMediaType(&type);
+        ASSERT_NE(made, nullptr);
+        EXPECT_EQ(counted.m_references, 5);
+        DeleteMediaType(made);
+        DeleteMediaType(nullptr);
+    }
+    EXPECT_EQ(counted.m_references, 1);
+}
+
+TEST(MediaType, LengthWithoutABlockIsRefusedAndKeepsTheOldContent) {
+    CMediaType type = testType();
+    AM_MEDIA_TYPE broken = testType(1);
+    broken.cbFormat = 1000;
+    broken.pbFormat = nullptr;
+    EXPECT_EQ(type.Set(broken), E_INVALIDARG);
+    EXPECT_TRUE(type == testType());
+    HRESULT hr = S_OK;
+    const CMediaType made(broken, &hr);
+    EXPECT_EQ(hr, E_INVALIDARG);
+    EXPECT_EQ(made.cbFormat, 0u);
+    EXPECT_EQ(CreateMediaType(&broken), nullptr);
+    AM_MEDIA_TYPE copy;
+    EXPECT_EQ(CopyMediaType(&copy, &broken), E_INVALIDARG);
+    EXPECT_EQ(copy.cbFormat, 0u);
+    EXPECT_EQ(copy.pbFormat, nullptr);
+}
+
+TEST(MediaType, BlockGrowsShrinksAndKeepsWhatFits) {
+    CMediaType type;
+    BYTE bytes[8];
+    std::iota(bytes, bytes + 8, BYTE(1));
+    ASSERT_TRUE(type.SetFormat(bytes, 8));
+    ASSERT_NE(type.ReallocFormatBuffer(16), nullptr);
+    EXPECT_EQ(std::memcmp(type.Format(), bytes, 8), 0);
+    ASSERT_NE(type.ReallocFormatBuffer(4), nullptr);
+    EXPECT_EQ(type.FormatLength(), 4u);
+    EXPECT_EQ(std::memcmp(type.Format(), bytes, 4), 0);
+    ASSERT_TRUE(type.SetFormat(type.Format() + 1, 2)) << "a part of itself";
+    EXPECT_EQ(type.Format()[0], 2);
+    EXPECT_EQ(type.Format()[1], 3);
+    ASSERT_NE(type.AllocFormatBuffer(32), nullptr);
+    EXPECT_EQ(type.FormatLength(), 32u);
+    EXPECT_TRUE(type.SetFormat(nullptr, 0));
+    EXPECT_EQ(type.Format(), nullptr);
+    EXPECT_EQ(type.FormatLength(), 0u);
+}
+
+TEST(MediaType, SampleSizeOfZeroMeansVariable) {
+    CMediaType type;
+    EXPECT_TRUE(type.IsFixedSize());
+    EXPECT_EQ(type.GetSampleSize(), 1u);
+    type.SetSampleSize(100);
+    EXPECT_EQ(type.GetSampleSize(), 100u);
+    type.SetSampleSize(0);
+    EXPECT_FALSE(type.IsFixedSize());
+    EXPECT_EQ(type.GetSampleSize(), 0u);
+    type.SetTemporalCompression(TRUE);
+    EXPECT_TRUE(type.IsTemporalCompressed());
+}
+
+TEST(MediaType, PartialTypeMatchesByWhatItNames) {
+    const CMediaType full = testType();
+    EXPECT_FALSE(full.IsPartiallySpecified());
+    CMediaType partial;
+    EXPECT_TRUE(partial.IsPartiallySpecified());
+    EXPECT_FALSE(partial.IsValid());
+    EXPECT_TRUE(full.MatchesPartial(&partial));
+    partial.SetType(full.Type());
+    EXPECT_TRUE(full.MatchesPartial(&partial));
+    EXPECT_TRUE(partial.IsPartiallySpecified()) << "no format type yet";
+    partial.SetSubtype(&MEDIASUBTYPE_RGB24);
+    EXPECT_FALSE(full.MatchesPartial(&partial));
+    partial = full;
+    EXPECT_TRUE(full.MatchesPartial(&partial));
+    BYTE block = 1;
+    partial.SetFormat(&block, 1);
+    EXPECT_FALSE(full.MatchesPartial(&partial)) << "a named format type covers its block";
+    partial.SetFormatType(&GUID_NULL);
+    EXPECT_TRUE(full.MatchesPartial(&partial));
+}
+
+BITMAPINFOHEADER header(LONG width, LONG height, WORD bits, DWORD compression = BI_RGB) {
+    BITMAPINFOHEADER result{};
+    result.biSize = sizeof result;
+    result.biWidth = width;
+    result.biHeight = height;
+    result.biPlanes = 1;
+    result.biBitCount = bits;
+    result.biCompression = compression;
+    return result;
+}
+
+TEST(BitmapInfo, LinesArePaddedToFourBytes) {
+    struct {
+        LONG width, height;
+        WORD bits;
+        DWORD bytes;
+    } const cases[] = {
+        {1, 1, 24, 4},  {2, 1, 24, 8},          {5, 3, 24, 48}, {1920, 1080, 24, 6220800}, {1920, -1080, 24, 6220800},
+        {33, 2, 1, 16}, {720, 486, 16, 699840}, {0, 100, 32, 0}};
+    for (const auto& c : cases) {
+        const BITMAPINFOHEADER h = header(c.width, c.height, c.bits);
+        EXPECT_EQ(GetBitmapSize(&h), c.bytes) << c.width << "x" << c.height;
+        EXPECT_EQ(DIBSIZE(h), c.bytes);
+    }
+    const BITMAPINFOHEADER huge = header(0x7FFFFFFF, LONG(0x80000000), 32);
+    EXPECT_EQ(GetBitmapSize(&huge), 0u) << "does not fit";
+    const BITMAPINFOHEADER negative = header(-5, 5, 24);
+    EXPECT_EQ(GetBitmapSize(&negative), 0u);
+    VIDEOINFOHEADER info{};
+    EXPECT_EQ(HEADER(&info), &info.bmiHeader);
+}
+
+TEST(BitmapInfo, SubtypeFollowsDepthAndFourcc) {
+    const auto subtype = [](WORD bits, DWORD compression = BI_RGB) {
+        const BITMAPINFOHEADER h = header(4, 4, bits, compression);
+        return GetBitmapSubtype(&h);
+    };
+    EXPECT_EQ(subtype(1), MEDIASUBTYPE_RGB1);
+    EXPECT_EQ(subtype(4), MEDIASUBTYPE_RGB4);
+    EXPECT_EQ(subtype(8), MEDIASUBTYPE_RGB8);
+    EXPECT_EQ(subtype(16), MEDIASUBTYPE_RGB555);
+    EXPECT_EQ(subtype(24), MEDIASUBTYPE_RGB24);
+    EXPECT_EQ(subtype(32), MEDIASUBTYPE_RGB32);
+    EXPECT_EQ(subtype(7), GUID_NULL);
+    EXPECT_EQ(subtype(16, MAKEFOURCC('Y', 'U', 'Y', '2')), MEDIASUBTYPE_YUY2);
+    EXPECT_EQ(subtype(16, MAKEFOURCC('U', 'Y', 'V', 'Y')), MEDIASUBTYPE_UYVY);
+    struct {
+        BITMAPINFOHEADER head;
+        DWORD masks[3];
+    } masked = {header(4, 4, 16, BI_BITFIELDS), {0xF800, 0x07E0, 0x001F}};
+    EXPECT_EQ(GetBitmapSubtype(&masked.head), MEDIASUBTYPE_RGB565);
+    masked.masks[1] = 1;
+    EXPECT_EQ(GetBitmapSubtype(&masked.head), GUID_NULL);
+    EXPECT_EQ(FOURCCMap(&MEDIASUBTYPE_YUY2).GetFOURCC(), MAKEFOURCC('Y', 'U', 'Y', '2'));
+}
+
+TEST(RefTime, LongIsMillisecondsAndLongLongIsUnits) {
+    EXPECT_EQ(CRefTime(LONG(3)).GetUnits(), 30000);
+    EXPECT_EQ(CRefTime(REFERENCE_TIME(3)).GetUnits(), 3);
+    EXPECT_EQ(CRefTime(REFERENCE_TIME(50000)).Millisecs(), 5);
+    EXPECT_EQ(CRefTime().GetUnits(), 0);
+}
+
+TEST(Event, ManualResetStaysAndAutoResetGoes) {
+    HRESULT hr = S_OK;
+    CAMEvent once(FALSE, &hr), stays(TRUE, &hr);
+    EXPECT_EQ(hr, S_OK);
+    EXPECT_FALSE(once.Check());
+    once.Set();
+    stays.Set();
+    EXPECT_TRUE(once.Wait(1000));
+    EXPECT_FALSE(once.Check());
+    EXPECT_TRUE(stays.Check());
+    EXPECT_TRUE(stays.Check());
+    stays.Reset();
+    EXPECT_FALSE(stays.Check());
+}
+
+/// Answers each request with the number after it; 0 ends it, 666 throws, 13 ends without an answer.
+class Adder : public CAMThread {
+public:
+    ~Adder() override {
+        if (ThreadExists()) CallWorker(0);
+        Close();
+    }
+
+protected:
+    DWORD ThreadProc() override {
+        for (;;) {
+            const DWORD request = GetRequest();
+            if (request == 666) throw std::runtime_error("test");
+            if (request == 13) return 0;
+            Reply(request + 1);
+            if (request == 0) return 0;
+        }
+    }
+};
+
+TEST(Thread, AnswersEachCallerInTurn) {
+    Adder adder;
+    EXPECT_EQ(adder.CallWorker(1), DWORD(E_FAIL)) << "no thread yet";
+    ASSERT_TRUE(adder.Create());
+    EXPECT_FALSE(adder.Create()) << "one thread at a time";
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> callers;
+    for (DWORD c = 0; c < 4; ++c) {
+        callers.emplace_back([&, c] {
+            for (DWORD i = 0; i < 500; ++i)
+                if (adder.CallWorker(1000 + c * 1000 + i) != 1001 + c * 1000 + i) ++wrong;
+        });
+    }
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(adder.CallWorker(0), 1u) << "the last answer counts though the thread ends";
+    adder.Close();
+    EXPECT_FALSE(adder.ThreadExists());
+    EXPECT_TRUE(adder.Create()) << "and again";
+}
+
+TEST(Thread, CallerOfAThreadThatDiesIsNotLeftWaiting) {
+    for (const DWORD request : {DWORD(666), DWORD(13)}) {
+        Adder adder;
+        ASSERT_TRUE(adder.Create());
+        EXPECT_EQ(adder.CallWorker(request), DWORD(E_FAIL));
+        EXPECT_EQ(adder.CallWorker(5), DWORD(E_FAIL)) << "nor the next one";
+        adder.Close();
+        ASSERT_TRUE(adder.Create());
+        EXPECT_EQ(adder.CallWorker(5), 6u) << "the unanswered request is forgotten";
+    }
+}
+
+} // namespace
+} // namespace kestra::test
