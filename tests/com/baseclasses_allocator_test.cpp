@@ -48,7 +48,9 @@ TEST_F(AllocatorTest, OwnAllocatorIsMadeWhereTheReceiverRefusesItsOwn) {
 TEST_F(AllocatorTest, ReceiverThatRefusesEveryAllocatorIsNotConnected) {
     in().m_offersAllocator = true;
     in().m_refusals = 1000; // of every type
-    EXPECT_EQ(connect(), E_FAIL);
+    const CMediaType type = testType();
+    EXPECT_EQ(connect(&type), E_FAIL);
+    EXPECT_EQ(connect(), VFW_E_NO_ACCEPTABLE_TYPES) << "each type was tried";
     EXPECT_FALSE(out().IsConnected());
     EXPECT_FALSE(in().IsConnected());
     EXPECT_EQ(out().m_pAllocator, nullptr);
