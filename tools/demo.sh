@@ -1,20 +1,64 @@
-# ./kestra demo: the simulated card at work, and what it leaves in out/demo/. Sourced by ./kestra.
+# ./kestra demo: a real application records from the simulated card, and what that leaves in out/demo/. Sourced by ./kestra.
 # shellcheck source=tools/card.sh
 . "$root/tools/card.sh"
 
+demo=$root/out/demo
+demo_seconds=5
+
+# FFmpeg's list of DirectShow devices, without its remarks.
+demo_list_devices() {
+    { run_windows "$windows_ffmpeg" -hide_banner -list_devices true -f dshow -i dummy 2>&1 || true; } | # it ends with 1
+        tr -d '\r' | sed -nE 's/^\[dshow[^]]*\] *((DirectShow|"|Alternative).*)/  \1/p'
+}
+
+# demo_record FORMAT: records, shows FFmpeg's progress, checks, and adds a line to the report. The frames of the first
+# format stay in a file.
+demo_record() {
+    local format=$1 keep=/dev/null progress=$root/build/demo/ffmpeg.log result
+    [ "$format" != "${video_formats[0]}" ] || keep=$root/build/demo/frames.yuv
+    [ ! -t 2 ] || progress=/dev/stderr
+    result=$(record_video "$format" "$demo_seconds" "$root/build/demo/times.txt" 2> "$progress" |
+        tee "$keep" | check_video "$format" p) || {
+        say "$format: $result"
+        die "the recording is not what the card sent"
+    }
+    printf '%-8s %2d s: %s, %s frames per second\n' "$format" "$demo_seconds" "$result" \
+        "$(frame_rate "$root/build/demo/times.txt")" | tee -a "$demo/report.txt"
+}
+
 verb_demo() {
     verb_build
-    local demo=$root/out/demo
-    mkdir -p "$demo"
+    build_preset native check_recording
+    rm -rf "$demo"
+    mkdir -p "$demo" "$root/build/demo"
+
     step "plugging in a simulated card"
     session_start
-    card_install 1
-    step "receiving from it"
-    local result=0
-    "$root/tools/run-windows" "$simcard_build/kestraprobe.exe" --bitmap "Z:$demo/frame.bmp" |
-        tr -d '\r' | tee "$demo/report.txt" || result=$?
-    [ "$result" -eq 0 ] || die "the card was not received without faults; the report is out/demo/report.txt"
-    quietly build/demo-png.log ffmpeg -y -loglevel error -i "$demo/frame.bmp" "$demo/frame.png"
-    rm -f "$demo/frame.bmp"
-    step "done: out/demo/frame.png is one of the frames, out/demo/report.txt the report"
+    card_install 1 > /dev/null
+    simcard signal 1920x1080 60/1 > /dev/null
+    simcard status | tr -d '\r' | tee "$demo/report.txt"
+
+    step "registering out/KestraCapture.dll with regsvr32"
+    register_module "$root/out/KestraCapture.dll"
+    say "registered"
+
+    step "what FFmpeg for Windows finds"
+    demo_list_devices | tee -a "$demo/report.txt"
+
+    step "recording $demo_seconds s of 1080p60 in each format; every frame is compared with what the card sent"
+    local format
+    for format in "${video_formats[@]}"; do
+        demo_record "$format"
+    done
+
+    step "making a film and a picture of the first recording"
+    local raw=(-f rawvideo -pix_fmt "${video_formats[0]}" -s 1920x1080 -r 60 -colorspace bt709 -color_range tv
+        -i "$root/build/demo/frames.yuv")
+    quietly build/demo/film.log ffmpeg -nostdin -y "${raw[@]}" -c:v libx264 -preset veryfast -crf 18 -pix_fmt yuv420p \
+        -color_primaries bt709 -color_trc bt709 -colorspace bt709 "$demo/recording.mp4"
+    quietly build/demo/picture.log ffmpeg -nostdin -y -ss 2 "${raw[@]}" -vf scale=in_color_matrix=bt709:out_range=pc \
+        -frames:v 1 "$demo/frame.png"
+    rm -f "$root/build/demo/frames.yuv"
+
+    step "done, in out/demo/: recording.mp4, frame.png (one of its frames) and report.txt"
 }

@@ -1,0 +1,56 @@
+# Recording from the module with FFmpeg for Windows, and checking what was recorded. Sourced by ./kestra and by the
+# end-to-end tests; uses say, die, $root and a running session.
+
+video_formats=(yuyv422 bgr24 uyvy422 bgr0)
+windows_ffmpeg=$root/build/ffmpeg/node_modules/@ffmpeg-installer/win32-x64/ffmpeg.exe
+
+# Fetches FFmpeg for Windows once, as an npm package.
+install_windows_ffmpeg() {
+    [ ! -f "$windows_ffmpeg" ] || return 0
+    say "fetching FFmpeg for Windows"
+    mkdir -p "$root/build/ffmpeg"
+    npm install --prefix "$root/build/ffmpeg" --no-save --no-audit --no-fund --force --loglevel error \
+        @ffmpeg-installer/win32-x64@4.1.0 > "$root/build/ffmpeg/install.log" 2>&1 ||
+        die "FFmpeg for Windows could not be fetched; see build/ffmpeg/install.log"
+}
+
+run_windows() {
+    "$root/tools/run-windows" "$@" < /dev/null
+}
+
+simcard() {
+    run_windows "$root/build/windows/simcard/kestrasimctl.exe" "$@"
+}
+
+# register_module DLL: as a user does it.
+register_module() {
+    run_windows regsvr32 /s "Z:$1" > /dev/null 2>&1 || die "regsvr32 could not register $1"
+}
+
+# unregister_module DLL
+unregister_module() {
+    run_windows regsvr32 /u /s "Z:$1" > /dev/null 2>&1 || die "regsvr32 could not unregister $1"
+}
+
+# record_video FORMAT SECONDS TIMES: raw frames to the standard output, FFmpeg's progress to the standard error, and the
+# frames' time stamps in milliseconds into the file TIMES.
+record_video() {
+    run_windows "$windows_ffmpeg" -hide_banner -loglevel error -stats -y -rtbufsize 2000M -f dshow -pixel_format "$1" \
+        -i "video=Kestra Capture Video" -t "$2" -vsync passthrough -c:v rawvideo -f rawvideo - \
+        -t "$2" -c copy -f mkvtimestamp_v2 "Z:$3"
+}
+
+# check_video FORMAT SCAN < raw frames: compares each frame with the simulated card's picture. SCAN: p (at 60 Hz) or i
+# (at 29.97 Hz).
+check_video() {
+    local interlaced=0 frames_per_second=60
+    [ "$2" = p ] || { interlaced=1 frames_per_second=30; }
+    "$root/build/native/tests/e2e/check_recording" "$1" 1920 1080 "$interlaced" "$frames_per_second"
+}
+
+# frame_rate TIMES: the mean rate in Hz by the time stamps in milliseconds, without the first quarter: a graph that starts
+# has its first frames late.
+frame_rate() {
+    awk '!/^#/ { stamp[n++] = $1 }
+         END { first = int(n / 4); printf "%.2f", (n > 1 ? 1000 * (n - 1 - first) / (stamp[n - 1] - stamp[first]) : 0) }' "$1"
+}
