@@ -1,40 +1,12 @@
 #include "capture/video_filter.h"
 
+#include "capture/cards.h"
 #include "capture/module_state.h"
-#include "capture/trace.h"
 #include "capture/video_stream.h"
 
 #include <new>
-#include <string>
 
 using namespace kestra;
-
-const CLSID CLSID_KestraCapture = {0x53F0624A, 0x8497, 0x4A4C, {0x94, 0x51, 0x01, 0x1C, 0x49, 0xB2, 0x74, 0xFA}};
-
-namespace {
-
-/// @param before the line's text up to the number, which a blank follows
-void traceInstance(const wchar_t* before, LONG number) {
-    wchar_t line[64];
-    trace(lstrcpynW(line, (std::wstring(before) + std::to_wstring(number) + L' ').c_str(), 64));
-}
-
-/// Calls each(detail) for every card until it returns false. @return how many were listed
-template <class Each>
-uint32_t forEachCard(Each each) {
-    uint32_t count = 0;
-    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
-    DeviceEnumData data{};
-    data.size = sizeof data;
-    while (TARNIS_EnumNext(enumerator, &data) == TARNIS_SUCCESS) {
-        ++count;
-        if (!each(data.interfaceDetail)) break;
-    }
-    TARNIS_EnumClose(enumerator);
-    return count;
-}
-
-} // namespace
 
 CUnknown* CALLBACK CKestraCapture::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) {
     auto* filter = new (std::nothrow) CKestraCapture(pUnk, phr);
@@ -46,11 +18,12 @@ CKestraCapture::CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr)
     : CSource(NAME("Kestra Capture Video"), pUnk, CLSID_KestraCapture) {
     traceInstance(L"CKestraCapture->Constructor->#", ++filterInstances);
     HRESULT hr = S_OK;
-    m_cards = forEachCard([](const DeviceInterfaceDetail*) { return true; });
+    m_cards = countCards();
     m_stream = new (std::nothrow) CKestraStream(&hr, this);
     if (!m_stream) hr = E_OUTOFMEMORY;
     if (SUCCEEDED(hr)) {
-        chooseCard();
+        m_grabber = openCard(
+            0, [](const TarnisCameraStatus& status) { return (status.signalFlags & TARNIS_SIGNAL_PRESENT) != 0; });
         if (!m_grabber) hr = E_FAIL;
     }
     if (SUCCEEDED(hr)) {
@@ -65,25 +38,6 @@ CKestraCapture::CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr)
         }
     }
     if (FAILED(hr) && phr) *phr = hr;
-}
-
-/// Keeps the first card that has a signal. That another program holds its channel shows when this one wants to grab.
-void CKestraCapture::chooseCard() {
-    if (m_cards == 0) return;
-    forEachCard([this](const DeviceInterfaceDetail* detail) {
-        TARNIS_HANDLE grabber = TARNIS_InitByHandle(detail);
-        if (!grabber) return true;
-        const bool claimed = TARNIS_GetDMAAccess(grabber, 0) == TARNIS_SUCCESS;
-        TarnisCameraStatus status{};
-        const bool known = TARNIS_GetCameraStatus(grabber, 0, &status) == TARNIS_SUCCESS;
-        if (claimed) TARNIS_ReleaseDMAAccess(grabber, 0);
-        if (known && (status.signalFlags & TARNIS_SIGNAL_PRESENT)) {
-            m_grabber = grabber;
-            return false;
-        }
-        TARNIS_Done(grabber);
-        return true;
-    });
 }
 
 CKestraCapture::~CKestraCapture() {

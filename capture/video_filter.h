@@ -6,9 +6,9 @@
 
 #include <streams.h>
 
-class CKestraStream;
+#include <kestra_interfaces.h>
 
-extern const CLSID CLSID_KestraCapture;
+class CKestraStream;
 
 class CKestraCapture : public CSource {
 public:
@@ -29,7 +29,6 @@ public:
 
 private:
     CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr);
-    void chooseCard();
     void noteActivity();
 
     CKestraStream* m_stream = nullptr; // the base class owns it

@@ -1,6 +1,8 @@
 // The video pin's formats: what it offers, accepts and remembers.
 #include "capture/video_stream.h"
 
+#include "capture/cleared_flag.h"
+#include "capture/pin_category.h"
 #include "capture/settings.h"
 #include "capture/trace.h"
 #include "capture/video_filter.h"
@@ -14,22 +16,7 @@ namespace {
 
 constexpr wchar_t kVideoFormatValue[] = L"VideoFormat";
 constexpr CLSID kStreamFormatPage = {0x71F96467, 0x78F3, 0x11D0, {0xA1, 0x8C, 0x00, 0xA0, 0xC9, 0x11, 0x89, 0x56}};
-constexpr HRESULT kPropertySetUnsupported = static_cast<HRESULT>(0x80070492);
-constexpr HRESULT kPropertyIdUnsupported = static_cast<HRESULT>(0x80070490);
 constexpr int kCapabilities = 4;
-
-/// Holds a flag at false for a scope.
-class ClearedFlag {
-public:
-    explicit ClearedFlag(bool& flag) : m_flag(flag), m_before(flag) { m_flag = false; }
-    ~ClearedFlag() { m_flag = m_before; }
-    ClearedFlag(const ClearedFlag&) = delete;
-    ClearedFlag& operator=(const ClearedFlag&) = delete;
-
-private:
-    bool& m_flag;
-    const bool m_before;
-};
 
 } // namespace
 
@@ -56,21 +43,11 @@ STDMETHODIMP CKestraStream::Set(REFGUID, DWORD, void*, DWORD, void*, DWORD) {
 
 STDMETHODIMP CKestraStream::Get(REFGUID guidPropSet, DWORD dwPropID, void*, DWORD, void* pPropData, DWORD cbPropData,
                                 DWORD* pcbReturned) {
-    if (guidPropSet != AMPROPSETID_Pin) return kPropertySetUnsupported;
-    if (dwPropID != AMPROPERTY_PIN_CATEGORY) return kPropertyIdUnsupported;
-    if (!pPropData && !pcbReturned) return E_POINTER;
-    if (pcbReturned) *pcbReturned = sizeof(GUID);
-    if (!pPropData) return S_OK;
-    if (cbPropData < sizeof(GUID)) return E_UNEXPECTED;
-    *static_cast<GUID*>(pPropData) = PIN_CATEGORY_CAPTURE;
-    return S_OK;
+    return getPinCategory(guidPropSet, dwPropID, pPropData, cbPropData, pcbReturned);
 }
 
 STDMETHODIMP CKestraStream::QuerySupported(REFGUID guidPropSet, DWORD dwPropID, DWORD* pTypeSupport) {
-    if (guidPropSet != AMPROPSETID_Pin) return kPropertySetUnsupported;
-    if (dwPropID != AMPROPERTY_PIN_CATEGORY) return kPropertyIdUnsupported;
-    if (pTypeSupport) *pTypeSupport = KSPROPERTY_SUPPORT_GET;
-    return S_OK;
+    return queryPinCategory(guidPropSet, dwPropID, pTypeSupport);
 }
 
 HRESULT CKestraStream::GetMediaType(int iPosition, CMediaType* pmt) {

@@ -1,4 +1,5 @@
 // The module: its classes, its entry points, its registration.
+#include "capture/audio_filter.h"
 #include "capture/video_filter.h"
 #include "log/configuration.h"
 #include "server/registration.h"
@@ -14,6 +15,7 @@ kestra::LogLifetime g_log; // the library's log is open for as long as the modul
 // A further class is one line.
 CFactoryTemplate g_Templates[] = {
     {L"Kestra Capture Video", &CLSID_KestraCapture, CKestraCapture::CreateInstance, nullptr, nullptr},
+    {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, CKestraAudioCapture::CreateInstance, nullptr, nullptr},
 };
 int g_cTemplates = sizeof g_Templates / sizeof g_Templates[0];
 

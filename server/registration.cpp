@@ -1,5 +1,6 @@
 #include "server/registration.h"
 
+#include "capture/audio_filter.h"
 #include "capture/com_ref.h"
 #include "capture/video_filter.h"
 
@@ -33,8 +34,10 @@ struct Filter {
 };
 
 const REGPINTYPES kVideoTypes[] = {{&MEDIATYPE_Video, &MEDIASUBTYPE_RGB24}, {&MEDIATYPE_Video, &MEDIASUBTYPE_YUY2}};
+const REGPINTYPES kAudioTypes[] = {{&MEDIATYPE_Audio, &MEDIASUBTYPE_NULL}};
 const Filter kFilters[] = {
     {&CLSID_KestraCapture, L"Kestra Capture Video", &CLSID_VideoInputDeviceCategory, kVideoTypes, 2},
+    {&CLSID_KestraAudioCapture, L"Kestra Capture Audio", &CLSID_AudioInputDeviceCategory, kAudioTypes, 1},
 };
 
 HRESULT openMapper(ComRef<IFilterMapper2>& mapper) {

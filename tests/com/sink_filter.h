@@ -1,0 +1,99 @@
+// A receiving filter of ours for the system's graph or for none: keeps what it gets, and misbehaves as a test asks.
+#pragma once
+
+#include <streams.h>
+
+#include "capture/com_ref.h"
+#include "tests/com/test_sink.h"
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace kestra::test {
+
+/// The allocator that a sink offers: the system's, each step of which can be made to fail.
+class TestAllocator : public IMemAllocator {
+public:
+    TestAllocator();
+    TestAllocator(const TestAllocator&) = delete;
+    TestAllocator& operator=(const TestAllocator&) = delete;
+
+    std::atomic<HRESULT> setResult{S_OK}, commitResult{S_OK}, decommitResult{S_OK}, getBufferResult{S_OK};
+    std::atomic<bool> noPointer{false}; ///< buffers without memory
+    std::atomic<int> bare{0};           ///< of those, how many are alive
+    ALLOCATOR_PROPERTIES requested{};   ///< the last request
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** object) override;
+    STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++m_references); }
+    STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--m_references); }
+    STDMETHODIMP SetProperties(ALLOCATOR_PROPERTIES* wanted, ALLOCATOR_PROPERTIES* actual) override;
+    STDMETHODIMP GetProperties(ALLOCATOR_PROPERTIES* properties) override {
+        return m_system->GetProperties(properties);
+    }
+    STDMETHODIMP Commit() override;
+    STDMETHODIMP Decommit() override;
+    STDMETHODIMP GetBuffer(IMediaSample** sample, REFERENCE_TIME* start, REFERENCE_TIME* end, DWORD flags) override;
+    STDMETHODIMP ReleaseBuffer(IMediaSample* sample) override { return m_system->ReleaseBuffer(sample); }
+
+private:
+    ComRef<IMemAllocator> m_system;
+    std::atomic<long> m_references{0};
+};
+
+class SinkFilter;
+
+class SinkPin : public CBasePin, public IMemInputPin {
+public:
+    SinkPin(SinkFilter* filter, CCritSec* lock, HRESULT* phr);
+
+    DECLARE_IUNKNOWN
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+
+    // What a test sets before it connects or while blocks come.
+    std::atomic<HRESULT> receiveResult{S_OK};
+    std::atomic<HANDLE> blockUntil{nullptr}; ///< Receive waits for this event
+    std::atomic<bool> refuses24{false};
+    std::function<void()> onReceive;
+    IMemAllocator* allocator = nullptr; ///< offered; the test's
+    size_t keep = 1000;                 ///< samples whose bytes are kept
+
+    // What it saw.
+    std::atomic<int> received{0}, endOfStreams{0}, insideReceive{0};
+    std::vector<ReceivedSample> samples() const;
+    void forget();
+    const CMediaType& type() const { return m_mt; }
+
+    HRESULT CheckMediaType(const CMediaType* type) override;
+    STDMETHODIMP EndOfStream() override;
+    STDMETHODIMP BeginFlush() override { return S_OK; }
+    STDMETHODIMP EndFlush() override { return S_OK; }
+    STDMETHODIMP GetAllocator(IMemAllocator** offered) override;
+    STDMETHODIMP NotifyAllocator(IMemAllocator*, BOOL) override { return S_OK; }
+    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
+    STDMETHODIMP Receive(IMediaSample* sample) override;
+    STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) override;
+    STDMETHODIMP ReceiveCanBlock() override { return S_OK; }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<ReceivedSample> m_samples;
+};
+
+class SinkFilter : public CBaseFilter {
+public:
+    static ComRef<SinkFilter> create();
+    int GetPinCount() override { return 1; }
+    CBasePin* GetPin(int n) override { return n == 0 ? &pin : nullptr; }
+
+private:
+    SinkFilter();
+    HRESULT m_created = S_OK;
+    CCritSec m_sinkLock;
+
+public:
+    SinkPin pin;
+};
+
+} // namespace kestra::test
