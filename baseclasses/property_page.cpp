@@ -45,12 +45,11 @@ STDMETHODIMP CBasePropertyPage::SetObjects(ULONG cObjects, LPUNKNOWN* ppUnk) {
 STDMETHODIMP CBasePropertyPage::Activate(HWND hwndParent, LPCRECT prect, BOOL) {
     CheckPointer(prect, E_POINTER);
     if (!m_bObjectSet || m_Dlg) return E_UNEXPECTED;
-    m_hwnd = hwndParent;
     m_Dlg = CreateDialogParam(g_hInst, MAKEINTRESOURCE(m_DialogId), hwndParent, DialogProc, LPARAM(this));
-    if (!m_Dlg) {
-        m_hwnd = nullptr;
-        return E_OUTOFMEMORY;
-    }
+    m_hwnd = m_Dlg;
+    if (!m_Dlg) return E_OUTOFMEMORY;
+    // The frame's keys (Tab into the page and out of it, Enter, Escape) pass over a dialog without this style.
+    SetWindowLongPtr(m_Dlg, GWL_EXSTYLE, GetWindowLongPtr(m_Dlg, GWL_EXSTYLE) | WS_EX_CONTROLPARENT);
     guarded([this] { return OnActivate(); });
     Move(prect);
     return Show(SW_SHOWNORMAL);
@@ -106,11 +105,6 @@ STDMETHODIMP CBasePropertyPage::Apply() {
     return hr;
 }
 
-STDMETHODIMP CBasePropertyPage::TranslateAccelerator(LPMSG lpMsg) {
-    CheckPointer(lpMsg, E_POINTER);
-    return m_Dlg && IsDialogMessage(m_Dlg, lpMsg) ? S_OK : S_FALSE;
-}
-
 INT_PTR CBasePropertyPage::OnReceiveMessage(HWND, UINT, WPARAM, LPARAM) {
     return FALSE;
 }
@@ -118,8 +112,12 @@ INT_PTR CBasePropertyPage::OnReceiveMessage(HWND, UINT, WPARAM, LPARAM) {
 INT_PTR CALLBACK CBasePropertyPage::DialogProc(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) {
     if (uMsg == WM_INITDIALOG) SetWindowLongPtr(hwnd, DWLP_USER, lParam);
     auto* page = reinterpret_cast<CBasePropertyPage*>(GetWindowLongPtr(hwnd, DWLP_USER));
-    if (!page) return TRUE; // only measured, or before WM_INITDIALOG
-    if (uMsg == WM_INITDIALOG) page->m_Dlg = hwnd;
+    if (!page) return FALSE; // only measured, or before WM_INITDIALOG
+    if (uMsg == WM_INITDIALOG) page->m_hwnd = page->m_Dlg = hwnd;
+    // Some frames take the style away that Activate gave.
+    if (uMsg == WM_STYLECHANGING && int(wParam) == GWL_EXSTYLE) {
+        reinterpret_cast<STYLESTRUCT*>(lParam)->styleNew |= WS_EX_CONTROLPARENT;
+    }
     try {
         return page->OnReceiveMessage(hwnd, uMsg, wParam, lParam);
     } catch (...) {

@@ -3,7 +3,7 @@
 
 #include "objects.h"
 
-/// Base of every property page. The frame's thread only.
+/// Base of every property page. Owns its dialog while active and holds its site. No lock: the frame's thread only.
 class CBasePropertyPage : public IPropertyPage, public CUnknown {
 public:
     CBasePropertyPage(LPCTSTR pName, LPUNKNOWN pUnk, int DialogId, int TitleId);
@@ -30,12 +30,13 @@ public:
     STDMETHODIMP Apply() override;
     /// E_NOTIMPL is the contract's "no help of its own": the frame then looks at GetPageInfo.
     STDMETHODIMP Help(LPCWSTR) override { return E_NOTIMPL; }
-    STDMETHODIMP TranslateAccelerator(LPMSG lpMsg) override;
+    /// E_NOTIMPL is the contract's "no keys of its own": the frame's apply, and its Tab passes through the page.
+    STDMETHODIMP TranslateAccelerator(LPMSG) override { return E_NOTIMPL; }
 
 protected:
     LPPROPERTYPAGESITE m_pPageSite = nullptr;
-    HWND m_hwnd = nullptr; // the parent while active
-    HWND m_Dlg = nullptr;
+    HWND m_hwnd = nullptr; // the page's window while active: the dialog
+    HWND m_Dlg = nullptr;  // the same
     int m_DialogId;
     int m_TitleId;
     BOOL m_bDirty = FALSE;

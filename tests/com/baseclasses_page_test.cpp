@@ -181,6 +181,7 @@ TEST_F(PageTest, ShowsItsDialogWhereTheFrameWantsItAndTakesItAway) {
     activate();
     EXPECT_EQ(m_page->m_activate.calls, 1);
     EXPECT_EQ(m_page->m_inits, 1);
+    EXPECT_EQ(m_page->m_hwnd, m_page->m_Dlg);
     EXPECT_EQ(GetParent(m_page->m_Dlg), m_parent);
     EXPECT_TRUE(IsWindowVisible(m_page->m_Dlg));
     const RECT place = placeOfDialog();
@@ -190,6 +191,7 @@ TEST_F(PageTest, ShowsItsDialogWhereTheFrameWantsItAndTakesItAway) {
     EXPECT_EQ(m_page->Deactivate(), S_OK);
     EXPECT_EQ(m_page->m_deactivate.calls, 1);
     EXPECT_FALSE(IsWindow(dialog));
+    EXPECT_EQ(m_page->m_hwnd, nullptr);
     EXPECT_EQ(m_page->Deactivate(), E_UNEXPECTED);
     ASSERT_EQ(m_page->Activate(m_parent, &m_place, FALSE), S_OK) << "and again";
     leave();
@@ -238,21 +240,30 @@ TEST_F(PageTest, HelpIsLeftToTheFrame) {
     EXPECT_EQ(m_page->Help(L""), E_NOTIMPL);
 }
 
-TEST_F(PageTest, TabGoesToTheNextField) {
+TEST_F(PageTest, KeysOfTheFrameReachThePagesFieldsAndPassThroughIt) {
     MSG message{};
-    EXPECT_EQ(m_page->TranslateAccelerator(nullptr), E_POINTER);
-    EXPECT_EQ(m_page->TranslateAccelerator(&message), S_FALSE) << "no dialog";
+    EXPECT_EQ(m_page->TranslateAccelerator(&message), E_NOTIMPL) << "the page has no keys of its own";
     activate();
-    const HWND first = GetDlgItem(m_page->m_Dlg, TEST_PAGE_FIRST);
+    const HWND first = GetDlgItem(m_page->m_Dlg, TEST_PAGE_FIRST), second = GetDlgItem(m_page->m_Dlg, TEST_PAGE_SECOND);
+    const HWND button = CreateWindowExW(0, L"BUTTON", L"OK", WS_CHILD | WS_VISIBLE | WS_TABSTOP, 0, 200, 50, 20,
+                                        m_parent, nullptr, g_hInst, nullptr);
     SetFocus(first);
     ASSERT_EQ(GetFocus(), first);
-    message.hwnd = first;
-    message.message = WM_KEYDOWN;
-    message.wParam = VK_TAB;
-    EXPECT_EQ(m_page->TranslateAccelerator(&message), S_OK);
-    EXPECT_EQ(GetFocus(), GetDlgItem(m_page->m_Dlg, TEST_PAGE_SECOND));
-    message.hwnd = m_parent;
-    EXPECT_EQ(m_page->TranslateAccelerator(&message), S_FALSE) << "not the page's";
+    const auto tab = [&] {
+        message.hwnd = GetFocus();
+        message.message = WM_KEYDOWN;
+        message.wParam = VK_TAB;
+        EXPECT_TRUE(IsDialogMessageW(m_parent, &message));
+        return GetFocus();
+    };
+    EXPECT_EQ(tab(), second);
+    EXPECT_EQ(tab(), button) << "out of the page";
+    EXPECT_EQ(tab(), first) << "and into it again";
+    // As a frame that takes the style away from the pages it shows.
+    SetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE, GetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE) & ~WS_EX_CONTROLPARENT);
+    EXPECT_EQ(tab(), second);
+    EXPECT_EQ(tab(), button);
+    DestroyWindow(button);
     leave();
 }
 
