@@ -3,7 +3,7 @@
 
 #include "objects.h"
 
-/// The GUID that carries a FOURCC in its first four bytes.
+/// The GUID that carries a FOURCC in its first four bytes. A value.
 class FOURCCMap : public GUID {
 public:
     FOURCCMap() : FOURCCMap(DWORD(0)) {}

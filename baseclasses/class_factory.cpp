@@ -88,9 +88,15 @@ extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID
         g_hInst = hInstance;
         DisableThreadLibraryCalls(hInstance);
     }
+    BOOL loaded = TRUE; // a class that cannot be prepared keeps the module from being loaded
     for (int i = 0; i < g_cTemplates; ++i) {
-        if (g_Templates[i].m_lpfnInit)
-            g_Templates[i].m_lpfnInit(ulReason == DLL_PROCESS_ATTACH, g_Templates[i].m_ClsID);
+        const CFactoryTemplate& entry = g_Templates[i];
+        if (!entry.m_lpfnInit) continue;
+        const HRESULT hr = kestra::com::guarded([&] {
+            entry.m_lpfnInit(ulReason == DLL_PROCESS_ATTACH, entry.m_ClsID);
+            return S_OK;
+        });
+        if (FAILED(hr)) loaded = FALSE;
     }
-    return TRUE;
+    return loaded;
 }

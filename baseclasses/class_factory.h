@@ -7,7 +7,7 @@
 typedef CUnknown*(CALLBACK* LPFNNewCOMObject)(LPUNKNOWN pUnkOuter, HRESULT* phr);
 typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
 
-/// One class of the module: the filter's author defines g_Templates and g_cTemplates.
+/// One class of the module: the filter's author defines g_Templates and g_cTemplates. Constant data, owns nothing.
 class CFactoryTemplate {
 public:
     const WCHAR* m_Name;
@@ -24,7 +24,7 @@ extern CFactoryTemplate g_Templates[];
 extern int g_cTemplates;
 extern HINSTANCE g_hInst;
 
-/// Makes objects of one class. Any thread.
+/// Makes objects of one class of the table. Owned by its references. Any thread, no lock.
 class CClassFactory : public IClassFactory, public CBaseObject {
 public:
     explicit CClassFactory(const CFactoryTemplate* pTemplate);

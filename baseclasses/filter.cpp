@@ -1,6 +1,7 @@
 #include "filter.h"
 
 #include "firewall.h"
+#include "held.h"
 #include "pin.h"
 #include "registration.h"
 
@@ -10,6 +11,7 @@
 #include <new>
 
 using kestra::com::guarded;
+using kestra::com::Held;
 
 CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid)
     : CUnknown(pName, pUnk), m_clsid(clsid), m_pLock(pLock) {}
@@ -175,11 +177,10 @@ STDMETHODIMP CBaseFilter::JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) {
     delete[] m_pName;
     m_pName = name;
     m_pGraph = pGraph;
-    m_pSink = nullptr;
     // The graph holds the filter; holding the graph or its sink in return would keep both for ever.
-    if (pGraph && SUCCEEDED(pGraph->QueryInterface(IID_IMediaEventSink, reinterpret_cast<void**>(&m_pSink)))) {
-        m_pSink->Release();
-    }
+    Held<IMediaEventSink> sink;
+    if (pGraph) pGraph->QueryInterface(IID_IMediaEventSink, sink.outVoid());
+    m_pSink = sink.get();
     return S_OK;
 }
 
@@ -204,7 +205,7 @@ BOOL CBaseFilter::IsActive() {
 }
 
 HRESULT CBaseFilter::NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2) {
-    IMediaEventSink* sink = m_pSink; // the graph's own lock must not be taken under ours
+    IMediaEventSink* sink = m_pSink; // without the lock: Stop holds it while it waits for a worker that is here
     if (!sink) return E_NOTIMPL;
     if (EventCode == EC_COMPLETE) EventParam2 = reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(this));
     return sink->Notify(EventCode, EventParam1, EventParam2);
@@ -212,13 +213,9 @@ HRESULT CBaseFilter::NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR 
 
 HRESULT CBaseFilter::ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt) {
     if (!m_pGraph) return E_NOINTERFACE;
-    IFilterGraph2* graph2 = nullptr;
-    if (FAILED(m_pGraph->QueryInterface(IID_IFilterGraph2, reinterpret_cast<void**>(&graph2)))) {
-        return m_pGraph->Reconnect(pPin);
-    }
-    const HRESULT hr = graph2->ReconnectEx(pPin, pmt);
-    graph2->Release();
-    return hr;
+    Held<IFilterGraph2> graph2;
+    if (FAILED(m_pGraph->QueryInterface(IID_IFilterGraph2, graph2.outVoid()))) return m_pGraph->Reconnect(pPin);
+    return graph2->ReconnectEx(pPin, pmt);
 }
 
 STDMETHODIMP CBaseFilter::Register() {

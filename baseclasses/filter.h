@@ -6,7 +6,10 @@
 
 class CBasePin;
 
-/// Base of every filter. m_pLock guards state, graph and clock; the graph's threads enter.
+/// Base of every filter. Holds its clock; holds neither its graph, which owns it, nor the graph's event sink. Its lock
+/// is the derived class's, lives as long, and guards state, graph and clock; Stop, Pause and Run hold it while they
+/// call the pins, so that a worker must never wait for it. The application's and the graph's threads enter; NotifyEvent
+/// is the workers' too, which end before the filter leaves its graph.
 class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
 public:
     CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid);
@@ -40,12 +43,17 @@ public:
     virtual CBasePin* GetPin(int n) = 0;
     virtual LONG GetPinVersion() { return m_PinVersion; }
     void IncrementPinVersion() { InterlockedIncrement(&m_PinVersion); }
+    /// Time since the start of the run. @return VFW_E_NO_CLOCK without a clock.
     virtual HRESULT StreamTime(CRefTime& rtStream);
     BOOL IsActive();
     BOOL IsStopped() { return m_State == State_Stopped; }
+    /// Tells the graph; with EC_COMPLETE, whose second parameter is the filter, that too. Any thread, takes no lock.
+    /// @return E_NOTIMPL outside a graph or in one that takes no events.
     HRESULT NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2);
     /// Not counted; null outside a graph.
     IFilterGraph* GetFilterGraph() { return m_pGraph; }
+    /// Has the graph connect the pin again, with the media type if there is one and the graph can. @return
+    /// E_NOINTERFACE outside a graph.
     HRESULT ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt);
 
 protected:
@@ -67,7 +75,8 @@ private:
     HRESULT setup(BOOL registered);
 };
 
-/// Enumerates a filter's pins as they were when it was made or last reset. Holds the filter.
+/// Enumerates a filter's pins; once they have changed it is out of sync until Reset. Owned by its references, the first
+/// of which is its maker's; holds the filter. No lock: one thread at a time.
 class CEnumPins : public IEnumPins {
 public:
     CEnumPins(CBaseFilter* pFilter, CEnumPins* pEnumPins);
@@ -88,7 +97,7 @@ private:
     LONG m_Version;
 };
 
-/// Enumerates a pin's media types. Holds the pin.
+/// Enumerates a pin's media types, likewise; holds the pin.
 class CEnumMediaTypes : public IEnumMediaTypes {
 public:
     CEnumMediaTypes(CBasePin* pPin, CEnumMediaTypes* pEnumMediaTypes);

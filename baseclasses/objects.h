@@ -26,7 +26,7 @@
 #define ValidateReadWritePtr(p, cb)                                                                                    \
     { (void)(p), (void)(cb); }
 
-/// A recursive lock.
+/// A recursive lock. Any thread.
 class CCritSec {
 public:
     CCritSec() { InitializeCriticalSection(&m_CritSec); }
@@ -39,7 +39,7 @@ public:
     CRITICAL_SECTION m_CritSec;
 };
 
-/// Holds a lock for its own life.
+/// Holds a lock for its own life, for the thread that made it. The lock is somebody else's and lives longer.
 class CAutoLock {
 public:
     explicit CAutoLock(CCritSec* plock) : m_pLock(plock) { m_pLock->Lock(); }
@@ -51,7 +51,7 @@ protected:
     CCritSec* m_pLock;
 };
 
-/// Counts the module's living objects, which keep DllCanUnloadNow from answering S_OK.
+/// Counts the module's living objects, which keep DllCanUnloadNow from answering S_OK. Any thread.
 class CBaseObject {
 public:
     explicit CBaseObject(LPCTSTR pName);
@@ -64,14 +64,17 @@ private:
     static volatile LONG m_cObjects;
 };
 
-/// What an aggregatable object itself answers, whoever its controlling unknown is. Laid out as IUnknown.
+/// What an aggregatable object itself answers, whoever its controlling unknown is. Laid out as IUnknown, which is what
+/// an outer object takes it for. Any thread.
 struct INonDelegatingUnknown {
     virtual HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) = 0;
     virtual ULONG STDMETHODCALLTYPE NonDelegatingAddRef() = 0;
     virtual ULONG STDMETHODCALLTYPE NonDelegatingRelease() = 0;
 };
 
-/// Base of every COM object. Starts with count 0; the first reference is its creator's to take. Deletes itself.
+/// Base of every COM object. Owned by its references: it starts with none, the first is its creator's to take, and it
+/// deletes itself with the last. The outer object, if there is one, is not counted: it owns this one. No lock; any
+/// thread counts and asks.
 class CUnknown : public INonDelegatingUnknown, public CBaseObject {
 public:
     CUnknown(LPCTSTR pName, LPUNKNOWN pUnk);
@@ -107,7 +110,7 @@ private:
 /// Answers a QueryInterface with `pUnk`, counted. @return S_OK, or E_POINTER for a null ppv.
 HRESULT GetInterface(LPUNKNOWN pUnk, void** ppv);
 
-/// A time in units of 100 ns.
+/// A time in units of 100 ns; a LONG is taken for milliseconds. A value, without a lock.
 class CRefTime {
 public:
     REFERENCE_TIME m_time = 0;

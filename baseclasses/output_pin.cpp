@@ -1,6 +1,9 @@
+#include "held.h"
 #include "pin.h"
 
 #include <initializer_list>
+
+using kestra::com::Held;
 
 CBaseOutputPin::CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName)
     : CBasePin(pObjectName, pFilter, pLock, phr, pName, PINDIR_OUTPUT) {}
@@ -13,11 +16,11 @@ CBaseOutputPin::~CBaseOutputPin() {
 HRESULT CBaseOutputPin::CheckConnect(IPin* pPin) {
     const HRESULT hr = CBasePin::CheckConnect(pPin);
     if (FAILED(hr)) return hr;
-    IMemInputPin* input = nullptr;
-    const HRESULT found = pPin->QueryInterface(IID_IMemInputPin, reinterpret_cast<void**>(&input));
+    Held<IMemInputPin> input;
+    const HRESULT found = pPin->QueryInterface(IID_IMemInputPin, input.outVoid());
     if (FAILED(found)) return found;
     if (m_pInputPin) m_pInputPin->Release();
-    m_pInputPin = input;
+    m_pInputPin = input.detach();
     return S_OK;
 }
 
@@ -43,21 +46,20 @@ HRESULT CBaseOutputPin::BreakConnect() {
 HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pPin, IMemAllocator** ppAlloc) {
     *ppAlloc = nullptr;
     ALLOCATOR_PROPERTIES wanted{};
-    pPin->GetAllocatorRequirements(&wanted);
+    if (FAILED(pPin->GetAllocatorRequirements(&wanted))) wanted = {}; // a receiver need not have any
     if (wanted.cbAlign == 0) wanted.cbAlign = 1;
     HRESULT hr = E_FAIL;
     for (const bool receivers : {true, false}) {
-        IMemAllocator* allocator = nullptr;
-        hr = receivers ? pPin->GetAllocator(&allocator) : InitAllocator(&allocator);
+        Held<IMemAllocator> allocator; // DecideBufferSize may throw
+        hr = receivers ? pPin->GetAllocator(allocator.out()) : InitAllocator(allocator.out());
         if (SUCCEEDED(hr) && !allocator) hr = VFW_E_NO_ALLOCATOR;
         ALLOCATOR_PROPERTIES request = wanted; // the second round starts from what the receiver asked for, too
-        if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator, &request);
-        if (SUCCEEDED(hr)) hr = pPin->NotifyAllocator(allocator, FALSE);
+        if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator.get(), &request);
+        if (SUCCEEDED(hr)) hr = pPin->NotifyAllocator(allocator.get(), FALSE);
         if (SUCCEEDED(hr)) {
-            *ppAlloc = allocator;
+            *ppAlloc = allocator.detach();
             return S_OK;
         }
-        if (allocator) allocator->Release();
     }
     return hr;
 }

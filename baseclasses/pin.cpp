@@ -1,6 +1,7 @@
 #include "pin.h"
 
 #include "firewall.h"
+#include "held.h"
 
 #include <algorithm>
 #include <cwchar>
@@ -9,6 +10,7 @@
 #include <utility>
 
 using kestra::com::guarded;
+using kestra::com::Held;
 
 CBasePin::CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
                    PIN_DIRECTION dir)
@@ -85,7 +87,7 @@ HRESULT CBasePin::TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumM
     if (FAILED(hr)) return hr;
     HRESULT result = VFW_E_NO_ACCEPTABLE_TYPES;
     AM_MEDIA_TYPE* offered = nullptr;
-    while (pEnum->Next(1, &offered, nullptr) == S_OK) {
+    while ((hr = pEnum->Next(1, &offered, nullptr)) == S_OK) {
         HRESULT copied = S_OK;
         const CMediaType type(*offered, &copied);
         DeleteMediaType(offered);
@@ -99,7 +101,7 @@ HRESULT CBasePin::TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumM
             result = hr;
         }
     }
-    return result;
+    return FAILED(hr) && result == VFW_E_NO_ACCEPTABLE_TYPES ? hr : result; // there may be types that did not come
 }
 
 HRESULT CBasePin::AgreeMediaType(IPin* pReceivePin, const CMediaType* pmt) {
@@ -107,10 +109,13 @@ HRESULT CBasePin::AgreeMediaType(IPin* pReceivePin, const CMediaType* pmt) {
     HRESULT result = VFW_E_NO_ACCEPTABLE_TYPES;
     IPin* const order[] = {m_bTryMyTypesFirst ? this : pReceivePin, m_bTryMyTypesFirst ? pReceivePin : this};
     for (IPin* pin : order) {
-        IEnumMediaTypes* types = nullptr;
-        if (FAILED(pin->EnumMediaTypes(&types)) || !types) continue;
-        const HRESULT hr = TryMediaTypes(pReceivePin, pmt, types);
-        types->Release();
+        Held<IEnumMediaTypes> types;
+        HRESULT hr = pin->EnumMediaTypes(types.out());
+        if (SUCCEEDED(hr) && types) {
+            hr = TryMediaTypes(pReceivePin, pmt, types.get());
+        } else if (hr != E_OUTOFMEMORY) {
+            continue; // a pin need not name types
+        }
         if (hr == S_OK) return S_OK;
         if (result == VFW_E_NO_ACCEPTABLE_TYPES) result = hr;
     }
@@ -153,11 +158,12 @@ HRESULT CBasePin::DisconnectInternal() {
     return S_OK;
 }
 
+// Without the lock, as whoever holds it may be waiting for the very thread that asks here (a worker, in Stop).
 STDMETHODIMP CBasePin::ConnectedTo(IPin** pPin) {
     CheckPointer(pPin, E_POINTER);
     *pPin = m_Connected;
-    if (!m_Connected) return VFW_E_NOT_CONNECTED;
-    m_Connected->AddRef();
+    if (!*pPin) return VFW_E_NOT_CONNECTED;
+    (*pPin)->AddRef();
     return S_OK;
 }
 

@@ -3,7 +3,9 @@
 
 #include "filter.h"
 
-/// Base of every pin. Its lifetime is its filter's, whose count it shares. m_pLock guards the connection.
+/// Base of every pin. Its filter owns it, and a reference to the pin is one to the filter. Holds the pin that it is
+/// connected to. m_pLock, as a rule the filter's, guards the connection and its media type; the methods that a worker
+/// may need while somebody waits for it under that lock (ConnectedTo, QueryPinInfo, QueryDirection, QueryId) take none.
 class CBasePin : public CUnknown, public IPin, public IQualityControl {
 public:
     CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
@@ -82,7 +84,9 @@ private:
     HRESULT checkType(const CMediaType* pmt);
 };
 
-/// An output pin: agrees on an allocator when it connects, and delivers samples. Deliver holds no lock.
+/// An output pin: agrees on an allocator when it connects, and delivers samples. Holds the allocator and the receiver's
+/// input interface while connected. GetDeliveryBuffer and the Deliver methods take no lock: they are the streaming
+/// thread's, which ends before the pin is disconnected.
 class CBaseOutputPin : public CBasePin {
 public:
     CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName);
@@ -96,9 +100,13 @@ public:
     HRESULT Active() override;
     HRESULT Inactive() override;
 
+    /// Settles on the receiver's allocator or, where that fails, one of ours. @param pAlloc  counted; null on failure
     virtual HRESULT DecideAllocator(IMemInputPin* pPin, IMemAllocator** pAlloc);
+    /// Sets the number and size of the buffers. @param ppropInputRequest  in: what the receiver asks for
     virtual HRESULT DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* ppropInputRequest) = 0;
     virtual HRESULT InitAllocator(IMemAllocator** ppAlloc);
+    /// Waits for a free buffer, counted. @return VFW_E_NOT_COMMITTED while stopped, E_NOINTERFACE unconnected; null
+    /// then
     virtual HRESULT GetDeliveryBuffer(IMediaSample** ppSample, REFERENCE_TIME* pStartTime, REFERENCE_TIME* pEndTime,
                                       DWORD dwFlags);
     virtual HRESULT Deliver(IMediaSample* pSample);

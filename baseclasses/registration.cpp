@@ -1,10 +1,12 @@
 #include "registration.h"
 
 #include "class_factory.h"
-#include "firewall.h"
+#include "held.h"
 
 #include <cwchar>
 #include <string>
+
+using kestra::com::Held;
 
 namespace {
 
@@ -16,13 +18,15 @@ std::wstring classKey(REFCLSID clsid) {
 
 HRESULT setValue(const std::wstring& key, LPCWSTR name, LPCWSTR text) {
     const DWORD bytes = DWORD((std::wcslen(text) + 1) * sizeof(wchar_t));
-    return HRESULT_FROM_WIN32(RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text, bytes));
+    const LSTATUS status = RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text, bytes);
+    return HRESULT_FROM_WIN32(status); // a macro that takes its argument more than once
 }
 
 } // namespace
 
 STDAPI AMovieSetupRegisterServer(CLSID clsServer, LPCWSTR szDescription, LPCWSTR szFileName, LPCWSTR szThreadingModel,
                                  LPCWSTR szServerType) try {
+    CheckPointer(szFileName, E_POINTER);
     const std::wstring key = classKey(clsServer);
     const std::wstring server = key + L"\\" + szServerType;
     HRESULT hr = setValue(key, nullptr, szDescription ? szDescription : L"");
@@ -69,12 +73,11 @@ STDAPI AMovieSetupRegisterFilter2(const AMOVIESETUP_FILTER* psetupdata, IFilterM
 
 HRESULT kestra::com::registerFilter(const AMOVIESETUP_FILTER& filter, BOOL registered) {
     const HRESULT com = CoInitialize(nullptr);
-    IFilterMapper2* mapper = nullptr;
-    HRESULT hr = CoCreateInstance(CLSID_FilterMapper2, nullptr, CLSCTX_INPROC_SERVER, IID_IFilterMapper2,
-                                  reinterpret_cast<void**>(&mapper));
-    if (SUCCEEDED(hr)) {
-        hr = AMovieSetupRegisterFilter2(&filter, mapper, registered);
-        mapper->Release();
+    HRESULT hr = S_OK;
+    {
+        Held<IFilterMapper2> mapper;
+        hr = CoCreateInstance(CLSID_FilterMapper2, nullptr, CLSCTX_INPROC_SERVER, IID_IFilterMapper2, mapper.outVoid());
+        if (SUCCEEDED(hr)) hr = AMovieSetupRegisterFilter2(&filter, mapper.get(), registered);
     }
     if (SUCCEEDED(com)) CoUninitialize();
     return hr;

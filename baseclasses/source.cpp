@@ -8,11 +8,20 @@
 
 using kestra::com::guarded;
 
+namespace {
+
+constexpr DWORD kDecommittedMs = 5; // between two attempts to get a buffer
+
+} // namespace
+
 CSource::CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid) : CBaseFilter(pName, lpunk, &m_cStateLock, clsid) {}
 
 CSource::CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid, HRESULT*) : CSource(pName, lpunk, clsid) {}
 
 CSource::~CSource() {
+    // Whoever lets go of a filter that still runs must not be left waiting for its workers.
+    for (int i = 0; i < m_streams; ++i)
+        m_paStreams[i]->CSourceStream::BreakConnect();
     while (m_streams > 0)
         delete m_paStreams[m_streams - 1]; // each takes itself out
     delete[] m_paStreams;
@@ -122,13 +131,13 @@ HRESULT CSourceStream::Active() {
     return hr;
 }
 
-// The worker must be at rest or on its way there: it ends when it has answered, or it has ended by an exception.
+// The worker must not be waiting for a buffer. It ends after its answers, or has ended by an exception.
 HRESULT CSourceStream::endWorker() {
     if (!ThreadExists()) return S_OK;
-    HRESULT hr = Stop();
-    if (SUCCEEDED(hr)) hr = Exit();
+    const HRESULT stopped = Stop();
+    const HRESULT ended = Exit(); // in any case: Close waits for the end
     Close();
-    return hr;
+    return FAILED(stopped) ? stopped : ended;
 }
 
 HRESULT CSourceStream::Inactive() {
@@ -209,7 +218,8 @@ HRESULT CSourceStream::DoBufferProcessingLoop() {
         while (!CheckRequest(&command)) {
             IMediaSample* sample = nullptr;
             if (FAILED(GetDeliveryBuffer(&sample, nullptr, nullptr, 0))) {
-                Sleep(1); // decommitted: the request to stop is on its way
+                // Decommitted: the request to stop is on its way, unless the receiver has done it for a while only.
+                WaitForSingleObject(GetRequestHandle(), kDecommittedMs);
                 continue;
             }
             HRESULT hr = guarded([&] { return FillBuffer(sample); });

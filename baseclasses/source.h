@@ -6,7 +6,8 @@
 
 class CSourceStream;
 
-/// A filter that has output streams only. Owns its streams; m_cStateLock is the filter's lock.
+/// A filter that has output streams only. Owns its streams and deletes those that are left; m_cStateLock is the
+/// filter's lock and guards their list. The threads of CBaseFilter.
 class CSource : public CBaseFilter {
 public:
     CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid);
@@ -19,6 +20,7 @@ public:
     HRESULT AddPin(CSourceStream* pStream);
     HRESULT RemovePin(CSourceStream* pStream);
     STDMETHODIMP FindPin(LPCWSTR Id, IPin** ppPin) override;
+    /// @return the stream's place from 0, or -1.
     int FindPinNumber(IPin* iPin);
 
 protected:
@@ -30,7 +32,9 @@ private:
     int m_streams = 0; // entries of m_paStreams
 };
 
-/// An output pin that adds itself to its filter. The worker runs from Active to Inactive.
+/// An output pin that adds itself to its filter, which then owns it. The worker lives from Active to Inactive, or until
+/// the pin is disconnected; the requests to it come from the threads that hold the filter's lock, so that FillBuffer
+/// and the OnThread... methods, which are the worker's, must not take that lock.
 class CSourceStream : public CAMThread, public CBaseOutputPin {
 public:
     CSourceStream(LPCTSTR pObjectName, HRESULT* phr, CSource* pms, LPCWSTR pName);
@@ -39,7 +43,7 @@ public:
     STDMETHODIMP QueryId(LPWSTR* Id) override;
     HRESULT Active() override;
     HRESULT Inactive() override;
-    HRESULT BreakConnect() override;
+    HRESULT BreakConnect() override; // ends the worker, too
     HRESULT CheckMediaType(const CMediaType* pMediaType) override;
     HRESULT GetMediaType(int iPosition, CMediaType* pMediaType) override;
     virtual HRESULT GetMediaType(CMediaType*) { return E_UNEXPECTED; }

@@ -2,8 +2,6 @@
 
 #include <objbase.h>
 
-#include <utility>
-
 CAMEvent::CAMEvent(BOOL fManualReset, HRESULT* phr) : m_hEvent(CreateEvent(nullptr, fManualReset, FALSE, nullptr)) {
     if (!m_hEvent && phr && SUCCEEDED(*phr)) *phr = E_OUTOFMEMORY;
 }
@@ -41,7 +39,8 @@ DWORD CAMThread::CallWorker(DWORD dwParam) {
 }
 
 void CAMThread::Close() {
-    if (const HANDLE thread = std::exchange(m_hThread, nullptr)) {
+    // Whichever of two callers comes second finds nothing to close.
+    if (const HANDLE thread = InterlockedExchangePointer(&m_hThread, nullptr)) {
         WaitForSingleObject(thread, INFINITE);
         CloseHandle(thread);
     }

@@ -3,7 +3,7 @@
 
 #include "objects.h"
 
-/// Owns a Win32 event. Any thread.
+/// Owns a Win32 event; null if the system had none, which `phr` tells. Any thread.
 class CAMEvent {
 public:
     explicit CAMEvent(BOOL fManualReset = FALSE, HRESULT* phr = nullptr);
@@ -21,8 +21,9 @@ protected:
     HANDLE m_hEvent;
 };
 
-/// A thread that waits for requests. Create, CallWorker and Close belong to the owner's threads, ThreadProc,
-/// GetRequest, CheckRequest and Reply to the worker. The derived class ends the worker before it is destroyed.
+/// Owns a thread that waits for requests. Create, CallWorker and Close belong to the owner's threads, ThreadProc,
+/// GetRequest, CheckRequest and Reply to the worker. m_AccessLock is held while a request waits for its answer, so that
+/// callers queue; the worker must not take it. The derived class ends the worker before it is destroyed.
 class CAMThread {
 public:
     explicit CAMThread(HRESULT* phr = nullptr);
@@ -38,11 +39,12 @@ public:
     /// Hands the request over and waits for the answer. @return Reply's value; E_FAIL if there is no thread or it
     /// ends without an answer.
     DWORD CallWorker(DWORD dwParam);
-    /// Waits until the thread has ended. The worker must have been told to end.
+    /// Waits until the thread has ended, if there is one. The worker must have been told to end.
     void Close();
     BOOL ThreadExists() const { return m_hThread != nullptr; }
     HANDLE GetRequestHandle() const { return m_EventSend; }
     DWORD GetRequestParam() const { return m_dwParam; }
+    /// Waits for a request. The same one comes again until Reply.
     DWORD GetRequest();
     /// @return TRUE and the request if one waits for its reply.
     BOOL CheckRequest(DWORD* pParam);

@@ -1,6 +1,8 @@
 // The output pin: agreeing on an allocator, and what goes downstream.
 #include "tests/com/baseclasses_fixture.h"
 
+#include <utility>
+
 namespace kestra::test {
 namespace {
 
@@ -130,6 +132,102 @@ TEST_F(AllocatorTest, ReceiversAnswerIsTheAnswerOfDeliver) {
     }
     EXPECT_EQ(referencesOf(sample.get()), references);
     EXPECT_EQ(in().m_receive.calls, 4);
+}
+
+/// A receiver's allocator whose steps can be made to fail. On the stack: the count is watched, not obeyed.
+class WilfulAllocator : public IMemAllocator {
+public:
+    Step m_setProperties, m_commit, m_decommit;
+    ALLOCATOR_PROPERTIES m_set{};
+    LONG m_references = 1;
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        *ppv = riid == IID_IUnknown || riid == IID_IMemAllocator ? this : nullptr;
+        if (*ppv) AddRef();
+        return *ppv ? S_OK : E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(InterlockedIncrement(&m_references)); }
+    STDMETHODIMP_(ULONG) Release() override { return ULONG(InterlockedDecrement(&m_references)); }
+    STDMETHODIMP SetProperties(ALLOCATOR_PROPERTIES* request, ALLOCATOR_PROPERTIES* actual) override {
+        m_set = *actual = *request;
+        return m_setProperties.take();
+    }
+    STDMETHODIMP GetProperties(ALLOCATOR_PROPERTIES* properties) override {
+        *properties = m_set;
+        return S_OK;
+    }
+    STDMETHODIMP Commit() override { return m_commit.take(); }
+    STDMETHODIMP Decommit() override { return m_decommit.take(); }
+    STDMETHODIMP GetBuffer(IMediaSample** sample, REFERENCE_TIME*, REFERENCE_TIME*, DWORD) override {
+        *sample = nullptr;
+        return VFW_E_NOT_COMMITTED;
+    }
+    STDMETHODIMP ReleaseBuffer(IMediaSample*) override { return S_OK; }
+};
+
+class WilfulAllocatorTest : public AllocatorTest {
+protected:
+    WilfulAllocatorTest() { in().m_own = &m_wilful; }
+    ~WilfulAllocatorTest() override {
+        m_source->Stop();
+        disconnect();
+        if (in().m_allocator) std::exchange(in().m_allocator, nullptr)->Release();
+        EXPECT_EQ(m_wilful.m_references, 1);
+    }
+    WilfulAllocator m_wilful;
+};
+
+TEST_F(WilfulAllocatorTest, OwnAllocatorIsMadeWhereTheReceiversCannotHaveOurSize) {
+    m_wilful.m_setProperties.result = VFW_E_BADALIGN;
+    ASSERT_EQ(connect(), S_OK);
+    EXPECT_EQ(out().m_initAllocator.calls, 1);
+    EXPECT_NE(out().m_pAllocator, &m_wilful);
+    EXPECT_EQ(m_wilful.m_references, 1) << "the refused one was let go";
+}
+
+TEST_F(WilfulAllocatorTest, ExceptionWhileTheSizeIsSetCostsNoAllocator) {
+    const CMediaType type = testType();
+    out().m_bufferSize.throws = 1;
+    EXPECT_EQ(connect(&type), E_UNEXPECTED);
+    EXPECT_EQ(m_wilful.m_references, 1);
+    EXPECT_FALSE(out().IsConnected());
+    EXPECT_FALSE(in().IsConnected());
+    out().m_bufferSize.throws = 0;
+    ASSERT_EQ(connect(&type), S_OK);
+    EXPECT_EQ(m_wilful.m_references, 3) << "this test, the output pin, the input pin";
+}
+
+TEST_F(WilfulAllocatorTest, ReceiverWithoutWishesGetsOurs) {
+    in().m_required = {7, 7, 7, 7};
+    in().m_require.result = E_NOTIMPL;
+    ASSERT_EQ(connect(), S_OK);
+    EXPECT_EQ(m_wilful.m_set.cbAlign, 1);
+    EXPECT_EQ(m_wilful.m_set.cbPrefix, 0) << "what a failing call leaves behind is no wish";
+}
+
+TEST_F(WilfulAllocatorTest, AllocatorThatIsNotCommittedMakesPauseFail) {
+    ASSERT_EQ(connect(), S_OK);
+    m_wilful.m_commit.result = E_OUTOFMEMORY;
+    EXPECT_EQ(m_source->Pause(), E_OUTOFMEMORY);
+    EXPECT_EQ(stateOf(m_source), State_Stopped);
+    EXPECT_FALSE(out().ThreadExists());
+    m_wilful.m_commit.result = S_OK;
+    EXPECT_EQ(m_source->Pause(), S_OK);
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_EQ(m_wilful.m_decommit.calls, 1);
+}
+
+TEST_F(WilfulAllocatorTest, AllocatorThatIsNotDecommittedKeepsTheConnectionAndEndsTheWorker) {
+    ASSERT_EQ(connect(), S_OK);
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    m_wilful.m_decommit.result = E_ABORT;
+    EXPECT_EQ(m_source->Stop(), E_ABORT);
+    EXPECT_EQ(stateOf(m_source), State_Stopped);
+    EXPECT_FALSE(out().ThreadExists());
+    EXPECT_EQ(out().Disconnect(), E_ABORT);
+    EXPECT_TRUE(out().IsConnected());
+    EXPECT_EQ(out().m_pAllocator, &m_wilful);
+    m_wilful.m_decommit.result = S_OK;
+    EXPECT_EQ(out().Disconnect(), S_OK);
 }
 
 } // namespace

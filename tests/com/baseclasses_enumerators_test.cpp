@@ -189,8 +189,64 @@ TEST_F(EnumeratorsTest, PinThatThrowsCostsAnErrorAndNoType) {
     EXPECT_EQ(fetched, 0u);
     m_many->stream().m_getType.throws = 2;
     EXPECT_EQ(all->Skip(1), E_OUTOFMEMORY);
+    m_many->stream().m_getType.passing = 1;
+    EXPECT_EQ(all->Next(2, got, &fetched), E_OUTOFMEMORY) << "at the second";
+    EXPECT_EQ(got[0], nullptr);
+    EXPECT_EQ(got[1], nullptr);
+    EXPECT_EQ(fetched, 0u);
     m_many->stream().m_getType.throws = 0;
     EXPECT_EQ(nextType(all.get()), 0) << "nothing was passed over";
+}
+
+TEST_F(EnumeratorsTest, PinThatFailsToGiveATypeEndsThem) {
+    const auto all = types();
+    m_many->stream().m_getType.passing = 1;
+    m_many->stream().m_getType.result = E_ABORT;
+    AM_MEDIA_TYPE* got[2] = {};
+    ULONG fetched = 9;
+    EXPECT_EQ(all->Next(2, got, &fetched), S_FALSE);
+    ASSERT_EQ(fetched, 1u);
+    DeleteMediaType(got[0]);
+    EXPECT_EQ(got[1], nullptr);
+    EXPECT_EQ(all->Skip(1), S_FALSE);
+    m_many->stream().m_getType.result = S_OK;
+    EXPECT_EQ(nextType(all.get()), 1);
+}
+
+TEST_F(EnumeratorsTest, FilterThatThrowsCostsAnErrorAndNoPin) {
+    const auto all = pins();
+    const ULONG before = referencesOf(m_many->GetOwner());
+    m_many->m_getPin.throws = 1;
+    m_many->m_getPin.passing = 2;
+    IPin* got[3] = {reinterpret_cast<IPin*>(8), reinterpret_cast<IPin*>(8), reinterpret_cast<IPin*>(8)};
+    ULONG fetched = 9;
+    EXPECT_EQ(all->Next(3, got, &fetched), E_UNEXPECTED) << "at the third";
+    for (IPin* pin : got)
+        EXPECT_EQ(pin, nullptr);
+    EXPECT_EQ(fetched, 0u);
+    m_many->m_getPin.throws = 0;
+    EXPECT_EQ(referencesOf(m_many->GetOwner()), before) << "the first two were let go";
+    EXPECT_EQ(nextPlace(all.get()), 1) << "nothing was passed over";
+    m_many->m_pinCount.throws = 2;
+    EXPECT_EQ(all->Reset(), E_OUTOFMEMORY);
+    m_many->m_pinCount.throws = 0;
+    EXPECT_EQ(nextPlace(all.get()), 2);
+}
+
+TEST_F(EnumeratorsTest, PinThatCannotTellWhetherItsTypesChangedMakesEveryCallFail) {
+    const auto all = types();
+    const ULONG before = referencesOf(m_many->GetOwner());
+    m_many->stream().m_typeVersion.throws = 1;
+    auto* types = reinterpret_cast<IEnumMediaTypes*>(8);
+    EXPECT_EQ(m_many->stream().EnumMediaTypes(&types), E_UNEXPECTED);
+    EXPECT_EQ(types, nullptr);
+    types = reinterpret_cast<IEnumMediaTypes*>(8);
+    EXPECT_EQ(all->Clone(&types), E_UNEXPECTED);
+    EXPECT_EQ(types, nullptr);
+    EXPECT_EQ(all->Reset(), E_UNEXPECTED);
+    EXPECT_EQ(all->Skip(1), E_UNEXPECTED);
+    EXPECT_EQ(referencesOf(m_many->GetOwner()), before);
+    m_many->stream().m_typeVersion.throws = 0;
 }
 
 } // namespace

@@ -1,7 +1,5 @@
-// The class table: factories, DllCanUnloadNow, and what registration writes.
+// The class table: factories, DllCanUnloadNow, the entry point.
 #include "tests/com/baseclasses_fixture.h"
-
-#include <string>
 
 STDAPI DllGetClassObject(REFCLSID rClsID, REFIID riid, void** pv);
 STDAPI DllCanUnloadNow();
@@ -15,8 +13,10 @@ CLSID const kUnmakeable{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3
 CLSID const kStranger{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3B, 0x52, 0x11, 0x05}};
 int loads = 0, unloads = 0;
 
-CUnknown* CALLBACK makeSource(LPUNKNOWN outer, HRESULT*) {
-    return new TestSource(outer);
+CUnknown* CALLBACK makeSource(LPUNKNOWN outer, HRESULT* phr) {
+    auto* source = new TestSource(outer);
+    *phr = source->m_created;
+    return source;
 }
 CUnknown* CALLBACK makeFailing(LPUNKNOWN outer, HRESULT* phr) {
     *phr = E_ACCESSDENIED;
@@ -25,18 +25,18 @@ CUnknown* CALLBACK makeFailing(LPUNKNOWN outer, HRESULT* phr) {
 CUnknown* CALLBACK makeThrowing(LPUNKNOWN, HRESULT*) {
     throw std::runtime_error("test");
 }
-void CALLBACK count(BOOL loading, const CLSID*) {
+void CALLBACK count(BOOL loading, const CLSID* clsid) {
+    EXPECT_TRUE(IsEqualGUID(*clsid, kTestFilter));
     ++(loading ? loads : unloads);
 }
-
-std::wstring textAt(const std::wstring& key, LPCWSTR name) {
-    wchar_t text[MAX_PATH] = L"";
-    DWORD bytes = sizeof text;
-    const LSTATUS status = RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &bytes);
-    return status == ERROR_SUCCESS ? text : L"(none)";
+bool initThrows = false;
+void CALLBACK throwIfTold(BOOL, const CLSID*) {
+    if (initThrows) throw std::runtime_error("test");
 }
 
-const std::wstring kSourceKey = L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521101}";
+const AMOVIESETUP_MEDIATYPE kSetupType{&MEDIATYPE_Stream, &GUID_NULL};
+WCHAR outputName[] = L"Output";
+const AMOVIESETUP_PIN kSetupPin{outputName, FALSE, TRUE, FALSE, FALSE, nullptr, nullptr, 1, &kSetupType};
 
 class FactoryTest : public testing::Test {
 protected:
@@ -67,7 +67,7 @@ TEST_F(FactoryTest, MakesTheObjectsOfTheTable) {
 
 TEST_F(FactoryTest, FactoryIsOneObject) {
     Ref<IClassFactory> factory(factoryOf(kTestFilter));
-    Ref<IUnknown> unknown, same;
+    Ref<IUnknown> unknown;
     ASSERT_EQ(factory->QueryInterface(IID_IUnknown, unknown.putVoid()), S_OK);
     Ref<IClassFactory> again;
     ASSERT_EQ(unknown->QueryInterface(IID_IClassFactory, again.putVoid()), S_OK);
@@ -150,54 +150,11 @@ TEST_F(FactoryTest, EntryPointTellsEachClassOfLoadAndUnload) {
     EXPECT_EQ(unloads, 1);
 }
 
-TEST_F(FactoryTest, RegistrationWritesTheKeysOfEveryClassAndRemovesThem) {
-    g_hInst = GetModuleHandleW(nullptr);
-    wchar_t path[MAX_PATH];
-    GetModuleFileNameW(g_hInst, path, MAX_PATH);
-    ASSERT_EQ(AMovieDllRegisterServer2(TRUE), S_OK);
-    EXPECT_EQ(textAt(kSourceKey, nullptr), L"test source");
-    EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", nullptr), path);
-    EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", L"ThreadingModel"), L"Both");
-    EXPECT_EQ(textAt(L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521104}", nullptr), L"unmakeable");
-    ASSERT_EQ(AMovieDllRegisterServer2(TRUE), S_OK) << "over itself";
-    ASSERT_EQ(AMovieDllRegisterServer2(FALSE), S_OK);
-    HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExW(HKEY_CLASSES_ROOT, kSourceKey.c_str(), 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(AMovieDllRegisterServer2(FALSE), S_OK) << "what is not there is as good as removed";
-}
-
-TEST_F(FactoryTest, ServerIsRegisteredWithTheModelAndTypeThatAreGiven) {
-    ASSERT_EQ(AMovieSetupRegisterServer(kTestFilter, nullptr, L"C:\\x.dll", L"Apartment", L"LocalServer32"), S_OK);
-    EXPECT_EQ(textAt(kSourceKey, nullptr), L"");
-    EXPECT_EQ(textAt(kSourceKey + L"\\LocalServer32", nullptr), L"C:\\x.dll");
-    EXPECT_EQ(textAt(kSourceKey + L"\\LocalServer32", L"ThreadingModel"), L"Apartment");
-    EXPECT_EQ(AMovieSetupUnregisterServer(kTestFilter), S_OK);
-    EXPECT_EQ(textAt(kSourceKey, nullptr), L"(none)");
-}
-
-const AMOVIESETUP_MEDIATYPE kSetupType{&MEDIATYPE_Stream, &GUID_NULL};
-WCHAR outputName[] = L"Output";
-const AMOVIESETUP_PIN kSetupPin{outputName, FALSE, TRUE, FALSE, FALSE, nullptr, nullptr, 1, &kSetupType};
-AMOVIESETUP_FILTER setup{&kTestFilter, L"test source", MERIT_DO_NOT_USE, 1, &kSetupPin};
-
-TEST_F(FactoryTest, FilterEntersItselfWithItsSetupDataOnly) {
-    auto* source = new TestSource;
-    source->AddRef();
-    Ref<IAMovieSetup> registrar;
-    ASSERT_EQ(source->QueryInterface(IID_IAMovieSetup, registrar.putVoid()), S_OK);
-    EXPECT_EQ(registrar->Register(), S_FALSE) << "no data";
-    EXPECT_EQ(registrar->Unregister(), S_FALSE);
-    source->m_setup = &setup;
-    const std::wstring instance = L"CLSID\\{083863F1-70DE-11D0-BD40-00A0C911CE86}\\Instance\\"
-                                  L"{5E0C1B6A-2C44-4E0B-931D-7A603B521101}";
-    EXPECT_EQ(registrar->Register(), S_OK);
-    EXPECT_EQ(textAt(instance, L"FriendlyName"), L"test source");
-    EXPECT_EQ(registrar->Unregister(), S_OK);
-    EXPECT_EQ(textAt(instance, L"FriendlyName"), L"(none)");
-    registrar.reset();
-    EXPECT_EQ(source->Release(), 0u);
-    EXPECT_EQ(AMovieSetupRegisterFilter2(nullptr, nullptr, TRUE), S_FALSE);
-    EXPECT_EQ(AMovieSetupRegisterFilter2(&setup, nullptr, TRUE), E_POINTER);
+TEST_F(FactoryTest, ClassThatThrowsWhileItIsPreparedKeepsTheModuleFromBeingLoaded) {
+    initThrows = true;
+    EXPECT_FALSE(DllEntryPoint(GetModuleHandleW(nullptr), DLL_PROCESS_ATTACH, nullptr));
+    initThrows = false;
+    EXPECT_TRUE(DllEntryPoint(GetModuleHandleW(nullptr), DLL_PROCESS_ATTACH, nullptr));
 }
 
 } // namespace
@@ -205,8 +162,9 @@ TEST_F(FactoryTest, FilterEntersItselfWithItsSetupDataOnly) {
 
 using namespace kestra::test;
 
-CFactoryTemplate g_Templates[] = {{L"test source", &kTestFilter, makeSource, count, nullptr},
-                                  {L"failing", &kFailing, makeFailing, nullptr, nullptr},
+const AMOVIESETUP_FILTER kestra::test::kTestSetup{&kTestFilter, L"test source", MERIT_DO_NOT_USE, 1, &kSetupPin};
+CFactoryTemplate g_Templates[] = {{L"test source", &kTestFilter, makeSource, count, &kTestSetup},
+                                  {L"failing", &kFailing, makeFailing, throwIfTold, nullptr},
                                   {L"throwing", &kThrowing, makeThrowing, nullptr, nullptr},
                                   {L"unmakeable", &kUnmakeable, nullptr, nullptr, nullptr}};
 int g_cTemplates = 4;

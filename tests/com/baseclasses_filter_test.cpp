@@ -1,7 +1,9 @@
 // The filter: states, graph, clock, finding pins.
 #include "tests/com/baseclasses_fixture.h"
 
+#include <random>
 #include <string>
+#include <vector>
 
 namespace kestra::test {
 namespace {
@@ -64,6 +66,129 @@ TEST_F(FilterTest, GoesThroughItsStatesInAnyOrderUnconnected) {
     }
     EXPECT_EQ(out().m_active.calls, 0) << "an unconnected pin has nothing to do";
     EXPECT_EQ(out().m_run.calls, 0);
+}
+
+TEST_F(FilterTest, GoesThroughItsStatesInAnyOrderConnected) {
+    ASSERT_EQ(connect(), S_OK);
+    out().m_samplesToMake = 1 << 30;
+    const auto go = [this](FILTER_STATE to) {
+        return to == State_Stopped ? m_source->Stop() : to == State_Paused ? m_source->Pause() : m_source->Run(0);
+    };
+    for (const FILTER_STATE from : {State_Stopped, State_Paused, State_Running}) {
+        for (const FILTER_STATE to : {State_Stopped, State_Paused, State_Running}) {
+            SCOPED_TRACE(testing::Message() << from << " to " << to);
+            ASSERT_EQ(go(State_Stopped), S_OK);
+            ASSERT_EQ(go(from), S_OK);
+            const int active = out().m_active.calls, run = out().m_run.calls, inactive = out().m_inactive.calls;
+            ASSERT_EQ(go(to), S_OK);
+            EXPECT_EQ(stateOf(m_source), to);
+            EXPECT_EQ(out().m_active.calls - active, from == State_Stopped && to != State_Stopped);
+            EXPECT_EQ(out().m_run.calls - run, from != State_Running && to == State_Running);
+            EXPECT_EQ(out().m_inactive.calls - inactive, from != State_Stopped && to == State_Stopped);
+            EXPECT_EQ(out().ThreadExists(), to != State_Stopped);
+            for (const DWORD waitMs : {DWORD(0), DWORD(1000), DWORD(INFINITE)}) {
+                FILTER_STATE state = FILTER_STATE(-1);
+                EXPECT_EQ(m_source->GetState(waitMs, &state), S_OK) << "never on its way";
+                EXPECT_EQ(state, to);
+            }
+        }
+    }
+}
+
+TEST_F(FilterTest, ManyThreadsMayDriveItAtOnce) {
+    ASSERT_EQ(connect(), S_OK);
+    out().m_samplesToMake = 1 << 30;
+    const ULONG references = referencesOf(m_source->GetOwner());
+    Ref<IReferenceClock> clock;
+    ASSERT_EQ(CoCreateInstance(CLSID_SystemClock, nullptr, CLSCTX_INPROC_SERVER, IID_IReferenceClock, clock.putVoid()),
+              S_OK);
+    TestGraph graph;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            std::minstd_rand random(t + 1);
+            const auto check = [&](HRESULT hr) {
+                if (FAILED(hr)) ++failures;
+            };
+            for (int i = 0; i < 300; ++i) {
+                switch (random() % 8) {
+                case 0:
+                    check(m_source->Run(i));
+                    break;
+                case 1:
+                    check(m_source->Pause());
+                    break;
+                case 2:
+                    check(m_source->Stop());
+                    break;
+                case 3:
+                    check(m_source->SetSyncSource(i % 2 ? clock.get() : nullptr));
+                    break;
+                case 4: {
+                    Ref<IReferenceClock> got;
+                    check(m_source->GetSyncSource(got.put()));
+                    break;
+                }
+                case 5:
+                    check(m_source->JoinFilterGraph(&graph, i % 2 ? L"name" : L"another name"));
+                    break;
+                case 6: {
+                    FILTER_INFO info{};
+                    check(m_source->QueryFilterInfo(&info));
+                    if (info.pGraph) info.pGraph->Release();
+                    break;
+                }
+                default: {
+                    Ref<IEnumPins> pins;
+                    check(m_source->EnumPins(pins.put()));
+                    CMediaType type;
+                    check(out().ConnectionMediaType(&type));
+                }
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_FALSE(out().ThreadExists());
+    EXPECT_EQ(out().m_active.calls, out().m_inactive.calls);
+    ASSERT_EQ(m_source->SetSyncSource(nullptr), S_OK);
+    ASSERT_EQ(m_source->JoinFilterGraph(nullptr, nullptr), S_OK);
+    EXPECT_EQ(referencesOf(m_source->GetOwner()), references);
+    EXPECT_EQ(referencesOf(clock.get()), 1u);
+    EXPECT_EQ(graph.m_references, 1);
+}
+
+TEST_F(FilterTest, PinsThatCannotBeCountedOrFoundMakeTheCallFail) {
+    const ULONG before = referencesOf(m_source->GetOwner());
+    for (const int throws : {1, 2}) {
+        const HRESULT expected = throws == 1 ? E_UNEXPECTED : E_OUTOFMEMORY;
+        m_source->m_pinCount.throws = throws;
+        auto* pins = reinterpret_cast<IEnumPins*>(8);
+        EXPECT_EQ(m_source->EnumPins(&pins), expected);
+        EXPECT_EQ(pins, nullptr);
+        EXPECT_EQ(m_source->Pause(), expected);
+        EXPECT_EQ(m_source->Run(0), expected);
+        EXPECT_EQ(stateOf(m_source), State_Stopped);
+        auto* pin = reinterpret_cast<IPin*>(8);
+        m_source->m_pinCount.throws = 0;
+        m_source->m_getPin.throws = throws;
+        // FindPin of a filter that is no CSource asks the filter for each pin.
+        EXPECT_EQ(m_source->CBaseFilter::FindPin(L"Out", &pin), expected);
+        EXPECT_EQ(pin, nullptr);
+        EXPECT_EQ(m_source->FindPin(L"1", &pin), expected);
+        EXPECT_EQ(pin, nullptr);
+        m_source->m_getPin.throws = 0;
+    }
+    EXPECT_EQ(referencesOf(m_source->GetOwner()), before);
+    ASSERT_EQ(m_source->Pause(), S_OK);
+    m_source->m_pinCount.throws = 1;
+    EXPECT_EQ(m_source->Stop(), E_UNEXPECTED);
+    EXPECT_EQ(stateOf(m_source), State_Stopped) << "in any case";
+    m_source->m_pinCount.throws = 0;
 }
 
 TEST_F(FilterTest, ConnectedPinIsActivatedOnceAndRunOnceAndStoppedOnce) {
@@ -186,6 +311,23 @@ TEST_F(FilterTest, JoinsAGraphWithoutHoldingIt) {
     EXPECT_STREQ(info.achName, L"");
     EXPECT_EQ(info.pGraph, nullptr);
     EXPECT_EQ(graph.m_references, 1);
+}
+
+TEST_F(FilterTest, MovesFromGraphToGraph) {
+    TestGraph first, second;
+    second.m_hasSink = false;
+    ASSERT_EQ(m_source->JoinFilterGraph(&first, L"one"), S_OK);
+    ASSERT_EQ(m_source->JoinFilterGraph(&second, nullptr), S_OK);
+    FILTER_INFO info{};
+    ASSERT_EQ(m_source->QueryFilterInfo(&info), S_OK);
+    EXPECT_EQ(info.pGraph, &second);
+    EXPECT_STREQ(info.achName, L"");
+    info.pGraph->Release();
+    EXPECT_EQ(m_source->NotifyEvent(EC_USER, 0, 0), E_NOTIMPL) << "the first graph's sink is forgotten";
+    EXPECT_EQ(first.m_events, 0);
+    ASSERT_EQ(m_source->JoinFilterGraph(nullptr, nullptr), S_OK);
+    EXPECT_EQ(first.m_references, 1);
+    EXPECT_EQ(second.m_references, 1);
 }
 
 TEST_F(FilterTest, EventsGoToTheGraphThatTakesThem) {

@@ -11,10 +11,13 @@
 #include <atomic>
 #include <functional>
 #include <stdexcept>
+#include <utility>
 
 namespace kestra::test {
 
 CLSID const kTestFilter{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3B, 0x52, 0x11, 0x01}};
+
+extern const AMOVIESETUP_FILTER kTestSetup; // of kTestFilter, in the table of baseclasses_test
 
 /// Owns one reference.
 template <class T>
@@ -51,10 +54,15 @@ inline ULONG referencesOf(IUnknown* object) {
 /// What a step answers, how often it was taken, and what it throws instead.
 struct Step {
     HRESULT result = S_OK;
-    int throws = 0; // 1: std::runtime_error, 2: std::bad_alloc
+    int throws = 0;  // 1: std::runtime_error, 2: std::bad_alloc
+    int passing = 0; // so many calls pass before that
     std::atomic<int> calls{0};
     HRESULT take() {
         ++calls;
+        if (passing > 0) {
+            --passing;
+            return S_OK;
+        }
         if (throws == 1) throw std::runtime_error("test");
         if (throws == 2) throw std::bad_alloc();
         return result;
@@ -75,11 +83,12 @@ public:
         : CSourceStream(NAME("stream"), phr, filter, name) {}
 
     Step m_getType, m_bufferSize, m_fill, m_threadCreate, m_threadDestroy, m_startPlay, m_active, m_inactive, m_run,
-        m_complete, m_break, m_initAllocator;
+        m_complete, m_break, m_initAllocator, m_typeVersion;
     int m_types = 3;
     int m_samplesToMake = 0; // then the end of the stream
     LONG m_bufferBytes = 16;
     std::function<void(IMediaSample*)> m_onFill;
+    std::function<HRESULT(const CMediaType*)> m_onCheck;
 
     HRESULT GetMediaType(int position, CMediaType* type) override {
         const HRESULT hr = m_getType.take();
@@ -89,7 +98,12 @@ public:
         *type = testType(position);
         return S_OK;
     }
+    LONG GetMediaTypeVersion() override {
+        m_typeVersion.take();
+        return CSourceStream::GetMediaTypeVersion();
+    }
     HRESULT CheckMediaType(const CMediaType* type) override {
+        if (m_onCheck) return m_onCheck(type);
         for (int i = 0; i < m_types; ++i) {
             if (testType(i) == *type) return S_OK;
         }
@@ -138,6 +152,7 @@ public:
         return S_OK;
     }
 
+    using CSourceStream::m_bTryMyTypesFirst;
     using CSourceStream::m_pAllocator;
     using CSourceStream::m_pInputPin;
 };
@@ -145,13 +160,24 @@ public:
 class TestSource : public CSource {
 public:
     explicit TestSource(LPUNKNOWN outer = nullptr, int pins = 1) : CSource(NAME("source"), outer, kTestFilter) {
-        for (int i = 0; i < pins; ++i)
-            new TestStream(&m_created, this);
+        for (int i = 0; i < pins; ++i) {
+            auto* stream = new TestStream(&m_created, this);
+            if (FindPinNumber(stream) < 0) delete stream; // not taken, hence not owned
+        }
     }
     ~TestSource() override { ++destroyed; }
     TestStream& stream(int n = 0) { return static_cast<TestStream&>(*m_paStreams[n]); }
     LPAMOVIESETUP_FILTER GetSetupData() override { return m_setup; }
+    int GetPinCount() override {
+        m_pinCount.take();
+        return CSource::GetPinCount();
+    }
+    CBasePin* GetPin(int n) override {
+        m_getPin.take();
+        return CSource::GetPin(n);
+    }
 
+    Step m_pinCount, m_getPin;
     HRESULT m_created = S_OK;
     LPAMOVIESETUP_FILTER m_setup = nullptr;
     static inline int destroyed = 0;
@@ -173,12 +199,14 @@ public:
         return CBasePin::NonDelegatingQueryInterface(riid, ppv);
     }
 
-    Step m_check, m_set, m_complete, m_break, m_active, m_inactive, m_run, m_getAllocator, m_receive;
+    Step m_check, m_set, m_complete, m_break, m_active, m_inactive, m_run, m_getAllocator, m_receive, m_enumerate,
+        m_direction, m_require;
     std::atomic<int> m_eos{0}, m_beginFlush{0}, m_endFlush{0}, m_segments{0}, m_notified{0};
     int m_refusals = 0; // so many allocators are not taken
     bool m_hasTransport = true, m_offersAllocator = false, m_offersNothing = false;
     ALLOCATOR_PROPERTIES m_required{};
     IMemAllocator* m_allocator = nullptr;
+    IMemAllocator* m_own = nullptr; // offered instead of the system's; the test's
     REFERENCE_TIME m_lastStart = -1;
     int m_types = 0;
 
@@ -192,6 +220,15 @@ public:
         if (position >= m_types) return VFW_S_NO_MORE_ITEMS;
         *type = testType(2 - position); // other order than the source's
         return S_OK;
+    }
+    STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** out) override {
+        *out = nullptr;
+        const HRESULT hr = m_enumerate.take();
+        return FAILED(hr) ? hr : CBasePin::EnumMediaTypes(out);
+    }
+    STDMETHODIMP QueryDirection(PIN_DIRECTION* direction) override {
+        const HRESULT hr = m_direction.take();
+        return FAILED(hr) ? hr : CBasePin::QueryDirection(direction);
     }
     HRESULT CompleteConnect(IPin*) override { return m_complete.take(); }
     HRESULT BreakConnect() override { return m_break.take(); }
@@ -223,6 +260,11 @@ public:
         *out = nullptr;
         const HRESULT hr = m_getAllocator.take();
         if (FAILED(hr) || m_offersNothing) return hr;
+        if (m_own) {
+            m_own->AddRef();
+            *out = m_own;
+            return S_OK;
+        }
         if (!m_offersAllocator) return VFW_E_NO_ALLOCATOR;
         return CoCreateInstance(CLSID_MemoryAllocator, nullptr, CLSCTX_INPROC_SERVER, IID_IMemAllocator,
                                 reinterpret_cast<void**>(out));
@@ -236,7 +278,7 @@ public:
     }
     STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
         *properties = m_required;
-        return S_OK;
+        return m_require.take();
     }
     STDMETHODIMP Receive(IMediaSample*) override { return m_receive.take(); }
     STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* done) override {

@@ -78,6 +78,42 @@ TEST_F(PinTest, InternalConnectionsAreLeftToTheDefault) {
     EXPECT_EQ(out().SetSink(nullptr), S_OK);
 }
 
+TEST_F(PinTest, SaysTheSameOfItselfConnectedAndNot) {
+    for (const bool connected : {false, true}) {
+        SCOPED_TRACE(connected);
+        if (connected) {
+            ASSERT_EQ(connect(), S_OK);
+        }
+        const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+        for (CBasePin* pin : {static_cast<CBasePin*>(&out()), static_cast<CBasePin*>(&in())}) {
+            const bool output = pin == &out();
+            PIN_INFO info{};
+            ASSERT_EQ(pin->QueryPinInfo(&info), S_OK);
+            EXPECT_EQ(info.pFilter, output ? static_cast<IBaseFilter*>(m_source) : m_sink);
+            info.pFilter->Release();
+            EXPECT_STREQ(info.achName, output ? L"Out" : L"In");
+            PIN_DIRECTION direction = PIN_DIRECTION(9);
+            EXPECT_EQ(pin->QueryDirection(&direction), S_OK);
+            EXPECT_EQ(direction, output ? PINDIR_OUTPUT : PINDIR_INPUT);
+            EXPECT_EQ(info.dir, direction);
+            LPWSTR id = nullptr;
+            ASSERT_EQ(pin->QueryId(&id), S_OK);
+            EXPECT_STREQ(id, output ? L"1" : L"In");
+            CoTaskMemFree(id);
+            EXPECT_EQ(pin->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))), S_OK);
+            ULONG count = 4;
+            IPin* inner[4] = {};
+            EXPECT_EQ(pin->QueryInternalConnections(inner, &count), E_NOTIMPL);
+            EXPECT_EQ(inner[0], nullptr);
+            Ref<IEnumMediaTypes> types;
+            ASSERT_EQ(pin->EnumMediaTypes(types.put()), S_OK);
+            EXPECT_EQ(types->Skip(3), output ? S_OK : S_FALSE);
+        }
+        EXPECT_EQ(referencesOf(m_source->GetOwner()), source);
+        EXPECT_EQ(referencesOf(m_sink->GetOwner()), sink);
+    }
+}
+
 TEST_F(PinTest, AcceptsItsOwnTypesOnly) {
     EXPECT_EQ(out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(2))), S_OK);
     EXPECT_EQ(out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(3))), S_FALSE);
@@ -160,6 +196,53 @@ TEST_F(PinTest, ConnectsOnlyToTheOtherDirection) {
     EXPECT_EQ(other->Release(), 0u);
 }
 
+TEST_F(PinTest, ReceiverRefusesForEachReasonAndHoldsNothing) {
+    const CMediaType type = testType();
+    const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+    const auto expectRefused = [&](HRESULT expected, const AM_MEDIA_TYPE& offered) {
+        EXPECT_EQ(in().ReceiveConnection(&out(), &offered), expected);
+        expectNoTrace(source, sink);
+    };
+    in().m_check.result = E_FAIL;
+    expectRefused(VFW_E_TYPE_NOT_ACCEPTED, type);
+    in().m_check.result = S_OK;
+    AM_MEDIA_TYPE broken = type;
+    broken.cbFormat = 100;
+    expectRefused(E_INVALIDARG, broken);
+    for (Step* step : {&in().m_set, &in().m_complete}) {
+        step->result = E_ABORT;
+        expectRefused(E_ABORT, type);
+        step->throws = 1;
+        expectRefused(E_UNEXPECTED, type);
+        step->throws = 0;
+        step->result = S_OK;
+    }
+    ASSERT_EQ(m_sink->Pause(), S_OK);
+    expectRefused(VFW_E_NOT_STOPPED, type);
+    ASSERT_EQ(m_sink->Stop(), S_OK);
+    EXPECT_EQ(in().ReceiveConnection(&out(), &type), S_OK);
+    EXPECT_EQ(referencesOf(m_source->GetOwner()), source + 1);
+}
+
+TEST_F(PinTest, InputPinMayStartTheConnection) {
+    const ULONG source = referencesOf(m_source->GetOwner()), sink = referencesOf(m_sink->GetOwner());
+    ASSERT_EQ(in().Connect(&out(), nullptr), S_OK);
+    EXPECT_EQ(out().GetConnected(), static_cast<IPin*>(&in()));
+    EXPECT_NE(out().m_pAllocator, nullptr);
+    CMediaType type;
+    ASSERT_EQ(in().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0));
+    disconnect();
+    out().m_complete.result = E_ABORT;
+    EXPECT_EQ(in().Connect(&out(), nullptr), E_ABORT);
+    expectNoTrace(source, sink);
+}
+
+TEST_F(PinTest, PeerThatDoesNotTellItsDirectionIsNotConnected) {
+    in().m_direction.result = E_ACCESSDENIED;
+    expectConnectFails(E_ACCESSDENIED);
+}
+
 TEST_F(PinTest, ConnectsOnlyToWhatTakesSamples) {
     in().m_hasTransport = false;
     expectConnectFails(E_NOINTERFACE);
@@ -207,6 +290,35 @@ TEST_F(PinTest, ReceiversTypesAreTriedBeforeOurs) {
     CMediaType type;
     ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
     EXPECT_TRUE(type == testType(2)) << "the receiver's first";
+}
+
+TEST_F(PinTest, OwnTypesAreTriedFirstByAPinThatWantsSo) {
+    in().m_types = 3;
+    out().m_bTryMyTypesFirst = true;
+    ASSERT_EQ(connect(), S_OK);
+    CMediaType type;
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0));
+}
+
+TEST_F(PinTest, OwnTypesDoWhereTheReceiverNamesNone) {
+    in().m_enumerate.result = E_NOTIMPL;
+    ASSERT_EQ(connect(), S_OK);
+    EXPECT_EQ(in().m_enumerate.calls, 1);
+}
+
+TEST_F(PinTest, PartialTypeMayNameTheFormatBlock) {
+    CMediaType partial;
+    partial.SetFormatType(&FORMAT_None);
+    ASSERT_EQ(connect(&partial), S_OK) << "the types' empty block is the one that is named";
+    disconnect();
+    BYTE block[4] = {1, 2, 3, 4};
+    ASSERT_TRUE(partial.SetFormat(block, sizeof block));
+    expectConnectFails(VFW_E_NO_ACCEPTABLE_TYPES, &partial);
+    CMediaType broken = testType();
+    broken.cbFormat = 100;
+    expectConnectFails(E_INVALIDARG, &broken);
+    broken.cbFormat = 0;
 }
 
 TEST_F(PinTest, NoCommonTypeIsSaidAsSuch) {

@@ -125,6 +125,36 @@ TEST_F(SourceTest, StopFreesAWorkerThatWaitsForABuffer) {
     EXPECT_FALSE(out().ThreadExists());
 }
 
+TEST_F(SourceTest, WorkerGoesOnWhenADecommittedAllocatorIsCommittedAgain) {
+    out().m_samplesToMake = 1 << 30;
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls > 10; }));
+    Ref<IMediaSample> sample;
+    ASSERT_EQ(out().m_pAllocator->Decommit(), S_OK); // as a receiver does while it flushes
+    const int filled = out().m_fill.calls;
+    EXPECT_EQ(out().GetDeliveryBuffer(sample.put(), nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
+    EXPECT_LE(out().m_fill.calls, filled + 2) << "at most the buffers that were under way";
+    ASSERT_EQ(out().m_pAllocator->Commit(), S_OK);
+    const int seen = in().m_receive.calls;
+    EXPECT_TRUE(waitUntil([&] { return in().m_receive.calls > seen + 10; }));
+}
+
+TEST_F(SourceTest, FilterThatIsLetGoWhileItRunsEndsItsWorkers) {
+    const int destroyed = TestSource::destroyed;
+    auto* source = new TestSource;
+    source->AddRef();
+    auto* sink = new TestSink;
+    sink->AddRef();
+    source->stream().m_samplesToMake = 1 << 30;
+    ASSERT_EQ(source->stream().Connect(&sink->m_input, nullptr), S_OK);
+    ASSERT_EQ(source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return sink->m_input.m_receive.calls > 10; }));
+    EXPECT_EQ(sink->m_input.Disconnect(), S_OK) << "the one side only";
+    EXPECT_EQ(source->Release(), 0u);
+    EXPECT_EQ(TestSource::destroyed, destroyed + 1);
+    EXPECT_EQ(sink->Release(), 0u) << "the source held the receiver until then";
+}
+
 TEST_F(SourceTest, PauseToRunKeepsTheWorker) {
     out().m_samplesToMake = 1 << 30;
     ASSERT_EQ(m_source->Pause(), S_OK);
