@@ -18,6 +18,12 @@ constexpr DWORD kRetryMs = 10;       // after a lock request that failed at once
 constexpr uint32_t kSettling1 = 254; // video modes of a receiver that has not locked yet
 constexpr uint32_t kSettling2 = 255;
 
+void tellDisconnected(const GrabRun& run) {
+    TarnisFrameInfo frame{};
+    frame.dmaStatus = DMA_STATUS_DICONNECTED;
+    if (run.callback) run.callback(run.context, &frame);
+}
+
 class GrabLoop {
 public:
     explicit GrabLoop(GrabRun& run) : m_run(run), m_instance(*run.instance) {
@@ -148,9 +154,7 @@ private:
 
     void endForNewFormat() {
         TARNIS_StopGrab(&m_instance, m_run.port);
-        TarnisFrameInfo frame{};
-        frame.dmaStatus = DMA_STATUS_DICONNECTED;
-        if (m_run.callback) m_run.callback(m_run.context, &frame);
+        tellDisconnected(m_run);
     }
 
     /// The frame that was on its way may be torn: it goes back without a callback. A stop or another change of the
@@ -193,9 +197,12 @@ uint32_t grab(GrabRun& run) {
         TARNIS_StopGrab(&instance, run.port);
         return started.status;
     }
-    GrabLoop loop(run);
-    SetEvent(run.started.get());
-    loop.run();
+    {
+        GrabLoop loop(run);
+        SetEvent(run.started.get());
+        loop.run();
+    }
+    if (run.cardLost) tellDisconnected(run); // nobody else would tell a client that no frame follows
     return TARNIS_SUCCESS;
 }
 

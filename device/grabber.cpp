@@ -181,7 +181,10 @@ void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
         {
             const std::lock_guard lock(m_state);
             run = channel.run;
-            if (run && resumeLater && run->reported) channel.interrupted = run;
+            if (run && resumeLater && run->reported) {
+                channel.interrupted = run;
+                run->cardLost = true;
+            }
         }
         if (!run) continue;
         TARNIS_StopGrab(this, port);

@@ -83,6 +83,7 @@ struct GrabRun {
     UniqueObject thread;
     DWORD threadId = 0;
     bool reported = false; // TARNIS_StartGrab has returned 0; under m_state
+    std::atomic<bool> cardLost = false;
 };
 
 struct Channel {

@@ -350,6 +350,7 @@ TEST_F(VideoStream, PulledCardComesBackOrIsLetGoInEveryState) {
         }
         m_card.unplug();
         if (state == 2) {
+            EXPECT_TRUE(waitUntil([&] { return m_sink.endOfStreams == 1; })) << "the client is not left waiting";
             m_card.plug();
             EXPECT_TRUE(receives(3)) << "the stream goes on";
             m_card.unplug();
@@ -442,7 +443,7 @@ TEST_F(VideoStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
     EXPECT_LT(after.privateBytes, before.privateBytes + (8 << 20));
 }
 
-TEST_F(VideoStream, RunsInTheSystemsGraphAndTellsItOfALostDevice) {
+TEST_F(VideoStream, RunsInTheSystemsGraphAndTellsItOfALostDeviceAndStartsAgain) {
     ComRef<IGraphBuilder> graph;
     ASSERT_EQ(CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER, IID_IGraphBuilder,
                                reinterpret_cast<void**>(graph.out())),
@@ -460,21 +461,37 @@ TEST_F(VideoStream, RunsInTheSystemsGraphAndTellsItOfALostDevice) {
     events->CancelDefaultHandling(EC_DEVICE_LOST);
     ASSERT_TRUE(SUCCEEDED(control->Run()));
     EXPECT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->S_OK") >= 5; }));
+    const auto lossesTold = [&] {
+        std::vector<LONG_PTR> lost;
+        waitUntil([&] {
+            long code = 0;
+            LONG_PTR first = 0, second = 0;
+            while (events->GetEvent(&code, &first, &second, 10) == S_OK) {
+                if (code == EC_DEVICE_LOST) lost.push_back(second);
+                events->FreeEventParams(code, first, second);
+            }
+            return lost.size() >= 2;
+        });
+        return lost;
+    };
+    const std::vector<LONG_PTR> goneAndThereAgain = {0, 1};
+    m_card.unplug();
+    EXPECT_EQ(lossesTold(), goneAndThereAgain);
+    EXPECT_TRUE(SUCCEEDED(control->Stop()));
+    m_card.plug();
+    m_trace.clear();
+    EXPECT_TRUE(waitUntil([&] { // until the card is back
+        control->Run();
+        if (lines(L"CKestraStream->Active->NOERROR") != 0) return true;
+        control->Stop();
+        return false;
+    }));
+    EXPECT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->S_OK") >= 5; }));
     Signal smaller = kDefaultSignal;
     smaller.width = 1280;
     smaller.height = 720;
     m_card.setSignal(smaller);
-    std::vector<LONG_PTR> lost;
-    EXPECT_TRUE(waitUntil([&] {
-        long code = 0;
-        LONG_PTR first = 0, second = 0;
-        while (events->GetEvent(&code, &first, &second, 10) == S_OK) {
-            if (code == EC_DEVICE_LOST) lost.push_back(second);
-            events->FreeEventParams(code, first, second);
-        }
-        return lost.size() >= 2;
-    }));
-    EXPECT_EQ(lost, (std::vector<LONG_PTR>{0, 1})) << "gone, and there again";
+    EXPECT_EQ(lossesTold(), goneAndThereAgain);
     EXPECT_TRUE(SUCCEEDED(control->Stop()));
     graph->RemoveFilter(m_filter.get());
     graph->RemoveFilter(renderer.get());

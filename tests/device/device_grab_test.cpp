@@ -426,6 +426,7 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
     }
     EXPECT_TRUE(counter.waitForFrames(3));
     EXPECT_EQ(counter.wrong, 0);
+    EXPECT_EQ(counter.disconnected, cycles) << "each removal is told once";
     const ProcessCounts after = processCounts();
     std::printf("%d removals under load: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", cycles,
                 before.handles, after.handles, before.threads, after.threads, before.privateBytes / 1024,
