@@ -20,7 +20,9 @@ public:
     explicit ComModule(const wchar_t* path) : m_module(LoadLibraryW(path)) {
         if (!m_module) return;
         m_getClassObject = find<GetClassObject>("DllGetClassObject");
-        m_canUnloadNow = find<CanUnloadNow>("DllCanUnloadNow");
+        m_canUnloadNow = find<NoParameters>("DllCanUnloadNow");
+        m_register = find<NoParameters>("DllRegisterServer");
+        m_unregister = find<NoParameters>("DllUnregisterServer");
     }
     ~ComModule() {
         if (m_module) FreeLibrary(m_module);
@@ -39,10 +41,12 @@ public:
         return FAILED(hr) ? hr : factory->CreateInstance(outer, riid, object);
     }
     HRESULT canUnloadNow() const { return m_canUnloadNow(); }
+    HRESULT registerServer() const { return m_register(); }
+    HRESULT unregisterServer() const { return m_unregister(); }
 
 private:
     using GetClassObject = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
-    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+    using NoParameters = HRESULT(STDAPICALLTYPE*)();
     template <class Function>
     Function find(const char* name) const {
         return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(m_module, name)));
@@ -50,7 +54,7 @@ private:
 
     HMODULE m_module;
     GetClassObject m_getClassObject = nullptr;
-    CanUnloadNow m_canUnloadNow = nullptr;
+    NoParameters m_canUnloadNow = nullptr, m_register = nullptr, m_unregister = nullptr;
 };
 
 /// COM for the life of the test program.

@@ -79,6 +79,13 @@ STDMETHODIMP TestSink::EndOfStream() {
     return S_OK;
 }
 
+STDMETHODIMP TestSink::GetAllocator(IMemAllocator** own) {
+    *own = allocator;
+    if (!allocator) return VFW_E_NO_ALLOCATOR;
+    allocator->AddRef();
+    return S_OK;
+}
+
 STDMETHODIMP TestSink::NotifyAllocator(IMemAllocator*, BOOL) {
     return notifyAllocatorResult;
 }

@@ -36,7 +36,8 @@ public:
     std::atomic<HANDLE> blockUntil{nullptr}; ///< Receive waits for this event
     std::atomic<long> leaveActualLength{0};  ///< what Receive sets as each sample's length; 0: nothing
     std::function<bool(const AM_MEDIA_TYPE&)> accepts;
-    size_t keep = 4; ///< samples whose bytes are kept
+    IMemAllocator* allocator = nullptr; ///< what it offers; null: none of its own
+    size_t keep = 4;                    ///< samples whose bytes are kept
 
     // What it saw.
     std::atomic<int> received{0}, endOfStreams{0}, insideReceive{0};
@@ -65,7 +66,7 @@ public:
     STDMETHODIMP EndFlush() override { return S_OK; }
     STDMETHODIMP NewSegment(REFERENCE_TIME, REFERENCE_TIME, double) override { return S_OK; }
 
-    STDMETHODIMP GetAllocator(IMemAllocator**) override { return VFW_E_NO_ALLOCATOR; }
+    STDMETHODIMP GetAllocator(IMemAllocator** own) override;
     STDMETHODIMP NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) override;
     STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
     STDMETHODIMP Receive(IMediaSample* sample) override;

@@ -1,12 +1,12 @@
-// Walks the program's import directory.
+// Walks a module's import directory.
 #include "tests/support/scoped_import_hook.h"
 
 #include <cstring>
 
 namespace kestra::test {
 
-void** findImport(const char* dll, const char* function) noexcept {
-    auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
+void** findImport(const char* dll, const char* function, HMODULE module) noexcept {
+    auto* base = reinterpret_cast<BYTE*>(module ? module : GetModuleHandleW(nullptr));
     const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
     const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
     const IMAGE_DATA_DIRECTORY& directory = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];

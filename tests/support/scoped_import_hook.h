@@ -1,6 +1,6 @@
-// Replaces one imported system function of the test program for the life of an object, by patching the
-// program's import address table: for errors that cannot be provoked otherwise. Not for concurrent use on the
-// same function; calls that other modules make of the function are not seen. A compiler may keep the imported
+// Replaces one imported system function of the test program, or of a module that it has loaded, for the life of an
+// object, by patching the import address table: for errors that cannot be provoked otherwise. Not for concurrent use on
+// the same function; calls that other modules make of the function are not seen. A compiler may keep the imported
 // address over several calls within one function: install the hook before the function under test is entered.
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace kestra::test {
 
-/// Address-table slot of an imported function, or null if this program does not import it.
-void** findImport(const char* dll, const char* function) noexcept;
+/// Address-table slot of an imported function, or null if the module (null: this program) does not import it.
+void** findImport(const char* dll, const char* function, HMODULE module = nullptr) noexcept;
 
 /// Usage:
 ///   static ScopedImportHook<decltype(&CreateEventW)>* hook;
@@ -21,7 +21,9 @@ public:
     /// @param dll       as the program's import table names it, in any case
     /// @param function  the imported name
     /// @param substitute what the program calls until this object ends; captures nothing
-    ScopedImportHook(const char* dll, const char* function, Function substitute) : m_slot(findImport(dll, function)) {
+    /// @param module    whose calls are replaced; null: the program's
+    ScopedImportHook(const char* dll, const char* function, Function substitute, HMODULE module = nullptr)
+        : m_slot(findImport(dll, function, module)) {
         if (!m_slot) return;
         m_original = reinterpret_cast<Function>(*m_slot);
         write(reinterpret_cast<void*>(substitute));
