@@ -49,8 +49,7 @@ HRESULT CKestraStream::Active() {
     ++m_accessClaims;
     TARNIS_SetBufferCount(m_hGrabber, m_port, kBuffers);
     m_cameraData = {};
-    const VideoFormat format = effectiveFormat();
-    m_cameraData.outputSelector = format == kRgb24 || format == kRgb32 ? TARNIS_OUTPUT_RGB24 : TARNIS_OUTPUT_YUV422_8;
+    m_cameraData.outputSelector = outputSelector();
     m_timeStampFrames = 0;
     m_capture->activity().set(Activity::State::Starting); // a frame that comes before the filter is paused waits
     if (TARNIS_StartGrab(m_hGrabber, m_port, 0, &m_cameraData, onFrame, reinterpret_cast<uint64_t>(this)) !=

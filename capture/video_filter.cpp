@@ -1,12 +1,21 @@
 #include "capture/video_filter.h"
 
 #include "capture/cards.h"
+#include "capture/frame_analysis.h"
 #include "capture/module_state.h"
 #include "capture/video_stream.h"
 
+#include <iterator>
 #include <new>
 
 using namespace kestra;
+
+namespace {
+
+// The pages that the filter has, as the property frame shows them.
+const CLSID* const kPages[] = {&CLSID_KestraStreamPropCSC, &CLSID_KestraStreamPropRGB};
+
+} // namespace
 
 CUnknown* CALLBACK CKestraCapture::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) {
     auto* filter = new (std::nothrow) CKestraCapture(pUnk, phr);
@@ -28,8 +37,7 @@ CKestraCapture::CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr)
     }
     if (SUCCEEDED(hr)) {
         m_stream->setCard(m_grabber, 0);
-        if (TARNIS_GetColorSpaceConverterParams(m_grabber, &m_converter) != TARNIS_SUCCESS)
-            TARNIS_GetDefaultColorSpaceConverterParams(&m_converter);
+        m_colors.attach(m_grabber);
         // The format that the user chose last is offered from the start.
         AM_MEDIA_TYPE* persisted = nullptr;
         if (SUCCEEDED(m_stream->GetFormat(&persisted))) {
@@ -45,6 +53,40 @@ CKestraCapture::~CKestraCapture() {
     --filterInstances;
     m_iPins = m_stream ? 1 : 0; // what the base class counts when it deletes its pins
     if (m_grabber) TARNIS_Done(m_grabber);
+}
+
+HRESULT STDMETHODCALLTYPE CKestraCapture::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
+    if (riid == IID_ISpecifyPropertyPages) return GetInterface(static_cast<ISpecifyPropertyPages*>(this), ppv);
+    if (IUnknown* found = m_interfaces.find(riid)) return GetInterface(found, ppv);
+    return CSource::NonDelegatingQueryInterface(riid, ppv);
+}
+
+STDMETHODIMP CKestraCapture::GetPages(CAUUID* pPages) {
+    if (!pPages) return E_POINTER;
+    *pPages = {};
+    pPages->pElems = static_cast<GUID*>(CoTaskMemAlloc(std::size(kPages) * sizeof(GUID)));
+    if (!pPages->pElems) return E_OUTOFMEMORY;
+    pPages->cElems = std::size(kPages);
+    for (size_t i = 0; i < std::size(kPages); ++i)
+        pPages->pElems[i] = *kPages[i];
+    return S_OK;
+}
+
+bool CKestraCapture::isRgbOut() {
+    CAutoLock lock(&m_cStateLock);
+    return m_stream->isRgbOut();
+}
+
+HRESULT CKestraCapture::analyzeWhiteBalance(WhiteBalance& result) {
+    CAutoLock lock(&m_cStateLock);
+    // What the pin grabs is prepared already and must stay so: another layout would take its buffers away.
+    m_cameraData = {};
+    m_cameraData.outputSelector = TARNIS_OUTPUT_RGB24;
+    if (m_stream->isGrabbing()) m_cameraData = m_stream->cameraData();
+    double means[3];
+    const HRESULT hr = m_colors.withNeutralGains([&] { return meanOfLiveFrame(m_grabber, m_cameraData, means); });
+    if (SUCCEEDED(hr)) result = whiteBalanceOf(means);
+    return hr;
 }
 
 CBasePin* CKestraCapture::GetPin(int n) {

@@ -2,6 +2,9 @@
 #pragma once
 
 #include "capture/activity.h"
+#include "capture/color_controls.h"
+#include "capture/color_interfaces.h"
+#include "capture/white_balance.h"
 #include "device/tarnis.h"
 
 #include <streams.h>
@@ -10,11 +13,18 @@
 
 class CKestraStream;
 
-class CKestraCapture : public CSource {
+class CKestraCapture : public CSource, public ISpecifyPropertyPages {
 public:
+    DECLARE_IUNKNOWN
+
     /// Creates the filter. @param phr receives E_FAIL if no card has a signal, E_OUTOFMEMORY without memory
     static CUnknown* CALLBACK CreateInstance(LPUNKNOWN pUnk, HRESULT* phr);
     ~CKestraCapture() override;
+
+    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+
+    // ISpecifyPropertyPages: the converter's page and the gain and offset page.
+    STDMETHODIMP GetPages(CAUUID* pPages) override;
 
     STDMETHODIMP Pause() override;
     STDMETHODIMP Run(REFERENCE_TIME tStart) override;
@@ -27,6 +37,12 @@ public:
     /// The pin leaves a failed delivery's result here, where the base class keeps its number of pins.
     void storeDeliveryResult(HRESULT hr) { m_iPins = hr; }
 
+    kestra::ColorControls& colors() { return m_colors; }
+    /// True if the pin delivers RGB, made by the card's converter. Any thread.
+    bool isRgbOut();
+    /// Measures a live frame without gains and offsets; the filter's state and format stay as they are meanwhile.
+    HRESULT analyzeWhiteBalance(kestra::WhiteBalance& result);
+
 private:
     CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr);
     void noteActivity();
@@ -34,6 +50,8 @@ private:
     CKestraStream* m_stream = nullptr; // the base class owns it
     uint32_t m_cards = 0;
     TARNIS_HANDLE m_grabber = nullptr;
-    TarnisConverterParams m_converter{};
+    kestra::ColorControls m_colors;
+    kestra::ColorInterfaces m_interfaces{*this, *this};
+    TarnisCameraData m_cameraData{}; ///< of the last analysis; under the state lock
     kestra::Activity m_activity;
 };

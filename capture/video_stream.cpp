@@ -21,7 +21,9 @@ constexpr int kCapabilities = 4;
 } // namespace
 
 CKestraStream::CKestraStream(HRESULT* phr, CKestraCapture* pFilter)
-    : CSourceStream(NAME("Video Capture"), phr, pFilter, L"Video Capture"), m_capture(pFilter) {
+    : CSourceStream(NAME("Video Capture"), phr, pFilter, L"Video Capture"),
+      m_capture(pFilter),
+      m_colors(*this, *pFilter) {
     trace(L"CKestraStream->Constructor");
     if (const auto persisted = readSetting(kVideoFormatValue)) m_videoFormat = *persisted;
 }
@@ -34,6 +36,7 @@ HRESULT STDMETHODCALLTYPE CKestraStream::NonDelegatingQueryInterface(REFIID riid
     if (riid == IID_IKsPropertySet) return GetInterface(static_cast<IKsPropertySet*>(this), ppv);
     if (riid == IID_IAMStreamConfig) return GetInterface(static_cast<IAMStreamConfig*>(this), ppv);
     if (riid == IID_ISpecifyPropertyPages) return GetInterface(static_cast<ISpecifyPropertyPages*>(this), ppv);
+    if (IUnknown* found = m_colors.find(riid)) return GetInterface(found, ppv);
     return CSourceStream::NonDelegatingQueryInterface(riid, ppv);
 }
 

@@ -1,6 +1,7 @@
 // The video pin: formats on the application's threads, frames on the grab engine's.
 #pragma once
 
+#include "capture/color_interfaces.h"
 #include "capture/frame_writer.h"
 #include "device/tarnis.h"
 
@@ -29,6 +30,11 @@ public:
         m_hGrabber = grabber;
         m_port = port;
     }
+
+    // For the filter's analysis, under the state lock.
+    bool isRgbOut() const { return outputSelector() == TARNIS_OUTPUT_RGB24; }
+    bool isGrabbing() const { return m_ownerReferences > 0; }
+    const TarnisCameraData& cameraData() const { return m_cameraData; }
 
     // IKsPropertySet: the pin's category.
     STDMETHODIMP Set(REFGUID guidPropSet, DWORD dwPropID, void* pInstanceData, DWORD cbInstanceData, void* pPropData,
@@ -64,6 +70,7 @@ private:
     HRESULT readPosition(int iPosition, CMediaType& type);
 
     CKestraCapture* const m_capture;
+    kestra::ColorInterfaces m_colors;
     TARNIS_HANDLE m_hGrabber = nullptr;
     int8_t m_port = 0;
     uint32_t m_videoFormat = 0; ///< as persisted; frames are made of effectiveFormat()
@@ -77,5 +84,10 @@ private:
 
     kestra::VideoFormat effectiveFormat() const {
         return m_videoFormat < kestra::kVideoFormats ? static_cast<kestra::VideoFormat>(m_videoFormat) : kestra::kYuy2;
+    }
+    /// What the card is to make for the effective format.
+    uint32_t outputSelector() const {
+        const kestra::VideoFormat format = effectiveFormat();
+        return format == kestra::kRgb24 || format == kestra::kRgb32 ? TARNIS_OUTPUT_RGB24 : TARNIS_OUTPUT_YUV422_8;
     }
 };

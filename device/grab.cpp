@@ -10,6 +10,7 @@ namespace {
 constexpr LogUnit kUnit{"\"Grabbing Functions\"", L".\\TARNIS_grab.cpp"};
 constexpr int32_t kAlreadyOpened = 0x444D412B; // DMA+
 constexpr DWORD kStopMs = 1000;
+constexpr DWORD kSnapMs = 1000; // no frame takes so long: the signal has gone meanwhile
 
 /// Every question about an input goes to the even port of the pair.
 int8_t inputPort(int8_t port) noexcept {
@@ -237,5 +238,5 @@ uint32_t TARNIS_SnapFrames(TARNIS_HANDLE hGrabber, int8_t /*port: always 0*/, Ta
         *pBufferSize = buffers ? buffers->bufferSize : 0;
     }
     if (!lpBuffer) return nullPointer(__func__, __LINE__, L"lpBuffer is NULL");
-    return hGrabber->rawIOCtl(wire::kSnap, nullptr, 0, lpBuffer, bufferLength, nullptr, false).status;
+    return hGrabber->rawIOCtl(wire::kSnap, nullptr, 0, lpBuffer, bufferLength, nullptr, false, nullptr, kSnapMs).status;
 }

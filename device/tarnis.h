@@ -76,7 +76,7 @@ uint32_t TARNIS_StartGrab(TARNIS_HANDLE hGrabber, int8_t port, uint32_t startPar
 uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port);
 uint32_t TARNIS_GetGrabStat(TARNIS_HANDLE hGrabber, int8_t port, TarnisGrabStat* pGrabStat);
 
-/// Captures one raw frame of port 0, whatever port is given.
+/// Captures one raw frame of port 0, whatever port is given; gives up after a second without one.
 /// @param pBufferSize receives the frame's size in bytes, also if lpBuffer is null (then the result is 1).
 uint32_t TARNIS_SnapFrames(TARNIS_HANDLE hGrabber, int8_t port, TarnisCameraData* pCameraData, void* lpBuffer,
                            uint32_t bufferLength, uint32_t* pBufferSize);

@@ -1,0 +1,93 @@
+// The two interfaces through which the property pages see the converter: the filter answers them, and its pin too.
+#pragma once
+
+#include "device/tarnis.h"
+
+#include <streams.h>
+
+#include <kestra_interfaces.h>
+
+#include <type_traits>
+
+class CKestraCapture;
+
+namespace kestra {
+
+/// A part of the object that answers the interfaces: shares its identity and its references. Any thread.
+class ColorInterfaces : public IKestraStreamPropCSC, public IKestraStreamPropRGBGainOffset {
+public:
+    /// @param object the one that this belongs to  @param filter whose converter it is
+    ColorInterfaces(CUnknown& object, CKestraCapture& filter) : m_object(object), m_filter(filter) {}
+    virtual ~ColorInterfaces() = default;
+    ColorInterfaces(const ColorInterfaces&) = delete;
+    ColorInterfaces& operator=(const ColorInterfaces&) = delete;
+
+    /// The interface, if it is one of the two, without a reference; else null.
+    IUnknown* find(REFIID riid);
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return owner().QueryInterface(riid, ppv); }
+    STDMETHODIMP_(ULONG) AddRef() override { return owner().AddRef(); }
+    STDMETHODIMP_(ULONG) Release() override { return owner().Release(); }
+
+    // A number that the card's record cannot hold is refused with E_INVALIDARG.
+#define KESTRA_PROPERTY(name, Type)                                                                                    \
+    STDMETHODIMP get_##name(std::add_pointer_t<Type> value) override {                                                 \
+        return read(&TarnisConverterParams::name, value);                                                              \
+    }                                                                                                                  \
+    STDMETHODIMP put_##name(Type value) override {                                                                     \
+        return write(&TarnisConverterParams::name, value);                                                             \
+    }
+    KESTRA_PROPERTY(YOff, LONG)
+    KESTRA_PROPERTY(CrOff, LONG)
+    KESTRA_PROPERTY(CbOff, LONG)
+    KESTRA_PROPERTY(Y1, FLOAT)
+    KESTRA_PROPERTY(R1, FLOAT)
+    KESTRA_PROPERTY(G1, FLOAT)
+    KESTRA_PROPERTY(G2, FLOAT)
+    KESTRA_PROPERTY(B1, FLOAT)
+    KESTRA_PROPERTY(RMin, unsigned char)
+    KESTRA_PROPERTY(RMax, unsigned char)
+    KESTRA_PROPERTY(GMin, unsigned char)
+    KESTRA_PROPERTY(GMax, unsigned char)
+    KESTRA_PROPERTY(BMin, unsigned char)
+    KESTRA_PROPERTY(BMax, unsigned char)
+    KESTRA_PROPERTY(RedGain, FLOAT)
+    KESTRA_PROPERTY(GreenGain, FLOAT)
+    KESTRA_PROPERTY(BlueGain, FLOAT)
+    KESTRA_PROPERTY(RedOffset, signed char)
+    KESTRA_PROPERTY(GreenOffset, signed char)
+    KESTRA_PROPERTY(BlueOffset, signed char)
+#undef KESTRA_PROPERTY
+
+    STDMETHODIMP get_DefaultColorSpaceConverter(KestraConverterValues* values) override;
+    /// Gains 1, offsets 0.
+    STDMETHODIMP Default() override;
+    /// 1: what is put stays here. 0: it goes to the card, at once and at each further put.
+    STDMETHODIMP get_FreezeUpdate(LONG* value) override;
+    STDMETHODIMP put_FreezeUpdate(LONG value) override;
+    /// 1: the pin delivers RGB, which the card's converter makes; else 0, and the converter is not used.
+    STDMETHODIMP get_RGBOut(LONG* value) override;
+    /// Measures a live frame without gains and offsets; takes about a frame's time, in which stopping and starting
+    /// wait.
+    /// @return E_POINTER, and nothing is measured; or why no frame could be measured: all results are 0 then
+    STDMETHODIMP WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue, FLOAT* gainRed,
+                              FLOAT* gainGreen, FLOAT* gainBlue) override;
+
+private:
+    IUnknown& owner() {
+        return *m_object.GetOwner();
+    }
+    HRESULT read(int32_t TarnisConverterParams::*field, LONG* value);
+    HRESULT read(float TarnisConverterParams::*field, FLOAT* value);
+    HRESULT read(uint8_t TarnisConverterParams::*field, unsigned char* value);
+    HRESULT read(int8_t TarnisConverterParams::*field, signed char* value);
+    HRESULT write(int32_t TarnisConverterParams::*field, LONG value);
+    HRESULT write(float TarnisConverterParams::*field, FLOAT value);
+    HRESULT write(uint8_t TarnisConverterParams::*field, unsigned char value);
+    HRESULT write(int8_t TarnisConverterParams::*field, signed char value);
+
+    CUnknown& m_object;
+    CKestraCapture& m_filter;
+};
+
+} // namespace kestra

@@ -1,0 +1,128 @@
+#include "capture/frame_analysis.h"
+
+#include "capture/color_controls.h"
+#include "capture/frame_writer.h"
+#include "decode/decode.h"
+#include "imagelib/ipp.h"
+#include "log/log.h"
+
+#include <delayimp.h>
+
+#include <cstring>
+#include <cwchar>
+#include <iterator>
+#include <memory>
+
+namespace kestra {
+namespace {
+
+constexpr LogUnit kUnit{"\"White Balance\"", L".\\frame_analysis.cpp"};
+constexpr int8_t kPort = 0;
+constexpr wchar_t kLibrary[] = L"ippLib.dll";
+
+struct Pages {
+    void operator()(uint8_t* base) const noexcept { VirtualFree(base, 0, MEM_RELEASE); }
+};
+using Memory = std::unique_ptr<uint8_t, Pages>;
+
+Memory allocate(size_t bytes) noexcept {
+    return Memory(static_cast<uint8_t*>(VirtualAlloc(nullptr, bytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE)));
+}
+
+/// Channel access for a scope. That it is refused is no failure yet: the capture says so if it needs it.
+class DmaAccess {
+public:
+    explicit DmaAccess(TARNIS_HANDLE grabber) noexcept
+        : m_grabber(grabber), m_obtained(TARNIS_GetDMAAccess(grabber, kPort) == TARNIS_SUCCESS) {}
+    ~DmaAccess() {
+        if (m_obtained) TARNIS_ReleaseDMAAccess(m_grabber, kPort);
+    }
+    DmaAccess(const DmaAccess&) = delete;
+    DmaAccess& operator=(const DmaAccess&) = delete;
+
+private:
+    TARNIS_HANDLE m_grabber;
+    const bool m_obtained;
+};
+
+/// The image library beside this module: no other folder of the host's may take its place.
+HMODULE loadImageLibrary() noexcept {
+    HMODULE self = nullptr;
+    wchar_t path[MAX_PATH];
+    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                           reinterpret_cast<LPCWSTR>(&loadImageLibrary), &self)) {
+        const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
+        wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
+        if (slash && slash + 1 + std::size(kLibrary) <= path + MAX_PATH) {
+            std::wmemcpy(slash + 1, kLibrary, std::size(kLibrary));
+            return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        }
+    }
+    return nullptr;
+}
+
+/// Hands that library to the delayed import, which would look for it by its bare name.
+FARPROC WINAPI bindDelayedImport(unsigned event, PDelayLoadInfo info) noexcept {
+    if (event != dliNotePreLoadLibrary || std::strcmp(info->szDll, "ippLib.dll") != 0) return nullptr;
+    return reinterpret_cast<FARPROC>(loadImageLibrary());
+}
+
+/// True if the import can be called. A delayed import of something that is not there would end the process.
+/// The library is let go again; the import keeps it once it has been called.
+bool imageLibraryIsThere() noexcept {
+    const HMODULE library = loadImageLibrary();
+    const bool usable = library && GetProcAddress(library, "ippiMean_8u_C3R");
+    if (!usable)
+        KESTRA_LOG(kUnit, __func__, LOG_ERROR, GetLastError(), L"%ls with ippiMean_8u_C3R cannot be loaded", kLibrary);
+    if (library) FreeLibrary(library);
+    return usable;
+}
+
+/// Captures one raw frame. @return null: `hr` says why
+Memory snap(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, HRESULT& hr) noexcept {
+    uint32_t bytes = 0;
+    const uint32_t asked = TARNIS_SnapFrames(grabber, kPort, &cameraData, nullptr, 0, &bytes);
+    hr = asked == TARNIS_INVALID_ARGUMENT ? S_OK : FAILED(hresultOf(asked)) ? hresultOf(asked) : E_FAIL;
+    if (FAILED(hr)) return nullptr; // the answer to a question of size is "invalid argument"
+    const uint64_t needed =
+        uint64_t{rawLineBytes(cameraData.outputSelector, cameraData.status.width)} * cameraData.status.height;
+    if (!(cameraData.status.signalFlags & TARNIS_SIGNAL_PRESENT) || needed == 0 || bytes < needed) {
+        KESTRA_LOG(kUnit, __func__, LOG_ERROR, bytes, L"no frame to analyse: %ux%u, %u bytes",
+                   unsigned{cameraData.status.width}, unsigned{cameraData.status.height}, bytes);
+        hr = E_FAIL;
+        return nullptr;
+    }
+    Memory raw = allocate(bytes);
+    hr = raw ? hresultOf(TARNIS_SnapFrames(grabber, kPort, &cameraData, raw.get(), bytes, &bytes)) : E_OUTOFMEMORY;
+    if (FAILED(hr)) raw.reset();
+    return raw;
+}
+
+} // namespace
+
+HRESULT meanOfLiveFrame(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, double (&means)[3]) noexcept {
+    if (!imageLibraryIsThere()) return E_FAIL;
+    HRESULT hr = S_OK;
+    Memory raw;
+    {
+        const DmaAccess access(grabber);
+        raw = snap(grabber, cameraData, hr);
+    }
+    if (!raw) return hr;
+    int32_t stride = 0;
+    TARNIS_Decode(&cameraData, raw.get(), nullptr, &stride, TARNIS_OUTPUT_RGB24, nullptr, nullptr);
+    const IppiSize size{cameraData.status.width, cameraData.status.height};
+    const Memory image = allocate(size_t(stride) * size_t(size.height));
+    if (!image) return E_OUTOFMEMORY;
+    hr = hresultOf(TARNIS_Decode(&cameraData, raw.get(), image.get(), &stride, TARNIS_OUTPUT_RGB24, nullptr, nullptr));
+    if (FAILED(hr)) return hr;
+    __pfnDliNotifyHook2 = bindDelayedImport;
+    const IppStatus status = ippiMean_8u_C3R(image.get(), stride, size, means);
+    if (status != ippStsNoErr) {
+        KESTRA_LOG(kUnit, __func__, LOG_ERROR, status, L"ippiMean_8u_C3R: %d", status);
+        return E_FAIL;
+    }
+    return S_OK;
+}
+
+} // namespace kestra
