@@ -33,9 +33,22 @@ bench_decode() {
                       $1, $2, $3, $7, $7 / $3, $4, $8, $8 / $4 }'
 }
 
+bench_capture() {
+    build_preset native sample_bench
+    build_preset windows capture_bench kestrasimctl kestrasim
+    step "byte-level work of a sample (native), beside memcpy, libyuv and libswscale"
+    "$root/build/native/bench/sample_bench"
+    session_start
+    "$root/tests/support/simulated-card" install "$root/build/windows/simcard/kestrasimctl.exe" \
+        "$root/build/windows/simcard/kestrasim.inf" > /dev/null
+    step "the video pin's frame callback (through Wine), beside plain copies"
+    "$root/tools/run-windows" "$root/build/windows/bench/capture_bench.exe"
+    "$root/tests/support/simulated-card" remove "$root/build/windows/simcard/kestrasimctl.exe" > /dev/null
+}
+
 verb_bench() {
     local names=("$@") name
-    [ $# -gt 0 ] || names=(log device decode)
+    [ $# -gt 0 ] || names=(log device decode capture)
     for name in "${names[@]}"; do
         declare -F "bench_$name" > /dev/null || die "there is no benchmark '$name'"
     done
