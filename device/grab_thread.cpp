@@ -206,13 +206,26 @@ uint32_t grab(GrabRun& run) {
     return TARNIS_SUCCESS;
 }
 
-unsigned __stdcall threadEntry(void* parameter) {
-    const std::unique_ptr<std::shared_ptr<GrabRun>> owned(static_cast<std::shared_ptr<GrabRun>*>(parameter));
-    const std::shared_ptr<GrabRun> run = *owned;
+/// What a new thread is given: it may outlive the last object that anybody else holds.
+struct ThreadStart {
+    std::shared_ptr<GrabRun> run;
+    ModuleReference module;
+};
+
+uint32_t grabAndRelease(std::shared_ptr<GrabRun> run) {
     TARNIS_GIS* instance = run->instance;
     const uint32_t code = grab(*run);
+    run.reset();
     instance->release();
     return code;
+}
+
+unsigned __stdcall threadEntry(void* parameter) {
+    std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(parameter));
+    ModuleReference module(std::move(start->module));
+    std::shared_ptr<GrabRun> run(std::move(start->run));
+    start.reset();
+    module.releaseAndExitThread(grabAndRelease(std::move(run)));
 }
 
 } // namespace
@@ -230,7 +243,7 @@ std::shared_ptr<GrabRun> startGrabThread(TARNIS_GIS& instance, int8_t port, uint
         run->context = context;
         if (!run->stop || !run->started) return nullptr;
         Channel& channel = instance.channel(port);
-        auto parameter = std::make_unique<std::shared_ptr<GrabRun>>(run);
+        auto parameter = std::make_unique<ThreadStart>(run, ModuleReference());
         unsigned id = 0;
         // Suspended until the run knows its thread: a callback may ask whether it runs on it.
         UniqueObject thread(

@@ -40,6 +40,28 @@ struct FileHandleTraits {
 using UniqueObject = UniqueHandle<NullHandleTraits>; ///< event, mutex, thread
 using UniqueFile = UniqueHandle<FileHandleTraits>;
 
+/// Keeps the module that this code is in from being unloaded.
+class ModuleReference {
+public:
+    ModuleReference() noexcept {
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&anchor), &m_module);
+    }
+    ModuleReference(ModuleReference&& other) noexcept : m_module(std::exchange(other.m_module, nullptr)) {}
+    ModuleReference& operator=(ModuleReference&&) = delete;
+    ~ModuleReference() {
+        if (m_module) FreeLibrary(m_module);
+    }
+    /// Ends the calling thread, which may be the last that runs the module's code. Objects on its stack stay as they
+    /// are.
+    [[noreturn]] void releaseAndExitThread(DWORD code) noexcept {
+        FreeLibraryAndExitThread(std::exchange(m_module, nullptr), code);
+    }
+
+private:
+    static inline const char anchor = 0;
+    HMODULE m_module = nullptr;
+};
+
 /// Holds a mutex object for a scope.
 class MutexLock {
 public:

@@ -17,18 +17,24 @@ inline constexpr CLSID kNullRenderer = {0xC1F400A4, 0x3F08, 0x11D3, {0x9F, 0x0B,
 
 class ComModule {
 public:
-    explicit ComModule(const wchar_t* path) : m_module(LoadLibraryW(path)) {
+    explicit ComModule(const wchar_t* path) : m_path(path) { load(); }
+    ~ComModule() { unload(); }
+    ComModule(const ComModule&) = delete;
+    ComModule& operator=(const ComModule&) = delete;
+
+    void load() {
+        m_module = LoadLibraryW(m_path);
         if (!m_module) return;
         m_getClassObject = find<GetClassObject>("DllGetClassObject");
         m_canUnloadNow = find<NoParameters>("DllCanUnloadNow");
         m_register = find<NoParameters>("DllRegisterServer");
         m_unregister = find<NoParameters>("DllUnregisterServer");
     }
-    ~ComModule() {
+    void unload() {
         if (m_module) FreeLibrary(m_module);
+        m_module = nullptr;
     }
-    ComModule(const ComModule&) = delete;
-    ComModule& operator=(const ComModule&) = delete;
+    bool isInMemory() const { return GetModuleHandleW(m_path) != nullptr; }
 
     HMODULE handle() const { return m_module; }
     HRESULT classObject(const CLSID& clsid, REFIID riid, void** object) const {
@@ -52,7 +58,8 @@ private:
         return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(m_module, name)));
     }
 
-    HMODULE m_module;
+    const wchar_t* const m_path;
+    HMODULE m_module = nullptr;
     GetClassObject m_getClassObject = nullptr;
     NoParameters m_canUnloadNow = nullptr, m_register = nullptr, m_unregister = nullptr;
 };

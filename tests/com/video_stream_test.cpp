@@ -320,6 +320,27 @@ TEST_F(VideoStream, ReceiverThatBlocksHoldsUpAStopForASecondAtMost) {
     CloseHandle(gate);
 }
 
+TEST_F(VideoStream, ModuleThatIsUnloadedWhileAReceiverBlocksStaysForItsThread) {
+    connect();
+    const HANDLE gate = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_sink.blockUntil = gate;
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return m_sink.insideReceive == 1; }));
+    stopMs();
+    disconnect();
+    m_pin = ComRef<IPin>();
+    m_filter = ComRef<IBaseFilter>();
+    EXPECT_EQ(m_module.canUnloadNow(), S_FALSE) << "the frame still holds the filter";
+    m_module.unload();
+    EXPECT_TRUE(m_module.isInMemory());
+    m_sink.blockUntil = nullptr;
+    SetEvent(gate);
+    EXPECT_TRUE(waitUntil([&] { return !m_module.isInMemory(); })) << "until the thread ends by itself";
+    EXPECT_EQ(m_card.state().clients, 0u);
+    CloseHandle(gate);
+    m_module.load();
+}
+
 TEST_F(VideoStream, FormatChangeEndsTheStreamAndTheClientStartsAgain) {
     connect();
     ASSERT_EQ(m_filter->Run(0), S_OK);
