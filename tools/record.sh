@@ -40,12 +40,12 @@ record_video() {
         -t "$2" -c copy -f mkvtimestamp_v2 "Z:$3"
 }
 
-# check_video FORMAT SCAN < raw frames: compares each frame with the simulated card's picture. SCAN: p (at 60 Hz) or i
-# (at 29.97 Hz).
+# check_video FORMAT SCAN RATE < raw frames: compares each frame with the simulated card's picture. SCAN: p or i; RATE: whole
+# frames per second, rounded up. Fails with 3 if the only fault is that frames were dropped.
 check_video() {
-    local interlaced=0 frames_per_second=60
-    [ "$2" = p ] || { interlaced=1 frames_per_second=30; }
-    "$root/build/native/tests/e2e/check_recording" "$1" 1920 1080 "$interlaced" "$frames_per_second"
+    local interlaced=0
+    [ "$2" = p ] || interlaced=1
+    "$root/build/native/tests/e2e/check_recording" "$1" 1920 1080 "$interlaced" "$3"
 }
 
 # frame_rate TIMES: the mean rate in Hz by the time stamps in milliseconds, without the first quarter: a graph that starts
