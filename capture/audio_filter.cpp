@@ -74,9 +74,12 @@ STDMETHODIMP CKestraAudioCapture::Run(REFERENCE_TIME tStart) {
 
 STDMETHODIMP CKestraAudioCapture::Stop() {
     CAutoLock lock(&m_cStateLock);
-    const HRESULT hr = CSource::Stop();
     // The base class passes a stopped filter over, whose pin a video pin may have started, or that failed to start.
-    if (m_stream && m_stream->isGrabbing()) m_stream->Inactive();
+    HRESULT hr = S_OK;
+    if (IsStopped() && m_stream && m_stream->isGrabbing())
+        hr = m_stream->Inactive();
+    else
+        hr = CSource::Stop();
     noteActivity();
     return hr;
 }

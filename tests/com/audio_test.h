@@ -12,6 +12,7 @@
 #include <kestra_interfaces.h>
 #include <mmreg.h>
 
+#include <optional>
 #include <set>
 #include <string>
 
@@ -56,11 +57,13 @@ class AudioTest : public CardTest {
 protected:
     void SetUp() override {
         CardTest::SetUp();
-        ASSERT_NE(m_module.handle(), nullptr);
+        ASSERT_NE(m_module->handle(), nullptr);
     }
     void TearDown() override {
         release();
-        EXPECT_TRUE(waitUntil([&] { return m_module.canUnloadNow() == S_OK; })) << "an object is still alive";
+        EXPECT_TRUE(waitUntil([&] { return m_module->canUnloadNow() == S_OK; })) << "an object is still alive";
+        m_module.reset();
+        EXPECT_EQ(GetModuleHandleW(L"KestraCapture.dll"), nullptr) << "the module stays in memory";
         clearTrace();
         CardTest::TearDown();
     }
@@ -68,7 +71,7 @@ protected:
     HRESULT makeFilter() {
         m_pin = ComRef<IPin>();
         m_filter = ComRef<IBaseFilter>();
-        const HRESULT hr = m_module.create(kAudioFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_filter.out()));
+        const HRESULT hr = m_module->create(kAudioFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_filter.out()));
         m_pin = onlyPin(m_filter.get());
         clearTrace();
         return hr;
@@ -151,7 +154,7 @@ protected:
 
     RegistrySandbox m_registry;
     DebugOutputCapture m_trace;
-    ComModule m_module{KESTRA_MODULE};
+    std::optional<ComModule> m_module{std::in_place, KESTRA_MODULE};
     ComRef<SinkFilter> m_sink = SinkFilter::create();
     ComRef<IGraphBuilder> m_graph;
     ComRef<IBaseFilter> m_filter;

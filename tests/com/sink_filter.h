@@ -13,35 +13,6 @@
 
 namespace kestra::test {
 
-/// The allocator that a sink offers: the system's, each step of which can be made to fail.
-class TestAllocator : public IMemAllocator {
-public:
-    TestAllocator();
-    TestAllocator(const TestAllocator&) = delete;
-    TestAllocator& operator=(const TestAllocator&) = delete;
-
-    std::atomic<HRESULT> setResult{S_OK}, commitResult{S_OK}, decommitResult{S_OK}, getBufferResult{S_OK};
-    std::atomic<bool> noPointer{false}; ///< buffers without memory
-    std::atomic<int> bare{0};           ///< of those, how many are alive
-    ALLOCATOR_PROPERTIES requested{};   ///< the last request
-
-    STDMETHODIMP QueryInterface(REFIID riid, void** object) override;
-    STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++m_references); }
-    STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--m_references); }
-    STDMETHODIMP SetProperties(ALLOCATOR_PROPERTIES* wanted, ALLOCATOR_PROPERTIES* actual) override;
-    STDMETHODIMP GetProperties(ALLOCATOR_PROPERTIES* properties) override {
-        return m_system->GetProperties(properties);
-    }
-    STDMETHODIMP Commit() override;
-    STDMETHODIMP Decommit() override;
-    STDMETHODIMP GetBuffer(IMediaSample** sample, REFERENCE_TIME* start, REFERENCE_TIME* end, DWORD flags) override;
-    STDMETHODIMP ReleaseBuffer(IMediaSample* sample) override { return m_system->ReleaseBuffer(sample); }
-
-private:
-    ComRef<IMemAllocator> m_system;
-    std::atomic<long> m_references{0};
-};
-
 class SinkFilter;
 
 class SinkPin : public CBasePin, public IMemInputPin {

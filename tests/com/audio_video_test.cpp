@@ -1,0 +1,340 @@
+// Sound and picture together: the video pin starts the sound of the whole process, in every order in which the two can
+// be started, stopped and let go, in one graph, in two, and in none.
+#include "tests/com/audio_test.h"
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+constexpr Signal kSmall = {1, 0, 1, 9, 0, 0, 320, 240, 0, 60, 1, 0}; // a picture that takes no time
+
+class AudioVideo : public AudioTest {
+protected:
+    void SetUp() override {
+        AudioTest::SetUp();
+        m_card.setSignal(kSmall);
+        m_videoSink->pin.keep = 0;
+    }
+    void TearDown() override {
+        releaseVideo();
+        AudioTest::TearDown();
+    }
+    void connectVideo() {
+        ASSERT_EQ(m_module->create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_video.out())), S_OK);
+        m_videoPin = onlyPin(m_video.get());
+        ASSERT_EQ(m_videoPin->Connect(&m_videoSink->pin, nullptr), S_OK);
+    }
+    void releaseVideo() {
+        if (m_videoGraph) query<IMediaControl>(m_videoGraph.get(), IID_IMediaControl)->Stop();
+        m_videoGraph = ComRef<IGraphBuilder>();
+        if (m_video) m_video->Stop();
+        if (m_videoPin) m_videoPin->Disconnect();
+        m_videoSink->pin.Disconnect();
+        m_videoPin = ComRef<IPin>();
+        m_video = ComRef<IBaseFilter>();
+    }
+    bool soundIsGrabbed() { return m_card.state().channels[1].grabbing != 0; }
+    int soundStarts() {
+        int starts = 0;
+        for (const LogEntry& entry : m_card.log())
+            starts += entry.code == wire::kStartGrabbing && entry.bytes[0] == 1;
+        return starts;
+    }
+    bool videoReceives(int count = 2) {
+        const int before = m_videoSink->pin.received;
+        return waitUntil([&] { return m_videoSink->pin.received >= before + count; }, std::chrono::seconds(10));
+    }
+    ComRef<IGraphBuilder> newGraph() {
+        ComRef<IGraphBuilder> graph;
+        EXPECT_EQ(CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER, IID_IGraphBuilder,
+                                   reinterpret_cast<void**>(graph.out())),
+                  S_OK);
+        return graph;
+    }
+    static ComRef<IMediaControl> controlOf(IGraphBuilder* graph) {
+        return query<IMediaControl>(graph, IID_IMediaControl);
+    }
+
+    ComRef<SinkFilter> m_videoSink = SinkFilter::create();
+    ComRef<IGraphBuilder> m_videoGraph;
+    ComRef<IBaseFilter> m_video;
+    ComRef<IPin> m_videoPin;
+};
+
+} // namespace
+
+TEST_F(AudioVideo, VideoPinStartsTheSoundOnceAndTheAudioFilterJoins) {
+    connect();
+    connectVideo();
+    clearTrace();
+    m_card.clearLog();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->start"), 1);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->S_OK"), 1);
+    EXPECT_TRUE(soundIsGrabbed());
+    EXPECT_TRUE(
+        waitUntil([&] { return lines(L"CKestraAudioStream->SDIGrabAudioCallback->!m_pFilter->IsActive()") >= 3; }));
+    EXPECT_EQ(m_sink->pin.received, 0) << "its own filter is stopped";
+    clearTrace();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->start"), 1);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->m_bactive"), 1);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->S_OK"), 0) << "no further line";
+    EXPECT_EQ(soundStarts(), 1);
+    ASSERT_TRUE(receives(3));
+    EXPECT_EQ(m_sink->pin.samples()[0].start, 0);
+    EXPECT_EQ(m_sink->pin.samples()[1].start, 166666);
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    EXPECT_FALSE(soundIsGrabbed());
+    EXPECT_TRUE(videoReceives()) << "the picture goes on";
+}
+
+TEST_F(AudioVideo, SoundThatOnlyTheVideoPinStartedEndsWithTheNextStopOrDisconnection) {
+    connect();
+    for (const bool stop : {true, false}) {
+        SCOPED_TRACE(stop);
+        connectVideo();
+        ASSERT_EQ(m_video->Run(0), S_OK);
+        ASSERT_TRUE(videoReceives());
+        EXPECT_EQ(m_video->Stop(), S_OK);
+        EXPECT_TRUE(soundIsGrabbed()) << "the video pin leaves it running";
+        if (stop) {
+            clearTrace();
+            EXPECT_EQ(m_filter->Stop(), S_OK);
+            EXPECT_EQ(lines(L"CKestraAudioStream->Inactive->NOERROR"), 1);
+        } else {
+            disconnect();
+        }
+        EXPECT_FALSE(soundIsGrabbed());
+        releaseVideo();
+    }
+}
+
+TEST_F(AudioVideo, RunningAudioPinIsLeftAlone) {
+    connect();
+    connectVideo();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    clearTrace();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->m_pFilter->IsActive()"), 1);
+    EXPECT_TRUE(receives(2));
+    EXPECT_TRUE(videoReceives());
+    EXPECT_EQ(m_video->Stop(), S_OK);
+    EXPECT_TRUE(receives(2)) << "the sound goes on";
+}
+
+TEST_F(AudioVideo, AudioPinThatIsNotConnectedIsNotStarted) {
+    ASSERT_EQ(makeFilter(), S_OK);
+    connectVideo();
+    clearTrace();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->!IsConnected()"), 1);
+    EXPECT_FALSE(soundIsGrabbed());
+    EXPECT_TRUE(videoReceives());
+}
+
+TEST_F(AudioVideo, SoundThatCannotStartDoesNotHoldUpThePicture) {
+    connect();
+    connectVideo();
+    m_card.failNext(wire::kChannelAccess, 0xC0000022); // the audio channel's claim comes first
+    clearTrace();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->TARNIS_GetDMAAccess"), 1);
+    EXPECT_TRUE(videoReceives());
+    ASSERT_EQ(m_filter->Run(0), S_OK) << "and the next start works";
+    EXPECT_TRUE(receives(2));
+}
+
+TEST_F(AudioVideo, SecondAudioFilterJoinsWhatRunsAndNeedsNoSoundOfItsOwn) {
+    connect();
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(1));
+    Signal silent = kSmall;
+    silent.audio = 0;
+    m_card.setSignal(silent);
+    CardControl(1).setSignal(silent);
+    ComRef<IBaseFilter> second;
+    ASSERT_EQ(m_module->create(kAudioFilter, IID_IBaseFilter, reinterpret_cast<void**>(second.out())), S_OK)
+        << "while sound is grabbed, a card is taken as it comes";
+    const ComRef<IPin> pin = onlyPin(second.get());
+    const auto sink = SinkFilter::create();
+    ASSERT_EQ(pin->Connect(&sink->pin, nullptr), S_OK);
+    clearTrace();
+    m_card.clearLog();
+    ASSERT_EQ(second->Run(0), S_OK);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Active->m_bactive"), 1);
+    EXPECT_EQ(soundStarts(), 0);
+    EXPECT_EQ(second->Stop(), S_OK);
+    pin->Disconnect();
+    CardControl(1).reset();
+}
+
+namespace {
+
+/// Every way to interleave the steps of two lists, each in its order: true takes from the first.
+std::vector<std::vector<bool>> interleavings(int first, int second) {
+    std::vector<std::vector<bool>> all;
+    for (uint32_t bits = 0; bits < 1u << (first + second); ++bits) {
+        std::vector<bool> order;
+        int taken = 0;
+        for (int i = 0; i < first + second; ++i) {
+            order.push_back((bits >> i & 1) != 0);
+            taken += order.back();
+        }
+        if (taken == first) all.push_back(order);
+    }
+    return all;
+}
+
+} // namespace
+
+TEST_F(AudioVideo, EveryOrderOfStartStopAndReleaseWithoutAGraphLeavesNothing) {
+    for (const bool paused : {false, true})
+        for (const auto& order : interleavings(3, 3)) {
+            std::string name;
+            for (const bool sound : order)
+                name += sound ? 'a' : 'v';
+            SCOPED_TRACE(name + (paused ? ", paused" : ", run"));
+            connect();
+            connectVideo();
+            int audioStep = 0, videoStep = 0;
+            for (const bool sound : order) {
+                IBaseFilter* filter = sound ? m_filter.get() : m_video.get();
+                switch (sound ? audioStep++ : videoStep++) {
+                case 0:
+                    ASSERT_EQ(paused ? filter->Pause() : filter->Run(0), S_OK);
+                    ASSERT_TRUE(sound ? receives(1) : videoReceives(1));
+                    break;
+                case 1:
+                    ASSERT_EQ(filter->Stop(), S_OK);
+                    break;
+                default:
+                    sound ? release() : releaseVideo();
+                }
+            }
+            ASSERT_EQ(m_module->canUnloadNow(), S_OK);
+            ASSERT_EQ(m_card.state().clients, 0u);
+            clearTrace();
+        }
+}
+
+TEST_F(AudioVideo, EveryOrderOfStartStopAndReleaseInTwoGraphsLeavesNothing) {
+    for (const auto& order : interleavings(3, 3)) {
+        std::string name;
+        for (const bool sound : order)
+            name += sound ? 'a' : 'v';
+        SCOPED_TRACE(name);
+        makeConnectedGraph();
+        m_videoGraph = newGraph();
+        ASSERT_EQ(m_module->create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_video.out())), S_OK);
+        m_videoPin = onlyPin(m_video.get());
+        ASSERT_EQ(m_videoGraph->AddFilter(m_video.get(), L"picture"), S_OK);
+        ASSERT_EQ(m_videoGraph->AddFilter(m_videoSink.get(), L"sink"), S_OK);
+        ASSERT_EQ(m_videoGraph->ConnectDirect(m_videoPin.get(), &m_videoSink->pin, nullptr), S_OK);
+        int audioStep = 0, videoStep = 0;
+        for (const bool sound : order) {
+            IGraphBuilder* graph = sound ? m_graph.get() : m_videoGraph.get();
+            switch (sound ? audioStep++ : videoStep++) {
+            case 0:
+                ASSERT_TRUE(SUCCEEDED(controlOf(graph)->Run()));
+                ASSERT_TRUE(sound ? receives(1) : videoReceives(1));
+                break;
+            case 1:
+                ASSERT_TRUE(SUCCEEDED(controlOf(graph)->Stop()));
+                break;
+            default:
+                // The graph alone, as an application lets go of it: it stops and disconnects what it holds.
+                if (sound) {
+                    m_pin = ComRef<IPin>();
+                    m_filter = ComRef<IBaseFilter>();
+                    m_graph = ComRef<IGraphBuilder>();
+                } else {
+                    m_videoPin = ComRef<IPin>();
+                    m_video = ComRef<IBaseFilter>();
+                    m_videoGraph = ComRef<IGraphBuilder>();
+                }
+            }
+        }
+        ASSERT_EQ(m_module->canUnloadNow(), S_OK);
+        ASSERT_EQ(m_card.state().clients, 0u);
+        clearTrace();
+    }
+}
+
+TEST_F(AudioVideo, OneGraphRunsBothAndLeavesNothingHoweverItEnds) {
+    enum class Step { Pause, Run, Stop };
+    using enum Step;
+    for (const std::vector<Step>& steps : {std::vector<Step>{Run, Stop},
+                                           {Pause, Run, Stop},
+                                           {Run, Pause, Stop},
+                                           {Pause, Stop},
+                                           {Run, Stop, Run, Stop},
+                                           {Run, Pause, Run},
+                                           {Run},
+                                           {Pause},
+                                           {Stop}})
+        for (const bool soundFirst : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << steps.size() << " steps, the first " << int(steps[0]) << ", sound first " << soundFirst);
+            ASSERT_EQ(makeFilter(), S_OK);
+            ASSERT_EQ(m_module->create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_video.out())), S_OK);
+            m_videoPin = onlyPin(m_video.get());
+            m_graph = newGraph();
+            for (const bool sound : {soundFirst, !soundFirst})
+                ASSERT_EQ(m_graph->AddFilter(sound ? m_filter.get() : m_video.get(), sound ? L"audio" : L"video"),
+                          S_OK);
+            ASSERT_EQ(m_graph->AddFilter(m_sink.get(), L"sound"), S_OK);
+            ASSERT_EQ(m_graph->AddFilter(m_videoSink.get(), L"picture"), S_OK);
+            ASSERT_EQ(m_graph->ConnectDirect(m_pin.get(), &m_sink->pin, nullptr), S_OK);
+            ASSERT_EQ(m_graph->ConnectDirect(m_videoPin.get(), &m_videoSink->pin, nullptr), S_OK);
+            for (const Step step : steps) {
+                const auto graph = control();
+                m_sink->pin.forget();
+                ASSERT_TRUE(SUCCEEDED(step == Pause ? graph->Pause() : step == Run ? graph->Run() : graph->Stop()));
+                if (step == Stop) continue;
+                ASSERT_TRUE(receives(2));
+                ASSERT_TRUE(videoReceives(2));
+            }
+            m_pin = ComRef<IPin>();
+            m_videoPin = ComRef<IPin>();
+            m_filter = ComRef<IBaseFilter>();
+            m_video = ComRef<IBaseFilter>();
+            m_graph = ComRef<IGraphBuilder>(); // stops what still runs
+            ASSERT_EQ(m_module->canUnloadNow(), S_OK);
+            ASSERT_EQ(m_card.state().clients, 0u);
+            clearTrace();
+        }
+}
+
+TEST_F(AudioVideo, BitDepthCanBeSetWhileOnlyTheVideoPinHasStartedTheSound) {
+    makeConnectedGraph();
+    connectVideo();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    EXPECT_TRUE(soundIsGrabbed());
+    ASSERT_EQ(depth()->put_BitDepth(1), S_OK);
+    EXPECT_FALSE(soundIsGrabbed()) << "of 16 bits";
+    ASSERT_TRUE(SUCCEEDED(control()->Run()));
+    ASSERT_TRUE(receives(2));
+    EXPECT_EQ(m_sink->pin.samples()[0].bytes.size(), 4800u);
+    EXPECT_TRUE(videoReceives());
+}
+
+TEST_F(AudioVideo, PulledCardEndsAndResumesBoth) {
+    connect();
+    connectVideo();
+    ASSERT_EQ(m_video->Run(0), S_OK);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    ASSERT_TRUE(receives(2));
+    m_card.unplug();
+    EXPECT_TRUE(waitUntil([&] { return m_sink->pin.endOfStreams == 1 && m_videoSink->pin.endOfStreams == 1; }));
+    m_card.plug();
+    EXPECT_TRUE(receives(2));
+    EXPECT_TRUE(videoReceives());
+    m_card.unplug();
+    EXPECT_EQ(m_video->Stop(), S_OK);
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    m_card.plug();
+}
+
+} // namespace kestra::test
