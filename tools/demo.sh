@@ -30,7 +30,7 @@ demo_record() {
 
 verb_demo() {
     verb_build
-    build_preset native check_recording
+    build_preset native check_recording check_synchrony
     rm -rf "$demo"
     mkdir -p "$demo" "$root/build/demo"
 

@@ -54,3 +54,24 @@ frame_rate() {
     awk '!/^#/ { stamp[n++] = $1 }
          END { first = int(n / 4); printf "%.2f", (n > 1 ? 1000 * (n - 1 - first) / (stamp[n - 1] - stamp[first]) : 0) }' "$1"
 }
+
+# record_both FORMAT SECONDS SOUND TIMES: raw frames to the standard output, 16-bit samples into the file SOUND, and the
+# time stamps of both in milliseconds into TIMES.picture and TIMES.sound.
+record_both() {
+    rm -f "$3"
+    run_windows "$windows_ffmpeg" -hide_banner -loglevel error -stats -y -rtbufsize 2000M -f dshow -pixel_format "$1" \
+        -audio_buffer_size 50 -i "video=Kestra Capture Video:audio=Kestra Capture Audio" \
+        -t "$2" -map 0:v -vsync passthrough -c:v rawvideo -f rawvideo - \
+        -t "$2" -map 0:a -c:a pcm_s16le -f s16le "Z:$3" \
+        -t "$2" -map 0:v -c copy -f mkvtimestamp_v2 "Z:$4.picture" -t "$2" -map 0:a -c copy -f mkvtimestamp_v2 "Z:$4.sound"
+}
+
+# check_synchrony FORMAT SCAN SOUND TIMES < raw frames: compares each frame and each sample with what the simulated card
+# sent, and measures the sound's offset by flash and beep. SCAN as for check_video. At 29.97 Hz the offset may be one
+# frame; at 60 Hz three, because the simulated card takes up to 60 ms to lock the picture's buffers.
+check_synchrony() {
+    local interlaced=0 frames_per_second=60 largest_ms=51
+    [ "$2" = p ] || { interlaced=1 frames_per_second=30 largest_ms=34; }
+    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$frames_per_second" "$largest_ms" "$3" \
+        "$4.picture" "$4.sound"
+}
