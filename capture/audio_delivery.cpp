@@ -2,6 +2,7 @@
 #include "capture/audio_filter.h"
 #include "capture/audio_stream.h"
 #include "capture/com_ref.h"
+#include "capture/module_state.h"
 #include "capture/trace.h"
 
 #include <algorithm>
@@ -72,6 +73,7 @@ HRESULT CKestraAudioStream::Active() {
 }
 
 HRESULT CKestraAudioStream::startGrabbing() {
+    videoPins.prepare(m_pFilter->GetFilterGraph());
     m_timeStampSamples = m_blocks = m_bytesDelivered = 0;
     if (TARNIS_GetDMAAccess(m_hGrabber, m_port) != TARNIS_SUCCESS)
         return traced(L"CKestraAudioStream->Active->TARNIS_GetDMAAccess", E_UNEXPECTED);

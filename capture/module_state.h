@@ -7,6 +7,8 @@
 #include <mutex>
 #include <vector>
 
+class CKestraStream;
+
 namespace kestra {
 
 /// How many filters there are, for their trace lines.
@@ -28,5 +30,20 @@ private:
     std::vector<CBasePin*> m_pins;
 };
 extern AudioPins audioPins;
+
+/// The video pins of this module. Any thread.
+class VideoPins {
+public:
+    void add(CKestraStream* pin);
+    void remove(CKestraStream* pin) noexcept;
+    /// Lets the pins of a graph get their buffers ready for a start that is near, so that sound which starts now is not
+    /// ahead of the picture by the time that takes.
+    void prepare(IFilterGraph* graph) noexcept;
+
+private:
+    std::mutex m_mutex;
+    std::vector<CKestraStream*> m_pins;
+};
+extern VideoPins videoPins;
 
 } // namespace kestra

@@ -35,6 +35,15 @@ STDMETHODIMP CKestraStream::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt)
     return traced(L"CKestraStream->Connect->NOERROR", S_OK);
 }
 
+void CKestraStream::prepareFor(const IFilterGraph* graph) noexcept {
+    if (m_pFilter->GetFilterGraph() != graph || !IsConnected() || m_accessClaims > 0) return;
+    if (TARNIS_GetDMAAccess(m_hGrabber, m_port) != TARNIS_SUCCESS) return;
+    TarnisCameraData cameraData{};
+    cameraData.outputSelector = outputSelector();
+    noexp_TARNIS_Prepare(m_hGrabber, m_port, &cameraData); // a start that finds the same has no more to do
+    TARNIS_ReleaseDMAAccess(m_hGrabber, m_port);
+}
+
 HRESULT CKestraStream::Active() {
     CAutoLock lock(m_pFilter->pStateLock());
     trace(L"CKestraStream->Active->start");

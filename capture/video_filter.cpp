@@ -49,6 +49,7 @@ CKestraCapture::CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr)
 }
 
 CKestraCapture::~CKestraCapture() {
+    videoPins.remove(m_stream); // from here on no audio pin reaches it
     traceInstance(L"CKestraCapture->Destructor->#", filterInstances.load());
     --filterInstances;
     m_iPins = m_stream ? 1 : 0; // what the base class counts when it deletes its pins

@@ -2,6 +2,7 @@
 #include "capture/video_stream.h"
 
 #include "capture/cleared_flag.h"
+#include "capture/module_state.h"
 #include "capture/pin_category.h"
 #include "capture/settings.h"
 #include "capture/trace.h"
@@ -9,6 +10,7 @@
 #include "capture/video_formats.h"
 
 #include <cstring>
+#include <new>
 
 using namespace kestra;
 
@@ -26,9 +28,15 @@ CKestraStream::CKestraStream(HRESULT* phr, CKestraCapture* pFilter)
       m_colors(*this, *pFilter) {
     trace(L"CKestraStream->Constructor");
     if (const auto persisted = readSetting(kVideoFormatValue)) m_videoFormat = *persisted;
+    try {
+        videoPins.add(this);
+    } catch (const std::bad_alloc&) {
+        if (phr) *phr = E_OUTOFMEMORY;
+    }
 }
 
 CKestraStream::~CKestraStream() {
+    videoPins.remove(this);
     trace(L"CKestraStream->Destructor");
 }
 

@@ -12,6 +12,8 @@
 #include <ksmedia.h>
 #include <ksproxy.h>
 
+#include <atomic>
+
 class CKestraCapture;
 
 class CKestraStream : public CSourceStream,
@@ -30,6 +32,10 @@ public:
         m_hGrabber = grabber;
         m_port = port;
     }
+
+    /// Gets the card's buffers ready if the pin is connected in that graph and has not started. Takes no lock: the
+    /// audio pin calls, under the lock of its own filter, and what is read here changes only while no graph starts.
+    void prepareFor(const IFilterGraph* graph) noexcept;
 
     // For the filter's analysis, under the state lock.
     bool isRgbOut() const { return outputSelector() == TARNIS_OUTPUT_RGB24; }
@@ -73,17 +79,18 @@ private:
     kestra::ColorInterfaces m_colors;
     TARNIS_HANDLE m_hGrabber = nullptr;
     int8_t m_port = 0;
-    uint32_t m_videoFormat = 0; ///< as persisted; frames are made of effectiveFormat()
+    std::atomic<uint32_t> m_videoFormat{0}; ///< as persisted; frames are made of effectiveFormat()
     bool m_formatSet = false;
     CMediaType m_setFormat;
     TarnisCameraData m_cameraData{};
     LONGLONG m_timeStampFrames = 0, m_deliveredFrames = 0;
-    int32_t m_timeStampRate = 25; ///< frames per second
-    int m_accessClaims = 0;       ///< DMA accesses to be released; under the state lock
-    int m_ownerReferences = 0;    ///< taken by Active, given back by Inactive; under the state lock
+    int32_t m_timeStampRate = 25;       ///< frames per second
+    std::atomic<int> m_accessClaims{0}; ///< DMA accesses to be released; changed under the state lock
+    int m_ownerReferences = 0;          ///< taken by Active, given back by Inactive; under the state lock
 
     kestra::VideoFormat effectiveFormat() const {
-        return m_videoFormat < kestra::kVideoFormats ? static_cast<kestra::VideoFormat>(m_videoFormat) : kestra::kYuy2;
+        const uint32_t format = m_videoFormat;
+        return format < kestra::kVideoFormats ? static_cast<kestra::VideoFormat>(format) : kestra::kYuy2;
     }
     /// What the card is to make for the effective format.
     uint32_t outputSelector() const {
