@@ -67,11 +67,10 @@ record_both() {
 }
 
 # check_synchrony FORMAT SCAN SOUND TIMES < raw frames: compares each frame and each sample with what the simulated card
-# sent, and measures the sound's offset by flash and beep. SCAN as for check_video. At 29.97 Hz the offset may be one
-# frame; at 60 Hz three, because the simulated card takes up to 60 ms to lock the picture's buffers.
+# sent, and measures the sound's offset by flash and beep, which may be one frame of 29.97 Hz. SCAN as for check_video.
 check_synchrony() {
-    local interlaced=0 frames_per_second=60 largest_ms=51
-    [ "$2" = p ] || { interlaced=1 frames_per_second=30 largest_ms=34; }
-    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$frames_per_second" "$largest_ms" "$3" \
+    local interlaced=0 frames_per_second=60
+    [ "$2" = p ] || { interlaced=1 frames_per_second=30; }
+    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$frames_per_second" 34 "$3" \
         "$4.picture" "$4.sound"
 }

@@ -1,6 +1,7 @@
 // The audio pin at work: connection, start and stop, every byte of both depths, every status, and what a badly behaved
 // receiver, a changing input or a pulled card do to it. KESTRA_LONG=1: more of it. The account of the trace lines holds
 // for this whole program.
+#include "simcard/model/sound.h"
 #include "tests/com/audio_test.h"
 #include "tests/com/test_allocator.h"
 #include "tests/support/process_counts.h"

@@ -1,6 +1,8 @@
 // Sound and picture together: the video pin starts the sound of the whole process, in every order in which the two can
 // be started, stopped and let go, in one graph, in two, and in none.
+#include "simcard/model/picture.h"
 #include "tests/com/audio_test.h"
+#include "tests/support/sound_check.h"
 
 namespace kestra::test {
 namespace {
@@ -305,6 +307,44 @@ TEST_F(AudioVideo, OneGraphRunsBothAndLeavesNothingHoweverItEnds) {
             ASSERT_EQ(m_card.state().clients, 0u);
             clearTrace();
         }
+}
+
+TEST_F(AudioVideo, PictureAndSoundOfOneGraphBeginWithinAFrame) {
+    m_card.setSignal(kInterlaced60); // large pictures, whose buffers take the system long to lock
+    m_videoSink->pin.keep = 1;
+    for (const bool soundFirst : {false, true}) {
+        SCOPED_TRACE(soundFirst);
+        ASSERT_EQ(makeFilter(), S_OK);
+        ASSERT_EQ(m_module->create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(m_video.out())), S_OK);
+        m_videoPin = onlyPin(m_video.get());
+        m_graph = newGraph();
+        for (const bool sound : {soundFirst, !soundFirst})
+            ASSERT_EQ(m_graph->AddFilter(sound ? m_filter.get() : m_video.get(), sound ? L"audio" : L"video"), S_OK);
+        ASSERT_EQ(m_graph->AddFilter(m_sink.get(), L"sound"), S_OK);
+        ASSERT_EQ(m_graph->AddFilter(m_videoSink.get(), L"picture"), S_OK);
+        ASSERT_EQ(m_graph->ConnectDirect(m_pin.get(), &m_sink->pin, nullptr), S_OK);
+        ASSERT_EQ(m_graph->ConnectDirect(m_videoPin.get(), &m_videoSink->pin, nullptr), S_OK);
+        m_card.clearLog();
+        ASSERT_TRUE(SUCCEEDED(control()->Run()));
+        ASSERT_TRUE(receives(1));
+        ASSERT_TRUE(videoReceives(1));
+        int videoPrepares = 0;
+        for (const LogEntry& entry : m_card.log())
+            videoPrepares += entry.code == wire::kPrepare && entry.bytes[0] == 0;
+        EXPECT_EQ(videoPrepares, 1) << "ahead of the sound's start, and not once more";
+        const auto sound = soundFrameOf(m_sink->pin.samples()[0].bytes.data(), 30, 1, 0, m_card.state().frameNumber);
+        ASSERT_TRUE(sound);
+        const std::vector<uint8_t> frame = m_videoSink->pin.samples()[0].bytes;
+        uint32_t picture = 0;
+        ASSERT_TRUE(readFrameNumber(
+            1920, 1080, [&](uint32_t x, uint32_t y) { return frame[size_t{y} * 1920 * 2 + size_t{x} * 2]; }, picture));
+        EXPECT_NEAR(double(*sound), double(picture), 1.0);
+        ASSERT_TRUE(SUCCEEDED(control()->Stop()));
+        release();
+        releaseVideo();
+        m_videoSink->pin.forget();
+        m_sink->pin.forget();
+    }
 }
 
 TEST_F(AudioVideo, BitDepthCanBeSetWhileOnlyTheVideoPinHasStartedTheSound) {
