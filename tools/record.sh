@@ -66,11 +66,11 @@ record_both() {
         -t "$2" -map 0:v -c copy -f mkvtimestamp_v2 "Z:$4.picture" -t "$2" -map 0:a -c copy -f mkvtimestamp_v2 "Z:$4.sound"
 }
 
-# check_synchrony FORMAT SCAN SOUND TIMES < raw frames: compares each frame and each sample with what the simulated card
-# sent, and measures the sound's offset by flash and beep, which may be one frame of 29.97 Hz. SCAN as for check_video.
+# check_synchrony FORMAT SCAN RATE SOUND TIMES < raw frames: compares each frame and each sample with what the simulated
+# card sent, and measures the sound's offset by flash and beep, which may be one frame of 29.97 Hz. SCAN, RATE and results
+# as with check_video.
 check_synchrony() {
-    local interlaced=0 frames_per_second=60
-    [ "$2" = p ] || { interlaced=1 frames_per_second=30; }
-    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$frames_per_second" 34 "$3" \
-        "$4.picture" "$4.sound"
+    local interlaced=0
+    [ "$2" = p ] || interlaced=1
+    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$3" 34 "$4" "$5.picture" "$5.sound"
 }

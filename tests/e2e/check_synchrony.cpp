@@ -24,7 +24,6 @@ struct PictureReport {
     uint32_t frames = 0, dropped = 0, unlike = 0;
     std::optional<uint32_t> firstNumber;
     std::vector<size_t> flashes; ///< places of the flashing frames
-    bool isWhole() const { return frames != 0 && dropped == 0 && unlike == 0; }
 };
 
 bool isFlashing(const Recording& recording, const std::vector<uint8_t>& frame) {
@@ -153,5 +152,9 @@ int main(int argc, char** argv) {
     }
     const double first = events.front().offsetMs(), last = events.back().offsetMs();
     const bool together = std::abs(first) <= largestMs && std::abs(last) <= largestMs && std::abs(last - first) < 1;
-    return picture.isWhole() && heard.isWhole() && together ? 0 : 1;
+    if (picture.frames == 0 || picture.unlike != 0 || heard.samples == 0 || heard.unlike != 0 || heard.doubled != 0)
+        return 1;
+    // A lost frame shifts what follows it, so that the offsets say nothing then.
+    if (picture.dropped != 0 || heard.lost != 0) return 3;
+    return together ? 0 : 1;
 }
