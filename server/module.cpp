@@ -2,6 +2,7 @@
 #include "capture/audio_filter.h"
 #include "capture/video_filter.h"
 #include "log/configuration.h"
+#include "pages/pages.h"
 #include "server/registration.h"
 
 #include <streams.h>
@@ -16,6 +17,9 @@ kestra::LogLifetime g_log; // the library's log is open for as long as the modul
 CFactoryTemplate g_Templates[] = {
     {L"Kestra Capture Video", &CLSID_KestraCapture, CKestraCapture::CreateInstance, nullptr, nullptr},
     {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, CKestraAudioCapture::CreateInstance, nullptr, nullptr},
+    {nullptr, &CLSID_KestraAudioPropertyPage, kestra::createAudioPage, nullptr, nullptr},
+    {nullptr, &CLSID_KestraStreamPropCSC, kestra::createConverterPage, nullptr, nullptr},
+    {nullptr, &CLSID_KestraStreamPropRGB, kestra::createGainPage, nullptr, nullptr},
 };
 int g_cTemplates = sizeof g_Templates / sizeof g_Templates[0];
 

@@ -1,0 +1,84 @@
+// The page "Audio Format".
+#include "pages/page_parts.h"
+#include "pages/pages.h"
+#include "pages/resource.h"
+
+#include <kestra_interfaces.h>
+
+namespace kestra {
+namespace {
+
+class CKestraAudioPropertyPage final : public CBasePropertyPage {
+public:
+    explicit CKestraAudioPropertyPage(LPUNKNOWN pUnk)
+        : CBasePropertyPage(NAME("Audio format page"), pUnk, IDD_AUDIO, IDS_AUDIO) {}
+
+    HRESULT OnConnect(IUnknown* object) override {
+        m_audio = ask<IKestraAudioPropertyPage>(object, IID_IKestraAudioPropertyPage);
+        return m_audio ? S_OK : E_NOINTERFACE;
+    }
+    HRESULT OnDisconnect() override {
+        m_audio.reset();
+        m_bDirty = FALSE;
+        return S_OK;
+    }
+    HRESULT OnActivate() override;
+    HRESULT OnApplyChanges() override;
+    INT_PTR OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) override;
+
+private:
+    LRESULT list(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) const {
+        return SendDlgItemMessageW(m_Dlg, IDC_BITS, message, wParam, lParam);
+    }
+    /// The low byte of the selected index; -1: nothing is selected.
+    signed char selected() const { return static_cast<signed char>(list(CB_GETCURSEL)); }
+
+    ComOwner<IKestraAudioPropertyPage> m_audio;
+    signed char m_index = -1; ///< last read or applied
+};
+
+HRESULT CKestraAudioPropertyPage::OnActivate() {
+    for (const wchar_t* width : {L"16 bits", L"24 bits"})
+        list(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(width));
+    unsigned char index = 0;
+    if (SUCCEEDED(m_audio->get_BitDepth(&index))) {
+        m_index = static_cast<signed char>(index);
+        list(CB_SETCURSEL, index);
+    }
+    m_bDirty = FALSE;
+    return S_OK;
+}
+
+HRESULT CKestraAudioPropertyPage::OnApplyChanges() {
+    const signed char index = selected();
+    HRESULT hr = S_OK;
+    if (index != m_index) {
+        hr = m_audio->put_BitDepth(static_cast<unsigned char>(index));
+        if (FAILED(hr))
+            MessageBoxW(m_Dlg,
+                        L"This audio format doesn't accepted by input pin of current graph. Please, choose another "
+                        L"format.",
+                        L"Error", MB_OK | MB_ICONERROR);
+        m_index = index; // a refused one too: it is not tried again until another has been chosen
+    }
+    if (SUCCEEDED(hr)) m_bDirty = FALSE;
+    return hr;
+}
+
+INT_PTR CKestraAudioPropertyPage::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) {
+    if (uMsg == WM_COMMAND && LOWORD(wParam) == IDC_BITS && HIWORD(wParam) == CBN_SELCHANGE) {
+        if (selected() == m_index) return TRUE; // as it was
+        m_bDirty = TRUE;
+        if (m_pPageSite) m_pPageSite->OnStatusChange(PROPPAGESTATUS_DIRTY);
+        return TRUE;
+    }
+    return CBasePropertyPage::OnReceiveMessage(hwnd, uMsg, wParam, lParam);
+}
+
+} // namespace
+
+CUnknown* CALLBACK createAudioPage(LPUNKNOWN pUnk, HRESULT* phr) {
+    return createPage<CKestraAudioPropertyPage>(pUnk, phr);
+}
+
+} // namespace kestra

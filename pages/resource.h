@@ -1,0 +1,54 @@
+// Numbers of the dialogs, their controls and titles. Read by the resource compiler too.
+#pragma once
+
+#define IDD_AUDIO 102
+#define IDD_GAIN 118
+#define IDD_CONVERTER 145
+
+#define IDS_AUDIO 102
+#define IDS_GAIN 118
+#define IDS_CONVERTER 145
+
+// Every page: shown in place of all the rest, and the line for messages.
+#define IDC_NOT_AVAILABLE 200
+#define IDC_MESSAGE 201
+
+// One after the other, in the order of the interface's properties.
+#define IDC_YOFF 210
+#define IDC_CROFF 211
+#define IDC_CBOFF 212
+#define IDC_Y1 213
+#define IDC_R1 214
+#define IDC_G1 215
+#define IDC_G2 216
+#define IDC_B1 217
+#define IDC_RMIN 218
+#define IDC_RMAX 219
+#define IDC_GMIN 220
+#define IDC_GMAX 221
+#define IDC_BMIN 222
+#define IDC_BMAX 223
+#define IDC_DEFAULT 224
+
+// Red, green, blue in each group of three.
+#define IDC_RED_GAIN 230
+#define IDC_GREEN_GAIN 231
+#define IDC_BLUE_GAIN 232
+#define IDC_RED_OFFSET 233
+#define IDC_GREEN_OFFSET 234
+#define IDC_BLUE_OFFSET 235
+#define IDC_RED_SLIDER 236
+#define IDC_GREEN_SLIDER 237
+#define IDC_BLUE_SLIDER 238
+#define IDC_RED_SPIN 239
+#define IDC_GREEN_SPIN 240
+#define IDC_BLUE_SPIN 241
+#define IDC_RED_ZERO 242
+#define IDC_GREEN_ZERO 243
+#define IDC_BLUE_ZERO 244
+#define IDC_LINK 245
+#define IDC_UNITY 246
+#define IDC_ANALYZE 247
+#define IDC_MEAN 248
+
+#define IDC_BITS 250

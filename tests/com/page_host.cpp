@@ -1,0 +1,225 @@
+#include "tests/com/page_host.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kestra::test {
+namespace {
+
+// The frame stays for all tests of a program: Wine takes two seconds to let go of a shown top-level window without a
+// window manager.
+HWND frameWindow() {
+    static const HWND frame = [] {
+        const HWND window = CreateWindowExW(0, L"STATIC", L"Kestra properties", WS_POPUP | WS_VISIBLE | WS_CLIPCHILDREN,
+                                            0, 0, 640, 480, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
+        return window;
+    }();
+    return frame;
+}
+
+std::wstring textOf(HWND window) {
+    std::wstring text(size_t(GetWindowTextLengthW(window)), L'\0');
+    GetWindowTextW(window, text.data(), int(text.size()) + 1);
+    return text;
+}
+
+std::wstring classOf(HWND window) {
+    wchar_t name[64];
+    GetClassNameW(window, name, 64);
+    return name;
+}
+
+} // namespace
+
+PageHost::PageHost() : m_frame(frameWindow()) {}
+
+PageHost::~PageHost() {
+    close();
+}
+
+HRESULT PageHost::open(ComRef<IPropertyPage> page, IUnknown* object) {
+    m_page = std::move(page);
+    HRESULT hr = m_page->SetPageSite(this);
+    if (SUCCEEDED(hr)) hr = m_page->SetObjects(1, &object);
+    PROPPAGEINFO info{};
+    info.cb = sizeof info;
+    if (SUCCEEDED(hr)) hr = m_page->GetPageInfo(&info);
+    if (SUCCEEDED(hr)) {
+        m_size = info.size;
+        m_title = info.pszTitle;
+        CoTaskMemFree(info.pszTitle);
+        hr = activate();
+    }
+    return hr;
+}
+
+HRESULT PageHost::activate() {
+    const RECT place{0, 0, m_size.cx, m_size.cy};
+    const HRESULT hr = m_page->Activate(m_frame, &place, FALSE);
+    m_dialog = SUCCEEDED(hr) ? GetWindow(m_frame, GW_CHILD) : nullptr;
+    return hr;
+}
+
+HRESULT PageHost::leave() {
+    m_dialog = nullptr;
+    return m_page->Deactivate();
+}
+
+HRESULT PageHost::comeBack() {
+    return activate();
+}
+
+void PageHost::close() {
+    if (!m_page) return;
+    if (m_dialog) leave();
+    m_page->SetObjects(0, nullptr);
+    m_page->SetPageSite(nullptr);
+    m_page = ComRef<IPropertyPage>();
+}
+
+std::wstring PageHost::text(int id) const {
+    return textOf(control(id));
+}
+
+bool PageHost::isMarked(int id) const {
+    const HDC dc = GetDC(control(id));
+    const COLORREF ordinary = GetSysColor(COLOR_WINDOW);
+    SetBkColor(dc, ordinary);
+    SendMessageW(m_dialog, WM_CTLCOLOREDIT, reinterpret_cast<WPARAM>(dc), reinterpret_cast<LPARAM>(control(id)));
+    const bool marked = GetBkColor(dc) != ordinary;
+    ReleaseDC(control(id), dc);
+    return marked;
+}
+
+std::vector<int> PageHost::tabOrder() const {
+    std::vector<int> order;
+    HWND at = nullptr;
+    for (;;) {
+        at = GetNextDlgTabItem(m_dialog, at, FALSE);
+        const int id = at ? GetDlgCtrlID(at) : 0;
+        if (!at || (!order.empty() && order.front() == id)) return order;
+        order.push_back(id);
+    }
+}
+
+std::vector<HWND> PageHost::children() const {
+    std::vector<HWND> found;
+    for (HWND child = GetWindow(m_dialog, GW_CHILD); child; child = GetWindow(child, GW_HWNDNEXT))
+        found.push_back(child);
+    return found;
+}
+
+std::vector<std::wstring> PageHost::cutTexts() const {
+    std::vector<std::wstring> cut;
+    RECT page;
+    GetClientRect(m_dialog, &page);
+    for (const HWND child : children()) {
+        if (!IsWindowVisible(child)) continue;
+        const std::wstring kind = classOf(child);
+        const LONG_PTR style = GetWindowLongPtrW(child, GWL_STYLE);
+        std::wstring text = textOf(child);
+        RECT room, place;
+        GetClientRect(child, &room);
+        GetWindowRect(child, &place);
+        MapWindowPoints(nullptr, m_dialog, reinterpret_cast<POINT*>(&place), 2);
+        if (place.left < 0 || place.top < 0 || place.right > page.right || place.bottom > page.bottom) {
+            // The list of a drop-down list hangs out of the dialog while it is closed.
+            if (kind != L"ComboBox") cut.push_back(L"outside: " + kind + L" " + text);
+        }
+        if (text.empty()) continue;
+        const HDC dc = GetDC(child);
+        const HGDIOBJ before = SelectObject(dc, reinterpret_cast<HFONT>(SendMessageW(child, WM_GETFONT, 0, 0)));
+        RECT needed{0, 0, room.right, 0};
+        UINT flags = DT_CALCRECT | DT_EDITCONTROL;
+        if (kind == L"Static") flags |= DT_WORDBREAK | (style & SS_NOPREFIX ? DT_NOPREFIX : 0u);
+        if (kind == L"Edit" || kind == L"ComboBox") flags |= DT_SINGLELINE | DT_NOPREFIX;
+        DrawTextW(dc, text.c_str(), -1, &needed, flags);
+        TEXTMETRICW metrics;
+        GetTextMetricsW(dc, &metrics);
+        SelectObject(dc, before);
+        ReleaseDC(child, dc);
+        LONG extraWidth = 0;
+        if (kind == L"Button") {
+            const bool group = (style & BS_TYPEMASK) == BS_GROUPBOX;
+            extraWidth = group ? 2 * metrics.tmAveCharWidth : metrics.tmAveCharWidth; // the button's own edges
+            if (group) needed.bottom = 0;
+        }
+        if (kind == L"Edit") extraWidth = 4;
+        if (kind == L"ComboBox") extraWidth = GetSystemMetrics(SM_CXVSCROLL) + 4;
+        if (needed.right + extraWidth > room.right || needed.bottom > room.bottom)
+            cut.push_back(kind + L" " + text + L": needs " + std::to_wstring(needed.right + extraWidth) + L"x" +
+                          std::to_wstring(needed.bottom) + L", has " + std::to_wstring(room.right) + L"x" +
+                          std::to_wstring(room.bottom));
+    }
+    return cut;
+}
+
+void PageHost::type(int id, const std::wstring& text) const {
+    const HWND edit = control(id);
+    SetFocus(edit);
+    SendMessageW(edit, EM_SETSEL, 0, -1);
+    if (text.empty()) SendMessageW(edit, WM_CLEAR, 0, 0);
+    for (const wchar_t c : text)
+        SendMessageW(edit, WM_CHAR, c, 1);
+}
+
+void PageHost::key(WORD virtualKey) const {
+    MSG message{};
+    message.hwnd = GetFocus();
+    message.message = WM_KEYDOWN;
+    message.wParam = virtualKey;
+    message.lParam = 1;
+    m_page->TranslateAccelerator(&message);
+}
+
+void PageHost::accessKey(wchar_t letter) const {
+    MSG message{};
+    message.hwnd = GetFocus();
+    message.message = WM_SYSCHAR;
+    message.wParam = letter;
+    message.lParam = 1 | 1 << 29; // Alt is down
+    m_page->TranslateAccelerator(&message);
+}
+
+STDMETHODIMP PageHost::QueryInterface(REFIID riid, void** ppv) {
+    *ppv = riid == IID_IUnknown || riid == IID_IPropertyPageSite ? this : nullptr;
+    if (*ppv) AddRef();
+    return *ppv ? S_OK : E_NOINTERFACE;
+}
+
+STDMETHODIMP PageHost::OnStatusChange(DWORD flags) {
+    if (flags & PROPPAGESTATUS_DIRTY) ++dirtyReports;
+    return S_OK;
+}
+
+STDMETHODIMP PageHost::GetLocaleID(LCID* id) {
+    if (!id) return E_POINTER;
+    *id = GetUserDefaultLCID();
+    return S_OK;
+}
+
+DialogsForDpi::DialogsForDpi(HMODULE module, std::vector<int> dialogs, int dpi) {
+    for (const int dialog : dialogs) {
+        const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(dialog), MAKEINTRESOURCEW(5)); // RT_DIALOG
+        if (!resource) continue;
+        auto* bytes = static_cast<BYTE*>(LockResource(LoadResource(module, resource)));
+        // An extended template: its head, menu and class (a number or none here), title, then the font's size.
+        auto* word = reinterpret_cast<WORD*>(bytes + 26);
+        for (int name = 0; name < 2; ++name)
+            word += *word == 0xFFFF ? 2 : 1;
+        while (*word != 0)
+            ++word;
+        ++word;
+        DWORD old;
+        VirtualProtect(word, sizeof *word, PAGE_READWRITE, &old);
+        m_before.emplace_back(word, *word);
+        *word = static_cast<WORD>(*word * dpi / 96);
+    }
+}
+
+DialogsForDpi::~DialogsForDpi() {
+    for (const auto& [word, points] : m_before)
+        *word = points;
+}
+
+} // namespace kestra::test
