@@ -6,12 +6,18 @@
 namespace kestra::test {
 namespace {
 
-// The frame stays for all tests of a program: Wine takes two seconds to let go of a shown top-level window without a
-// window manager.
+// A dialog, as a real frame is: it knows the keys. It stays for all tests of a program, because Wine takes two seconds
+// to let go of a shown top-level window without a window manager.
 HWND frameWindow() {
     static const HWND frame = [] {
-        const HWND window = CreateWindowExW(0, L"STATIC", L"Kestra properties", WS_POPUP | WS_VISIBLE | WS_CLIPCHILDREN,
-                                            0, 0, 640, 480, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
+        struct {
+            DLGTEMPLATE head;
+            WORD menu, windowClass, title;
+        } const plain = {{WS_POPUP | WS_VISIBLE | WS_CLIPCHILDREN, 0, 0, 0, 0, 0, 0}, 0, 0, 0};
+        const HWND window = CreateDialogIndirectParamW(
+            GetModuleHandleW(nullptr), &plain.head, nullptr,
+            [](HWND, UINT, WPARAM, LPARAM) -> INT_PTR { return FALSE; }, 0);
+        SetWindowPos(window, nullptr, 0, 0, 960, 720, SWP_NOZORDER);
         return window;
     }();
     return frame;
@@ -163,13 +169,18 @@ void PageHost::type(int id, const std::wstring& text) const {
         SendMessageW(edit, WM_CHAR, c, 1);
 }
 
+/// As a frame's message loop does it: the page first, then the frame's own dialog keys.
+void PageHost::dispatchKey(MSG message) const {
+    if (m_page->TranslateAccelerator(&message) != S_OK) IsDialogMessageW(m_frame, &message);
+}
+
 void PageHost::key(WORD virtualKey) const {
     MSG message{};
     message.hwnd = GetFocus();
     message.message = WM_KEYDOWN;
     message.wParam = virtualKey;
     message.lParam = 1;
-    m_page->TranslateAccelerator(&message);
+    dispatchKey(message);
 }
 
 void PageHost::accessKey(wchar_t letter) const {
@@ -178,7 +189,7 @@ void PageHost::accessKey(wchar_t letter) const {
     message.message = WM_SYSCHAR;
     message.wParam = letter;
     message.lParam = 1 | 1 << 29; // Alt is down
-    m_page->TranslateAccelerator(&message);
+    dispatchKey(message);
 }
 
 STDMETHODIMP PageHost::QueryInterface(REFIID riid, void** ppv) {

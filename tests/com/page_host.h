@@ -52,7 +52,7 @@ public:
     // What a user does.
     void type(int id, const std::wstring& text) const; ///< in place of what is there, key by key
     void click(int id) const { SendMessageW(control(id), BM_CLICK, 0, 0); }
-    void key(WORD virtualKey) const;      ///< through the page's accelerators
+    void key(WORD virtualKey) const;
     void accessKey(wchar_t letter) const; ///< Alt and that letter
 
     int dirtyReports = 0;
@@ -68,6 +68,7 @@ public:
 
 private:
     HRESULT activate();
+    void dispatchKey(MSG message) const;
 
     HWND m_frame, m_dialog = nullptr;
     SIZE m_size{};

@@ -1,0 +1,325 @@
+// The page "Color space converter" as its user sees it, down to the bytes that reach the card.
+#include "tests/com/page_test.h"
+#include "tests/support/process_counts.h"
+
+#include <algorithm>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+class ConverterPage : public PageTest {};
+
+const std::vector<int> kEdits = {IDC_YOFF, IDC_CROFF, IDC_CBOFF, IDC_Y1,   IDC_R1,   IDC_G1,   IDC_G2,
+                                 IDC_B1,   IDC_RMIN,  IDC_RMAX,  IDC_GMIN, IDC_GMAX, IDC_BMIN, IDC_BMAX};
+
+} // namespace
+
+TEST_F(ConverterPage, HasItsTitleAndDialog) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    EXPECT_EQ(m_host.title(), L"Color space converter");
+    EXPECT_NE(FindResourceW(m_module.handle(), MAKEINTRESOURCEW(145), MAKEINTRESOURCEW(5)), nullptr);
+    EXPECT_EQ(GetWindowLongPtrW(m_host.dialog(), GWL_STYLE) & WS_CHILD, WS_CHILD);
+    std::wstring labels;
+    for (const HWND child : m_host.children()) {
+        wchar_t text[128];
+        GetWindowTextW(child, text, 128);
+        std::wstring plain = text;
+        plain.erase(std::remove(plain.begin(), plain.end(), L'&'), plain.end());
+        labels += L"|" + plain;
+    }
+    for (const wchar_t* label :
+         {L"|Y Off|", L"|Cr Off|", L"|Cb Off|", L"|Y1|", L"|R1|", L"|G1 -|", L"|G2 -|", L"|B1|", L"|Min|", L"|Max|",
+          L"|Default|", L"|These options are not available for this output format|"})
+        EXPECT_NE((labels + L"|").find(label), std::wstring::npos) << testing::PrintToString(std::wstring(label));
+}
+
+TEST_F(ConverterPage, ShowsTheCardsValuesAndIsNotDirty) {
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    const wchar_t* expected[] = {L"64",    L"512", L"512", L"1.160", L"1.594", L"0.812", L"0.391",
+                                 L"2.016", L"0",   L"255", L"0",     L"255",   L"0",     L"255"};
+    for (size_t i = 0; i < kEdits.size(); ++i)
+        EXPECT_EQ(m_host.text(kEdits[i]), expected[i]) << i;
+    EXPECT_TRUE(m_host.isShown(IDC_DEFAULT));
+    EXPECT_FALSE(m_host.isShown(IDC_NOT_AVAILABLE));
+    EXPECT_EQ(m_host.text(IDC_MESSAGE), L"");
+    EXPECT_FALSE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 0);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(m_card.log().empty()) << "nothing has changed";
+}
+
+TEST_F(ConverterPage, EveryFieldReachesTheCardInOneRecord) {
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    const wchar_t* typed[] = {L"-70", L"500", L"501", L"2.5", L"-0.25", L"0.5", L"0.75",
+                              L"3",   L"1",   L"2",   L"3",   L"4",     L"5",   L"6"};
+    for (size_t i = 0; i < kEdits.size(); ++i)
+        m_host.type(kEdits[i], typed[i]);
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_TRUE(sent().empty()) << "not before Apply";
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_FALSE(m_host.isDirty());
+    const wire::Converter expected = {-70, 500, 501, 640, -64, 128, 192, 768, 1, 2, 3, 4, 5, 6, 256, 256, 256, 0, 0, 0};
+    ASSERT_EQ(sent().size(), 1u);
+    EXPECT_TRUE(same(sent()[0], expected));
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(sent().size(), 1u);
+}
+
+TEST_F(ConverterPage, PutsAllPropertiesInOrderBetweenFreezing) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    m_double.putResult = E_FAIL; // the results of the puts do not count
+    m_host.type(IDC_BMAX, L"254");
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_double.puts, (std::vector<std::string>{"freeze", "YOff", "CrOff", "CbOff", "Y1", "R1", "G1", "G2", "B1",
+                                                       "RMin", "RMax", "GMin", "GMax", "BMin", "BMax", "unfreeze"}));
+    EXPECT_FALSE(m_host.isDirty());
+}
+
+TEST_F(ConverterPage, OnlyAChangeMakesItDirty) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    SetDlgItemTextW(m_host.dialog(), IDC_YOFF, L"64");
+    m_host.key(VK_TAB);
+    EXPECT_FALSE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 0);
+    SendMessageW(m_host.control(IDC_YOFF), EM_SETSEL, 2, 2);
+    SendMessageW(m_host.control(IDC_YOFF), WM_CHAR, L'0', 1);
+    EXPECT_EQ(m_host.text(IDC_YOFF), L"640");
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 1);
+}
+
+TEST_F(ConverterPage, DefaultLoadsTheDefaultsAndApplySendsThem) {
+    m_registry.setDword(kSettings, L"VideoFormat", 1);
+    ASSERT_EQ(makeFilter(), S_OK);
+    const auto csc = query<IKestraStreamPropCSC>(m_filter.get(), IID_IKestraStreamPropCSC);
+    csc->put_YOff(100);
+    csc->put_B1(1.0f);
+    csc->put_RMin(9);
+    openOn(CLSID_KestraStreamPropCSC, m_filter.get());
+    EXPECT_EQ(m_host.text(IDC_YOFF), L"100");
+    m_card.clearLog();
+    m_host.click(IDC_DEFAULT);
+    const wchar_t* expected[] = {L"64",    L"512", L"512", L"1.164", L"1.596", L"0.813", L"0.392",
+                                 L"2.017", L"0",   L"255", L"0",     L"255",   L"0",     L"255"};
+    for (size_t i = 0; i < kEdits.size(); ++i)
+        EXPECT_EQ(m_host.text(kEdits[i]), expected[i]) << i;
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 1);
+    EXPECT_TRUE(m_card.log().empty());
+    ASSERT_EQ(m_host.apply(), S_OK);
+    ASSERT_EQ(sent().size(), 1u);
+    EXPECT_TRUE(same(sent()[0], wire::toWire(wire::kDefaultConverter)));
+}
+
+TEST_F(ConverterPage, DefaultThatCannotBeReadChangesNothing) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_YOFF, L"65");
+    m_double.defaultResult = E_FAIL;
+    const int reports = m_host.dirtyReports;
+    m_host.click(IDC_DEFAULT);
+    EXPECT_EQ(m_host.text(IDC_YOFF), L"65");
+    EXPECT_EQ(m_host.dirtyReports, reports);
+}
+
+TEST_F(ConverterPage, DefaultBringsTheRunningPictureBackByteForByte) {
+    showPicture(PictureKind::Grey);
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    run();
+    const std::vector<uint8_t> original = nextSample();
+    m_host.type(IDC_YOFF, L"200");
+    m_host.type(IDC_GMAX, L"50");
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return nextSample()[1] == 50; })) << "the picture follows";
+    m_host.click(IDC_DEFAULT);
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return nextSample() == original; }));
+}
+
+TEST_F(ConverterPage, WrongNumbersAreMarkedNamedAndNotSent) {
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    const struct {
+        int id;
+        const wchar_t* typed;
+        const wchar_t* message;
+    } cases[] = {{IDC_YOFF, L"", L"Y Off: Please enter a whole number from -1023 to 1023."},
+                 {IDC_CROFF, L"12a", L"Cr Off: This is not a whole number. Please enter one from -1023 to 1023."},
+                 {IDC_CBOFF, L"1024", L"Cb Off: Please enter a whole number from -1023 to 1023."},
+                 {IDC_Y1, L"1,164", L"Y1: Please write a point before the decimals, not a comma."},
+                 {IDC_B1, L"200", L"B1: Please enter a number from -127.996 to 127.996."},
+                 {IDC_RMIN, L"-1", L"Red Min: Please enter a whole number from 0 to 255."},
+                 {IDC_BMAX, L"256", L"Blue Max: Please enter a whole number from 0 to 255."}};
+    for (const auto& [id, typed, message] : cases) {
+        SCOPED_TRACE(id);
+        const std::wstring before = m_host.text(id);
+        m_host.type(id, typed);
+        SetFocus(m_host.control(IDC_DEFAULT));
+        EXPECT_EQ(m_host.apply(), E_INVALIDARG);
+        EXPECT_TRUE(m_card.log().empty()) << "nothing is sent half";
+        EXPECT_TRUE(m_host.isDirty());
+        EXPECT_EQ(m_host.text(IDC_MESSAGE), message);
+        EXPECT_EQ(GetFocus(), m_host.control(id));
+        for (const int edit : kEdits)
+            EXPECT_EQ(m_host.isMarked(edit), edit == id) << edit;
+        m_host.type(id, before);
+        EXPECT_FALSE(m_host.isMarked(id)) << "while it is corrected";
+        EXPECT_EQ(m_host.text(IDC_MESSAGE), L"");
+    }
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(sent().size(), 1u);
+}
+
+TEST_F(ConverterPage, EveryWrongFieldIsMarkedAndTheFirstNamed) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_BMIN, L"x");
+    m_host.type(IDC_G1, L"");
+    EXPECT_EQ(m_host.apply(), E_INVALIDARG);
+    EXPECT_TRUE(m_host.isMarked(IDC_BMIN));
+    EXPECT_TRUE(m_host.isMarked(IDC_G1));
+    EXPECT_EQ(m_host.text(IDC_MESSAGE), L"G1: Please enter a number from -127.996 to 127.996.");
+    EXPECT_EQ(GetFocus(), m_host.control(IDC_G1));
+    EXPECT_TRUE(m_double.puts.empty());
+    m_host.click(IDC_DEFAULT);
+    EXPECT_FALSE(m_host.isMarked(IDC_BMIN));
+    EXPECT_EQ(m_host.apply(), S_OK);
+}
+
+TEST_F(ConverterPage, MarkedFieldIsRedOnTheScreen) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_YOFF, L"");
+    SetFocus(m_host.control(IDC_DEFAULT));
+    const HWND edit = m_host.control(IDC_YOFF);
+    RedrawWindow(edit, nullptr, nullptr, RDW_INVALIDATE | RDW_ERASE | RDW_UPDATENOW);
+    const HDC dc = GetDC(edit);
+    const COLORREF pixel = GetPixel(dc, 5, 5);
+    ReleaseDC(edit, dc);
+    EXPECT_EQ(pixel, RGB(255, 218, 214));
+}
+
+TEST_F(ConverterPage, FormatsWithoutTheConverterShowOneSentence) {
+    openOnFilter(CLSID_KestraStreamPropCSC, 0);
+    for (const HWND child : m_host.children())
+        EXPECT_EQ(IsWindowVisible(child) != FALSE, GetDlgCtrlID(child) == IDC_NOT_AVAILABLE);
+    EXPECT_EQ(m_host.text(IDC_NOT_AVAILABLE), L"These options are not available for this output format");
+    EXPECT_FALSE(m_host.isDirty());
+    m_host.click(IDC_DEFAULT);
+    EXPECT_FALSE(m_host.isDirty());
+    EXPECT_TRUE(m_card.log().empty());
+    ASSERT_EQ(m_host.leave(), S_OK);
+    ASSERT_EQ(choose(3), S_OK);
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_TRUE(m_host.isShown(IDC_YOFF)) << "RGB uses it";
+    EXPECT_FALSE(m_host.isShown(IDC_NOT_AVAILABLE));
+    EXPECT_EQ(m_host.text(IDC_YOFF), L"64");
+}
+
+TEST_F(ConverterPage, RefusalOfTheCardIsShownAndCanBeRepeated) {
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_YOFF, L"65");
+    m_card.failNext(wire::kSetConverter, kStatusAccessDenied);
+    EXPECT_EQ(m_host.apply(), E_ACCESSDENIED);
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.text(IDC_MESSAGE),
+              L"The card has not taken these values. Another application is using the card (0x80070005).");
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_FALSE(m_host.isDirty());
+    EXPECT_EQ(m_card.state().converter.yOff, 65);
+}
+
+TEST_F(ConverterPage, WorksOnThePinToo) {
+    m_registry.setDword(kSettings, L"VideoFormat", 3);
+    ASSERT_EQ(makeFilter(), S_OK);
+    openOn(CLSID_KestraStreamPropCSC, m_pin.get());
+    m_host.type(IDC_RMAX, L"200");
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_card.state().converter.rMax, 200);
+}
+
+TEST_F(ConverterPage, ObjectWithoutAConverterIsRefused) {
+    ComRef<IPropertyPage> page = makePage(CLSID_KestraStreamPropCSC);
+    IUnknown* object = &m_host;
+    EXPECT_EQ(page->SetObjects(1, &object), E_NOINTERFACE);
+    const RECT place{0, 0, 100, 100};
+    EXPECT_EQ(page->Activate(m_host.frame(), &place, FALSE), E_UNEXPECTED);
+}
+
+TEST_F(ConverterPage, WhatWasTypedSurvivesAVisitToAnotherPage) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_Y1, L"1.5");
+    m_host.type(IDC_R1, L"oh");
+    ASSERT_EQ(m_host.leave(), S_OK);
+    EXPECT_EQ(m_host.apply(), E_INVALIDARG) << "there is no dialog to ask, and it is still wrong";
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(m_host.text(IDC_Y1), L"1.5");
+    EXPECT_EQ(m_host.text(IDC_R1), L"oh");
+    EXPECT_TRUE(m_host.isMarked(IDC_R1));
+    m_host.type(IDC_R1, L"1.25");
+    ASSERT_EQ(m_host.leave(), S_OK);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_double.values.Y1, 1.5f);
+    EXPECT_EQ(m_double.values.R1, 1.25f);
+    m_double.values.YOff = 77;
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(m_host.text(IDC_YOFF), L"77") << "nothing is left to be applied: the current values";
+}
+
+TEST_F(ConverterPage, TabGoesThroughTheFieldsInTheirOrder) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    std::vector<int> expected = kEdits;
+    expected.push_back(IDC_DEFAULT);
+    EXPECT_EQ(m_host.tabOrder(), expected);
+    SetFocus(m_host.control(IDC_YOFF));
+    m_host.key(VK_TAB);
+    EXPECT_EQ(GetFocus(), m_host.control(IDC_CROFF));
+}
+
+TEST_F(ConverterPage, AccessKeysAreUniqueAndLeadToTheirFields) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    std::wstring keys = accessKeys();
+    std::sort(keys.begin(), keys.end());
+    EXPECT_EQ(std::adjacent_find(keys.begin(), keys.end()), keys.end());
+    EXPECT_EQ(keys.find_first_of(L"AH"), std::wstring::npos) << "Apply and Help are the frame's";
+    const std::pair<wchar_t, int> expected[] = {{L'y', IDC_YOFF}, {L'c', IDC_CROFF}, {L'o', IDC_CBOFF}, {L'1', IDC_Y1},
+                                                {L'r', IDC_R1},   {L'g', IDC_G1},    {L'2', IDC_G2},    {L'b', IDC_B1},
+                                                {L'e', IDC_RMIN}, {L'n', IDC_GMIN},  {L'u', IDC_BMIN}};
+    EXPECT_EQ(keys.size(), std::size(expected) + 1);
+    for (const auto& [letter, id] : expected) {
+        SetFocus(m_host.control(IDC_RMAX));
+        m_host.accessKey(letter);
+        EXPECT_EQ(GetFocus(), m_host.control(id)) << char(letter);
+    }
+    m_host.accessKey(L'd');
+    EXPECT_TRUE(m_host.isDirty()) << "Default was pressed";
+}
+
+TEST_F(ConverterPage, NoTextIsCutAt96And144Dpi) {
+    for (const int dpi : {96, 120, 144, 192}) {
+        const DialogsForDpi scaled(m_module.handle(), {145}, dpi);
+        for (const LONG available : {1, 0}) {
+            m_double.rgbOut = available;
+            openOnDouble(CLSID_KestraStreamPropCSC);
+            if (available) {
+                m_host.type(IDC_CROFF, L"1.0");
+                m_host.type(IDC_Y1, L"-127.996");
+            }
+            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
+            m_host.close();
+        }
+    }
+}
+
+TEST_F(ConverterPage, ShownManyTimesItLeavesNoHandle) {
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    const auto cycle = [&] {
+        m_host.leave();
+        m_host.comeBack();
+    };
+    cycle();
+    const ProcessCounts before = processCounts();
+    for (int i = 0; i < 50; ++i)
+        cycle();
+    EXPECT_LE(processCounts().handles, before.handles);
+}
+
+} // namespace kestra::test

@@ -1,0 +1,415 @@
+// The page "RGB Gain/Offset": sliders, linked gains, offsets, and the white balance from the tinted picture to the
+// neutral one.
+#include "tests/com/page_test.h"
+
+#include <commctrl.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace kestra::test {
+namespace {
+
+using namespace kestra::simcard;
+
+class GainPage : public PageTest {
+protected:
+    int slider(int color) const { return int(SendMessageW(m_host.control(IDC_RED_SLIDER + color), TBM_GETPOS, 0, 0)); }
+    /// As the mouse does it: the thumb goes, then the page is told.
+    void drag(int color, int position) const {
+        const HWND bar = m_host.control(IDC_RED_SLIDER + color);
+        SendMessageW(bar, TBM_SETPOS, TRUE, position);
+        SendMessageW(m_host.dialog(), WM_HSCROLL, MAKEWPARAM(TB_THUMBTRACK, position), reinterpret_cast<LPARAM>(bar));
+        SendMessageW(m_host.dialog(), WM_HSCROLL, MAKEWPARAM(TB_ENDTRACK, 0), reinterpret_cast<LPARAM>(bar));
+    }
+    std::vector<std::wstring> gains() const {
+        return {m_host.text(IDC_RED_GAIN), m_host.text(IDC_GREEN_GAIN), m_host.text(IDC_BLUE_GAIN)};
+    }
+    using Texts = std::vector<std::wstring>;
+    /// Means of red, green and blue of an RGB24 sample whose lines have no gaps.
+    static std::vector<double> means(const std::vector<uint8_t>& bytes) {
+        uint64_t sums[3] = {};
+        for (size_t i = 0; i + 2 < bytes.size(); i += 3)
+            for (size_t channel = 0; channel < 3; ++channel)
+                sums[channel] += bytes[i + 2 - channel];
+        const double pixels = double(bytes.size() / 3);
+        return {double(sums[0]) / pixels, double(sums[1]) / pixels, double(sums[2]) / pixels};
+    }
+    static bool agree(const std::vector<double>& values) {
+        const auto [low, high] = std::minmax_element(values.begin(), values.end());
+        return *high - *low <= *high * 0.01;
+    }
+};
+
+} // namespace
+
+TEST_F(GainPage, HasItsTitleAndDialogAndTexts) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    EXPECT_EQ(m_host.title(), L"RGB Gain/Offset");
+    EXPECT_NE(FindResourceW(m_module.handle(), MAKEINTRESOURCEW(118), MAKEINTRESOURCEW(5)), nullptr);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
+    std::vector<std::wstring> texts;
+    for (const HWND child : m_host.children()) {
+        wchar_t text[128];
+        GetWindowTextW(child, text, 128);
+        std::wstring plain = text;
+        plain.erase(std::remove(plain.begin(), plain.end(), L'&'), plain.end());
+        texts.push_back(plain);
+    }
+    const auto count = [&](const wchar_t* text) { return std::count(texts.begin(), texts.end(), text); };
+    for (const wchar_t* once : {L"RGB Gain", L"RGB Offset", L"White balance", L"Link", L"Unity", L"Analyze"})
+        EXPECT_EQ(count(once), 1) << testing::PrintToString(std::wstring(once));
+    for (const wchar_t* color : {L"Red", L"Green", L"Blue"})
+        EXPECT_EQ(count(color), 2);
+    EXPECT_EQ(count(L"zero"), 3);
+}
+
+TEST_F(GainPage, ShowsTheCardsValuesAndIsNotDirty) {
+    m_registry.setDword(kSettings, L"VideoFormat", 1);
+    ASSERT_EQ(makeFilter(), S_OK);
+    const auto rgb = query<IKestraStreamPropRGBGainOffset>(m_filter.get(), IID_IKestraStreamPropRGBGainOffset);
+    rgb->put_GreenGain(1.5f);
+    rgb->put_BlueGain(3.999f);
+    rgb->put_RedOffset(-127);
+    rgb->put_BlueOffset(127);
+    openOn(CLSID_KestraStreamPropRGB, m_filter.get());
+    m_card.clearLog();
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.500", L"3.999"}));
+    EXPECT_EQ(slider(0), 1000);
+    EXPECT_EQ(slider(1), 1500);
+    EXPECT_EQ(slider(2), 3999);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"-127");
+    EXPECT_EQ(m_host.text(IDC_GREEN_OFFSET), L"0");
+    EXPECT_EQ(m_host.text(IDC_BLUE_OFFSET), L"127");
+    EXPECT_FALSE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 0);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(m_card.log().empty());
+}
+
+TEST_F(GainPage, RangesAreThoseOfTheRecord) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    for (int color = 0; color < 3; ++color) {
+        const HWND bar = m_host.control(IDC_RED_SLIDER + color);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETRANGEMIN, 0, 0), 0);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETRANGEMAX, 0, 0), 3999);
+        int least = 0, most = 0;
+        SendMessageW(m_host.control(IDC_RED_SPIN + color), UDM_GETRANGE32, reinterpret_cast<WPARAM>(&least),
+                     reinterpret_cast<LPARAM>(&most));
+        EXPECT_EQ(least, -127);
+        EXPECT_EQ(most, 127);
+        EXPECT_EQ(SendMessageW(m_host.control(IDC_RED_SPIN + color), UDM_GETBUDDY, 0, 0),
+                  reinterpret_cast<LRESULT>(m_host.control(IDC_RED_OFFSET + color)));
+    }
+}
+
+TEST_F(GainPage, SliderAndEditAreInStep) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    drag(1, 2345);
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"2.345", L"1.000"}));
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 1);
+    m_host.type(IDC_BLUE_GAIN, L"0.5");
+    EXPECT_EQ(slider(2), 500);
+    EXPECT_EQ(m_host.text(IDC_BLUE_GAIN), L"0.5") << "what is being typed is left alone";
+    m_host.type(IDC_BLUE_GAIN, L"9");
+    EXPECT_EQ(slider(2), 500) << "a number that is none of its range moves nothing";
+    drag(2, 0);
+    EXPECT_EQ(m_host.text(IDC_BLUE_GAIN), L"0.000");
+    SendMessageW(m_host.control(IDC_RED_SLIDER), WM_KEYDOWN, VK_RIGHT, 1);
+    EXPECT_EQ(m_host.text(IDC_RED_GAIN), L"1.010") << "an arrow key goes a hundredth";
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_double.gains[0], 1.01f);
+    EXPECT_EQ(m_double.gains[1], 2.345f);
+    EXPECT_EQ(m_double.gains[2], 0.0f);
+}
+
+TEST_F(GainPage, LinkMovesTheThreeTogether) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_LINK);
+    EXPECT_FALSE(m_host.isDirty()) << "linking alone changes nothing";
+    drag(0, 2000);
+    EXPECT_EQ(gains(), (Texts{L"2.000", L"2.000", L"2.000"}));
+    EXPECT_EQ(slider(1), 2000);
+    EXPECT_EQ(slider(2), 2000);
+    m_host.type(IDC_BLUE_GAIN, L"0.75");
+    EXPECT_EQ(gains(), (Texts{L"0.750", L"0.750", L"0.75"}));
+    m_host.click(IDC_LINK);
+    drag(1, 1000);
+    EXPECT_EQ(gains(), (Texts{L"0.750", L"1.000", L"0.75"})) << "each on its own again";
+}
+
+TEST_F(GainPage, LinkedGainsKeepTheirProportions) {
+    m_double.gains[1] = 2;
+    m_double.gains[2] = 0.5f;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_LINK);
+    drag(0, 1500);
+    EXPECT_EQ(gains(), (Texts{L"1.500", L"3.000", L"0.750"})) << "a white balance stays one";
+    drag(0, 3000);
+    EXPECT_EQ(gains(), (Texts{L"3.000", L"3.999", L"1.500"})) << "as far as one can go";
+    drag(0, 1000);
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"2.000", L"0.500"})) << "and back";
+    drag(0, 0);
+    EXPECT_EQ(gains(), (Texts{L"0.000", L"0.000", L"0.000"}));
+    drag(2, 250);
+    EXPECT_EQ(gains(), (Texts{L"0.500", L"1.000", L"0.250"}));
+}
+
+TEST_F(GainPage, LinkedGainOfZeroTakesTheOthersAlong) {
+    m_double.gains[0] = 0;
+    m_double.gains[1] = 2;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_LINK);
+    drag(0, 500);
+    EXPECT_EQ(gains(), (Texts{L"0.500", L"0.500", L"0.500"}));
+}
+
+TEST_F(GainPage, UnityAndZeroSetTheirValues) {
+    m_double.gains[0] = 2;
+    m_double.offsets[0] = 5;
+    m_double.offsets[1] = -6;
+    m_double.offsets[2] = 7;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_UNITY);
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.000", L"1.000"}));
+    EXPECT_EQ(slider(0), 1000);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"5") << "offsets have their own";
+    EXPECT_TRUE(m_host.isDirty());
+    m_host.click(IDC_GREEN_ZERO);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"5");
+    EXPECT_EQ(m_host.text(IDC_GREEN_OFFSET), L"0");
+    EXPECT_EQ(m_host.text(IDC_BLUE_OFFSET), L"7");
+    m_host.click(IDC_RED_ZERO);
+    m_host.click(IDC_BLUE_ZERO);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    for (int color = 0; color < 3; ++color) {
+        EXPECT_EQ(m_double.gains[color], 1.0f);
+        EXPECT_EQ(m_double.offsets[color], 0);
+    }
+}
+
+TEST_F(GainPage, UpDownControlsCountWithinTheRange) {
+    m_double.offsets[0] = 126;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    const HWND edit = m_host.control(IDC_RED_OFFSET);
+    SendMessageW(edit, WM_KEYDOWN, VK_UP, 1);
+    SendMessageW(edit, WM_KEYUP, VK_UP, 1);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"127");
+    EXPECT_TRUE(m_host.isDirty());
+    SendMessageW(edit, WM_KEYDOWN, VK_UP, 1);
+    SendMessageW(edit, WM_KEYUP, VK_UP, 1);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"127");
+    m_host.type(IDC_RED_OFFSET, L"-3");
+    SendMessageW(edit, WM_KEYDOWN, VK_DOWN, 1);
+    SendMessageW(edit, WM_KEYUP, VK_DOWN, 1);
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"-4");
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_double.offsets[0], -4);
+}
+
+TEST_F(GainPage, ApplySendsOneRecord) {
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    m_host.type(IDC_RED_GAIN, L"1.5");
+    m_host.type(IDC_GREEN_GAIN, L"0");
+    m_host.type(IDC_BLUE_GAIN, L"3.999");
+    m_host.type(IDC_RED_OFFSET, L"-127");
+    m_host.type(IDC_GREEN_OFFSET, L"127");
+    m_host.type(IDC_BLUE_OFFSET, L"-1");
+    EXPECT_TRUE(m_card.log().empty());
+    ASSERT_EQ(m_host.apply(), S_OK);
+    wire::Converter expected = wire::toWire(wire::kDefaultConverter);
+    expected.redGain = 384;
+    expected.greenGain = 0;
+    expected.blueGain = 1023;
+    expected.redOffset = 0xFF;
+    expected.greenOffset = 0x7F;
+    expected.blueOffset = 0x81;
+    ASSERT_EQ(sent().size(), 1u);
+    EXPECT_TRUE(same(sent()[0], expected));
+    EXPECT_FALSE(m_host.isDirty());
+}
+
+TEST_F(GainPage, PutsAllPropertiesBetweenFreezing) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_UNITY);
+    m_double.unfreezeResult = E_FAIL;
+    EXPECT_EQ(m_host.apply(), E_FAIL);
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.text(IDC_MESSAGE),
+              L"The card has not taken these values. Please look at the input signal and the log (0x80004005).");
+    EXPECT_EQ(m_double.puts, (std::vector<std::string>{"freeze", "RedGain", "GreenGain", "BlueGain", "RedOffset",
+                                                       "GreenOffset", "BlueOffset", "unfreeze"}));
+}
+
+TEST_F(GainPage, WrongNumbersAreMarkedNamedAndNotSent) {
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    const struct {
+        int id;
+        const wchar_t* typed;
+        const wchar_t* message;
+    } cases[] = {
+        {IDC_RED_GAIN, L"", L"Red gain: Please enter a number from 0.000 to 3.999."},
+        {IDC_GREEN_GAIN, L"1,5", L"Green gain: Please write a point before the decimals, not a comma."},
+        {IDC_BLUE_GAIN, L"4", L"Blue gain: Please enter a number from 0.000 to 3.999."},
+        {IDC_RED_OFFSET, L"-128", L"Red offset: Please enter a whole number from -127 to 127."},
+        {IDC_GREEN_OFFSET, L"ten", L"Green offset: This is not a whole number. Please enter one from -127 to 127."},
+        {IDC_BLUE_OFFSET, L"1.5", L"Blue offset: This is not a whole number. Please enter one from -127 to 127."}};
+    for (const auto& [id, typed, message] : cases) {
+        SCOPED_TRACE(id);
+        const std::wstring before = m_host.text(id);
+        m_host.type(id, typed);
+        EXPECT_EQ(m_host.apply(), E_INVALIDARG);
+        EXPECT_TRUE(m_card.log().empty());
+        EXPECT_TRUE(m_host.isMarked(id));
+        EXPECT_EQ(m_host.text(IDC_MESSAGE), message);
+        EXPECT_EQ(GetFocus(), m_host.control(id));
+        m_host.type(id, before);
+        EXPECT_FALSE(m_host.isMarked(id));
+    }
+}
+
+TEST_F(GainPage, AnalyzeShowsGainsAndMeansAndWaitsForApply) {
+    m_double.means[0] = 167;
+    m_double.means[1] = 121;
+    m_double.means[2] = 100;
+    m_double.foundGains[1] = 1.3802f;
+    m_double.foundGains[2] = 1.67f;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.380", L"1.670"}));
+    EXPECT_EQ(slider(1), 1380);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {167,121,100}");
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(m_host.dirtyReports, 1);
+    EXPECT_TRUE(m_double.puts.empty());
+    m_host.click(IDC_LINK);
+    drag(0, 2000);
+    EXPECT_EQ(gains(), (Texts{L"2.000", L"2.760", L"3.340"}));
+}
+
+TEST_F(GainPage, InfiniteGainIsShownAndCannotBeApplied) {
+    m_double.foundGains[2] = std::numeric_limits<float>::infinity();
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.000", L"inf"}));
+    EXPECT_TRUE(m_host.isMarked(IDC_BLUE_GAIN));
+    EXPECT_EQ(m_host.apply(), E_INVALIDARG);
+    EXPECT_TRUE(m_double.puts.empty());
+}
+
+TEST_F(GainPage, FailedAnalysisIsReportedAndChangesNothing) {
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    m_card.failNext(wire::kSnap, kStatusInsufficientResources);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(m_host.text(IDC_MESSAGE),
+              L"The picture could not be analyzed. Please look at the input signal and the log (0x80004005).");
+    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.000", L"1.000"}));
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
+    EXPECT_FALSE(m_host.isDirty());
+    m_host.type(IDC_RED_OFFSET, L"1");
+    EXPECT_EQ(m_host.text(IDC_MESSAGE), L"") << "gone with the next change";
+    m_host.click(IDC_ANALYZE);
+    EXPECT_NE(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
+}
+
+TEST_F(GainPage, AnalyzeAndApplyMakeATintedPictureNeutralAndUnityBringsItBack) {
+    showPicture(PictureKind::Tinted);
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    run();
+    const std::vector<uint8_t> original = nextSample();
+    EXPECT_FALSE(agree(means(original)));
+    m_host.click(IDC_ANALYZE);
+    const std::vector<double> found = means(original);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {" + std::to_wstring(int(found[0])) + L"," +
+                                         std::to_wstring(int(found[1])) + L"," + std::to_wstring(int(found[2])) + L"}");
+    EXPECT_TRUE(waitUntil([&] { return nextSample() == original; })) << "not before Apply";
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return agree(means(nextSample())); }));
+    const std::vector<double> after = means(nextSample());
+    std::printf("means before %.3f %.3f %.3f, after %.3f %.3f %.3f\n", found[0], found[1], found[2], after[0], after[1],
+                after[2]);
+    m_host.click(IDC_UNITY);
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return nextSample() == original; })) << "byte for byte";
+    // The interface's own default does it too.
+    m_host.type(IDC_RED_OFFSET, L"20");
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return nextSample() != original; }));
+    const auto rgb = query<IKestraStreamPropRGBGainOffset>(m_filter.get(), IID_IKestraStreamPropRGBGainOffset);
+    ASSERT_EQ(rgb->Default(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return nextSample() == original; }));
+}
+
+TEST_F(GainPage, FormatsWithoutRgbShowOneSentence) {
+    openOnFilter(CLSID_KestraStreamPropRGB, 2);
+    for (const HWND child : m_host.children())
+        EXPECT_EQ(IsWindowVisible(child) != FALSE, GetDlgCtrlID(child) == IDC_NOT_AVAILABLE);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_TRUE(m_card.log().empty());
+    EXPECT_FALSE(m_host.isDirty());
+}
+
+TEST_F(GainPage, WhatWasSetSurvivesAVisitToAnotherPage) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_LINK);
+    drag(1, 2000);
+    m_host.leave();
+    m_host.comeBack();
+    EXPECT_EQ(gains(), (Texts{L"2.000", L"2.000", L"2.000"}));
+    EXPECT_EQ(slider(0), 2000);
+    EXPECT_EQ(IsDlgButtonChecked(m_host.dialog(), IDC_LINK), UINT(BST_CHECKED));
+    drag(0, 500);
+    EXPECT_EQ(gains(), (Texts{L"0.500", L"0.500", L"0.500"}));
+}
+
+TEST_F(GainPage, TabAndAccessKeysReachEverything) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    EXPECT_EQ(m_host.tabOrder(),
+              (std::vector<int>{IDC_RED_SLIDER, IDC_RED_GAIN, IDC_GREEN_SLIDER, IDC_GREEN_GAIN, IDC_BLUE_SLIDER,
+                                IDC_BLUE_GAIN, IDC_LINK, IDC_UNITY, IDC_RED_OFFSET, IDC_RED_ZERO, IDC_GREEN_OFFSET,
+                                IDC_GREEN_ZERO, IDC_BLUE_OFFSET, IDC_BLUE_ZERO, IDC_ANALYZE}));
+    std::wstring keys = accessKeys();
+    std::sort(keys.begin(), keys.end());
+    EXPECT_EQ(std::adjacent_find(keys.begin(), keys.end()), keys.end());
+    EXPECT_EQ(keys.find_first_of(L"AH"), std::wstring::npos) << "Apply and Help are the frame's";
+    EXPECT_EQ(keys.size(), 12u);
+    const std::pair<wchar_t, int> expected[] = {{L'r', IDC_RED_SLIDER},   {L'g', IDC_GREEN_SLIDER},
+                                                {L'b', IDC_BLUE_SLIDER},  {L'd', IDC_RED_OFFSET},
+                                                {L'n', IDC_GREEN_OFFSET}, {L'u', IDC_BLUE_OFFSET}};
+    for (const auto& [letter, id] : expected) {
+        SetFocus(m_host.control(IDC_ANALYZE));
+        m_host.accessKey(letter);
+        EXPECT_EQ(GetFocus(), m_host.control(id)) << char(letter);
+    }
+    m_host.accessKey(L'y');
+    EXPECT_EQ(m_double.analyses, 1);
+    m_host.accessKey(L'l');
+    EXPECT_EQ(IsDlgButtonChecked(m_host.dialog(), IDC_LINK), UINT(BST_CHECKED));
+}
+
+TEST_F(GainPage, NoTextIsCutAt96And144Dpi) {
+    for (int color = 0; color < 3; ++color) {
+        m_double.means[color] = 255;
+        m_double.gains[color] = 3.999f;
+        m_double.offsets[color] = -127;
+    }
+    for (const int dpi : {96, 120, 144, 192}) {
+        const DialogsForDpi scaled(m_module.handle(), {118}, dpi);
+        for (const LONG available : {1, 0}) {
+            m_double.rgbOut = available;
+            openOnDouble(CLSID_KestraStreamPropRGB);
+            m_double.analysisResult = S_OK;
+            m_host.click(IDC_ANALYZE);
+            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
+            for (const HRESULT failure : {E_FAIL, E_ACCESSDENIED, E_OUTOFMEMORY}) {
+                m_double.analysisResult = failure;
+                m_host.click(IDC_ANALYZE);
+                EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
+            }
+            m_host.close();
+        }
+    }
+}
+
+} // namespace kestra::test
