@@ -101,7 +101,7 @@ Memory snap(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, HRESULT& hr) no
 } // namespace
 
 HRESULT meanOfLiveFrame(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, double (&means)[3]) noexcept {
-    if (!imageLibraryIsThere()) return E_FAIL;
+    if (!imageLibraryIsThere()) return HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
     HRESULT hr = S_OK;
     Memory raw;
     {

@@ -35,6 +35,8 @@ std::wstring describe(HRESULT hr) {
         return L"Another application is using the card (" + code + L").";
     case E_OUTOFMEMORY:
         return L"There is not enough memory (" + code + L").";
+    case HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND):
+        return L"The image library ippLib.dll is missing or damaged (" + code + L").";
     default:
         return L"Please look at the input signal and the log (" + code + L").";
     }

@@ -2,6 +2,7 @@
 // white-balance analysis with everything that can go wrong in it.
 #include "simcard/model/card.h"
 #include "simcard/model/picture.h"
+#include "tests/com/module_copy.h"
 #include "tests/com/video_test.h"
 
 #include <kestra_interfaces.h>
@@ -20,42 +21,6 @@ constexpr wire::Converter kDefaults = wire::toWire(wire::kDefaultConverter);
 bool operator==(const wire::Converter& a, const wire::Converter& b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
-
-/// A folder of its own for a copy of the module. A module that has decoded in parallel stays in its process, and its
-/// file with it: what cannot be removed at the end, the next run removes.
-class ModuleCopy {
-public:
-    ModuleCopy() {
-        static int copies = 0;
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        const std::wstring prefix = std::wstring(temp) + L"kestra_module_";
-        WIN32_FIND_DATAW old;
-        const HANDLE search = FindFirstFileW((prefix + L"*").c_str(), &old);
-        if (search != INVALID_HANDLE_VALUE) {
-            do
-                removeAll(std::wstring(temp) + old.cFileName);
-            while (FindNextFileW(search, &old));
-            FindClose(search);
-        }
-        m_folder = prefix + std::to_wstring(GetCurrentProcessId()) + L"_" + std::to_wstring(++copies);
-        CreateDirectoryW(m_folder.c_str(), nullptr);
-        EXPECT_TRUE(CopyFileW(KESTRA_MODULE, module().c_str(), TRUE));
-    }
-    ~ModuleCopy() { removeAll(m_folder); }
-    ModuleCopy(const ModuleCopy&) = delete;
-    ModuleCopy& operator=(const ModuleCopy&) = delete;
-    std::wstring module() const { return m_folder + L"\\KestraCapture.dll"; }
-    std::wstring library() const { return m_folder + L"\\ippLib.dll"; }
-
-private:
-    static void removeAll(const std::wstring& folder) {
-        DeleteFileW((folder + L"\\KestraCapture.dll").c_str());
-        DeleteFileW((folder + L"\\ippLib.dll").c_str());
-        RemoveDirectoryW(folder.c_str());
-    }
-    std::wstring m_folder;
-};
 
 class ColorInterfaces : public VideoTest {
 protected:
@@ -102,12 +67,20 @@ protected:
         b.hr = m_rgb->WhiteBalance(&b.mean[0], &b.mean[1], &b.mean[2], &b.gain[0], &b.gain[1], &b.gain[2]);
         return b;
     }
-    /// Means of the R, G and B bytes of the next delivered sample (RGB24, no gaps between lines).
-    void nextMeans(double (&mean)[3]) {
+    /// The bytes of a sample that comes from now on.
+    std::vector<uint8_t> nextSample() {
+        std::vector<uint8_t> bytes;
         m_sink.forget();
-        const int before = m_sink.received;
-        ASSERT_TRUE(waitUntil([&] { return m_sink.received >= before + 1; }));
-        const std::vector<uint8_t> bytes = m_sink.samples().front().bytes;
+        EXPECT_TRUE(waitUntil([&] {
+            if (m_sink.received == 0) return false;
+            auto samples = m_sink.samples();
+            if (!samples.empty()) bytes = std::move(samples.front().bytes);
+            return !bytes.empty();
+        }));
+        return bytes;
+    }
+    /// Means of the R, G and B bytes of an RGB24 sample whose lines have no gaps.
+    static void meansOf(const std::vector<uint8_t>& bytes, double (&mean)[3]) {
         uint64_t sums[3] = {};
         for (size_t i = 0; i + 2 < bytes.size(); i += 3)
             for (size_t channel = 0; channel < 3; ++channel)
@@ -386,8 +359,8 @@ TEST_F(ColorInterfaces, GainsFoundMakeTheRunningPictureNeutralAndDefaultBringsIt
     ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
     ASSERT_EQ(m_filter->Run(0), S_OK);
     double mean[3];
-    nextMeans(mean);
-    const std::vector<uint8_t> original = m_sink.samples().front().bytes;
+    const std::vector<uint8_t> original = nextSample();
+    meansOf(original, mean);
     EXPECT_GT(mean[0], mean[1] * 1.1);
     EXPECT_GT(mean[1], mean[2] * 1.1);
     const Balance balance = analyze();
@@ -398,16 +371,13 @@ TEST_F(ColorInterfaces, GainsFoundMakeTheRunningPictureNeutralAndDefaultBringsIt
     EXPECT_EQ(m_rgb->put_BlueGain(balance.gain[2]), S_OK);
     EXPECT_EQ(m_rgb->put_FreezeUpdate(0), S_OK);
     const auto agree = [&] {
-        nextMeans(mean);
+        meansOf(nextSample(), mean);
         const auto [low, high] = std::minmax({mean[0], mean[1], mean[2]});
         return high - low <= high * 0.01;
     };
     EXPECT_TRUE(waitUntil(agree)) << mean[0] << " " << mean[1] << " " << mean[2];
     EXPECT_EQ(m_rgb->Default(), S_OK);
-    EXPECT_TRUE(waitUntil([&] {
-        nextMeans(mean);
-        return m_sink.samples().front().bytes == original;
-    }));
+    EXPECT_TRUE(waitUntil([&] { return nextSample() == original; }));
 }
 
 TEST_F(ColorInterfaces, FailedAnalysisTellsWhyAndRestoresTheCard) {
@@ -494,15 +464,13 @@ TEST_F(ColorInterfaces, WithoutTheImageLibraryTheModuleCapturesAndTheAnalysisFai
         }
         EXPECT_TRUE(waitUntil([&] { return module.canUnloadNow() == S_OK; }));
     };
-    tryModule(E_FAIL, "no library");
+    tryModule(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), "no library");
     wchar_t system[MAX_PATH];
     GetSystemDirectoryW(system, MAX_PATH);
     ASSERT_TRUE(CopyFileW((std::wstring(system) + L"\\version.dll").c_str(), copy.library().c_str(), FALSE));
-    tryModule(E_FAIL, "a library without the function");
+    tryModule(HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), "a library without the function");
     DeleteFileW(copy.library().c_str());
-    std::wstring real = KESTRA_MODULE;
-    real.replace(real.find_last_of(L"\\/") + 1, std::wstring::npos, L"ippLib.dll");
-    ASSERT_TRUE(CopyFileW(real.c_str(), copy.library().c_str(), FALSE));
+    ASSERT_TRUE(CopyFileW(ModuleCopy::originalLibrary().c_str(), copy.library().c_str(), FALSE));
     tryModule(S_OK, "the library is found when it is there");
 }
 

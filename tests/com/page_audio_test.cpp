@@ -1,5 +1,9 @@
 // The page "Audio Format".
+#include "tests/com/sink_filter.h"
+
 #include "tests/com/page_test.h"
+
+#include <mmreg.h>
 
 #include <atomic>
 #include <thread>
@@ -19,6 +23,34 @@ protected:
         SendMessageW(m_host.dialog(), WM_COMMAND, MAKEWPARAM(IDC_BITS, CBN_SELCHANGE),
                      reinterpret_cast<LPARAM>(m_host.control(IDC_BITS)));
     }
+};
+
+/// The audio filter in the system's graph, beside a receiver of ours.
+struct AudioGraph {
+    explicit AudioGraph(const ComModule& module) {
+        module.create(CLSID_KestraAudioCapture, IID_IBaseFilter, reinterpret_cast<void**>(filter.out()));
+        pin = onlyPin(filter.get());
+        CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER, IID_IGraphBuilder,
+                         reinterpret_cast<void**>(graph.out()));
+        if (!isMade()) return;
+        graph->AddFilter(filter.get(), L"Audio");
+        graph->AddFilter(sink.get(), L"Sink");
+    }
+    bool isMade() const { return filter && pin && graph; }
+    bool connect() const { return graph->ConnectDirect(pin.get(), &sink->pin, nullptr) == S_OK; }
+    /// Bits a sample of what the pin offers now.
+    int bits() const {
+        const auto config = query<IAMStreamConfig>(pin.get(), IID_IAMStreamConfig);
+        AM_MEDIA_TYPE* type = nullptr;
+        if (!config || FAILED(config->GetFormat(&type))) return 0;
+        const int found = reinterpret_cast<WAVEFORMATEX*>(type->pbFormat)->wBitsPerSample;
+        DeleteMediaType(type);
+        return found;
+    }
+    ComRef<SinkFilter> sink = SinkFilter::create();
+    ComRef<IBaseFilter> filter;
+    ComRef<IPin> pin;
+    ComRef<IGraphBuilder> graph;
 };
 
 /// Presses OK in every message box that comes up while the object lives, and keeps what it said.
@@ -178,6 +210,40 @@ TEST_F(AudioPage, RefusedWidthIsReportedOnceAndRemembered) {
     EXPECT_TRUE(m_host.isDirty());
     EXPECT_EQ(m_host.apply(), S_OK);
     EXPECT_EQ(m_double.puts.size(), 2u);
+}
+
+TEST_F(AudioPage, WidthOfTheRealPinIsSetAndRemembered) {
+    m_registry.setDword(kSettings, L"AudioFormat", 0);
+    AudioGraph graph(m_module);
+    ASSERT_TRUE(graph.isMade());
+    openOn(CLSID_KestraAudioPropertyPage, graph.pin.get());
+    EXPECT_EQ(list(CB_GETCURSEL), 0);
+    choose(1);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_registry.dword(kSettings, L"AudioFormat", 99), 1u);
+    EXPECT_EQ(graph.bits(), 24);
+    m_host.leave();
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(list(CB_GETCURSEL), 1);
+    m_host.close();
+}
+
+TEST_F(AudioPage, WidthThatTheConnectedReceiverRefusesIsReported) {
+    m_registry.setDword(kSettings, L"AudioFormat", 0);
+    AudioGraph graph(m_module);
+    ASSERT_TRUE(graph.isMade());
+    graph.sink->pin.refuses24 = true;
+    ASSERT_TRUE(graph.connect());
+    openOn(CLSID_KestraAudioPropertyPage, graph.pin.get());
+    choose(1);
+    BoxClicker clicker;
+    EXPECT_TRUE(FAILED(m_host.apply()));
+    clicker.finish();
+    EXPECT_EQ(clicker.boxes, 1);
+    EXPECT_TRUE(m_host.isDirty());
+    choose(0);
+    m_host.apply();
+    m_host.close();
 }
 
 TEST_F(AudioPage, ObjectWithoutAudioFormatIsRefused) {

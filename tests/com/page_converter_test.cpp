@@ -131,7 +131,7 @@ TEST_F(ConverterPage, DefaultBringsTheRunningPictureBackByteForByte) {
     m_host.type(IDC_YOFF, L"200");
     m_host.type(IDC_GMAX, L"50");
     ASSERT_EQ(m_host.apply(), S_OK);
-    EXPECT_TRUE(waitUntil([&] { return nextSample()[1] == 50; })) << "the picture follows";
+    EXPECT_TRUE(waitUntil([&] { return nextSample().at(1) == 50; })) << "the picture follows";
     m_host.click(IDC_DEFAULT);
     ASSERT_EQ(m_host.apply(), S_OK);
     EXPECT_TRUE(waitUntil([&] { return nextSample() == original; }));

@@ -1,5 +1,6 @@
 // The page "RGB Gain/Offset": sliders, linked gains, offsets, and the white balance from the tinted picture to the
 // neutral one.
+#include "tests/com/module_copy.h"
 #include "tests/com/page_test.h"
 
 #include <commctrl.h>
@@ -313,6 +314,29 @@ TEST_F(GainPage, FailedAnalysisIsReportedAndChangesNothing) {
     EXPECT_NE(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
 }
 
+TEST_F(GainPage, MissingImageLibraryIsNamed) {
+    const ModuleCopy copy;
+    const ComModule module(copy.module().c_str());
+    ASSERT_NE(module.handle(), nullptr);
+    m_registry.setDword(kSettings, L"VideoFormat", 1);
+    {
+        ComRef<IBaseFilter> filter;
+        ComRef<IPropertyPage> page;
+        ASSERT_EQ(module.create(kVideoFilter, IID_IBaseFilter, reinterpret_cast<void**>(filter.out())), S_OK);
+        ASSERT_EQ(module.create(CLSID_KestraStreamPropRGB, IID_IPropertyPage, reinterpret_cast<void**>(page.out())),
+                  S_OK);
+        ASSERT_EQ(m_host.open(std::move(page), filter.get()), S_OK);
+        m_host.click(IDC_ANALYZE);
+        EXPECT_EQ(m_host.text(IDC_MESSAGE),
+                  L"The picture could not be analyzed. The image library ippLib.dll is missing "
+                  L"or damaged (0x8007007E).");
+        EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+        EXPECT_FALSE(m_host.isDirty());
+        m_host.close();
+    }
+    EXPECT_TRUE(waitUntil([&] { return module.canUnloadNow() == S_OK; }));
+}
+
 TEST_F(GainPage, AnalyzeAndApplyMakeATintedPictureNeutralAndUnityBringsItBack) {
     showPicture(PictureKind::Tinted);
     openOnFilter(CLSID_KestraStreamPropRGB);
@@ -402,7 +426,8 @@ TEST_F(GainPage, NoTextIsCutAt96And144Dpi) {
             m_double.analysisResult = S_OK;
             m_host.click(IDC_ANALYZE);
             EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
-            for (const HRESULT failure : {E_FAIL, E_ACCESSDENIED, E_OUTOFMEMORY}) {
+            for (const HRESULT failure :
+                 {E_FAIL, E_ACCESSDENIED, E_OUTOFMEMORY, HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)}) {
                 m_double.analysisResult = failure;
                 m_host.click(IDC_ANALYZE);
                 EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";

@@ -61,11 +61,15 @@ protected:
     }
     /// The bytes of a sample that comes from now on.
     std::vector<uint8_t> nextSample() {
+        std::vector<uint8_t> bytes;
         m_sink.forget();
-        const int before = m_sink.received;
-        EXPECT_TRUE(waitUntil([&] { return m_sink.received > before; }));
-        const auto samples = m_sink.samples();
-        return samples.empty() ? std::vector<uint8_t>() : samples.front().bytes;
+        EXPECT_TRUE(waitUntil([&] {
+            if (m_sink.received == 0) return false;
+            auto samples = m_sink.samples();
+            if (!samples.empty()) bytes = std::move(samples.front().bytes);
+            return !bytes.empty();
+        }));
+        return bytes;
     }
     /// Every letter behind an & of the dialog's texts, in capitals.
     std::wstring accessKeys() const {
