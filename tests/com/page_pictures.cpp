@@ -8,6 +8,7 @@
 #include <commctrl.h>
 
 #include <cstdio>
+#include <thread>
 
 namespace kestra::test {
 namespace {
@@ -54,6 +55,20 @@ void paintAll() {
     }
 }
 
+/// The message box of this process, as soon as there is one.
+HWND awaitBox() {
+    HWND box = nullptr;
+    waitUntil([&] {
+        for (HWND window = nullptr; !box && (window = FindWindowExW(nullptr, window, L"#32770", L"Error"));) {
+            DWORD process = 0;
+            GetWindowThreadProcessId(window, &process);
+            if (process == GetCurrentProcessId() && IsWindowVisible(window)) box = window;
+        }
+        return box != nullptr;
+    });
+    return box;
+}
+
 class Pictures {
 public:
     Pictures(std::wstring folder, std::wstring suffix) : m_folder(std::move(folder)), m_suffix(std::move(suffix)) {}
@@ -75,8 +90,12 @@ public:
             std::fwprintf(stderr, L"%ls: %ls\n", name, cut.c_str());
             failed = true;
         }
+        keep(host.dialog(), host.size(), name);
+    }
+    /// Saves what a window shows.
+    void keep(HWND window, SIZE size, const wchar_t* name) {
         const std::wstring path = m_folder + L"\\" + name + m_suffix + L".bmp";
-        if (!save(host.dialog(), host.size(), path)) {
+        if (!window || !save(window, size, path)) {
             std::fwprintf(stderr, L"%ls cannot be written\n", path.c_str());
             failed = true;
         }
@@ -117,6 +136,22 @@ int run(const std::wstring& folder, const std::wstring& suffix) {
     pictures.take(CLSID_KestraStreamPropCSC, L"page-converter-not-available", nothing);
     pictures.take(CLSID_KestraStreamPropRGB, L"page-gain-not-available", nothing);
     pictures.take(CLSID_KestraAudioPropertyPage, L"page-audio", nothing);
+    pictures.object.putResult = VFW_E_INVALIDMEDIATYPE;
+    pictures.take(CLSID_KestraAudioPropertyPage, L"page-audio-refused", [&](PageHost& host) {
+        SendMessageW(host.control(IDC_BITS), CB_SETCURSEL, 1, 0);
+        SendMessageW(host.dialog(), WM_COMMAND, MAKEWPARAM(IDC_BITS, CBN_SELCHANGE), 0);
+        std::thread user([&] {
+            const HWND box = awaitBox();
+            RECT area{};
+            GetClientRect(box, &area);
+            RedrawWindow(box, nullptr, nullptr, RDW_INVALIDATE | RDW_ERASE | RDW_ALLCHILDREN | RDW_UPDATENOW);
+            SendMessageW(box, WM_NULL, 0, 0);
+            pictures.keep(box, {area.right, area.bottom}, L"page-audio-error");
+            SendMessageW(box, WM_COMMAND, IDOK, 0);
+        });
+        host.apply();
+        user.join();
+    });
     return pictures.failed ? 1 : 0;
 }
 
