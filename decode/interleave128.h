@@ -1,10 +1,10 @@
-// Interleaving of three registers of bytes to B, G, R in every 128-bit lane, and the places of 10-bit samples there:
-// what the SSE4.1 and AVX2 kernels share. Private to decode/.
+// Interleaving of a register of pairs to B, G, R in every 128-bit lane, and the places of 10-bit samples there: what
+// the SSE4.1 and AVX2 kernels share. Private to decode/.
 //
-// Pixel i's green belongs to byte 3 i + 1 of the 48 that a lane's 16 pixels make, and likewise for the other two
-// sources (see fromRedBlue). No two bytes of a source belong to the same byte modulo 16, so one shuffle puts every byte
-// where it belongs, whichever of the three output registers that is in; each output register then takes every third
-// byte from each of the three sources.
+// A lane of eight pairs becomes 24 words: B0 G0, R0 B1, G1 R1 of each pair. Word 3 n + k of the 24 is the k-th of pair
+// n; for one k no two of them belong to the same word modulo 8, so one shuffle of the bytes of all the k-th words puts
+// each where it belongs, whichever of the three output registers that is in; each output register then takes every
+// third word from each of the three, which a blend with an immediate mask does.
 #pragma once
 
 #include "decode/yuv_arithmetic.h"
@@ -17,38 +17,43 @@ namespace kestra {
 
 using Lane = std::array<uint8_t, 16>;
 
-enum Source { kBlueRed = 0, kGreen = 1, kRedBlue = 2 };
-
-constexpr Source sourceOf(size_t pixel, size_t channel) {
-    return channel == 1 ? kGreen : fromRedBlue(pixel, channel) ? kRedBlue : kBlueRed;
-}
-
-/// Which byte of the source goes to every byte of a lane.
-constexpr Lane spread(Source source) {
+/// Which byte of a packed register (first bytes of the words of eight pairs, then their second bytes) goes to every
+/// byte of a lane.
+/// @param k     which word of each pair
+/// @param step  lane of pair n is n * step, modulo 7 above it: 1 where the pairs are in their order, 2 where two
+///              registers' halves of 32 bits alternate (0, 4, 1, 5, ...)
+constexpr Lane spreadWords(size_t k, size_t step = 1) {
     Lane lane{};
-    for (size_t byte = 0; byte < 48; ++byte)
-        if (sourceOf(byte / 3, byte % 3) == source) lane[byte % 16] = static_cast<uint8_t>(byte / 3);
-    return lane;
-}
-
-/// 0xFF where byte p of output register `out` is from that source.
-constexpr Lane taken(size_t out, Source source) {
-    Lane lane{};
-    for (size_t p = 0; p < 16; ++p) {
-        const size_t byte = 16 * out + p;
-        lane[p] = sourceOf(byte / 3, byte % 3) == source ? 0xFF : 0;
+    for (size_t pair = 0; pair < 8; ++pair) {
+        const size_t word = (3 * pair + k) % 8, from = pair * step > 7 ? pair * step - 7 : pair * step;
+        lane[2 * word] = static_cast<uint8_t>(from);
+        lane[2 * word + 1] = static_cast<uint8_t>(8 + from);
     }
     return lane;
 }
 
-// Eight 10-bit samples (four pixels) from sample 0, 2 or 4 of a word on lie in that word and the next. A byte shuffle
-// brings the two bytes of each into its lane, Y first and then C; a product puts the sample on top of its lane.
+/// Bit p is set where word p of output register `out` is the k-th of its pair.
+constexpr int takenWords(size_t out, size_t k) {
+    int mask = 0;
+    for (size_t p = 0; p < 8; ++p)
+        if ((8 * out + p) % 3 == k) mask |= 1 << p;
+    return mask;
+}
 
-/// Bytes of the samples of four pixels: lanes 0..3 Y, lanes 4..7 Cb, Cr, Cb, Cr.
+// Eight 10-bit samples (four pixels) from sample 0, 2 or 4 of a word on lie in that word and the next. A byte shuffle
+// brings the two bytes of each into its lane; a product puts the sample on top of its lane.
+
+/// Sample of a group whose place is lane q: Y0, Y0, Y1, Y1, Cb, Cb, Cr, Cr of its two pairs.
+constexpr size_t sampleInLane(size_t q) {
+    constexpr size_t kFirst[4] = {0, 2, 1, 3};
+    return kFirst[q / 2] + 4 * (q % 2);
+}
+
+/// Bytes of the samples of four pixels.
 constexpr Lane sampleBytes(size_t offset) {
     Lane lane{};
     for (size_t q = 0; q < 8; ++q) {
-        const size_t sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
+        const size_t sample = offset + sampleInLane(q);
         const size_t byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
         lane[2 * q] = static_cast<uint8_t>(byte);
         lane[2 * q + 1] = static_cast<uint8_t>(byte + 1);
@@ -60,7 +65,7 @@ constexpr Lane sampleBytes(size_t offset) {
 constexpr std::array<uint16_t, 8> sampleFactors(size_t offset) {
     std::array<uint16_t, 8> factors{};
     for (size_t q = 0; q < 8; ++q) {
-        const size_t sample = offset + (q < 4 ? 2 * q : 2 * (q - 4) + 1);
+        const size_t sample = offset + sampleInLane(q);
         factors[q] = static_cast<uint16_t>(1u << (6 - 10 * (sample % 6) % 8));
     }
     return factors;

@@ -25,7 +25,6 @@ KESTRA_INLINE __m256i twoAt(const uint8_t* low, const uint8_t* high) {
 }
 
 constexpr Wide<Lane> kExpandBytes = twice(Lane{0, 1, 2, 128, 3, 4, 5, 128, 6, 7, 8, 128, 9, 10, 11, 128});
-constexpr Wide<Lane> kSwapNeighbours = twice(Lane{2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13});
 
 struct Ops {
     using Vec = __m256i;
@@ -43,11 +42,10 @@ struct Ops {
     static KESTRA_INLINE Vec add(Vec a, Vec b) { return _mm256_add_epi16(a, b); }
     static KESTRA_INLINE Vec sub(Vec a, Vec b) { return _mm256_sub_epi16(a, b); }
     static KESTRA_INLINE Vec high(Vec a, Vec b) { return _mm256_mulhi_epi16(a, b); }
-    static KESTRA_INLINE Vec sign(Vec v) { return _mm256_srai_epi16(v, 15); }
+    static KESTRA_INLINE Vec sign(Vec v) { return _mm256_cmpgt_epi16(zero(), v); }
     static KESTRA_INLINE Vec quarter(Vec v) { return _mm256_srai_epi16(v, 2); }
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm256_maddubs_epi16(v, set16(0x0008)); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm256_maddubs_epi16(v, set16(0x0800)); }
-    static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm256_blend_epi16(zero(), v, 0xAA); }
     static KESTRA_INLINE Vec swapBytes(Vec v) {
         return _mm256_or_si256(_mm256_slli_epi16(v, 8), _mm256_srli_epi16(v, 8));
     }
@@ -55,13 +53,7 @@ struct Ops {
         const Vec halves = _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 1, 2, 2, 3, 4, 5, 5));
         return _mm256_shuffle_epi8(halves, kExpandBytes.vec());
     }
-    static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm256_shuffle_epi8(v, kSwapNeighbours.vec()); }
 };
-
-constexpr Wide<Lane> kSpread[3] = {twice(spread(kBlueRed)), twice(spread(kGreen)), twice(spread(kRedBlue))};
-constexpr Wide<Lane> kTakeGreen[3] = {twice(taken(0, kGreen)), twice(taken(1, kGreen)), twice(taken(2, kGreen))};
-constexpr Wide<Lane> kTakeRedBlue[3] = {twice(taken(0, kRedBlue)), twice(taken(1, kRedBlue)),
-                                        twice(taken(2, kRedBlue))};
 
 struct CachedStore {
     static KESTRA_INLINE void put(uint8_t* p, __m256i v) { Ops::store(p, v); }
@@ -70,25 +62,69 @@ struct StreamingStore {
     static KESTRA_INLINE void put(uint8_t* p, __m256i v) { Ops::stream(p, v); }
 };
 
-/// One output register of each lane.
-template <size_t kOut>
-KESTRA_INLINE __m256i pick(__m256i blueRed, __m256i green, __m256i redBlue) {
-    return _mm256_blendv_epi8(_mm256_blendv_epi8(blueRed, green, kTakeGreen[kOut].vec()), redBlue,
-                              kTakeRedBlue[kOut].vec());
-}
+/// The words of each kind, limited to 0..255 and spread over the lanes.
+struct Words {
+    __m256i kinds[3];
+    KESTRA_INLINE Words(const PairSums<Ops>& v, const Wide<Lane> (&spread)[3])
+        : kinds{_mm256_shuffle_epi8(_mm256_packus_epi16(v.blue0, v.green0), spread[0].vec()),
+                _mm256_shuffle_epi8(_mm256_packus_epi16(v.red0, v.blue1), spread[1].vec()),
+                _mm256_shuffle_epi8(_mm256_packus_epi16(v.green1, v.red1), spread[2].vec())} {}
+    /// Each word from the kind that it is of in output register kOut of a lane.
+    template <size_t kOut>
+    KESTRA_INLINE __m256i pick() const {
+        return _mm256_blend_epi16(_mm256_blend_epi16(kinds[0], kinds[1], takenWords(kOut, 1)), kinds[2],
+                                  takenWords(kOut, 2));
+    }
+};
 
-/// Limits to 0..255, interleaves and stores 32 pixels. `a` holds pixels 0..7 and 16..23, `b` 8..15 and 24..31.
+constexpr Wide<Lane> kOrdered[3] = {twice(spreadWords(0)), twice(spreadWords(1)), twice(spreadWords(2))};
+
+/// Stores 32 pixels, the first 16 of which are in the low lanes.
 template <class Store>
-KESTRA_INLINE void store32(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSums<Ops>& b) {
-    const __m256i blueRed = _mm256_shuffle_epi8(_mm256_packus_epi16(a.blueRed, b.blueRed), kSpread[kBlueRed].vec());
-    const __m256i green = _mm256_shuffle_epi8(_mm256_packus_epi16(a.green, b.green), kSpread[kGreen].vec());
-    const __m256i redBlue = _mm256_shuffle_epi8(_mm256_packus_epi16(a.redBlue, b.redBlue), kSpread[kRedBlue].vec());
-    const __m256i first = pick<0>(blueRed, green, redBlue);
-    const __m256i second = pick<1>(blueRed, green, redBlue);
-    const __m256i third = pick<2>(blueRed, green, redBlue);
+KESTRA_INLINE void store32(uint8_t* rgb, const PairSums<Ops>& v) {
+    const Words words(v, kOrdered);
+    const __m256i first = words.pick<0>(), second = words.pick<1>(), third = words.pick<2>();
     Store::put(rgb, _mm256_permute2x128_si256(first, second, 0x20));
     Store::put(rgb + 32, _mm256_blend_epi32(third, first, 0xF0)); // low lane of the third, high lane of the first
     Store::put(rgb + 64, _mm256_permute2x128_si256(second, third, 0x31));
+}
+
+// Two plain loads leave pairs 0..3 and 8..11 in the low lanes and 4..7 and 12..15 in the high ones, alternating: runs
+// A, C and B, D, each of which becomes three quads of words. The quads are laid out so that every register has words
+// of the same kinds in both lanes, and five instructions put them in their order.
+
+/// The half of its lane where a quad is put; each run's quads go to three registers.
+constexpr size_t kHalfOfQuad[2][2][3] = {{{1, 1, 0}, {0, 0, 1}}, {{0, 1, 1}, {1, 0, 0}}}; // A, C; B, D
+
+constexpr Lane spreadRuns(size_t k, size_t lane) {
+    Lane bytes{};
+    for (size_t run = 0; run < 2; ++run)
+        for (size_t pair = 0; pair < 4; ++pair) {
+            const size_t word = 3 * pair + k, to = 4 * kHalfOfQuad[lane][run][word / 4] + word % 4;
+            bytes[2 * to] = static_cast<uint8_t>(2 * pair + run);
+            bytes[2 * to + 1] = static_cast<uint8_t>(8 + 2 * pair + run);
+        }
+    return bytes;
+}
+
+constexpr Wide<Lane> kRuns[3] = {
+    {spreadRuns(0, 0), spreadRuns(0, 1)}, {spreadRuns(1, 0), spreadRuns(1, 1)}, {spreadRuns(2, 0), spreadRuns(2, 1)}};
+
+/// In every lane the low or high quad of `a` and then of `b`, as the bits of kMask say.
+template <int kMask>
+KESTRA_INLINE __m256i quadsOf(__m256i a, __m256i b) {
+    return _mm256_castpd_si256(_mm256_shuffle_pd(_mm256_castsi256_pd(a), _mm256_castsi256_pd(b), kMask));
+}
+
+template <class Store>
+KESTRA_INLINE void storeRuns32(uint8_t* rgb, const PairSums<Ops>& v) {
+    const Words words(v, kRuns);
+    const __m256i c0a1b0b1 = words.pick<0>(), c1c2d1b2 = words.pick<2>(), a2a0d2d0 = words.pick<1>();
+    const __m256i a0d0a2d2 = _mm256_permute4x64_epi64(a2a0d2d0, 0x8D);
+    const __m256i c0c1b1b2 = quadsOf<0b1100>(c0a1b0b1, c1c2d1b2);
+    Store::put(rgb, quadsOf<0b0010>(a0d0a2d2, c0a1b0b1));           // A0 A1 A2 B0
+    Store::put(rgb + 32, _mm256_permute4x64_epi64(c0c1b1b2, 0x4E)); // B1 B2 C0 C1
+    Store::put(rgb + 64, quadsOf<0b1011>(c1c2d1b2, a0d0a2d2));      // C2 D0 D1 D2
 }
 
 template <size_t kGroup>
@@ -98,7 +134,7 @@ struct Unpack {
                                                                sampleFactors(groupOffset(kGroup + 4))};
 };
 
-/// Four pixels of group kGroup and four of group kGroup + 4, in a lane each: Y in its low, C in its high half.
+/// Four pixels of group kGroup and four of group kGroup + 4, in a lane each.
 template <size_t kGroup>
 KESTRA_INLINE __m256i unpack(const uint8_t* words) {
     const __m256i bytes = twoAt(words + groupByte(kGroup), words + groupByte(kGroup + 4));
@@ -106,50 +142,65 @@ KESTRA_INLINE __m256i unpack(const uint8_t* words) {
     return _mm256_srli_epi16(_mm256_mullo_epi16(lanes, Unpack<kGroup>::kFactors.vec()), 6);
 }
 
-/// Converts 32 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
+/// Reads 32 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
 /// three.
-template <class Store, size_t kGroup>
-KESTRA_INLINE void convert32(const uint8_t* words, uint8_t* rgb) {
+template <size_t kGroup>
+KESTRA_INLINE PairTerms<Ops> begin32(const uint8_t* words) {
     const __m256i v0 = unpack<kGroup>(words), v1 = unpack<kGroup + 1>(words);
     const __m256i v2 = unpack<kGroup + 2>(words), v3 = unpack<kGroup + 3>(words);
-    store32<Store>(rgb, convert10<Ops>(_mm256_unpacklo_epi64(v0, v1), _mm256_unpackhi_epi64(v0, v1)),
-                   convert10<Ops>(_mm256_unpacklo_epi64(v2, v3), _mm256_unpackhi_epi64(v2, v3)));
+    const __m256i y01 = _mm256_unpacklo_epi32(v0, v1), c01 = _mm256_unpackhi_epi32(v0, v1);
+    const __m256i y23 = _mm256_unpacklo_epi32(v2, v3), c23 = _mm256_unpackhi_epi32(v2, v3);
+    return pairTerms10<Ops>(_mm256_unpacklo_epi64(y01, y23), _mm256_unpacklo_epi64(c01, c23),
+                            _mm256_unpackhi_epi64(y01, y23), _mm256_unpackhi_epi64(c01, c23));
 }
 
 struct Common {
     static constexpr uint32_t kBlockPairs = 16, kAlignment = 32;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
+    static KESTRA_INLINE void settle(PairTerms<Ops>& a, PairTerms<Ops>& b) {
+        asm(""
+            : "+x"(a.luma0), "+x"(a.luma1), "+x"(a.blue), "+x"(a.green), "+x"(a.red), "+x"(b.luma0), "+x"(b.luma1),
+              "+x"(b.blue), "+x"(b.green), "+x"(b.red));
+    }
 };
 
 struct Eight : Common {
+    static constexpr bool kInterleaved = false;
     static constexpr uint32_t kUnitPairs = 1;
     static constexpr ConvertLine plain = convertLine8Plain;
     static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
+        // Loads two bytes off in place of shifts: the words beside each other change places with them.
         const uint8_t* in = raw + size_t{4} * pair;
-        store32<Store>(rgb + size_t{6} * pair, convert8<Ops>(twoAt(in, in + 32)),
-                       convert8<Ops>(twoAt(in + 16, in + 48)));
+        return pairTerms8<Ops>(_mm256_blend_epi16(Ops::load(in), Ops::load(in + 30), 0xAA),
+                               _mm256_blend_epi16(Ops::load(in + 2), Ops::load(in + 32), 0xAA));
+    }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
+        storeRuns32<Store>(rgb + size_t{6} * pair, pairSums8<Ops>(begun));
     }
 };
 
 struct Ten : Common {
+    static constexpr bool kInterleaved = true;
     static constexpr uint32_t kUnitPairs = 2; // a group of four pixels
     static constexpr ConvertLine plain = convertLine10Plain;
     static constexpr auto lastPair = convertLastPair10;
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
         const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
-        uint8_t* out = rgb + size_t{6} * pair;
         switch (pair / 2 % 3) {
         case 0:
-            return convert32<Store, 0>(words, out);
+            return begin32<0>(words);
         case 1:
-            return convert32<Store, 1>(words, out);
+            return begin32<1>(words);
         default:
-            return convert32<Store, 2>(words, out);
+            return begin32<2>(words);
         }
+    }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
+        store32<Store>(rgb + size_t{6} * pair, pairSums10<Ops>(begun));
     }
 };
 

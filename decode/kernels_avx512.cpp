@@ -160,43 +160,50 @@ KESTRA_INLINE PixelSums<Ops> convert32(const uint8_t* words) {
         _mm512_and_si512(_mm512_srlv_epi16(c, _mm512_loadu_si512(Unpack<kOffset>::kCShifts.data())), mask));
 }
 
-/// Converts 64 pixels: 128 samples from sample kOffset of the word at `words` on.
-template <class Store, size_t kOffset>
-KESTRA_INLINE void convert64(const uint8_t* words, uint8_t* rgb) {
+/// The sums of the first and of the second 32 pixels of a block.
+struct Sums {
+    PixelSums<Ops> first, second;
+};
+
+/// Reads 64 pixels: 128 samples from sample kOffset of the word at `words` on.
+template <size_t kOffset>
+KESTRA_INLINE Sums begin64(const uint8_t* words) {
     constexpr size_t kSecond = kOffset + 64;
-    store64<Store>(rgb, convert32<kOffset>(words), convert32<kSecond % 6>(words + 8 * (kSecond / 6)));
+    return {convert32<kOffset>(words), convert32<kSecond % 6>(words + 8 * (kSecond / 6))};
 }
 
 struct Common {
     static constexpr uint32_t kBlockPairs = 32, kUnitPairs = 1, kAlignment = 64;
+    static constexpr bool kInterleaved = false;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
     static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const Sums& begun) {
+        store64<Store>(rgb + size_t{6} * pair, begun.first, begun.second);
+    }
 };
 
 struct Eight : Common {
     static constexpr ConvertLine plain = convertLine8Plain;
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
         const uint8_t* in = raw + size_t{4} * pair;
-        store64<Store>(rgb + size_t{6} * pair, convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 64)));
+        return {convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 64))};
     }
 };
 
 struct Ten : Common {
     static constexpr ConvertLine plain = convertLine10Plain;
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
         const uint32_t sample = 4 * pair;
         const uint8_t* words = raw + size_t{8} * (sample / 6);
-        uint8_t* out = rgb + size_t{6} * pair;
         switch (sample % 6) {
         case 0:
-            return convert64<Store, 0>(words, out);
+            return begin64<0>(words);
         case 2:
-            return convert64<Store, 2>(words, out);
+            return begin64<2>(words);
         default:
-            return convert64<Store, 4>(words, out);
+            return begin64<4>(words);
         }
     }
 };

@@ -36,15 +36,9 @@ struct Ops {
     static KESTRA_INLINE Vec quarter(Vec v) { return _mm_srai_epi16(v, 2); }
     static KESTRA_INLINE Vec eightTimesEvenBytes(Vec v) { return _mm_maddubs_epi16(v, set16(0x0008)); }
     static KESTRA_INLINE Vec eightTimesOddBytes(Vec v) { return _mm_maddubs_epi16(v, set16(0x0800)); }
-    static KESTRA_INLINE Vec oddLanes(Vec v) { return _mm_blend_epi16(zero(), v, 0xAA); }
     static KESTRA_INLINE Vec swapBytes(Vec v) { return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8)); }
     static KESTRA_INLINE Vec expand(Vec v) { return _mm_shuffle_epi8(v, vec(kExpandBytes)); }
-    static KESTRA_INLINE Vec swapNeighbours(Vec v) { return _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1); }
 };
-
-alignas(16) constexpr Lane kSpread[3] = {spread(kBlueRed), spread(kGreen), spread(kRedBlue)};
-alignas(16) constexpr Lane kTakeGreen[3] = {taken(0, kGreen), taken(1, kGreen), taken(2, kGreen)};
-alignas(16) constexpr Lane kTakeRedBlue[3] = {taken(0, kRedBlue), taken(1, kRedBlue), taken(2, kRedBlue)};
 
 struct CachedStore {
     static KESTRA_INLINE void put(uint8_t* p, __m128i v) { Ops::store(p, v); }
@@ -53,20 +47,27 @@ struct StreamingStore {
     static KESTRA_INLINE void put(uint8_t* p, __m128i v) { Ops::stream(p, v); }
 };
 
+/// How the words of each kind are spread; kStep as in spreadWords.
+template <size_t kStep>
+struct Spread {
+    alignas(16) static constexpr Lane kWords[3] = {spreadWords(0, kStep), spreadWords(1, kStep), spreadWords(2, kStep)};
+};
+
 template <size_t kOut>
-KESTRA_INLINE __m128i pick(__m128i blueRed, __m128i green, __m128i redBlue) {
-    return _mm_blendv_epi8(_mm_blendv_epi8(blueRed, green, vec(kTakeGreen[kOut])), redBlue, vec(kTakeRedBlue[kOut]));
+KESTRA_INLINE __m128i pick(const __m128i (&words)[3]) {
+    return _mm_blend_epi16(_mm_blend_epi16(words[0], words[1], takenWords(kOut, 1)), words[2], takenWords(kOut, 2));
 }
 
-/// Limits to 0..255, interleaves and stores 16 pixels, eight in `a` and eight in `b`.
-template <class Store>
-KESTRA_INLINE void store16(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSums<Ops>& b) {
-    const __m128i blueRed = _mm_shuffle_epi8(_mm_packus_epi16(a.blueRed, b.blueRed), vec(kSpread[kBlueRed]));
-    const __m128i green = _mm_shuffle_epi8(_mm_packus_epi16(a.green, b.green), vec(kSpread[kGreen]));
-    const __m128i redBlue = _mm_shuffle_epi8(_mm_packus_epi16(a.redBlue, b.redBlue), vec(kSpread[kRedBlue]));
-    Store::put(rgb, pick<0>(blueRed, green, redBlue));
-    Store::put(rgb + 16, pick<1>(blueRed, green, redBlue));
-    Store::put(rgb + 32, pick<2>(blueRed, green, redBlue));
+/// Limits to 0..255, interleaves and stores 16 pixels.
+template <class Store, size_t kStep>
+KESTRA_INLINE void store16(uint8_t* rgb, const PairSums<Ops>& v) {
+    using S = Spread<kStep>;
+    const __m128i words[3] = {_mm_shuffle_epi8(_mm_packus_epi16(v.blue0, v.green0), vec(S::kWords[0])),
+                              _mm_shuffle_epi8(_mm_packus_epi16(v.red0, v.blue1), vec(S::kWords[1])),
+                              _mm_shuffle_epi8(_mm_packus_epi16(v.green1, v.red1), vec(S::kWords[2]))};
+    Store::put(rgb, pick<0>(words));
+    Store::put(rgb + 16, pick<1>(words));
+    Store::put(rgb + 32, pick<2>(words));
 }
 
 template <size_t kGroup>
@@ -75,7 +76,7 @@ struct Unpack {
     alignas(16) static constexpr std::array<uint16_t, 8> kFactors = sampleFactors(groupOffset(kGroup));
 };
 
-/// Four pixels: Y in the low, C in the high half.
+/// Four pixels.
 template <size_t kGroup>
 KESTRA_INLINE __m128i unpack(const uint8_t* words) {
     const __m128i bytes = Ops::load(words + groupByte(kGroup));
@@ -83,49 +84,65 @@ KESTRA_INLINE __m128i unpack(const uint8_t* words) {
         _mm_mullo_epi16(_mm_shuffle_epi8(bytes, vec(Unpack<kGroup>::kBytes)), vec(Unpack<kGroup>::kFactors)), 6);
 }
 
-/// Converts 16 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
+/// Reads 16 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
 /// three.
-template <class Store, size_t kGroup>
-KESTRA_INLINE void convert16(const uint8_t* words, uint8_t* rgb) {
+template <size_t kGroup>
+KESTRA_INLINE PairTerms<Ops> begin16(const uint8_t* words) {
     const __m128i v0 = unpack<kGroup>(words), v1 = unpack<kGroup + 1>(words);
     const __m128i v2 = unpack<kGroup + 2>(words), v3 = unpack<kGroup + 3>(words);
-    store16<Store>(rgb, convert10<Ops>(_mm_unpacklo_epi64(v0, v1), _mm_unpackhi_epi64(v0, v1)),
-                   convert10<Ops>(_mm_unpacklo_epi64(v2, v3), _mm_unpackhi_epi64(v2, v3)));
+    const __m128i y01 = _mm_unpacklo_epi32(v0, v1), c01 = _mm_unpackhi_epi32(v0, v1);
+    const __m128i y23 = _mm_unpacklo_epi32(v2, v3), c23 = _mm_unpackhi_epi32(v2, v3);
+    return pairTerms10<Ops>(_mm_unpacklo_epi64(y01, y23), _mm_unpacklo_epi64(c01, c23), _mm_unpackhi_epi64(y01, y23),
+                            _mm_unpackhi_epi64(c01, c23));
 }
 
 struct Common {
     static constexpr uint32_t kBlockPairs = 8, kAlignment = 16;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
+    static KESTRA_INLINE void settle(PairTerms<Ops>& a, PairTerms<Ops>& b) {
+        asm(""
+            : "+x"(a.luma0), "+x"(a.luma1), "+x"(a.blue), "+x"(a.green), "+x"(a.red), "+x"(b.luma0), "+x"(b.luma1),
+              "+x"(b.blue), "+x"(b.green), "+x"(b.red));
+    }
 };
 
 struct Eight : Common {
+    static constexpr bool kInterleaved = true;
     static constexpr uint32_t kUnitPairs = 1;
     static constexpr ConvertLine plain = convertLine8Plain;
     static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
+        // Loads two bytes off in place of shifts: the words beside each other change places with them.
         const uint8_t* in = raw + size_t{4} * pair;
-        store16<Store>(rgb + size_t{6} * pair, convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 16)));
+        return pairTerms8<Ops>(_mm_blend_epi16(Ops::load(in), Ops::load(in + 14), 0xAA),
+                               _mm_blend_epi16(Ops::load(in + 2), Ops::load(in + 16), 0xAA));
+    }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
+        store16<Store, 2>(rgb + size_t{6} * pair, pairSums8<Ops>(begun));
     }
 };
 
 struct Ten : Common {
+    static constexpr bool kInterleaved = true;
     static constexpr uint32_t kUnitPairs = 2; // a group of four pixels
     static constexpr ConvertLine plain = convertLine10Plain;
     static constexpr auto lastPair = convertLastPair10;
-    template <class Store>
-    static KESTRA_INLINE void block(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
         const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
-        uint8_t* out = rgb + size_t{6} * pair;
         switch (pair / 2 % 3) {
         case 0:
-            return convert16<Store, 0>(words, out);
+            return begin16<0>(words);
         case 1:
-            return convert16<Store, 1>(words, out);
+            return begin16<1>(words);
         default:
-            return convert16<Store, 2>(words, out);
+            return begin16<2>(words);
         }
+    }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
+        store16<Store, 1>(rgb + size_t{6} * pair, pairSums10<Ops>(begun));
     }
 };
 

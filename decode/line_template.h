@@ -4,7 +4,11 @@
 //   kBlockPairs             pairs in a block
 //   kUnitPairs              a block may start at every multiple of so many pairs
 //   kAlignment              of streaming stores, in bytes
-//   block<Store>(raw, rgb, pair)  converts the block that starts at that pair of the line; Store::put stores a register
+//   begin(raw, pair)        reads the block that starts at that pair of the line; returns what `finish` needs
+//   finish<Store>(rgb, pair, begun)  writes that block; Store::put stores a register
+//   kInterleaved            whether to begin each block before the previous one is finished: gains where the processor
+//                           computes longer than the memory takes, loses elsewhere
+//   settle(begun, next)     if so: keeps the compiler from moving what uses `begun` before what makes `next`
 //   Cached, Streaming       the two kinds of Store
 //   plain                   the kernel for lines shorter than a block
 //   lastPair                converts the pair that is over when the units are two pairs
@@ -26,6 +30,37 @@ KESTRA_INLINE bool stepsToAligned(const uint8_t* address, uint32_t stepBytes, ui
     return true;
 }
 
+template <class Kernel, class Store>
+KESTRA_INLINE void convertBlock(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
+    Kernel::template finish<Store>(rgb, pair, Kernel::begin(raw, pair));
+}
+
+/// Converts the whole blocks from `pair` up to `pairs`.
+/// @param ahead  called with each block's first pair, to fetch what will be needed
+/// @return the first pair that is not converted
+template <class Kernel, class Store, class Ahead>
+KESTRA_INLINE uint32_t convertBlocks(const uint8_t* raw, uint8_t* rgb, uint32_t pair, uint32_t pairs, Ahead ahead) {
+    constexpr uint32_t kBlock = Kernel::kBlockPairs;
+    if constexpr (Kernel::kInterleaved) {
+        if (pair + kBlock > pairs) return pair;
+        auto begun = Kernel::begin(raw, pair);
+        for (; pairs - pair >= 2 * kBlock; pair += kBlock) {
+            ahead(pair);
+            auto next = Kernel::begin(raw, pair + kBlock);
+            Kernel::settle(begun, next);
+            Kernel::template finish<Store>(rgb, pair, begun);
+            begun = next;
+        }
+        Kernel::template finish<Store>(rgb, pair, begun);
+        return pair + kBlock;
+    }
+    for (; pair + kBlock <= pairs; pair += kBlock) {
+        ahead(pair);
+        convertBlock<Kernel, Store>(raw, rgb, pair);
+    }
+    return pair;
+}
+
 template <class Kernel>
 KESTRA_INLINE void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                                const uint8_t* nextLine) {
@@ -34,18 +69,16 @@ KESTRA_INLINE void convertLine(const LineConversion& conversion, const uint8_t* 
     if (whole < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);
     uint32_t done = 0, steps = 0;
     if (!nextLine && stepsToAligned(rgb, 6 * kUnit, Kernel::kAlignment, steps)) {
-        if (steps != 0) Kernel::template block<typename Kernel::Cached>(raw, rgb, 0);
-        for (done = steps * kUnit; done + kBlock <= whole; done += kBlock)
-            Kernel::template block<typename Kernel::Streaming>(raw, rgb, done);
+        if (steps != 0) convertBlock<Kernel, typename Kernel::Cached>(raw, rgb, 0);
+        done = convertBlocks<Kernel, typename Kernel::Streaming>(raw, rgb, steps * kUnit, whole, [](uint32_t) {});
     } else {
-        for (; done + kBlock <= whole; done += kBlock) {
+        done = convertBlocks<Kernel, typename Kernel::Cached>(raw, rgb, 0, whole, [&](uint32_t pair) {
             if (nextLine)
                 for (uint32_t byte = 0; byte < 6 * kBlock; byte += 64)
-                    __builtin_prefetch(nextLine + size_t{6} * done + byte, 1);
-            Kernel::template block<typename Kernel::Cached>(raw, rgb, done);
-        }
+                    __builtin_prefetch(nextLine + size_t{6} * pair + byte, 1);
+        });
     }
-    if (done < whole) Kernel::template block<typename Kernel::Cached>(raw, rgb, whole - kBlock); // partly once more
+    if (done < whole) convertBlock<Kernel, typename Kernel::Cached>(raw, rgb, whole - kBlock); // partly once more
     if (whole < pairs) Kernel::lastPair(conversion, raw, rgb, pairs);
 }
 

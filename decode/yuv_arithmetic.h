@@ -64,4 +64,65 @@ KESTRA_INLINE PixelSums<Ops> convert10(typename Ops::Vec ySamples, typename Ops:
     return {Ops::quarter(sums.blueRed), Ops::quarter(sums.green), Ops::quarter(sums.redBlue)};
 }
 
+// With byte shuffles at hand (SSE4.1, AVX2) the lanes hold one kind of sample each, a pair of pixels a lane, so that
+// nothing has to change lanes before the bytes are interleaved.
+
+/// What the sums of one register of pairs are made of: blue is luma + blue, green luma - green, red luma + red.
+template <class Ops>
+struct PairTerms {
+    typename Ops::Vec luma0, luma1, blue, green, red;
+};
+
+/// Sums of one register of pairs, not yet limited.
+template <class Ops>
+struct PairSums {
+    typename Ops::Vec blue0, green0, red0, blue1, green1, red1;
+};
+
+/// @param first, second bytes Y, Cb of the first and Y, Cr of the second pixels
+template <class Ops>
+KESTRA_INLINE PairTerms<Ops> pairTerms8(typename Ops::Vec first, typename Ops::Vec second) noexcept {
+    const auto high = [](typename Ops::Vec x, int16_t c) { return Ops::high(x, Ops::set16(c)); };
+    const auto luma = [&](typename Ops::Vec bytes) {
+        const auto x = Ops::sub(Ops::eightTimesEvenBytes(bytes), Ops::set16(8 * yuv8::kYOff));
+        return Ops::sub(high(x, yuv8::kY), Ops::sign(x));
+    };
+    const auto cb = Ops::sub(Ops::eightTimesOddBytes(first), Ops::set16(8 * yuv8::kCOff));
+    const auto cr = Ops::sub(Ops::eightTimesOddBytes(second), Ops::set16(8 * yuv8::kCOff));
+    const auto cbSign = Ops::sign(cb), crSign = Ops::sign(cr);
+    return {luma(first), luma(second), Ops::sub(high(cb, yuv8::kCbB), cbSign),
+            Ops::sub(Ops::add(high(cb, yuv8::kCbG), high(cr, yuv8::kCrG)), Ops::add(cbSign, crSign)),
+            Ops::sub(high(cr, yuv8::kCrR), crSign)};
+}
+
+/// @param s0, sb, s1, sr 10-bit samples Y0, Cb, Y1, Cr
+template <class Ops>
+KESTRA_INLINE PairTerms<Ops> pairTerms10(typename Ops::Vec s0, typename Ops::Vec sb, typename Ops::Vec s1,
+                                         typename Ops::Vec sr) noexcept {
+    const auto high = [](typename Ops::Vec x, int16_t c) { return Ops::high(x, Ops::set16(c)); };
+    const auto luma = [&](typename Ops::Vec sample) {
+        const auto x = Ops::sub(sample, Ops::set16(yuv10::kYOff));
+        return Ops::sub(Ops::add(x, high(x, yuv10::kY)), Ops::sign(x));
+    };
+    const auto cb = Ops::sub(sb, Ops::set16(yuv10::kCOff)), cr = Ops::sub(sr, Ops::set16(yuv10::kCOff));
+    const auto cbSign = Ops::sign(cb), crSign = Ops::sign(cr);
+    const auto crTerm = Ops::sub(cr, crSign); // in red and in green
+    return {luma(s0), luma(s1), Ops::sub(Ops::add(Ops::add(cb, cb), high(cb, yuv10::kCbB)), cbSign),
+            Ops::add(Ops::sub(high(cb, yuv10::kCbG), cbSign), Ops::add(crTerm, high(cr, yuv10::kCrG))),
+            Ops::add(Ops::add(cr, crTerm), high(cr, yuv10::kCrR))};
+}
+
+template <class Ops>
+KESTRA_INLINE PairSums<Ops> pairSums8(const PairTerms<Ops>& t) noexcept {
+    return {Ops::add(t.luma0, t.blue), Ops::sub(t.luma0, t.green), Ops::add(t.luma0, t.red),
+            Ops::add(t.luma1, t.blue), Ops::sub(t.luma1, t.green), Ops::add(t.luma1, t.red)};
+}
+
+template <class Ops>
+KESTRA_INLINE PairSums<Ops> pairSums10(const PairTerms<Ops>& t) noexcept {
+    const PairSums<Ops> s = pairSums8<Ops>(t);
+    return {Ops::quarter(s.blue0), Ops::quarter(s.green0), Ops::quarter(s.red0),
+            Ops::quarter(s.blue1), Ops::quarter(s.green1), Ops::quarter(s.red1)};
+}
+
 } // namespace kestra
