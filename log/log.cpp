@@ -286,7 +286,7 @@ uint32_t LogSend(uint32_t handle, const LogRecord& record) noexcept {
     return engine->deliver(record);
 }
 
-int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDirectory, uintptr_t /*reserved1*/,
+int32_t LogOpen(uint32_t handle, const wchar_t* /*moduleTag*/, const wchar_t* logDirectory, uintptr_t /*reserved1*/,
                 uintptr_t /*reserved2*/, uint32_t systemDetail, uint32_t fileDetail, uint32_t ideDetail) noexcept {
     const std::lock_guard lock(tables().changes);
     LogEngine* engine = logFindEngine(handle);
@@ -304,7 +304,7 @@ int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDir
         engine = findOrCreate(handle);
         if (!engine) return -1;
     }
-    if (engine->Initialize(moduleTag, logDirectory, systemDetail, fileDetail, ideDetail) == 0) {
+    if (engine->Initialize(L"TARNIS", logDirectory, systemDetail, fileDetail, ideDetail) == 0) {
         updateFloor();
         return 0;
     }

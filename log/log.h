@@ -60,7 +60,7 @@ uint32_t LogSend(uint32_t handle, const LogRecord& record) noexcept;
 
 /// Opens the handle's engine, or counts one more user of an open one. Handle 0 makes its own engine; any other
 /// must have been made before (by the configuration load).
-/// @param moduleTag     base name of the log file
+/// @param moduleTag     of the caller; every engine of this library is named "TARNIS" whatever it is
 /// @param logDirectory  searched for as a path; must end in a backslash; null: the current directory
 /// @param systemDetail, fileDetail, ideDetail  detail levels of the channels, 0 (off) to 5
 /// @return 0, or -1 if there is no engine or no channel could be opened
