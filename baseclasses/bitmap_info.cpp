@@ -14,10 +14,7 @@ DWORD WINAPI GetBitmapSize(const BITMAPINFOHEADER* pHeader) {
     return DWORD(lineBytes * lines);
 }
 
-namespace {
-
-// 16 and 32 bits, with or without masks after the header.
-GUID trueColorType(const BITMAPINFOHEADER* pHeader) {
+const GUID WINAPI GetTrueColorType(const BITMAPINFOHEADER* pHeader) {
     DWORD masks[3] = {};
     const bool masked = pHeader->biCompression == BI_BITFIELDS;
     if (masked) std::memcpy(masks, reinterpret_cast<const BYTE*>(pHeader) + sizeof *pHeader, sizeof masks);
@@ -32,8 +29,6 @@ GUID trueColorType(const BITMAPINFOHEADER* pHeader) {
     return GUID_NULL;
 }
 
-} // namespace
-
 const GUID WINAPI GetBitmapSubtype(const BITMAPINFOHEADER* pHeader) {
     if (pHeader->biCompression != BI_RGB && pHeader->biCompression != BI_BITFIELDS) {
         return FOURCCMap(pHeader->biCompression);
@@ -47,7 +42,7 @@ const GUID WINAPI GetBitmapSubtype(const BITMAPINFOHEADER* pHeader) {
         return MEDIASUBTYPE_RGB8;
     case 16:
     case 32:
-        return trueColorType(pHeader);
+        return GetTrueColorType(pHeader);
     case 24:
         return MEDIASUBTYPE_RGB24;
     default:

@@ -70,10 +70,11 @@ HRESULT CAMThread::CoInitializeHelper() {
 DWORD WINAPI CAMThread::InitialThreadProc(LPVOID pv) {
     const HRESULT com = CoInitializeHelper();
     auto* thread = static_cast<CAMThread*>(pv);
-    auto result = DWORD(E_UNEXPECTED);
+    DWORD result = 1;
     try {
         result = thread->ThreadProc();
-    } catch (...) { // ends the thread, as the event tells whoever waits for its answer
+    } catch (...) {
+        result = DWORD(E_UNEXPECTED);
     }
     if (SUCCEEDED(com)) CoUninitialize();
     thread->m_EventEnded.Set();

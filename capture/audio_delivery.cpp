@@ -59,8 +59,7 @@ HRESULT CKestraAudioStream::Active() {
     // The base's base on purpose: the stream's own worker thread is not used.
     HRESULT hr = CBaseOutputPin::Active(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(L"CKestraAudioStream->Active->FAILED(hr)", hr);
-    const bool joins = m_bactive;
-    if (joins) {
+    if (m_bactive) {
         trace(L"CKestraAudioStream->Active->m_bactive");
         m_timeStampRate = framesPerSecond(status);
     } else {
@@ -69,8 +68,7 @@ HRESULT CKestraAudioStream::Active() {
     }
     GetOwner()->AddRef(); // until Inactive
     ++m_ownerReferences;
-    if (joins) return S_OK;
-    m_bactive = true;
+    if (m_bactive.exchange(true)) return S_OK;
     return traced(L"CKestraAudioStream->Active->S_OK", S_OK);
 }
 

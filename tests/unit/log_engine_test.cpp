@@ -1,6 +1,5 @@
 // Engines and dispatch: who is asked, who gets a record, with which context. Channels are the test's own.
-#include "tests/support/recording_output.h"
-#include "tests/support/wait_until.h"
+#include "tests/unit/log_engine_fixture.h"
 
 #include "log/platform.h"
 
@@ -14,32 +13,29 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr uint32_t kHandle = 0x54455354; // TEST
-constexpr uint64_t kModule = 0x7FFF00001234;
+/// The seconds between which something happened.
+struct Seconds {
+    uint32_t from, to;
+};
 
-class LogEngineTest : public testing::Test {
-protected:
-    ~LogEngineTest() override {
-        logIgnoreModule(kModule, kHandle);
-        LogClose(kHandle);
-        EXPECT_EQ(logFindEngine(kHandle), nullptr);
+/// Expects a line of level 4 or 5 to be `rest` behind the identifier of a thread whose first record is of that time.
+void expectLine(const std::wstring& line, uint32_t threadId, Seconds first, const std::wstring& rest) {
+    std::vector<std::wstring> possible;
+    for (uint32_t second = first.from; second != first.to + 1; ++second) {
+        wchar_t identifier[32];
+        std::swprintf(identifier, 32, L"{%llX}", (uint64_t{threadId} << 44) + (second & 0x3FFFF) + 0ull);
+        possible.push_back(identifier + rest);
     }
+    EXPECT_THAT(possible, testing::Contains(line));
+}
 
-    LogEngine& engine() { return *logFindOrCreateEngine(kHandle); }
-    void listen(uint32_t detail, uint32_t threshold, LogOutput::Type type = LogOutput::kFile) {
-        ASSERT_TRUE(engine().append(std::make_unique<RecordingOutput>(m_seen, type, detail, threshold)));
-        logUpdateFloor();
-    }
-    static LogRecord record(uint32_t severity, uint64_t moduleKey = 1) {
-        LogRecord r;
-        r.severity = severity;
-        r.message = L"message";
-        r.moduleKey = moduleKey;
-        r.threadId = 77;
-        return r;
-    }
-
-    RecordingOutput::Seen m_seen;
+/// A channel that reports a failure for every line.
+class FailingOutput final : public LogOutput {
+public:
+    FailingOutput() noexcept : LogOutput(L"Failing", kFile, 0) { setDetail(1); }
+    uint32_t write(const wchar_t*, size_t, const LogRecord&) noexcept override { return 0xFFFFFFFF; }
+    uint32_t open() noexcept override { return 0; }
+    void close() noexcept override {}
 };
 
 } // namespace
@@ -54,8 +50,10 @@ TEST(LogRecordTest, IsResetBeforeItIsFilled) {
     EXPECT_EQ(r.threadId, 0u);
     EXPECT_EQ(r.moduleKey, 0u);
     EXPECT_EQ(r.line, 0);
-    EXPECT_EQ(r.message, nullptr);
-    EXPECT_EQ(r.timeText, nullptr);
+    for (const char* text : {r.timeText, r.group, r.moduleTag, r.functionName})
+        EXPECT_EQ(text, nullptr);
+    for (const wchar_t* text : {r.sourceFile, r.message})
+        EXPECT_EQ(text, nullptr);
 }
 
 TEST(LogTimeStamp, IsLocalTimeWithUnpaddedMilliseconds) {
@@ -84,11 +82,14 @@ TEST(LogMessage, IsFormattedAndCutTo511Characters) {
     text = LogFormatMessage(L"%ls", full.c_str());
     EXPECT_EQ(text, full);
     LogFreeText(text);
-#ifdef _WIN32 // elsewhere a text that does not fit is not formatted at all
-    text = LogFormatMessage(L"%ls", longer.c_str());
-    EXPECT_EQ(text, full);
+    for (const wchar_t* format : {L"%ls", L"%lsx", L"%ls%d"}) {
+        text = LogFormatMessage(format, longer.c_str(), 7);
+        EXPECT_EQ(text, full);
+        LogFreeText(text);
+    }
+    text = LogFormatMessage(L"%d%ls", 7, longer.c_str());
+    EXPECT_EQ(text, L"7" + full.substr(1));
     LogFreeText(text);
-#endif
 }
 
 TEST_F(LogEngineTest, UnknownHandleIsNeitherEnabledNorSentTo) {
@@ -177,31 +178,109 @@ TEST_F(LogEngineTest, EngineReachedBothWaysGetsTheRecordTwice) {
     listen(1, 0);
     ASSERT_TRUE(logListenToModule(kModule, kHandle));
     EXPECT_EQ(LogSend(kHandle, record(5, kModule)), 0u);
-    EXPECT_EQ(m_seen.lines.size(), 2u);
+    EXPECT_THAT(m_seen.lines, ElementsAre(L"MANDATORY: -1; message", L"MANDATORY: -1; message"));
+}
+
+TEST_F(LogEngineTest, ListeningEngineWithoutAnActiveChannelIsPassedOver) {
+    listen(0, 0);
+    ASSERT_TRUE(logListenToModule(kModule, 0x11111111)); // no such engine
+    ASSERT_TRUE(logListenToModule(kModule, kHandle));
+    EXPECT_TRUE(LogIsEnabled(0x22222222, 5, kModule)) << "asked by number of slots";
+    EXPECT_EQ(LogSend(0x22222222, record(5, kModule)), 0xFFFFFFFF);
+    EXPECT_TRUE(m_seen.lines.empty());
+    logIgnoreModule(kModule, 0x11111111);
 }
 
 TEST_F(LogEngineTest, NullTextsBecomeUndefined) {
     listen(5, 0);
     LogRecord r = record(5);
     r.message = nullptr;
+    const uint32_t before = platform::secondsNow();
     LogSend(kHandle, r);
     ASSERT_EQ(m_seen.lines.size(), 1u);
-    const std::wstring& line = m_seen.lines[0];
-    EXPECT_EQ(line.substr(line.find(L';')),
-              L"; ML=9; PT=0:77; NL=0; TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; SV=MANDATORY; "
-              L"CD=-1; MSG=undefined");
+    expectLine(m_seen.lines[0], 77, {before, platform::secondsNow()},
+               L"; ML=9; PT=0:77; NL=0; TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; SV=MANDATORY; "
+               L"CD=-1; MSG=undefined");
     EXPECT_EQ(r.message, nullptr) << "the caller's record is left alone";
 }
 
 TEST_F(LogEngineTest, FirstRecordOfAThreadHasNestingZeroAndLaterOnesMinusOne) {
     listen(5, 0);
-    LogSend(kHandle, record(5));
-    LogSend(kHandle, record(5));
-    LogSend(kHandle, record(5));
-    ASSERT_EQ(m_seen.lines.size(), 3u);
-    EXPECT_NE(m_seen.lines[0].find(L"NL=0;"), std::wstring::npos);
-    EXPECT_NE(m_seen.lines[1].find(L"NL=-1;"), std::wstring::npos);
-    EXPECT_NE(m_seen.lines[2].find(L"NL=-1;"), std::wstring::npos);
+    LogRecord r = record(4);
+    r.processId = 12;
+    r.timeText = "07.03.2026 09:05:07.5";
+    r.group = "DeviceEnumerator";
+    r.moduleTag = "TARNIS";
+    r.sourceFile = L"src\\lib\\unit.cpp";
+    r.functionName = "function";
+    r.line = 118;
+    r.code = 253;
+    const uint32_t before = platform::secondsNow();
+    LogSend(kHandle, r);
+    const Seconds first{before, platform::secondsNow()};
+    LogSend(kHandle, r);
+    r.threadId = 78;
+    LogSend(kHandle, r);
+    r.threadId = 77;
+    LogSend(kHandle, r);
+    ASSERT_EQ(m_seen.lines.size(), 4u);
+    const wchar_t* const nesting[] = {L"0", L"-1", L"0", L"-1"};
+    for (size_t i = 0; i < 4; ++i) {
+        const bool other = i == 2;
+        expectLine(m_seen.lines[i], other ? 78 : 77, other ? Seconds{before, platform::secondsNow()} : first,
+                   std::wstring(L"; ML=7; PT=12:") + (other ? L"78" : L"77") + L"; NL=" + nesting[i] +
+                       L"; TM=07.03.2026 09:05:07.5; MN=DeviceEnumerator,TARNIS; F=lib\\unit.cpp,function,118; "
+                       L"SV=ERROR; CD=253; MSG=message");
+    }
+    EXPECT_EQ(m_seen.lines[0].substr(0, m_seen.lines[0].find(L';')),
+              m_seen.lines[3].substr(0, m_seen.lines[3].find(L';')))
+        << "a thread keeps its identifier";
+}
+
+TEST_F(LogEngineTest, ThreadsContextLivesAsLongAsItsEngine) {
+    for (int life = 0; life < 2; ++life) {
+        listen(5, 0);
+        LogSend(kHandle, record(5));
+        const std::wstring line = m_seen.lines.back();
+        expectLine(line, 77, {platform::secondsNow() - 5, platform::secondsNow()},
+                   L"; ML=7; PT=0:77; NL=0; TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; "
+                   L"SV=MANDATORY; CD=-1; MSG=message");
+        LogClose(kHandle);
+    }
+}
+
+TEST_F(LogEngineTest, RecordReachesEveryChannelInOrderAtItsOwnLevel) {
+    listen(1, 0, LogOutput::kSystem);
+    listen(2, 5, LogOutput::kFile);
+    listen(3, 0, LogOutput::kDebugger);
+    listen(0, 0, LogOutput::kDebugger);
+    LogSend(kHandle, record(4));
+    EXPECT_THAT(m_seen.lines,
+                ElementsAre(L"ERROR: -1; message", L"F=undefined,undefined,0; SV=ERROR; CD=-1; MSG=message"));
+}
+
+TEST_F(LogEngineTest, ChannelThatFailsKeepsTheLineFromNobodyElse) {
+    listen(1, 0);
+    ASSERT_TRUE(engine().append(std::make_unique<FailingOutput>()));
+    listen(2, 0);
+    EXPECT_EQ(LogSend(kHandle, record(4)), 0u);
+    EXPECT_THAT(m_seen.lines, ElementsAre(L"ERROR: -1; message", L"SV=ERROR; CD=-1; MSG=message"));
+}
+
+TEST_F(LogEngineTest, ChannelOfAnUnknownLevelGetsAnEmptyLine) {
+    listen(6, 0);
+    EXPECT_EQ(LogSend(kHandle, record(4)), 0u);
+    EXPECT_THAT(m_seen.lines, ElementsAre(L""));
+}
+
+TEST_F(LogEngineTest, EmptySlotIsEnoughToBeAskedButNotToBeServed) {
+    ASSERT_TRUE(engine().append(nullptr));
+    EXPECT_TRUE(LogIsEnabled(kHandle, 5, kModule));
+    EXPECT_FALSE(LogIsEnabled(kHandle, 4, kModule));
+    EXPECT_EQ(LogSend(kHandle, record(5)), 0xFFFFFFFF);
+    listen(1, 0);
+    EXPECT_EQ(LogSend(kHandle, record(5)), 0u);
+    EXPECT_THAT(m_seen.lines, ElementsAre(L"MANDATORY: -1; message"));
 }
 
 TEST_F(LogEngineTest, IdentifierIsTheThreadAboveTheTimeOfItsFirstRecord) {
@@ -222,76 +301,6 @@ TEST_F(LogEngineTest, SeveritiesAboveSixAreDeliveredByNumber) {
     LogSend(kHandle, record(7));
     LogSend(kHandle, record(9));
     EXPECT_THAT(m_seen.lines, ElementsAre(L"SV=bad severity; CD=-1; MSG=message"));
-}
-
-TEST_F(LogEngineTest, ZeroAndAllOnesNameTheSameEngine) {
-    LogEngine* made = logFindOrCreateEngine(0);
-    EXPECT_EQ(logFindEngine(0xFFFFFFFF), made);
-    LogClose(0xFFFFFFFF);
-    EXPECT_EQ(logFindEngine(0), nullptr);
-}
-
-TEST_F(LogEngineTest, OpeningAnUnknownHandleFails) {
-    EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 1, 1, 1), -1);
-    EXPECT_EQ(logFindEngine(kHandle), nullptr);
-    EXPECT_EQ(logEngineTitle().substr(0, 13), L"Log Engine - ");
-}
-
-TEST(LogMissingEngine, IsDescribedByItsNumberAndItsFourCharacters) {
-    wchar_t text[128];
-    logDescribeMissingEngine(kTarnisLogHandle, text, 128);
-    EXPECT_STREQ(text, L"Can't find Log Engine for log handle: 1263685185 (KRNA)");
-}
-
-TEST_F(LogEngineTest, OpeningWithoutAnyChannelFailsAndRemovesTheEngine) {
-    engine();
-    EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 0, 0, 0), -1);
-    EXPECT_EQ(logFindEngine(kHandle), nullptr);
-    EXPECT_EQ(LogOpen(0, L"TARNIS", nullptr, 0, 0, 0, 0, 0), -1);
-    EXPECT_EQ(logFindEngine(0), nullptr);
-}
-
-TEST_F(LogEngineTest, EveryFurtherOpenNeedsItsOwnClose) {
-    listen(1, 0);
-    EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 0, 0, 0), 0);
-    EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 0, 0, 0), 0);
-    EXPECT_EQ(LogClose(kHandle), 0);
-    EXPECT_EQ(LogClose(kHandle), 0);
-    EXPECT_EQ(m_seen.closed, 0);
-    EXPECT_EQ(LogClose(kHandle), 0);
-    EXPECT_EQ(m_seen.closed, 1);
-    EXPECT_EQ(logFindEngine(kHandle), nullptr);
-    EXPECT_EQ(LogClose(kHandle), 0) << "closing what is not there is no failure";
-}
-
-TEST_F(LogEngineTest, ClosingTakesLeaveInTheChannel) {
-    listen(3, 0);
-    LogClose(kHandle);
-    ASSERT_EQ(m_seen.lines.size(), 1u);
-    EXPECT_EQ(m_seen.records[0].message,
-              L"   <<<<<<<<<<<<<<<<< Close the log channels: Recording for: " + std::wstring(platform::commandLine()));
-    EXPECT_EQ(m_seen.records[0].functionName, "LogEngine::Close");
-    EXPECT_EQ(m_seen.records[0].group, "LogEngine");
-    EXPECT_EQ(m_seen.records[0].severity, 6u);
-    EXPECT_EQ(m_seen.records[0].code, 0);
-}
-
-TEST_F(LogEngineTest, InitializingAnnouncesTheChannelsAndSetsTheFilesDetailOnly) {
-    listen(1, 0, LogOutput::kFile);
-    listen(1, 0, LogOutput::kDebugger);
-    EXPECT_EQ(engine().Initialize(L"TARNIS", nullptr, 0, 4, 5), 0);
-    EXPECT_EQ(engine().find(LogOutput::kFile)->detail(), 4u);
-    EXPECT_EQ(engine().find(LogOutput::kDebugger)->detail(), 1u);
-    ASSERT_EQ(m_seen.records.size(), 2u);
-    EXPECT_EQ(m_seen.records[0].message, L"   >>>>>>>>>>>>>>>>> Open the log channels: Recording, Recording for: " +
-                                             std::wstring(platform::commandLine()));
-    EXPECT_EQ(m_seen.records[0].functionName, "LogEngine::Initialize");
-}
-
-TEST_F(LogEngineTest, RefusesANinthChannel) {
-    for (size_t i = 0; i < LogEngine::kMaxSlots; ++i)
-        listen(0, 0);
-    EXPECT_FALSE(engine().append(std::make_unique<RecordingOutput>(m_seen, LogOutput::kFile, 0, 0)));
 }
 
 TEST_F(LogEngineTest, LogPointFillsTheRecordAndFormatsOnlyIfWanted) {
@@ -332,31 +341,17 @@ TEST_F(LogEngineTest, FirstRecordsOfManyThreadsRaceOnOneEngine) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(m_seen.lines.size(), size_t{kThreads} * kRecords);
-    for (const std::wstring& line : m_seen.lines)
-        ASSERT_NE(line.find(L"NL=0;"), std::wstring::npos);
-}
-
-TEST_F(LogEngineTest, ClosingWhileOthersLogDisturbsNobody) {
-    std::atomic<bool> stop{false};
-    std::atomic<int> sent{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t)
-        threads.emplace_back([&] {
-            while (!stop) {
-                if (LogIsEnabled(kHandle, 5, kModule)) LogSend(kHandle, record(5, kModule));
-                ++sent;
-            }
-        });
-    for (int cycle = 0; cycle < 200; ++cycle) {
-        listen(5, 0);
-        logListenToModule(kModule, kHandle);
-        const int before = sent;
-        ASSERT_TRUE(waitUntil([&] { return sent > before + 3; }));
-        logIgnoreModule(kModule, kHandle);
-        LogClose(kHandle);
+    std::vector<bool> seen(size_t{kThreads} * kRecords);
+    for (const std::wstring& line : m_seen.lines) {
+        unsigned long long identifier = 0;
+        unsigned process = 0, thread = 0;
+        ASSERT_EQ(std::swscanf(line.c_str(), L"{%llX}; ML=7; PT=%u:%u;", &identifier, &process, &thread), 3) << line;
+        ASSERT_EQ(identifier >> 44, thread);
+        ASSERT_LT(thread, seen.size());
+        ASSERT_FALSE(seen[thread]) << "thread " << thread << " once";
+        seen[thread] = true;
+        ASSERT_EQ(line.substr(line.find(L"NL=")),
+                  L"NL=0; TM=undefined; MN=undefined,undefined; F=undefined,undefined,0; SV=MANDATORY; CD=-1; "
+                  L"MSG=message");
     }
-    stop = true;
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(m_seen.closed, 200);
 }

@@ -1,11 +1,10 @@
-// The channels and the configuration, with the system's answers where they can be had and refused ones where not.
+// The channels, with the system's answers where they can be had and refused ones where not.
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/process_counts.h"
-#include "tests/support/registry_sandbox.h"
 #include "tests/support/scoped_import_hook.h"
-#include "tests/support/wait_until.h"
+#include "tests/unit/log_folder.h"
 
-#include "log/configuration.h"
+#include "log/engine.h"
 #include "log/outputs.h"
 #include "log/pending_handles.h"
 
@@ -13,67 +12,15 @@
 
 #include <sys/timeb.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <thread>
-
 using namespace kestra;
 using namespace kestra::test;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 namespace {
-
-constexpr wchar_t kLogKey[] = L"Software\\Quorvane\\TARNIS\\SDK\\Log";
-constexpr char kKernel[] = "kernel32.dll";
-
-/// Lines of a UTF-16 file: its mark first, every line ended by a carriage return and a line feed.
-std::vector<std::wstring> linesOf(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_EQ(bytes.substr(0, 2), "\xFF\xFE") << "byte-order mark";
-    EXPECT_EQ(bytes.size() % 2, 0u);
-    std::wstring text(bytes.size() / 2, L'\0');
-    std::memcpy(text.data(), bytes.data(), text.size() * 2);
-    std::vector<std::wstring> lines;
-    size_t start = 1;
-    for (size_t end; (end = text.find(L"\r\n", start)) != std::wstring::npos; start = end + 2)
-        lines.push_back(text.substr(start, end - start));
-    EXPECT_EQ(start, std::max<size_t>(text.size(), 1)) << "the last line is complete";
-    return lines;
-}
-
-LogRecord today(uint32_t severity = 5) {
-    LogRecord r;
-    LogFreeText(LogMakeTimeStamp(r));
-    r.severity = severity;
-    return r;
-}
 
 uint32_t writeLine(FileOutput& output, const std::wstring& line, const LogRecord& record) {
     return output.write(line.c_str(), line.size(), record);
 }
-
-/// A folder of its own, which is also the current directory.
-class LogFolder : public testing::Test {
-protected:
-    LogFolder() {
-        m_folder = std::filesystem::temp_directory_path() /
-                   ("kestra-log-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++s_number));
-        std::filesystem::create_directories(m_folder);
-        m_before = std::filesystem::current_path();
-        std::filesystem::current_path(m_folder);
-    }
-    ~LogFolder() override {
-        std::filesystem::current_path(m_before);
-        std::error_code ignored;
-        std::filesystem::remove_all(m_folder, ignored);
-    }
-
-    static inline int s_number = 0;
-    std::filesystem::path m_folder, m_before;
-};
 
 using LogFile = LogFolder;
 
@@ -523,178 +470,6 @@ TEST(LogChannelNames, AreCutAt256CharactersInTheAnnouncement) {
                            L" for: " + GetCommandLineW();
     if (message.size() > 511) message.resize(511);
     EXPECT_THAT(lines, ElementsAre(L"SV=MANDATORY; CD=0; MSG=" + message));
-}
-
-namespace {
-
-/// The engine's channels as the registry configures them, in a folder of their own.
-class LogConfigurationTest : public LogFolder {
-protected:
-    LogConfigurationTest()
-        : m_userHook("advapi32.dll", "RegOpenCurrentUser", [](REGSAM access, PHKEY key) -> LSTATUS {
-              return RegOpenKeyExW(HKEY_CURRENT_USER, nullptr, 0, access, key);
-          }) {
-        EXPECT_TRUE(m_userHook.installed());
-    }
-    ~LogConfigurationTest() override {
-        while (logFindEngine(kTarnisLogHandle))
-            LogClose(kTarnisLogHandle);
-    }
-    void set(const wchar_t* name, DWORD value) { m_registry.setDword(kLogKey, name, value); }
-    static void log(uint32_t severity, const wchar_t* message) {
-        static constexpr LogUnit unit{"group", L".\\unit.cpp"};
-        KESTRA_LOG(unit, "function", severity, 1, L"%ls", message);
-    }
-    /// A line of level 3 with its source line, which changes with every edit, made a "#".
-    static std::wstring maskSourceLine(const std::wstring& line) {
-        const size_t end = line.find(L';'), begin = line.rfind(L',', end);
-        return line.substr(0, begin + 1) + L"#" + line.substr(end);
-    }
-    std::vector<std::wstring> fileLines() { return linesOf(m_folder / "TARNIS.txt"); }
-
-    RegistrySandbox m_registry;
-    ScopedImportHook<decltype(&RegOpenCurrentUser)> m_userHook;
-    DebugOutputCapture m_debug;
-};
-
-} // namespace
-
-TEST_F(LogConfigurationTest, AbsentKeyMeansThatNothingIsEverWritten) {
-    EXPECT_FALSE(logLoadConfiguration());
-    EXPECT_EQ(logFindEngine(kTarnisLogHandle), nullptr);
-    EXPECT_FALSE(logAccepts(6));
-    log(6, L"lost");
-    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n",
-                                             L"RegOpenKeyEx(\"\\Software\\Quorvane\\TARNIS\\SDK\\Log\") failed (2)\n"));
-    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
-}
-
-TEST_F(LogConfigurationTest, UserRootThatCannotBeOpenedIsReported) {
-    const ScopedImportHook<decltype(&RegOpenCurrentUser)> hook(
-        "advapi32.dll", "RegOpenCurrentUser", [](REGSAM, PHKEY) -> LSTATUS { return ERROR_ACCESS_DENIED; });
-    EXPECT_FALSE(logLoadConfiguration());
-    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n", L"RegOpenCurrentUser failed (5)\n"));
-}
-
-TEST_F(LogConfigurationTest, FileDetailThreeWritesTheOpeningLineAndOneLineARecord) {
-    set(L"FileOutDetail", 3);
-    ASSERT_TRUE(logLoadConfiguration());
-    log(LOG_ERROR, L"hGrabber is NULL");
-    log(LOG_WARNING, L"below the default threshold");
-    LogClose(kTarnisLogHandle);
-    const auto lines = fileLines();
-    ASSERT_EQ(lines.size(), 3u);
-    const std::wstring host = std::wstring(L" for: ") + GetCommandLineW();
-    EXPECT_EQ(maskSourceLine(lines[0]), L"F=.\\LogEngine.cpp,LogEngine::Initialize,#; SV=MANDATORY; CD=0; MSG=   "
-                                        L">>>>>>>>>>>>>>>>> Open the log channels: File_Output" +
-                                            host);
-    EXPECT_EQ(maskSourceLine(lines[1]), L"F=.\\unit.cpp,function,#; SV=ERROR; CD=1; MSG=hGrabber is NULL");
-    EXPECT_EQ(maskSourceLine(lines[2]), L"F=.\\LogEngine.cpp,LogEngine::Close,#; SV=MANDATORY; CD=0; MSG=   "
-                                        L"<<<<<<<<<<<<<<<<< Close the log channels: File_Output" +
-                                            host);
-    EXPECT_EQ(m_debug.lines().size(), 1u) << "nothing but the first line of the configuration load";
-}
-
-TEST_F(LogConfigurationTest, ThresholdNineBehavesAsFourAndTwoLetsNoticeThrough) {
-    set(L"FileOutDetail", 1);
-    for (const auto& [threshold, expected] : {std::pair{9u, 2}, std::pair{2u, 4}, std::pair{0u, 6}}) {
-        std::filesystem::remove(m_folder / "TARNIS.txt");
-        set(L"FileSeverityThrsh", threshold);
-        ASSERT_TRUE(logLoadConfiguration());
-        for (uint32_t severity = 0; severity <= 5; ++severity)
-            log(severity, L"x");
-        LogClose(kTarnisLogHandle);
-        EXPECT_EQ(fileLines().size(), size_t(expected) + 2) << "threshold " << threshold;
-    }
-}
-
-TEST_F(LogConfigurationTest, AllThreeChannelsOpenInOrder) {
-    set(L"SysOutDetail", 1);
-    set(L"FileOutDetail", 1);
-    set(L"IdeOutDetail", 2);
-    set(L"IdeSeverityThrsh", 3);
-    ASSERT_TRUE(logLoadConfiguration());
-    log(LOG_WARNING, L"seen by the debugger");
-    const std::wstring host = std::wstring(L" for: ") + GetCommandLineW();
-    // The debugger's channel opens with the threshold ERROR, so it gets the announcement as well.
-    EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n",
-                                             L"SV=MANDATORY; CD=0; MSG=   >>>>>>>>>>>>>>>>> Open the log channels: "
-                                             L"System_Output_Stub, File_Output, IDE_Output" +
-                                                 host,
-                                             L"\n", L"SV=WARNING; CD=1; MSG=seen by the debugger", L"\n"));
-    EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 3u);
-    LogClose(kTarnisLogHandle);
-    EXPECT_EQ(fileLines().at(0), L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: System_Output_Stub, "
-                                 L"File_Output, IDE_Output" +
-                                     host);
-}
-
-TEST_F(LogConfigurationTest, ConfiguredDirectoryIsUsed) {
-    std::filesystem::create_directory(m_folder / "logs");
-    m_registry.setText(kLogKey, L"LogDir", (m_folder / "logs").wstring() + L"\\");
-    set(L"FileOutDetail", 2);
-    ASSERT_TRUE(logLoadConfiguration());
-    EXPECT_TRUE(std::filesystem::exists(m_folder / "logs" / "TARNIS.txt"));
-}
-
-TEST_F(LogConfigurationTest, GarbageValuesFallBackToTheDefaults) {
-    const wchar_t five[] = L"5";
-    const uint8_t two[] = {1, 0};
-    const uint64_t big = 3;
-    m_registry.setRaw(kLogKey, L"SysOutDetail", REG_SZ, five, sizeof five);
-    m_registry.setRaw(kLogKey, L"IdeOutDetail", REG_DWORD, two, sizeof two);
-    m_registry.setRaw(kLogKey, L"IdeSeverityThrsh", REG_QWORD, &big, sizeof big);
-    EXPECT_FALSE(logLoadConfiguration()) << "no channel is configured";
-
-    set(L"FileOutDetail", 1);
-    m_registry.setRaw(kLogKey, L"FileSeverityThrsh", REG_BINARY, &big, 4);
-    const std::wstring elsewhere = (m_folder / "elsewhere").wstring() + L"\\", tooLong(300, L'x');
-    std::filesystem::create_directory(m_folder / "elsewhere");
-    const auto bytes = static_cast<DWORD>(elsewhere.size() * sizeof(wchar_t));
-    for (int kind = 0; kind < 4; ++kind) {
-        if (kind == 0) m_registry.setRaw(kLogKey, L"LogDir", REG_EXPAND_SZ, elsewhere.c_str(), bytes + 2);
-        // No terminator, and none right behind the bytes either: the system would take that one along.
-        if (kind == 1) m_registry.setRaw(kLogKey, L"LogDir", REG_SZ, (elsewhere + L"x").c_str(), bytes);
-        if (kind == 2) m_registry.setText(kLogKey, L"LogDir", tooLong);
-        if (kind == 3) set(L"LogDir", 7);
-        std::filesystem::remove(m_folder / "TARNIS.txt");
-        ASSERT_TRUE(logLoadConfiguration());
-        EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 4u);
-        LogClose(kTarnisLogHandle);
-        EXPECT_TRUE(std::filesystem::exists(m_folder / "TARNIS.txt")) << kind;
-    }
-    EXPECT_TRUE(std::filesystem::is_empty(m_folder / "elsewhere"));
-}
-
-TEST_F(LogConfigurationTest, FileChannelThatFailsLeavesTheOthersWorking) {
-    std::filesystem::create_directory(m_folder / "TARNIS.txt");
-    set(L"FileOutDetail", 1);
-    set(L"IdeOutDetail", 1);
-    ASSERT_TRUE(logLoadConfiguration());
-    log(LOG_ERROR, L"still here");
-    EXPECT_TRUE(m_debug.contains(L"ERROR: 1; still here"));
-    EXPECT_EQ(logFindEngine(kTarnisLogHandle)->slotCount(), 1u);
-}
-
-TEST_F(LogConfigurationTest, LifetimeOpensAndClosesAndLeavesNoHandle) {
-    set(L"FileOutDetail", 1);
-    { const LogLifetime first; } // what is made once per process is made here
-    const int handles = processCounts().handles;
-    for (int i = 0; i < 20; ++i) {
-        const LogLifetime life;
-        EXPECT_TRUE(logAccepts(LOG_ERROR));
-        log(LOG_ERROR, L"x");
-    }
-    EXPECT_FALSE(logAccepts(6));
-    EXPECT_EQ(processCounts().handles, handles);
-}
-
-TEST_F(LogConfigurationTest, LoggingKeepsTheCallersLastError) {
-    set(L"FileOutDetail", 5);
-    ASSERT_TRUE(logLoadConfiguration());
-    SetLastError(1234);
-    log(LOG_ERROR, L"x");
-    EXPECT_EQ(GetLastError(), 1234u);
 }
 
 TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
