@@ -14,7 +14,10 @@ DWORD WINAPI GetBitmapSize(const BITMAPINFOHEADER* pHeader) {
     return DWORD(lineBytes * lines);
 }
 
-const GUID WINAPI GetTrueColorType(const BITMAPINFOHEADER* pHeader) {
+namespace {
+
+// 16 and 32 bits, with or without masks after the header.
+GUID trueColorType(const BITMAPINFOHEADER* pHeader) {
     DWORD masks[3] = {};
     const bool masked = pHeader->biCompression == BI_BITFIELDS;
     if (masked) std::memcpy(masks, reinterpret_cast<const BYTE*>(pHeader) + sizeof *pHeader, sizeof masks);
@@ -29,6 +32,8 @@ const GUID WINAPI GetTrueColorType(const BITMAPINFOHEADER* pHeader) {
     return GUID_NULL;
 }
 
+} // namespace
+
 const GUID WINAPI GetBitmapSubtype(const BITMAPINFOHEADER* pHeader) {
     if (pHeader->biCompression != BI_RGB && pHeader->biCompression != BI_BITFIELDS) {
         return FOURCCMap(pHeader->biCompression);
@@ -42,7 +47,7 @@ const GUID WINAPI GetBitmapSubtype(const BITMAPINFOHEADER* pHeader) {
         return MEDIASUBTYPE_RGB8;
     case 16:
     case 32:
-        return GetTrueColorType(pHeader);
+        return trueColorType(pHeader);
     case 24:
         return MEDIASUBTYPE_RGB24;
     default:

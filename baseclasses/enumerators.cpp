@@ -35,9 +35,9 @@ STDMETHODIMP_(ULONG) CEnumPins::Release() {
 }
 
 STDMETHODIMP CEnumPins::Next(ULONG cPins, IPin** ppPins, ULONG* pcFetched) {
+    if (pcFetched) *pcFetched = 0;
     CheckPointer(ppPins, E_POINTER);
     if (!pcFetched && cPins > 1) return E_INVALIDARG;
-    if (pcFetched) *pcFetched = 0;
     std::fill_n(ppPins, cPins, nullptr);
     ULONG fetched = 0;
     const HRESULT hr = guarded([&]() -> HRESULT {
@@ -116,16 +116,18 @@ STDMETHODIMP_(ULONG) CEnumMediaTypes::Release() {
 }
 
 STDMETHODIMP CEnumMediaTypes::Next(ULONG cTypes, AM_MEDIA_TYPE** ppTypes, ULONG* pcFetched) {
+    if (pcFetched) *pcFetched = 0;
     CheckPointer(ppTypes, E_POINTER);
     if (!pcFetched && cTypes > 1) return E_INVALIDARG;
-    if (pcFetched) *pcFetched = 0;
     std::fill_n(ppTypes, cTypes, nullptr);
     ULONG fetched = 0;
     const HRESULT hr = guarded([&]() -> HRESULT {
         if (m_Version != m_pPin->GetMediaTypeVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
         while (fetched < cTypes) {
             CMediaType type;
-            if (m_pPin->GetMediaType(m_Position, &type) != S_OK) break;
+            const HRESULT got = m_pPin->GetMediaType(m_Position, &type);
+            if (got == E_OUTOFMEMORY) return got; // there may be more, unlike after any other answer
+            if (got != S_OK) break;
             ppTypes[fetched] = CreateMediaType(&type);
             if (!ppTypes[fetched]) return E_OUTOFMEMORY;
             ++fetched;

@@ -7,11 +7,6 @@
 
 #include <dshow.h>
 
-#include <cassert>
-
-#ifndef ASSERT
-#define ASSERT(condition) assert(condition)
-#endif
 #ifndef NAME
 #define NAME(text) TEXT(text)
 #endif
@@ -19,13 +14,6 @@
     {                                                                                                                  \
         if ((pointer) == NULL) return (result);                                                                        \
     }
-#define ValidateReadPtr(p, cb)                                                                                         \
-    { (void)(p), (void)(cb); }
-#define ValidateWritePtr(p, cb)                                                                                        \
-    { (void)(p), (void)(cb); }
-#define ValidateReadWritePtr(p, cb)                                                                                    \
-    { (void)(p), (void)(cb); }
-
 /// A recursive lock. Any thread.
 class CCritSec {
 public:
@@ -121,10 +109,3 @@ public:
     LONG Millisecs() const { return LONG(m_time / 10000); }
     REFERENCE_TIME GetUnits() const { return m_time; }
 };
-
-#ifndef UNITS
-#define UNITS 10000000LL
-#endif
-#ifndef MILLISECONDS
-#define MILLISECONDS 1000LL
-#endif

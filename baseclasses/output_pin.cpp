@@ -74,7 +74,6 @@ HRESULT CBaseOutputPin::Active() {
 }
 
 HRESULT CBaseOutputPin::Inactive() {
-    m_bRunTimeError = false;
     return m_pAllocator ? m_pAllocator->Decommit() : VFW_E_NO_ALLOCATOR;
 }
 

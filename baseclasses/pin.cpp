@@ -88,13 +88,14 @@ HRESULT CBasePin::TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumM
     HRESULT result = VFW_E_NO_ACCEPTABLE_TYPES;
     AM_MEDIA_TYPE* offered = nullptr;
     while ((hr = pEnum->Next(1, &offered, nullptr)) == S_OK) {
-        HRESULT copied = S_OK;
-        const CMediaType type(*offered, &copied);
+        CMediaType type;
+        hr = type.Set(*offered);
         DeleteMediaType(offered);
-        if (FAILED(copied)) return copied;
-        if (pmt && !type.MatchesPartial(pmt)) continue;
-        hr = AttemptConnection(pReceivePin, &type);
-        if (hr == S_OK) return S_OK;
+        if (SUCCEEDED(hr)) {
+            if (pmt && !type.MatchesPartial(pmt)) continue;
+            hr = AttemptConnection(pReceivePin, &type);
+            if (hr == S_OK) return S_OK;
+        }
         // A refused type says nothing; another failure is the more useful answer.
         if (result == VFW_E_NO_ACCEPTABLE_TYPES && FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG &&
             hr != VFW_E_TYPE_NOT_ACCEPTED) {
@@ -248,9 +249,4 @@ HRESULT CBasePin::CheckConnect(IPin* pPin) {
     const HRESULT hr = pPin->QueryDirection(&other);
     if (FAILED(hr)) return hr;
     return other == m_dir ? VFW_E_INVALID_DIRECTION : S_OK;
-}
-
-HRESULT CBasePin::Inactive() {
-    m_bRunTimeError = false;
-    return S_OK;
 }

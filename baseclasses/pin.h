@@ -54,7 +54,7 @@ public:
     virtual HRESULT CompleteConnect(IPin*) { return S_OK; }
     virtual HRESULT GetMediaType(int, CMediaType*) { return E_UNEXPECTED; }
     virtual HRESULT Active() { return S_OK; }
-    virtual HRESULT Inactive();
+    virtual HRESULT Inactive() { return S_OK; }
     virtual HRESULT Run(REFERENCE_TIME) { return S_OK; }
 
 protected:
@@ -68,7 +68,6 @@ protected:
     IPin* m_Connected = nullptr;
     PIN_DIRECTION m_dir;
     CCritSec* m_pLock;
-    bool m_bRunTimeError = false;
     bool m_bCanReconnectWhenActive = false;
     bool m_bTryMyTypesFirst = false;
     CBaseFilter* m_pFilter; // not counted: owns the pin

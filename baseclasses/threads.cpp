@@ -70,11 +70,10 @@ HRESULT CAMThread::CoInitializeHelper() {
 DWORD WINAPI CAMThread::InitialThreadProc(LPVOID pv) {
     const HRESULT com = CoInitializeHelper();
     auto* thread = static_cast<CAMThread*>(pv);
-    DWORD result = 1;
+    auto result = DWORD(E_UNEXPECTED);
     try {
         result = thread->ThreadProc();
-    } catch (...) {
-        result = DWORD(E_UNEXPECTED);
+    } catch (...) { // ends the thread, as the event tells whoever waits for its answer
     }
     if (SUCCEEDED(com)) CoUninitialize();
     thread->m_EventEnded.Set();

@@ -31,8 +31,7 @@ public:
     CAMThread(const CAMThread&) = delete;
     CAMThread& operator=(const CAMThread&) = delete;
 
-    CCritSec m_AccessLock; // callers of the worker
-    CCritSec m_WorkerLock; // the worker's own data
+    CCritSec m_AccessLock;
 
     /// @return FALSE if there is a thread already or none can be made.
     BOOL Create();
@@ -43,7 +42,6 @@ public:
     void Close();
     BOOL ThreadExists() const { return m_hThread != nullptr; }
     HANDLE GetRequestHandle() const { return m_EventSend; }
-    DWORD GetRequestParam() const { return m_dwParam; }
     /// Waits for a request. The same one comes again until Reply.
     DWORD GetRequest();
     /// @return TRUE and the request if one waits for its reply.

@@ -59,7 +59,8 @@ HRESULT CKestraAudioStream::Active() {
     // The base's base on purpose: the stream's own worker thread is not used.
     HRESULT hr = CBaseOutputPin::Active(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(L"CKestraAudioStream->Active->FAILED(hr)", hr);
-    if (m_bactive) {
+    const bool joins = m_bactive;
+    if (joins) {
         trace(L"CKestraAudioStream->Active->m_bactive");
         m_timeStampRate = framesPerSecond(status);
     } else {
@@ -68,7 +69,8 @@ HRESULT CKestraAudioStream::Active() {
     }
     GetOwner()->AddRef(); // until Inactive
     ++m_ownerReferences;
-    if (m_bactive.exchange(true)) return S_OK;
+    if (joins) return S_OK;
+    m_bactive = true;
     return traced(L"CKestraAudioStream->Active->S_OK", S_OK);
 }
 

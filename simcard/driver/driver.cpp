@@ -1,7 +1,8 @@
 // Kernel driver of the simulated card: requests in, frames out. Requests arrive on the system's dispatch
 // thread; one thread per card paces the frames; cancels come from anywhere. Two locks per card, always taken
 // in this order: `dma` for as long as a frame is written (or the memory it goes to is given up), then `state`
-// around every call of the model.
+// around every call of the model. What the model completes goes back to the system with neither held: the system
+// completes under a lock of its own, which it also holds while it calls a cancel routine, and that takes both.
 #include "simcard/driver/system.h"
 #include "simcard/model/card.h"
 #include "simcard/model/picture.h"
@@ -26,7 +27,12 @@ public:
     void complete(void* token, uint32_t status, uint32_t replySize) override;
     void signalEvent(uint32_t client, uint64_t handle) override;
     uint64_t now100ns() override;
+    /// The next completed request that the system has not been given back, in their order; null if there is none.
+    IRP* takeCompleted() noexcept;
     Extension* extension = nullptr;
+
+private:
+    IRP *m_first = nullptr, *m_last = nullptr;
 };
 
 struct Extension {
@@ -78,8 +84,42 @@ HANDLE openClient(uint32_t processId) {
 void Host::complete(void* token, uint32_t status, uint32_t replySize) {
     IRP* irp = static_cast<IRP*>(token);
     IoSetCancelRoutine(irp, nullptr);
-    finish(irp, NTSTATUS(status), replySize);
+    irp->IoStatus.Status = NTSTATUS(status);
+    irp->IoStatus.Information = replySize;
+    irp->Tail.Overlay.DriverContext[0] = nullptr; // the link to the next
+    if (m_last)
+        m_last->Tail.Overlay.DriverContext[0] = irp;
+    else
+        m_first = irp;
+    m_last = irp;
 }
+
+IRP* Host::takeCompleted() noexcept {
+    IRP* irp = m_first;
+    if (!irp) return nullptr;
+    m_first = static_cast<IRP*>(irp->Tail.Overlay.DriverContext[0]);
+    if (!m_first) m_last = nullptr;
+    return irp;
+}
+
+/// Stands before the locks of a scope that calls the model: gives back, after them, what the model completed.
+class Completions {
+public:
+    explicit Completions(Extension& x) noexcept : m_extension(x) {}
+    ~Completions() {
+        while (IRP* irp = next())
+            IoCompleteRequest(irp, IO_NO_INCREMENT);
+    }
+    Completions(const Completions&) = delete;
+    Completions& operator=(const Completions&) = delete;
+
+private:
+    IRP* next() noexcept {
+        Locked state(m_extension.state);
+        return m_extension.host.takeCompleted();
+    }
+    Extension& m_extension;
+};
 
 void Host::signalEvent(uint32_t client, uint64_t handle) {
     HANDLE process = openClient(extension->card->processOf(client));
@@ -105,6 +145,7 @@ void setPlugged(Extension& x, bool plugged) {
     // The interface goes first: nobody opens a card that is about to answer "not connected".
     if (!plugged) IoSetDeviceInterfaceState(&x.link, FALSE);
     {
+        const Completions completions(x);
         Locked dma(x.dma);
         Locked state(x.state);
         x.card->setPlugged(plugged);
@@ -193,10 +234,12 @@ bool writeFrame(Extension& x, const FrameJob& job) {
 
 void oneFrame(Extension& x) {
     {
+        const Completions completions(x);
         Locked state(x.state);
         x.card->tick();
     }
     for (;;) {
+        const Completions completions(x);
         Locked dma(x.dma);
         FrameJob job;
         {
@@ -218,6 +261,7 @@ void NTAPI paceFrames(void* context) {
         Signal signal;
         Pace pace;
         {
+            const Completions completions(x);
             Locked state(x.state);
             x.card->poll();
             unplug = x.card->unplugRequested();
@@ -254,6 +298,7 @@ void NTAPI paceFrames(void* context) {
 void NTAPI cancelRequest(DEVICE_OBJECT* device, IRP* irp) {
     IoReleaseCancelSpinLock(irp->CancelIrql);
     auto& x = *static_cast<Extension*>(device->DeviceExtension);
+    const Completions completions(x);
     Locked dma(x.dma);
     Locked state(x.state);
     x.card->cancel(irp); // false: just being completed by somebody else
@@ -277,10 +322,11 @@ NTSTATUS clientRequest(Extension& x, IRP* irp) {
     // Only these end the use of DMA memory and so wait for a frame that is being written.
     const bool endsDma = request.code == wire::kStopGrabbing || request.code == wire::kChannelAccess ||
                          request.code == wire::kOpenSession || request.code == wire::kPrepare;
-    if (endsDma) x.dma.lock();
     Outcome outcome;
     {
-        Locked state(x.state);
+        const Completions completions(x);
+        if (endsDma) x.dma.lock();
+        x.state.lock();
         // Marked before the model sees it: from then on it may be completed at any moment.
         IoMarkIrpPending(irp);
         outcome = x.card->request(request);
@@ -288,8 +334,9 @@ NTSTATUS clientRequest(Extension& x, IRP* irp) {
             IoSetCancelRoutine(irp, cancelRequest);
             if (irp->Cancel) x.card->cancel(irp);
         }
+        x.state.unlock();
+        if (endsDma) x.dma.unlock();
     }
-    if (endsDma) x.dma.unlock();
     if (outcome.status != kStatusPending) finish(irp, NTSTATUS(outcome.status), outcome.replySize);
     return STATUS_PENDING;
 }
@@ -316,6 +363,7 @@ NTSTATUS controlRequest(IRP* irp) {
     bool ok = true;
     ULONG replySize = 0;
     {
+        const Completions completions(x);
         Locked dma(x.dma);
         Locked state(x.state);
         switch (parameters.IoControlCode) {
@@ -390,6 +438,7 @@ NTSTATUS NTAPI dispatchClose(DEVICE_OBJECT* device, IRP* irp) {
     auto& x = *static_cast<Extension*>(device->DeviceExtension);
     FILE_OBJECT* file = IoGetCurrentIrpStackLocation(irp)->FileObject;
     if (!x.control && file && file->FsContext) {
+        const Completions completions(x);
         Locked dma(x.dma);
         Locked state(x.state);
         x.card->close(uint32_t(uintptr_t(file->FsContext)) - 1);

@@ -67,6 +67,9 @@ TEST_F(EnumeratorsTest, NextOfPinsWithoutACountTakesOneAtATime) {
     IPin* got[2] = {};
     EXPECT_EQ(all->Next(2, got, nullptr), E_INVALIDARG);
     EXPECT_EQ(all->Next(1, nullptr, nullptr), E_POINTER);
+    ULONG fetched = 9;
+    EXPECT_EQ(all->Next(1, nullptr, &fetched), E_POINTER);
+    EXPECT_EQ(fetched, 0u);
     EXPECT_EQ(nextPlace(all.get()), 1) << "the refused calls moved nothing";
 }
 
@@ -145,7 +148,9 @@ TEST_F(EnumeratorsTest, TypesComeInOrderAndAreTheCallersToFree) {
     EXPECT_EQ(all->Next(1, got, nullptr), S_FALSE);
     EXPECT_EQ(got[0], nullptr);
     EXPECT_EQ(all->Next(2, got, nullptr), E_INVALIDARG);
+    fetched = 9;
     EXPECT_EQ(all->Next(1, nullptr, &fetched), E_POINTER);
+    EXPECT_EQ(fetched, 0u);
 }
 
 TEST_F(EnumeratorsTest, TypesAreSkippedResetAndCloned) {

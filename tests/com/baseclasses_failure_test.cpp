@@ -156,6 +156,14 @@ TEST_F(FailureTest, ConnectionIsMadeWholeOrNotAtAll) {
         EXPECT_EQ(allocationsThatPass, -1);
         disconnect();
     }
+    in().m_block = true; // and so the receiver's types need more memory than ours, which are tried next
+    out().m_types = 0;
+    out().m_onCheck = [](const CMediaType*) { return S_OK; };
+    in().m_types = 1;
+    EXPECT_GE(failEachAllocation([&] { return connect(); }, expectUnconnected), 6);
+    disconnect();
+    out().m_onCheck = nullptr;
+    out().m_types = 3;
     in().m_types = 0;
     out().m_bTryMyTypesFirst = true;
     EXPECT_GE(failEachAllocation([&] { return connect(); }, expectUnconnected), 2)
@@ -205,6 +213,33 @@ TEST_F(FailureTest, FactoryMakesAWholeFilterOrNone) {
 TEST_F(FailureTest, ServerKeysAreWrittenOrTheAnswerIsThatThereIsNoMemory) {
     EXPECT_GE(failEachAllocation([] { return AMovieSetupRegisterServer(kTestFilter, L"x", L"x.dll"); }, [] {}), 1);
     EXPECT_GE(failEachAllocation([] { return AMovieSetupUnregisterServer(kTestFilter); }, [] {}), 1);
+}
+
+TEST_F(FailureTest, LifeOfAFilterLeavesNoMemoryBehind) {
+    const auto live = [this] {
+        TestGraph graph;
+        auto* source = new TestSource(nullptr, 2);
+        source->AddRef();
+        EXPECT_EQ(source->JoinFilterGraph(&graph, L"one name"), S_OK);
+        EXPECT_EQ(source->JoinFilterGraph(&graph, L"another"), S_OK);
+        new TestStream(&source->m_created, source, L"Third");
+        delete &source->stream(1);
+        EXPECT_EQ(source->stream().Connect(&in(), nullptr), S_OK);
+        EXPECT_EQ(source->Run(0), S_OK);
+        EXPECT_EQ(source->Stop(), S_OK);
+        EXPECT_EQ(source->stream().Disconnect(), S_OK);
+        EXPECT_EQ(in().Disconnect(), S_OK);
+        Ref<IEnumPins> pins, clone;
+        EXPECT_EQ(source->EnumPins(pins.put()), S_OK);
+        EXPECT_EQ(pins->Clone(clone.put()), S_OK);
+        pins.reset();
+        clone.reset();
+        EXPECT_EQ(source->Release(), 0u); // still in its graph
+    };
+    live();
+    const long before = liveAllocations();
+    live();
+    EXPECT_EQ(liveAllocations(), before);
 }
 
 int eventsThatPass = -1;

@@ -393,7 +393,7 @@ TEST_F(FilterTest, HoldsTheClockThatItWasGivenLast) {
     ASSERT_EQ(m_source->Run(before - 500), S_OK);
     ASSERT_EQ(m_source->StreamTime(time), S_OK);
     EXPECT_GE(time.GetUnits(), 500) << "time since the start";
-    EXPECT_LT(time.GetUnits(), 500 + 10 * UNITS);
+    EXPECT_LT(time.Millisecs(), 10'000);
     ASSERT_EQ(m_source->SetSyncSource(nullptr), S_OK);
     EXPECT_EQ(referencesOf(second.get()), 1u);
 }

@@ -155,6 +155,7 @@ public:
     using CSourceStream::m_bTryMyTypesFirst;
     using CSourceStream::m_pAllocator;
     using CSourceStream::m_pInputPin;
+    using CSourceStream::m_pQSink;
 };
 
 class TestSource : public CSource {
@@ -206,9 +207,10 @@ public:
     bool m_hasTransport = true, m_offersAllocator = false, m_offersNothing = false;
     ALLOCATOR_PROPERTIES m_required{};
     IMemAllocator* m_allocator = nullptr;
-    IMemAllocator* m_own = nullptr; // offered instead of the system's; the test's
-    REFERENCE_TIME m_lastStart = -1;
+    IMemAllocator* m_own = nullptr;          // offered instead of the system's; the test's
+    IEnumMediaTypes* m_enumerator = nullptr; // of its types, in place of its own; the test's
     int m_types = 0;
+    bool m_block = false; // its types have a format block
 
     HRESULT CheckMediaType(const CMediaType*) override { return m_check.take(); }
     HRESULT SetMediaType(const CMediaType* type) override {
@@ -219,10 +221,15 @@ public:
         if (position < 0) return E_INVALIDARG;
         if (position >= m_types) return VFW_S_NO_MORE_ITEMS;
         *type = testType(2 - position); // other order than the source's
-        return S_OK;
+        BYTE block[4] = {};
+        return !m_block || type->SetFormat(block, sizeof block) ? S_OK : E_OUTOFMEMORY;
     }
     STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** out) override {
-        *out = nullptr;
+        *out = m_enumerator;
+        if (m_enumerator) {
+            m_enumerator->AddRef();
+            return S_OK;
+        }
         const HRESULT hr = m_enumerate.take();
         return FAILED(hr) ? hr : CBasePin::EnumMediaTypes(out);
     }

@@ -159,6 +159,41 @@ TEST_F(GraphTest, PinReconnectsWithAnotherTypeThroughTheGraph) {
     EXPECT_TRUE(waitUntil([&] { return chain.m_counter.m_samples == 5; }));
 }
 
+TEST_F(GraphTest, CaptureGraphBuilderFindsItsPin) {
+    Chain chain;
+    Ref<IPin> pin;
+    ASSERT_EQ(
+        chain.m_builder->FindPin(chain.m_source->GetOwner(), PINDIR_OUTPUT, nullptr, nullptr, FALSE, 0, pin.put()),
+        S_OK);
+    EXPECT_EQ(pin.get(), static_cast<IPin*>(&chain.out()));
+    EXPECT_TRUE(FAILED(
+        chain.m_builder->FindPin(chain.m_source->GetOwner(), PINDIR_INPUT, nullptr, nullptr, FALSE, 0, pin.put())));
+}
+
+TEST_F(GraphTest, PinsAreConnectedDirectlyWithAFullOrAPartialType) {
+    Chain chain;
+    Ref<IPin> input;
+    ASSERT_EQ(chain.out().ConnectedTo(input.put()), S_OK);
+    const auto disconnect = [&] {
+        EXPECT_EQ(chain.m_graph->Disconnect(&chain.out()), S_OK);
+        EXPECT_EQ(chain.m_graph->Disconnect(input.get()), S_OK);
+        EXPECT_FALSE(chain.out().IsConnected());
+    };
+    disconnect();
+    CMediaType wanted = testType(1), type;
+    for (const bool partial : {false, true}) {
+        if (partial) wanted.SetFormatType(&GUID_NULL);
+        ASSERT_EQ(chain.m_graph->ConnectDirect(&chain.out(), input.get(), &wanted), S_OK);
+        ASSERT_EQ(chain.out().ConnectionMediaType(&type), S_OK);
+        EXPECT_TRUE(type == testType(1));
+        type.ResetFormatBuffer();
+        disconnect();
+    }
+    wanted.SetType(&MEDIATYPE_Midi);
+    EXPECT_EQ(chain.m_graph->ConnectDirect(&chain.out(), input.get(), &wanted), VFW_E_NO_ACCEPTABLE_TYPES);
+    EXPECT_FALSE(chain.out().IsConnected());
+}
+
 TEST_F(GraphTest, RemovedFilterIsDisconnectedAndOutsideTheGraph) {
     Chain chain;
     ASSERT_EQ(chain.m_graph->RemoveFilter(chain.m_source), S_OK);

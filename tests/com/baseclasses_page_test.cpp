@@ -3,13 +3,19 @@
 #include "tests/com/baseclasses_page.h"
 #include "tests/support/process_counts.h"
 
+#include <olectl.h>
+#include <prsht.h>
+
+#include <cwchar>
+#include <thread>
+
 namespace kestra::test {
 namespace {
 
 class TestPage : public CBasePropertyPage {
 public:
-    explicit TestPage(int dialog = TEST_PAGE_DIALOG)
-        : CBasePropertyPage(NAME("page"), nullptr, dialog, TEST_PAGE_TITLE) {}
+    explicit TestPage(int dialog = TEST_PAGE_DIALOG, IUnknown* outer = nullptr)
+        : CBasePropertyPage(NAME("page"), outer, dialog, TEST_PAGE_TITLE) {}
     Step m_connect, m_disconnect, m_activate, m_deactivate, m_apply;
     int m_inits = 0, m_commands = 0;
     bool m_throwOnMessage = false;
@@ -121,6 +127,23 @@ TEST_F(PageTest, IsOneObject) {
     void* none = this;
     EXPECT_EQ(page->QueryInterface(IID_IBaseFilter, &none), E_NOINTERFACE);
     EXPECT_EQ(none, nullptr);
+}
+
+TEST_F(PageTest, AggregatedItAnswersThroughItsOuterObject) {
+    TestGraph outer; // any object will do
+    auto* controlling = static_cast<IUnknown*>(static_cast<IFilterGraph*>(&outer));
+    auto* page = new TestPage(TEST_PAGE_DIALOG, controlling);
+    page->NonDelegatingAddRef();
+    Ref<IPropertyPage> inner;
+    ASSERT_EQ(page->NonDelegatingQueryInterface(IID_IPropertyPage, inner.putVoid()), S_OK);
+    EXPECT_EQ(outer.m_references, 2);
+    Ref<IUnknown> identity;
+    ASSERT_EQ(inner->QueryInterface(IID_IUnknown, identity.putVoid()), S_OK);
+    EXPECT_EQ(identity.get(), controlling);
+    identity.reset();
+    inner.reset();
+    EXPECT_EQ(outer.m_references, 1);
+    EXPECT_EQ(page->NonDelegatingRelease(), 0u);
 }
 
 TEST_F(PageTest, SiteIsSetOnceAndTakenBackOnce) {
@@ -265,6 +288,89 @@ TEST_F(PageTest, KeysOfTheFrameReachThePagesFieldsAndPassThroughIt) {
     EXPECT_EQ(tab(), button);
     DestroyWindow(button);
     leave();
+}
+
+/// Makes the page for the system's frame.
+class PageFactory : public IClassFactory {
+public:
+    TestPage* m_page = nullptr;
+    LONG m_references = 1;
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        *ppv = riid == IID_IUnknown || riid == IID_IClassFactory ? this : nullptr;
+        if (*ppv) AddRef();
+        return *ppv ? S_OK : E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(InterlockedIncrement(&m_references)); }
+    STDMETHODIMP_(ULONG) Release() override { return ULONG(InterlockedDecrement(&m_references)); }
+    STDMETHODIMP CreateInstance(IUnknown*, REFIID riid, void** ppv) override {
+        return m_page->QueryInterface(riid, ppv);
+    }
+    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+};
+
+/// The dialog that this process shows at the top level: the frame. Null if there is none.
+HWND shownFrame() {
+    HWND frame = nullptr;
+    EnumWindows(
+        [](HWND window, LPARAM found) -> BOOL {
+            DWORD process = 0;
+            GetWindowThreadProcessId(window, &process);
+            wchar_t name[16] = L"";
+            GetClassNameW(window, name, 16);
+            const bool ours = process == GetCurrentProcessId() && std::wcscmp(name, L"#32770") == 0;
+            if (ours) *reinterpret_cast<HWND*>(found) = window;
+            return !ours;
+        },
+        LPARAM(&frame));
+    return frame;
+}
+
+HWND findField(HWND frame) {
+    if (!frame) return nullptr;
+    HWND field = nullptr;
+    EnumChildWindows(
+        frame,
+        [](HWND window, LPARAM found) -> BOOL {
+            if (GetDlgCtrlID(window) == TEST_PAGE_FIRST) *reinterpret_cast<HWND*>(found) = window;
+            return TRUE;
+        },
+        LPARAM(&field));
+    return field;
+}
+
+// The frame is modal: another thread fills a field in and presses its button. Wine's frame does not call Apply.
+TEST_F(PageTest, SystemsFrameShowsItTakesItsEditAndLetsGoOfIt) {
+    static constexpr CLSID kPage{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3B, 0x52, 0x11, 0x06}};
+    PageFactory factory;
+    factory.m_page = m_page;
+    DWORD cookie = 0;
+    ASSERT_EQ(CoRegisterClassObject(kPage, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie), S_OK);
+    const LONG objectReferences = m_object.m_references;
+    std::atomic<bool> pressed{false};
+    std::thread user([&] {
+        HWND field = nullptr;
+        waitUntil([&] {
+            field = findField(shownFrame());
+            return field && IsWindowVisible(field);
+        });
+        const HWND frame = shownFrame();
+        if (field) SendMessageW(field, WM_SETTEXT, 0, LPARAM(L"7"));
+        pressed = field && PostMessageW(frame, PSM_PRESSBUTTON, PSBTN_OK, 0);
+        if (!pressed) PostMessageW(frame, WM_CLOSE, 0, 0);
+    });
+    IUnknown* object = &m_object;
+    CLSID page = kPage;
+    EXPECT_EQ(OleCreatePropertyFrame(m_parent, 0, 0, L"The system's frame", 1, &object, 1, &page, 0, 0, nullptr), S_OK);
+    user.join();
+    EXPECT_EQ(CoRevokeClassObject(cookie), S_OK);
+    EXPECT_TRUE(pressed);
+    EXPECT_EQ(m_page->m_connect.calls, 1);
+    EXPECT_EQ(m_page->m_activate.calls, 1);
+    EXPECT_GE(m_page->m_commands, 1);
+    EXPECT_EQ(m_page->m_deactivate.calls, 1);
+    EXPECT_EQ(m_page->m_Dlg, nullptr);
+    EXPECT_EQ(m_object.m_references, objectReferences);
+    EXPECT_EQ(factory.m_references, 1);
 }
 
 TEST_F(PageTest, ExceptionsStopAtTheWindowAndAtEveryMethod) {

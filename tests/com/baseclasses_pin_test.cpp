@@ -75,7 +75,13 @@ TEST_F(PinTest, InternalConnectionsAreLeftToTheDefault) {
     EXPECT_EQ(out().Notify(m_source, Quality{}), E_NOTIMPL);
     EXPECT_EQ(out().BeginFlush(), E_UNEXPECTED) << "flushes go downstream, into input pins";
     EXPECT_EQ(out().EndFlush(), E_UNEXPECTED);
+    TestGraph sink; // any object will do
+    auto* control = reinterpret_cast<IQualityControl*>(static_cast<IFilterGraph*>(&sink));
+    EXPECT_EQ(out().SetSink(control), S_OK);
+    EXPECT_EQ(out().m_pQSink, control);
+    EXPECT_EQ(sink.m_references, 1) << "whoever sets it takes it back in time";
     EXPECT_EQ(out().SetSink(nullptr), S_OK);
+    EXPECT_EQ(out().m_pQSink, nullptr);
 }
 
 TEST_F(PinTest, SaysTheSameOfItselfConnectedAndNot) {
@@ -305,6 +311,66 @@ TEST_F(PinTest, OwnTypesDoWhereTheReceiverNamesNone) {
     in().m_enumerate.result = E_NOTIMPL;
     ASSERT_EQ(connect(), S_OK);
     EXPECT_EQ(in().m_enumerate.calls, 1);
+}
+
+/// One type whose block is missing, then one that is whole; or an error in its place.
+class BrokenTypes : public IEnumMediaTypes {
+public:
+    HRESULT m_second = S_OK;
+    int m_given = 0;
+    LONG m_references = 1;
+    STDMETHODIMP QueryInterface(REFIID, void** ppv) override {
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(++m_references); }
+    STDMETHODIMP_(ULONG) Release() override { return ULONG(--m_references); }
+    STDMETHODIMP Next(ULONG, AM_MEDIA_TYPE** out, ULONG*) override {
+        *out = nullptr;
+        if (m_given == 2) return S_FALSE;
+        if (m_given == 1 && FAILED(m_second)) return m_second;
+        *out = CreateMediaType(&static_cast<const AM_MEDIA_TYPE&>(testType(1)));
+        if (m_given == 0) (*out)->cbFormat = 100;
+        ++m_given;
+        return S_OK;
+    }
+    STDMETHODIMP Skip(ULONG) override { return E_NOTIMPL; }
+    STDMETHODIMP Reset() override {
+        m_given = 0;
+        return S_OK;
+    }
+    STDMETHODIMP Clone(IEnumMediaTypes**) override { return E_NOTIMPL; }
+};
+
+TEST_F(PinTest, BrokenTypeAmongTheReceiversIsPassedOver) {
+    BrokenTypes types;
+    in().m_enumerator = &types;
+    ASSERT_EQ(connect(), S_OK);
+    CMediaType type;
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(1)) << "the whole one";
+    EXPECT_EQ(types.m_references, 1);
+    disconnect();
+    type.ResetFormatBuffer();
+
+    types.m_second = VFW_E_ENUM_OUT_OF_SYNC;
+    ASSERT_EQ(connect(), S_OK);
+    ASSERT_EQ(out().ConnectionMediaType(&type), S_OK);
+    EXPECT_TRUE(type == testType(0)) << "ours, where the receiver's cannot be read on";
+    disconnect();
+    out().m_types = 0;
+    expectConnectFails(VFW_E_ENUM_OUT_OF_SYNC);
+    EXPECT_EQ(types.m_references, 1);
+    in().m_enumerator = nullptr;
+}
+
+TEST_F(PinTest, FailureOfOneTypeIsTheAnswerUnlessItIsTheTypesFault) {
+    for (const HRESULT fault : {E_FAIL, E_INVALIDARG, HRESULT(VFW_E_TYPE_NOT_ACCEPTED)}) {
+        in().m_set.result = fault;
+        expectConnectFails(VFW_E_NO_ACCEPTABLE_TYPES);
+    }
+    in().m_set.result = E_ACCESSDENIED;
+    expectConnectFails(E_ACCESSDENIED);
 }
 
 TEST_F(PinTest, PartialTypeMayNameTheFormatBlock) {

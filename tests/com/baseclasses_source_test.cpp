@@ -107,6 +107,31 @@ TEST_F(SourceTest, WorkerThatThrowsAtItsEndIsGoneAfterStop) {
     out().m_threadDestroy.throws = 0;
 }
 
+TEST_F(SourceTest, WorkerIsPreparedFirstAndAnswersWhatItDoesNotKnow) {
+    ASSERT_EQ(out().m_pAllocator->Commit(), S_OK);
+    ASSERT_TRUE(out().Create());
+    EXPECT_EQ(static_cast<CSourceStream&>(out()).Run(), E_UNEXPECTED);
+    EXPECT_EQ(out().Exit(), E_UNEXPECTED);
+    EXPECT_EQ(out().m_threadCreate.calls, 0);
+    EXPECT_EQ(out().Init(), S_OK);
+    EXPECT_EQ(out().Init(), E_NOTIMPL) << "once";
+    EXPECT_EQ(out().m_threadCreate.calls, 1);
+    out().m_samplesToMake = 1 << 30;
+    EXPECT_EQ(static_cast<CSourceStream&>(out()).Run(), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls > 10; }));
+    EXPECT_EQ(HRESULT(out().CallWorker(99)), E_NOTIMPL) << "also while it delivers, which that ends";
+    EXPECT_EQ(out().m_startPlay.calls, 1);
+    EXPECT_EQ(out().Pause(), S_OK);
+    EXPECT_TRUE(waitUntil([&] { return out().m_startPlay.calls == 2; }));
+    ASSERT_EQ(out().m_pAllocator->Decommit(), S_OK);
+    EXPECT_EQ(out().Stop(), S_OK);
+    EXPECT_EQ(out().m_threadDestroy.calls, 0);
+    EXPECT_EQ(out().Exit(), S_OK);
+    EXPECT_EQ(out().m_threadDestroy.calls, 1);
+    out().Close();
+    EXPECT_FALSE(out().ThreadExists());
+}
+
 TEST_F(SourceTest, StopFreesAWorkerThatWaitsForABuffer) {
     Ref<IMediaSample> kept[2];
     std::atomic<int> filled{0};
@@ -164,6 +189,7 @@ TEST_F(SourceTest, PauseToRunKeepsTheWorker) {
     EXPECT_EQ(out().Pause(), S_OK) << "a running loop answers and goes on";
     const int seen = in().m_receive.calls;
     EXPECT_TRUE(waitUntil([&] { return in().m_receive.calls > seen + 10; }));
+    EXPECT_EQ(out().m_startPlay.calls, 1);
 }
 
 TEST_F(SourceTest, StoppedAtAnyMomentItLeavesNoThreadAndNoHandle) {
@@ -180,6 +206,50 @@ TEST_F(SourceTest, StoppedAtAnyMomentItLeavesNoThreadAndNoHandle) {
     const ProcessCounts after = processCounts();
     EXPECT_LE(after.threads, before.threads);
     EXPECT_LE(after.handles, before.handles);
+}
+
+/// As its author writes it who has one type only.
+class PlainStream : public CSourceStream {
+public:
+    PlainStream(HRESULT* phr, CSource* filter) : CSourceStream(NAME("stream"), phr, filter, L"Plain") {}
+    using CSourceStream::GetMediaType;
+    HRESULT GetMediaType(CMediaType* type) override {
+        const HRESULT hr = m_type.take();
+        if (SUCCEEDED(hr)) *type = testType(1);
+        return hr;
+    }
+    HRESULT DecideBufferSize(IMemAllocator*, ALLOCATOR_PROPERTIES*) override { return E_UNEXPECTED; }
+    HRESULT FillBuffer(IMediaSample*) override { return S_FALSE; }
+    Step m_type;
+};
+
+TEST_F(SourceTest, StreamOfOneTypeOffersAndAcceptsThatOne) {
+    auto* plain = new PlainStream(&m_source->m_created, m_source);
+    CMediaType type;
+    EXPECT_EQ(plain->GetMediaType(-1, &type), E_INVALIDARG);
+    EXPECT_EQ(plain->GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
+    EXPECT_EQ(plain->m_type.calls, 0);
+    EXPECT_EQ(plain->GetMediaType(0, &type), S_OK);
+    EXPECT_TRUE(type == testType(1));
+    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))), S_OK);
+    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(0))), S_FALSE);
+    plain->m_type.result = E_ABORT;
+    EXPECT_EQ(plain->CheckMediaType(&static_cast<const CMediaType&>(testType(1))), E_ABORT);
+    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))), S_FALSE);
+}
+
+TEST_F(SourceTest, PlacesOfTwoFiguresAreFound) {
+    auto* many = new TestSource(nullptr, 10);
+    many->AddRef();
+    for (const int place : {9, 10}) {
+        LPWSTR id = nullptr;
+        ASSERT_EQ(many->stream(place - 1).QueryId(&id), S_OK);
+        Ref<IPin> pin;
+        EXPECT_EQ(many->FindPin(id, pin.put()), S_OK);
+        EXPECT_EQ(pin.get(), static_cast<IPin*>(&many->stream(place - 1)));
+        CoTaskMemFree(id);
+    }
+    EXPECT_EQ(many->Release(), 0u);
 }
 
 TEST_F(SourceTest, PinRemovedFromTheFilterRenumbersTheOthers) {

@@ -1,7 +1,14 @@
 #include "tests/com/failing_allocations.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
+
+namespace {
+
+std::atomic<long> live{0};
+
+} // namespace
 
 namespace kestra::test {
 
@@ -11,18 +18,24 @@ bool allocationFails() noexcept {
     return allocationsThatPass >= 0 && allocationsThatPass-- == 0;
 }
 
+long liveAllocations() noexcept {
+    return live;
+}
+
 } // namespace kestra::test
 
 void* operator new(size_t bytes) {
     void* block = kestra::test::allocationFails() ? nullptr : std::malloc(bytes ? bytes : 1);
     if (!block) throw std::bad_alloc();
+    ++live;
     return block;
 }
 
 void operator delete(void* block) noexcept {
+    if (block) --live;
     std::free(block);
 }
 
 void operator delete(void* block, size_t) noexcept {
-    std::free(block);
+    operator delete(block);
 }

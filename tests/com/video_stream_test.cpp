@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <set>
+#include <thread>
 
 namespace kestra::test {
 namespace {
@@ -339,6 +340,24 @@ TEST_F(VideoStream, ModuleThatIsUnloadedWhileAReceiverBlocksStaysForItsThread) {
     EXPECT_EQ(m_card.state().clients, 0u);
     CloseHandle(gate);
     m_module.load();
+}
+
+TEST_F(VideoStream, ModuleCanBeUnloadedAfterUseInEveryFormat) {
+    for (const int format : {0, 2, 3, 1}) { // RGB24 last: its threads keep the module
+        connect(format);
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        ASSERT_TRUE(receives(3));
+        ASSERT_EQ(m_filter->Stop(), S_OK);
+        disconnect();
+        m_pin = ComRef<IPin>();
+        m_filter = ComRef<IBaseFilter>();
+        EXPECT_EQ(m_module.canUnloadNow(), S_OK);
+        m_module.unload();
+        EXPECT_EQ(m_module.isInMemory(), format == 1);
+        // A thread that were left in the module's code would fall now.
+        if (longRun()) std::this_thread::sleep_for(std::chrono::seconds(10));
+        m_module.load();
+    }
 }
 
 TEST_F(VideoStream, FormatChangeEndsTheStreamAndTheClientStartsAgain) {

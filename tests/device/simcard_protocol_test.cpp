@@ -121,6 +121,29 @@ TEST_F(SimcardProtocol, ARequestThatNeverCompletesEndsWhenItIsCancelled) {
     EXPECT_EQ(client.end(pending), DWORD(ERROR_OPERATION_ABORTED));
 }
 
+TEST_F(SimcardProtocol, CancelsThatMeetCompletionsNeverBlockTheCard) {
+    RawClient client(m_card.devicePath());
+    ASSERT_EQ(client.openSession(), 0u);
+    m_card.addFault({FaultKind::Delay, wire::kConnection, 1, 0, 0xFFFFFFFF, {}});
+    const wire::Header header = client.header();
+    int completed = 0, cancelled = 0;
+    const ULONGLONG end = GetTickCount64() + 3000;
+    while (GetTickCount64() < end) {
+        wire::ConnectionReply replies[8] = {};
+        RawClient::Pending pending[8];
+        for (int i = 0; i < 8; ++i)
+            client.begin(pending[i], wire::kConnection, &header, sizeof header, &replies[i], sizeof replies[i]);
+        client.end(pending[0], 1); // about when the card completes them
+        for (RawClient::Pending& request : pending) {
+            client.cancel(request);
+            ++(client.end(request) == 0 ? completed : cancelled);
+        }
+    }
+    std::printf("%d requests completed, %d cancelled\n", completed, cancelled);
+    EXPECT_GT(completed, 0);
+    EXPECT_GT(cancelled, 0);
+}
+
 TEST_F(SimcardProtocol, AFaultPullsTheCardAtTheChosenRequest) {
     RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);

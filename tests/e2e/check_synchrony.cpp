@@ -140,7 +140,7 @@ int main(int argc, char** argv) {
         std::printf("%zu flashes and %zu beeps are not enough to measure by\n", flashMs.size(), beepMs.size());
         return 1;
     }
-    printOffsets("count", events);
+    printOffsets("count of frames and samples", events);
     if (argc == 10) {
         const std::vector<double> times = readTimes(argv[8]);
         std::vector<double> stampedFlashes;
@@ -148,7 +148,7 @@ int main(int argc, char** argv) {
             if (flash < times.size()) stampedFlashes.push_back(times[flash]);
         const auto stamped =
             pairUp(stampedFlashes, stampedBeeps(beeps, readTimes(argv[9]), 48000u / recording.framesPerSecond));
-        if (!stamped.empty()) printOffsets("time stamp", stamped);
+        if (!stamped.empty()) printOffsets("FFmpeg's stamps (pictures by arrival)", stamped);
     }
     const double first = events.front().offsetMs(), last = events.back().offsetMs();
     const bool together = std::abs(first) <= largestMs && std::abs(last) <= largestMs && std::abs(last - first) < 1;
