@@ -243,7 +243,7 @@ std::shared_ptr<GrabRun> startGrabThread(TARNIS_GIS& instance, int8_t port, uint
         run->context = context;
         if (!run->stop || !run->started) return nullptr;
         Channel& channel = instance.channel(port);
-        auto parameter = std::make_unique<ThreadStart>(run, ModuleReference());
+        auto parameter = std::make_unique<ThreadStart>(ThreadStart{run, ModuleReference()});
         unsigned id = 0;
         // Suspended until the run knows its thread: a callback may ask whether it runs on it.
         UniqueObject thread(
