@@ -193,6 +193,9 @@ TEST_F(AudioPage, RefusedWidthIsReportedOnceAndRemembered) {
     m_double.putResult = VFW_E_INVALIDMEDIATYPE;
     BoxClicker clicker;
     EXPECT_EQ(m_host.apply(), VFW_E_INVALIDMEDIATYPE);
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_EQ(list(CB_GETCURSEL), 1) << "the list stays on the refused entry";
+    EXPECT_EQ(m_host.apply(), S_OK) << "the same choice is not tried again";
     clicker.finish();
     EXPECT_EQ(clicker.boxes, 1);
     EXPECT_EQ(clicker.caption, L"Error");
@@ -200,10 +203,6 @@ TEST_F(AudioPage, RefusedWidthIsReportedOnceAndRemembered) {
                             L"format.");
     EXPECT_EQ(clicker.owner, GetAncestor(m_host.dialog(), GA_ROOT)) << "a child window's box belongs to its frame";
     EXPECT_EQ(clicker.buttons, 1);
-    EXPECT_TRUE(m_host.isDirty());
-    EXPECT_EQ(list(CB_GETCURSEL), 1) << "the list stays on the refused entry";
-    EXPECT_EQ(m_double.puts.size(), 1u);
-    EXPECT_EQ(m_host.apply(), S_OK) << "the same choice is not tried again";
     EXPECT_EQ(m_double.puts.size(), 1u);
     m_double.putResult = S_OK;
     choose(0);
