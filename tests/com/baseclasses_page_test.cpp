@@ -6,6 +6,7 @@
 #include <olectl.h>
 #include <prsht.h>
 
+#include <cstring>
 #include <cwchar>
 #include <thread>
 
@@ -181,13 +182,15 @@ TEST_F(PageTest, TakesExactlyOneObject) {
 
 TEST_F(PageTest, TellsItsTitleAndTheSizeOfItsDialog) {
     EXPECT_EQ(m_page->GetPageInfo(nullptr), E_POINTER);
-    PROPPAGEINFO info{};
+    PROPPAGEINFO info;
+    std::memset(&info, 0xCC, sizeof info);
     ASSERT_EQ(m_page->GetPageInfo(&info), S_OK);
     EXPECT_EQ(info.cb, sizeof info);
     EXPECT_STREQ(info.pszTitle, L"Test page");
     CoTaskMemFree(info.pszTitle);
     EXPECT_EQ(info.pszDocString, nullptr);
     EXPECT_EQ(info.pszHelpFile, nullptr);
+    EXPECT_EQ(info.dwHelpContext, 0u);
     EXPECT_EQ(m_page->m_inits, 0) << "measuring is none of the page's business";
     const HWND dialog = CreateDialogParamW(
         g_hInst, MAKEINTRESOURCEW(TEST_PAGE_DIALOG), m_parent,
@@ -283,7 +286,11 @@ TEST_F(PageTest, KeysOfTheFrameReachThePagesFieldsAndPassThroughIt) {
     EXPECT_EQ(tab(), button) << "out of the page";
     EXPECT_EQ(tab(), first) << "and into it again";
     // As a frame that takes the style away from the pages it shows.
-    SetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE, GetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE) & ~WS_EX_CONTROLPARENT);
+    const auto exStyle = [&] { return GetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE); };
+    EXPECT_TRUE(exStyle() & WS_EX_CONTROLPARENT);
+    SetWindowLongPtrW(m_page->m_Dlg, GWL_EXSTYLE, (exStyle() & ~WS_EX_CONTROLPARENT) | WS_EX_ACCEPTFILES);
+    EXPECT_TRUE(exStyle() & WS_EX_CONTROLPARENT);
+    EXPECT_TRUE(exStyle() & WS_EX_ACCEPTFILES) << "other styles are the frame's to give";
     EXPECT_EQ(tab(), second);
     EXPECT_EQ(tab(), button);
     DestroyWindow(button);
@@ -346,24 +353,28 @@ TEST_F(PageTest, SystemsFrameShowsItTakesItsEditAndLetsGoOfIt) {
     DWORD cookie = 0;
     ASSERT_EQ(CoRegisterClassObject(kPage, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie), S_OK);
     const LONG objectReferences = m_object.m_references;
-    std::atomic<bool> pressed{false};
+    std::atomic<bool> edited{false}, returned{false};
     std::thread user([&] {
         HWND field = nullptr;
-        waitUntil([&] {
-            field = findField(shownFrame());
-            return field && IsWindowVisible(field);
-        });
-        const HWND frame = shownFrame();
-        if (field) SendMessageW(field, WM_SETTEXT, 0, LPARAM(L"7"));
-        pressed = field && PostMessageW(frame, PSM_PRESSBUTTON, PSBTN_OK, 0);
-        if (!pressed) PostMessageW(frame, WM_CLOSE, 0, 0);
+        waitUntil(
+            [&] {
+                field = findField(shownFrame());
+                return returned || (field && IsWindowVisible(field));
+            },
+            std::chrono::seconds(20));
+        DWORD_PTR answer = 0;
+        edited = field && SendMessageTimeoutW(field, WM_SETTEXT, 0, LPARAM(L"7"), SMTO_NORMAL, 5000, &answer);
+        // Pressed until it is heard: nothing else ends the frame.
+        while (!waitUntil([&] { return returned.load(); }, std::chrono::milliseconds(100)))
+            PostMessageW(shownFrame(), PSM_PRESSBUTTON, PSBTN_OK, 0);
     });
     IUnknown* object = &m_object;
     CLSID page = kPage;
     EXPECT_EQ(OleCreatePropertyFrame(m_parent, 0, 0, L"The system's frame", 1, &object, 1, &page, 0, 0, nullptr), S_OK);
+    returned = true;
     user.join();
     EXPECT_EQ(CoRevokeClassObject(cookie), S_OK);
-    EXPECT_TRUE(pressed);
+    EXPECT_TRUE(edited);
     EXPECT_EQ(m_page->m_connect.calls, 1);
     EXPECT_EQ(m_page->m_activate.calls, 1);
     EXPECT_GE(m_page->m_commands, 1);
