@@ -139,9 +139,9 @@ protected:
         filter->GetState(0, &now);
         return now;
     }
-    bool receives(int count = 3) {
+    bool receives(int count = 3) { // at most sixteen a second are waited for
         const int before = m_sink->pin.received;
-        return waitUntil([&] { return m_sink->pin.received >= before + count; }, std::chrono::seconds(10));
+        return waitUntil([&] { return m_sink->pin.received >= before + count; }, std::chrono::seconds(10 + count / 16));
     }
 
     /// How often that line was written since clearTrace.
