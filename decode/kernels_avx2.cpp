@@ -72,8 +72,8 @@ struct Words {
     /// Each word from the kind that it is of in output register kOut of a lane.
     template <size_t kOut>
     KESTRA_INLINE __m256i pick() const {
-        return _mm256_blend_epi16(_mm256_blend_epi16(kinds[0], kinds[1], takenWords(kOut, 1)), kinds[2],
-                                  takenWords(kOut, 2));
+        constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates, also in a debug build
+        return _mm256_blend_epi16(_mm256_blend_epi16(kinds[0], kinds[1], kSecond), kinds[2], kThird);
     }
 };
 

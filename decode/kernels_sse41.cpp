@@ -55,7 +55,8 @@ struct Spread {
 
 template <size_t kOut>
 KESTRA_INLINE __m128i pick(const __m128i (&words)[3]) {
-    return _mm_blend_epi16(_mm_blend_epi16(words[0], words[1], takenWords(kOut, 1)), words[2], takenWords(kOut, 2));
+    constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates, also in a debug build
+    return _mm_blend_epi16(_mm_blend_epi16(words[0], words[1], kSecond), words[2], kThird);
 }
 
 /// Limits to 0..255, interleaves and stores 16 pixels.
