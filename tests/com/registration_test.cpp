@@ -30,6 +30,9 @@ struct Class {
 constexpr Class kClasses[] = {
     {L"{53F0624A-8497-4A4C-9451-011C49B274FA}", L"Kestra Capture Video"},
     {L"{47BAFEE0-4F9B-4115-AA9F-8964A23B53E9}", L"Kestra Capture Audio"},
+    {L"{8A2C2A69-416A-4DA2-B983-A7EC331515F4}", nullptr},
+    {L"{775AF2A3-0280-40F2-BA54-7EB3AECC5BBD}", nullptr},
+    {L"{09720913-2313-4CB3-A488-956D0260C606}", nullptr},
 };
 
 struct Source {
