@@ -71,9 +71,11 @@ verb_demo() {
     demo_record_both
 
     step "making a film and a picture of it"
-    local sound=(-f s16le -ar 48000 -ac 2 -i "$root/build/demo/sound.pcm") raw=(-f rawvideo -pix_fmt "${video_formats[0]}" -s 1920x1080 -r 60 -colorspace bt709 -color_range tv
+    local sound=(-f s16le -ar 48000 -ac 2 -i "$root/build/demo/sound.pcm")
+    local raw=(-f rawvideo -pix_fmt "${video_formats[0]}" -s 1920x1080 -r 60 -colorspace bt709 -color_range tv
         -i "$root/build/demo/frames.yuv")
-    quietly build/demo/film.log ffmpeg -nostdin -y "${raw[@]}" "${sound[@]}" -c:a aac -b:a 192k -c:v libx264 -preset veryfast -crf 18 -pix_fmt yuv420p \
+    quietly build/demo/film.log ffmpeg -nostdin -y "${raw[@]}" "${sound[@]}" -c:a aac -b:a 192k \
+        -c:v libx264 -preset veryfast -crf 18 -pix_fmt yuv420p \
         -color_primaries bt709 -color_trc bt709 -colorspace bt709 "$demo/recording.mp4"
     quietly build/demo/picture.log ffmpeg -nostdin -y -ss 2 "${raw[@]}" -vf scale=in_color_matrix=bt709:out_range=pc \
         -frames:v 1 "$demo/frame.png"
