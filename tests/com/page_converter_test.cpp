@@ -227,6 +227,19 @@ TEST_F(ConverterPage, RefusalOfTheCardIsShownAndCanBeRepeated) {
     EXPECT_EQ(m_card.state().converter.yOff, 65);
 }
 
+TEST_F(ConverterPage, PulledCardIsShownAndTheValuesWaitForItsReturn) {
+    openOnFilter(CLSID_KestraStreamPropCSC);
+    m_host.type(IDC_GMIN, L"16");
+    m_card.unplug();
+    EXPECT_TRUE(FAILED(m_host.apply()));
+    EXPECT_TRUE(m_host.isDirty());
+    EXPECT_NE(m_host.text(IDC_MESSAGE).find(L"The card has not taken these values."), std::wstring::npos);
+    m_card.plug();
+    EXPECT_TRUE(waitUntil([&] { return m_host.apply() == S_OK; }));
+    EXPECT_EQ(m_card.state().converter.gMin, 16);
+    EXPECT_FALSE(m_host.isDirty());
+}
+
 TEST_F(ConverterPage, WorksOnThePinToo) {
     m_registry.setDword(kSettings, L"VideoFormat", 3);
     ASSERT_EQ(makeFilter(), S_OK);

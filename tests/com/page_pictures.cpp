@@ -6,6 +6,8 @@
 #include "tests/com/page_host.h"
 
 #include <commctrl.h>
+#include <olectl.h>
+#include <prsht.h>
 
 #include <cstdio>
 #include <thread>
@@ -55,18 +57,20 @@ void paintAll() {
     }
 }
 
-/// The message box of this process, as soon as there is one.
-HWND awaitBox() {
-    HWND box = nullptr;
+/// The dialog of this process with that caption (null: any) and that control (0: any), as soon as there is one.
+HWND awaitDialog(const wchar_t* caption, int control) {
+    HWND found = nullptr;
     waitUntil([&] {
-        for (HWND window = nullptr; !box && (window = FindWindowExW(nullptr, window, L"#32770", L"Error"));) {
+        for (HWND window = nullptr; !found && (window = FindWindowExW(nullptr, window, L"#32770", caption));) {
             DWORD process = 0;
             GetWindowThreadProcessId(window, &process);
-            if (process == GetCurrentProcessId() && IsWindowVisible(window)) box = window;
+            if (process == GetCurrentProcessId() && IsWindowVisible(window) &&
+                (control == 0 || GetDlgItem(window, control)))
+                found = window;
         }
-        return box != nullptr;
+        return found != nullptr;
     });
-    return box;
+    return found;
 }
 
 class Pictures {
@@ -100,6 +104,32 @@ public:
             failed = true;
         }
     }
+    /// The system's own frame with the pages of the video filter, as an application opens it.
+    void takeFrame(const wchar_t* name) {
+        CLSID pages[] = {CLSID_KestraStreamPropCSC, CLSID_KestraStreamPropRGB};
+        DWORD cookies[2] = {};
+        for (int i = 0; i < 2; ++i) {
+            ComRef<IClassFactory> factory;
+            m_module.classObject(pages[i], IID_IClassFactory, reinterpret_cast<void**>(factory.out()));
+            CoRegisterClassObject(pages[i], factory.get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookies[i]);
+        }
+        std::thread user([&] {
+            constexpr int kApply = 0x3021;
+            const HWND frame = awaitDialog(nullptr, kApply);
+            SendMessageW(frame, PSM_SETCURSEL, 1, 0);
+            RedrawWindow(frame, nullptr, nullptr, RDW_INVALIDATE | RDW_ERASE | RDW_ALLCHILDREN | RDW_UPDATENOW);
+            SendMessageW(frame, WM_NULL, 0, 0);
+            RECT area{};
+            GetClientRect(frame, &area);
+            keep(frame, {area.right, area.bottom}, name);
+            SendMessageW(frame, WM_COMMAND, IDCANCEL, 0);
+        });
+        IUnknown* unknown = static_cast<IKestraStreamPropCSC*>(&object);
+        OleCreatePropertyFrame(nullptr, 0, 0, L"Kestra Capture Video", 1, &unknown, 2, pages, 0, 0, nullptr);
+        user.join();
+        for (const DWORD cookie : cookies)
+            CoRevokeClassObject(cookie);
+    }
     PageDouble object;
     bool failed = false;
 
@@ -125,6 +155,7 @@ int run(const std::wstring& folder, const std::wstring& suffix) {
     pictures.object.foundGains[1] = 1.38f;
     pictures.object.foundGains[2] = 1.67f;
     pictures.take(CLSID_KestraStreamPropRGB, L"page-gain", [](PageHost& host) { host.click(IDC_ANALYZE); });
+    pictures.takeFrame(L"page-frame");
     pictures.object.analysisResult = E_ACCESSDENIED;
     pictures.take(CLSID_KestraStreamPropRGB, L"page-gain-error", [](PageHost& host) { host.click(IDC_ANALYZE); });
     pictures.take(CLSID_KestraStreamPropRGB, L"page-gain-marked", [](PageHost& host) {
@@ -141,7 +172,7 @@ int run(const std::wstring& folder, const std::wstring& suffix) {
         SendMessageW(host.control(IDC_BITS), CB_SETCURSEL, 1, 0);
         SendMessageW(host.dialog(), WM_COMMAND, MAKEWPARAM(IDC_BITS, CBN_SELCHANGE), 0);
         std::thread user([&] {
-            const HWND box = awaitBox();
+            const HWND box = awaitDialog(L"Error", 0);
             RECT area{};
             GetClientRect(box, &area);
             RedrawWindow(box, nullptr, nullptr, RDW_INVALIDATE | RDW_ERASE | RDW_ALLCHILDREN | RDW_UPDATENOW);

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <limits>
+#include <random>
+#include <string>
 
 namespace kestra::test {
 namespace {
@@ -70,6 +73,28 @@ TEST(PageNumbers, WhatIsShownIsTakenBack) {
         ASSERT_EQ(typed.fault, NumberFault::None) << thousandths;
         ASSERT_EQ(decimalText(typed.value), text);
     }
+}
+
+TEST(PageNumbers, WhateverIsTypedIsRefusedOrIsTheNumberThatItSays) {
+    constexpr wchar_t kKeys[] = L"0123456789.,-+ e";
+    std::mt19937 random(9);
+    int taken = 0;
+    for (int i = 0; i < 200000; ++i) {
+        std::wstring typed;
+        for (uint32_t length = random() % 8; length > 0; --length)
+            typed += kKeys[random() % (std::size(kKeys) - 1)];
+        const auto number = parseDecimal(typed, -1000, 1000);
+        if (number.fault != NumberFault::None) {
+            ASSERT_EQ(number.value, 0) << testing::PrintToString(typed);
+            continue;
+        }
+        ++taken;
+        const std::string text(typed.begin(), typed.end());
+        char* end = nullptr;
+        ASSERT_EQ(number.value, std::strtof(text.c_str(), &end)) << text;
+        ASSERT_EQ(text.find_first_not_of(' ', static_cast<size_t>(end - text.c_str())), std::string::npos) << text;
+    }
+    EXPECT_GT(taken, 5000);
 }
 
 TEST(PageNumbers, MessagesSayWhatToTypeInstead) {
