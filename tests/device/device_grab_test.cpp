@@ -530,7 +530,7 @@ TEST_F(DeviceGrab, StartAndStopCyclesLeaveNothingBehind) {
     const ProcessCounts after = processCounts();
     std::printf("%d cycles: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", cycles, before.handles,
                 after.handles, before.threads, after.threads, before.privateBytes / 1024, after.privateBytes / 1024);
-    EXPECT_EQ(after.handles, before.handles);
+    EXPECT_LE(after.handles, before.handles + 4) << "more than the system takes up once";
     EXPECT_LT(after.privateBytes, before.privateBytes + (2 << 20));
     EXPECT_EQ(counter.wrong, 0);
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
