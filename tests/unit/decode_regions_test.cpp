@@ -11,9 +11,6 @@ constexpr uint8_t kUntouched = 0xA5;
 
 class RegionKernels : public testing::TestWithParam<int> {
 protected:
-    void SetUp() override {
-        if (!cpuRuns(GetParam())) GTEST_SKIP() << "this processor lacks " << cpuVariantName(GetParam());
-    }
     CopyC3 copyC3() const { return kCopyC3[static_cast<size_t>(GetParam())]; }
     Copy16C1 copy16() const { return kCopy16C1[static_cast<size_t>(GetParam())]; }
     ShiftRight16C1 shift() const { return kShiftRight16C1[static_cast<size_t>(GetParam())]; }
@@ -141,10 +138,6 @@ TEST(RegionEntries, GoThroughTheProcessesVariant) {
     EXPECT_EQ(sample, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(, RegionKernels, testing::Range(0, int{kCpuVariants}), [](const auto& info) {
-    std::string name = cpuVariantName(info.param);
-    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(, RegionKernels, testing::ValuesIn(runningVariants()), variantName);
 
 } // namespace kestra::test

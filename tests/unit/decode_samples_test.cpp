@@ -9,9 +9,6 @@ namespace {
 
 class SampleKernels : public testing::TestWithParam<int> {
 protected:
-    void SetUp() override {
-        if (!cpuRuns(GetParam())) GTEST_SKIP() << "this processor lacks " << cpuVariantName(GetParam());
-    }
     void compare(const VariantTable<SampleLine>& table, size_t unit, size_t outUnit) const {
         for (size_t units = 0; units <= 150; ++units)
             for (const size_t offset : {size_t{0}, size_t{1}, size_t{16}, size_t{32}, units % 64})
@@ -54,10 +51,6 @@ TEST_P(SampleKernels, ExpansionIsExactAndItsFourthByteZero) {
     EXPECT_EQ(std::vector<uint8_t>(dst, dst + 8), (std::vector<uint8_t>{1, 2, 3, 0, 4, 5, 6, 0}));
 }
 
-INSTANTIATE_TEST_SUITE_P(, SampleKernels, testing::Range(0, int{kCpuVariants}), [](const auto& info) {
-    std::string name = cpuVariantName(info.param);
-    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(, SampleKernels, testing::ValuesIn(runningVariants()), variantName);
 
 } // namespace kestra::test

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -95,6 +96,13 @@ private:
     size_t m_size, m_pages;
     uint8_t *m_base, *m_data;
 };
+
+/// A variant's name as a test's: letters and digits.
+inline std::string variantName(const testing::TestParamInfo<int>& info) {
+    std::string name = cpuVariantName(info.param);
+    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
+    return name;
+}
 
 inline void fillRandom(uint8_t* first, uint8_t* last, uint32_t seed) {
     std::mt19937 random(seed);

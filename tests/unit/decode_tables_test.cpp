@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cpuid.h>
 #include <limits>
 #include <memory>
 
@@ -269,6 +270,22 @@ TEST(CpuVariants, OnlyWhatRunsCanBeForced) {
     EXPECT_EQ(cpuVariant(), kPlain);
     forceCpuVariant(before);
     EXPECT_STREQ(cpuVariantName(-1), "unknown");
+}
+
+TEST(CpuVariants, RunWhereTheProcessorAndTheSystemSaySo) {
+    unsigned a = 0, b = 0, basic = 0, d = 0, extendedB = 0, extendedC = 0;
+    ASSERT_TRUE(__get_cpuid(1, &a, &b, &basic, &d));
+    __get_cpuid_count(7, 0, &a, &extendedB, &extendedC, &d);
+    unsigned saved = 0; // of the registers, by the system
+    if (basic & bit_OSXSAVE) asm volatile("xgetbv" : "=a"(saved), "=d"(d) : "c"(0));
+    const bool avx = (saved & 6) == 6, avx512 = (saved & 0xE6) == 0xE6;
+    constexpr unsigned kAvx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512VL;
+    EXPECT_TRUE(cpuRuns(kPlain));
+    EXPECT_TRUE(cpuRuns(kSse2)) << "every 64-bit processor has it";
+    EXPECT_EQ(cpuRuns(kSse41), (basic & bit_SSSE3) != 0 && (basic & bit_SSE4_1) != 0);
+    EXPECT_EQ(cpuRuns(kAvx2), avx && (extendedB & bit_AVX2) != 0);
+    EXPECT_EQ(cpuRuns(kAvx512),
+              avx512 && (extendedB & kAvx512Bits) == kAvx512Bits && (extendedC & bit_AVX512VBMI) != 0);
 }
 
 TEST(CpuVariants, WidestThatRunsIsChosenByItself) {
