@@ -216,8 +216,10 @@ uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port) {
     std::shared_ptr<GrabRun> run;
     {
         const std::lock_guard lock(hGrabber->m_state);
-        run = std::move(hGrabber->channel(port).run);
-        hGrabber->channel(port).run.reset();
+        Channel& channel = hGrabber->channel(port);
+        run = std::move(channel.run);
+        channel.run.reset();
+        channel.interrupted.reset(); // whoever stops while the card is gone does not want it resumed
     }
     if (run) {
         SetEvent(run->stop.get());

@@ -181,13 +181,14 @@ void TARNIS_GIS::stopCard(bool resumeLater) noexcept {
         {
             const std::lock_guard lock(m_state);
             run = channel.run;
-            if (run && resumeLater && run->reported) {
-                channel.interrupted = run;
-                run->cardLost = true;
-            }
+            if (run && resumeLater && run->reported) run->cardLost = true;
         }
         if (!run) continue;
         TARNIS_StopGrab(this, port);
+        if (run->cardLost) {
+            const std::lock_guard lock(m_state);
+            channel.interrupted = run;
+        }
         // Without DMA access that was refused: the run must end all the same, it keeps the instance alive.
         if (WaitForSingleObject(run->stop.get(), 0) != WAIT_OBJECT_0) {
             SetEvent(run->stop.get());

@@ -438,6 +438,27 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
     EXPECT_EQ(stop(), 0u);
 }
 
+TEST_F(DeviceGrab, RunThatWasStoppedWhileTheCardWasGoneIsNotResumed) {
+    FrameCounter counter;
+    ASSERT_EQ(start(counter), 0u);
+    ASSERT_TRUE(counter.waitForFrames(2));
+    m_card.unplug();
+    ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStopped Leave") == 1; }));
+    stop();
+    m_card.clearLog();
+    m_card.addFault({FaultKind::Delay, wire::kRegisterInputEvent, 300, 0, 1, {}});
+    m_card.plug();
+    // Claimed again before the arrival has been dealt with, as by a client that is quick to start again.
+    ASSERT_TRUE(waitUntil([&] { return TARNIS_GetDMAAccess(m_grabber, 0) == 0u; }));
+    ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStarted Leave") == 1; }));
+    const auto codes = requestCodes();
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), wire::kStartGrabbing), 0);
+    FrameCounter next;
+    ASSERT_EQ(restart(next), 0u);
+    EXPECT_TRUE(next.waitForFrames(3));
+    EXPECT_EQ(stop(), 0u);
+}
+
 TEST_F(DeviceGrab, RemovalOfAnotherCardChangesNothing) {
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
