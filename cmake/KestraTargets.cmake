@@ -15,6 +15,10 @@ if(KESTRA_SANITIZE)
     -fsanitize=address,undefined,fuzzer-no-link -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kestra_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(KESTRA_SANITIZE_THREADS)
+  target_compile_options(kestra_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(kestra_options INTERFACE -fsanitize=thread)
+endif()
 
 # kestra_library(NAME SOURCES file... [HEADERS file...] [LINKS target...])
 # A static library of this folder. Every header named (public or not) must compile on its own: an object
