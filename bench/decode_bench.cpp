@@ -1,8 +1,8 @@
 // The decoder beside libyuv, libavcodec + libyuv and libswscale, and beside memcpy of as many bytes as are read and
 // written, in one run. Prints milliseconds per frame and the ratios; see docs/decoder.md for how to read them.
 #include "bench/decode_frames.h"
-#include "decode/cpu_variants.h"
 #include "decode/decode.h"
+#include "decode/kernel_set.h"
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
@@ -174,14 +174,14 @@ struct Row {
     bool ours;
 };
 
-void add(const Case& c, const std::string& row, int variant, Work work) {
+void add(const Case& c, const std::string& row, const KernelSet& set, Work work) {
     static std::map<std::string, std::shared_ptr<FrameSet>> sets; // made once, shared by all rows of a case
     const std::string setKey = std::to_string(c.selector) + "/" + std::to_string(c.size.width) + (c.cold ? "c" : "h");
     auto& frames = sets[setKey];
     if (!frames) frames = std::make_shared<FrameSet>(c.selector, c.size, c.cold);
     benchmark::RegisterBenchmark((c.key() + "|" + row).c_str(),
-                                 [c, variant, work, frames](benchmark::State& state) {
-                                     forceCpuVariant(variant);
+                                 [c, &set, work, frames](benchmark::State& state) {
+                                     useKernels(set);
                                      omp_set_num_threads(c.threads);
                                      for (auto _ : state) {
                                          frames->advance();
@@ -194,10 +194,10 @@ void add(const Case& c, const std::string& row, int variant, Work work) {
 
 std::vector<Row> addCase(const Case& c) {
     std::vector<Row> rows{{"memcpy", false}};
-    add(c, "memcpy", kPlain, copyOnce);
+    add(c, "memcpy", kPlainKernels, copyOnce);
     const auto peer = [&](const char* name, Work work) {
         rows.push_back({name, false});
-        add(c, name, kPlain, std::move(work));
+        add(c, name, kPlainKernels, std::move(work));
     };
     if (c.threads == 1) {
         if (c.selector == TARNIS_OUTPUT_YUV422_8) {
@@ -212,14 +212,14 @@ std::vector<Row> addCase(const Case& c) {
             peer("libyuv CopyPlane", copyPlane);
         }
     }
-    for (int variant = 0; variant < kCpuVariants; ++variant) {
-        if (!cpuRuns(variant) || (c.threads != 1 && variant < kAvx2)) continue;
-        rows.push_back({std::string("ours ") + cpuVariantName(variant), true});
-        add(c, rows.back().name, variant, decodeOnce);
+    for (const KernelSet* set : kKernelSets) {
+        if (!set->runsHere()) continue;
+        rows.push_back({std::string("ours ") + set->name, true});
+        add(c, rows.back().name, *set, decodeOnce);
     }
     if (c.cold && c.size.width == kHd.width) {
-        rows.push_back({"ours widest, and one read", true});
-        add(c, rows.back().name, cpuVariant(), decodeAndRead);
+        rows.push_back({"ours best, and one read", true});
+        add(c, rows.back().name, kernels(), decodeAndRead);
     }
     return rows;
 }

@@ -1,8 +1,8 @@
-// Milliseconds per decoded 1080p frame, one thread, for every layout and variant: the same program runs natively and
-// under Wine, so that the two can be laid side by side. One line each: layout variant ms.
+// Milliseconds per decoded 1080p frame, one thread, for every layout and kernel set: the same program runs natively and
+// under Wine, so that the two can be laid side by side. One line each: layout set ms.
 #include "bench/decode_frames.h"
-#include "decode/cpu_variants.h"
 #include "decode/decode.h"
+#include "decode/kernel_set.h"
 
 #include <algorithm>
 #include <chrono>
@@ -41,10 +41,10 @@ int main() {
     constexpr const char* kNames[] = {"10-bit", "8-bit", "rgb24"};
     for (uint32_t selector = 0; selector < 3; ++selector) {
         FrameSet cached(selector, {1920, 64}, false), cold(selector, kHd, true);
-        for (int variant = 0; variant < kCpuVariants; ++variant) {
-            if (!forceCpuVariant(variant)) continue;
+        for (const KernelSet* set : kKernelSets) {
+            if (!useKernels(*set)) continue;
             microsecondsPerLine(cached); // pages and clocks settle
-            std::printf("%s %s %.4f %.4f\n", kNames[selector], cpuVariantName(variant), microsecondsPerLine(cached),
+            std::printf("%s %s %.4f %.4f\n", kNames[selector], set->name, microsecondsPerLine(cached),
                         microsecondsPerLine(cold));
         }
     }

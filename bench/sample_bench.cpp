@@ -2,7 +2,7 @@
 // Speeds are relative to a memcpy of as many bytes as are read and written.
 #include "bench/decode_frames.h"
 #include "capture/frame_writer.h"
-#include "decode/cpu_variants.h"
+#include "decode/kernel_set.h"
 
 #include <libyuv.h>
 #include <omp.h>
@@ -90,11 +90,11 @@ void compare(const char* title, Frames& frames, std::vector<Way> ways) {
 
 std::vector<Way> copyAndOurs(Frames& frames) {
     std::vector<Way> ways{{"memcpy", [&frames] { frames.plainCopy(); }, {}}};
-    for (int variant = kCpuVariants - 1; variant > kPlain; --variant)
-        if (cpuRuns(variant))
-            ways.push_back({std::string("ours, ") + cpuVariantName(variant),
-                            [&frames, variant] {
-                                forceCpuVariant(variant);
+    for (const KernelSet* set : kKernelSets)
+        if (set->runsHere())
+            ways.push_back({std::string("ours, ") + set->name,
+                            [&frames, set] {
+                                useKernels(*set);
                                 frames.ours();
                             },
                             {}});

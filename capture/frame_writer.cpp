@@ -1,7 +1,7 @@
 #include "capture/frame_writer.h"
 
 #include "decode/decode.h"
-#include "decode/sample_kernels.h"
+#include "decode/kernel_set.h"
 
 #include <xmmintrin.h>
 
@@ -12,7 +12,6 @@ namespace kestra {
 namespace {
 
 constexpr uint32_t kSizeTolerance = 4097; // bytes between raw frame and RGB24 sample
-constexpr uint32_t kStreamedBytes = 3u << 20;
 
 void clear(uint8_t* first, size_t bytes) noexcept {
     std::memset(first, 0, bytes);
@@ -33,19 +32,19 @@ public:
           m_streamed(sampleBytes >= kStreamedBytes) {}
 
     void copyWoven(bool interlaced) noexcept {
-        const SampleLine copy = kCopyLine[static_cast<size_t>(cpuVariant())];
+        const SampleLine copy = kernels().copyLine;
         for (uint32_t y = 0; y < m_height; ++y)
             put(interlaced ? y / 2 + (y % 2) * (m_height / 2) : y, y, copy, m_rawLine, m_rawLine);
         finish();
     }
     void swapLines() noexcept {
-        const SampleLine swap = kSwapLine[static_cast<size_t>(cpuVariant())];
+        const SampleLine swap = kernels().swapLine;
         for (uint32_t y = 0; y < m_height; ++y)
             put(y, y, swap, m_rawLine, m_rawLine);
         finish();
     }
     void expandBottomUp() noexcept {
-        const SampleLine expand = kExpandLine[static_cast<size_t>(cpuVariant())];
+        const SampleLine expand = kernels().expandLine;
         const uint32_t pixels = std::min(m_width, m_sampleLine / 4);
         for (uint32_t k = 0; k < m_height; ++k)
             put(k, m_height - 1 - k, expand, 3 * pixels, 4 * pixels);

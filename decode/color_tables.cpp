@@ -1,13 +1,12 @@
 #include "decode/color_tables.h"
 
 #include "decode/yuv_constants.h"
+#include "device/tarnis.h"
 
 #include <algorithm>
 #include <limits>
 
 namespace kestra {
-
-ColorTables g_colorTables{};
 
 namespace {
 
@@ -77,7 +76,7 @@ void buildTables(ColorTables& tables, SampleDepth depth, const TarnisConverterPa
     if (tables.depth == depth && sameTables(tables.builtFrom, params)) return;
     tables.depth = depth;
     tables.builtFrom = params;
-    const bool ten = depth == SampleDepth::Ten;
+    const bool ten = depth == SampleDepth::Bits10;
     const int32_t yOff = ten ? params.YOff : params.YOff >> 2;
     const int32_t crOff = ten ? params.CrOff : params.CrOff >> 2;
     const int32_t cbOff = ten ? params.CbOff : params.CbOff >> 2;
@@ -94,6 +93,18 @@ void buildTables(ColorTables& tables, SampleDepth depth, const TarnisConverterPa
         tables.CbG[i] = truncated(params.G2 * cb * params.GreenGain);
     }
     tables.arithmeticIsExact = ten ? matchesArithmetic10(tables) : matchesArithmetic8(tables);
+}
+
+const ColorTables& defaultTables(SampleDepth depth) noexcept {
+    struct Defaults : ColorTables {
+        explicit Defaults(SampleDepth wanted) noexcept : ColorTables{} {
+            TarnisConverterParams params;
+            TARNIS_GetDefaultColorSpaceConverterParams(&params);
+            buildTables(*this, wanted, params);
+        }
+    };
+    static const Defaults bits8(SampleDepth::Bits8), bits10(SampleDepth::Bits10);
+    return depth == SampleDepth::Bits10 ? bits10 : bits8;
 }
 
 void convertPair8(const ColorTables& tables, const TarnisConverterParams& params, const uint8_t* yCbYCr,

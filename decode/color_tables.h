@@ -1,5 +1,5 @@
-// Y, Cb, Cr to R, G, B by tables: what the decoder's results are defined by. Portable. The tables are process-wide and
-// unguarded: they are rebuilt on the decoding thread before its workers start, and only read by them.
+// Y, Cb, Cr to R, G, B by tables: what the decoder's results are defined by. Portable. Any thread may read tables that
+// nobody builds meanwhile; those of the decoder are never built again.
 #pragma once
 
 #include "device/records.h"
@@ -8,7 +8,7 @@
 
 namespace kestra {
 
-enum class SampleDepth : uint8_t { Eight = 0, Ten = 1 };
+enum class SampleDepth : uint8_t { Bits8 = 0, Bits10 = 1 };
 
 /// One term of the conversion per sample value. 8-bit samples use the first 256 entries.
 struct ColorTables {
@@ -21,14 +21,15 @@ struct ColorTables {
     bool arithmeticIsExact;
 };
 
-/// The process's tables: zeroed, for 8-bit samples, until the first build.
-extern ColorTables g_colorTables;
-
 /// Rebuilds the tables for 8- or 10-bit samples, unless they were built for that depth from the same offsets,
-/// coefficients and gains (the six limits do not enter them).
+/// coefficients and gains (the six limits do not enter them). Value-initialised ones are zeroes, for 8-bit samples.
 /// Formulas: y = (i - YOff) * Y1, entry = trunc(gain * y) + offset; chroma entry = trunc(coefficient * (i - off) *
 /// gain); single precision, left to right; 8-bit samples take YOff, CrOff and CbOff shifted right by 2.
 void buildTables(ColorTables& tables, SampleDepth depth, const TarnisConverterParams& params) noexcept;
+
+/// The tables of the default parameters, which TARNIS_Decode always uses. Built by the first call for that depth, while
+/// other threads that ask for them wait, and never written again.
+const ColorTables& defaultTables(SampleDepth depth) noexcept;
 
 /// Converts one pair of pixels that share Cb and Cr. The limits are those of `params`: the minimum with the upper
 /// limit first, then the maximum with the lower.

@@ -1,9 +1,9 @@
 // The decoder's entry: checks, geometry, and the line loops.
 #include "decode/decode.h"
 
-#include "decode/line_kernels.h"
+#include "decode/kernel_set.h"
 #include "decode/parallel.h"
-#include "decode/region_kernels.h"
+#include "decode/region_copy.h"
 #include "decode/scratch_image.h"
 #include "device/tarnis.h"
 #include "log/log.h"
@@ -19,10 +19,6 @@ namespace {
 
 constexpr LogUnit kUnit{"\"Unpack Functions\"", L".\\TARNIS_unpack.cpp"};
 constexpr char kFunction[] = "TARNIS_Decode";
-
-/// From how many bytes of image on its stores go past the caches. Storing into cached lines costs reading them first;
-/// whoever reads a large image next finds little of it in a cache either way.
-constexpr uint64_t kStreamedBytes = 3u << 20;
 
 /// Lines of an image: where the first one is and how far it is to the next.
 template <class Byte>
@@ -58,10 +54,8 @@ void convertLines(const LineConversion& conversion, uint32_t lines, uint32_t pai
 
 /// 4:2:2 of either depth, fields woven.
 void convertFrame(const Frame& frame, SampleDepth depth) {
-    TarnisConverterParams params;
-    TARNIS_GetDefaultColorSpaceConverterParams(&params);
-    buildTables(g_colorTables, depth, params);
-    const LineConversion conversion{g_colorTables, params};
+    const ColorTables& tables = defaultTables(depth);
+    const LineConversion conversion{tables, tables.builtFrom};
     const uint32_t pairs = frame.width / 2;
     if (!frame.interlaced) return convertLines(conversion, frame.height, pairs, frame.raw, frame.rgb);
     const uint32_t first = frame.firstFieldLines();
@@ -73,9 +67,10 @@ void convertFrame(const Frame& frame, SampleDepth depth) {
 
 /// Lines of 24-bit RGB as they are.
 void copyLines(uint32_t lines, uint32_t width, Lines<const uint8_t> raw, Lines<uint8_t> rgb) {
+    const bool streamed = uint64_t{3} * width * lines >= kStreamedBytes;
     forEachBlock(lines, uint64_t{lines} * width * 6, [&](uint32_t first, uint32_t count) {
-        copyRegionC3(raw[first], static_cast<int32_t>(raw.stepBytes), rgb[first], static_cast<int32_t>(rgb.stepBytes),
-                     {static_cast<int32_t>(width), static_cast<int32_t>(count)});
+        copyRegionC3(raw[first], raw.stepBytes, rgb[first], rgb.stepBytes,
+                     {static_cast<int32_t>(width), static_cast<int32_t>(count)}, streamed);
     });
 }
 
@@ -122,12 +117,12 @@ uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixel
         const ScratchImage scratch(width, frame.height);
         if (!scratch) return TARNIS_OUT_OF_MEMORY;
         frame.raw.stepBytes = ptrdiff_t{8} * ((width * 2 + 5) / 6);
-        convertFrame(frame, SampleDepth::Ten);
+        convertFrame(frame, SampleDepth::Bits10);
         return TARNIS_SUCCESS;
     }
     case TARNIS_OUTPUT_YUV422_8:
         frame.raw.stepBytes = (width * 2 + 3) & ~3u;
-        convertFrame(frame, SampleDepth::Eight);
+        convertFrame(frame, SampleDepth::Bits8);
         return TARNIS_SUCCESS;
     case TARNIS_OUTPUT_RGB24:
         frame.raw.stepBytes = needed;

@@ -19,8 +19,8 @@ extern "C" {
 /// @param outputFormat, reserved1, reserved2  accepted and not used: the record alone decides.
 /// @return 0 decoded; 1 null argument, stride query or stride too small; 5 out of memory; 254 unknown raw format.
 ///         pDst is written only when the result is 0.
-/// @note Blocks until all worker threads are done. Decodes of different sample depth must not overlap: they share the
-///       colour tables, without a lock. The first decode that uses several threads keeps the module in its process.
+/// @note Blocks until all worker threads are done. Any number of threads may decode at once. The first decode that uses
+///       several threads keeps the module in its process.
 uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixels, void* pDst, int32_t* pStrideSize,
                        uint32_t outputFormat, const void* reserved1, const void* reserved2);
 

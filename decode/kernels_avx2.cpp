@@ -1,7 +1,6 @@
 // Kernels for AVX2. The only file built with these instructions.
 #include "decode/interleave128.h"
 #include "decode/line_template.h"
-#include "decode/region_template.h"
 #include "decode/sample_template.h"
 
 #include <immintrin.h>
@@ -34,9 +33,6 @@ struct Ops {
     static KESTRA_INLINE void store(void* p, Vec v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
     static KESTRA_INLINE void stream(void* p, Vec v) { _mm256_stream_si256(static_cast<Vec*>(p), v); }
     static KESTRA_INLINE Vec zero() { return _mm256_setzero_si256(); }
-    static KESTRA_INLINE Vec shiftRight(Vec v, unsigned count) {
-        return _mm256_srl_epi16(v, _mm_cvtsi32_si128(static_cast<int>(count)));
-    }
     static KESTRA_INLINE Vec set16(int v) { return _mm256_set1_epi16(static_cast<int16_t>(v)); }
     static KESTRA_INLINE Vec set32(int v) { return _mm256_set1_epi32(v); }
     static KESTRA_INLINE Vec add(Vec a, Vec b) { return _mm256_add_epi16(a, b); }
@@ -154,7 +150,7 @@ KESTRA_INLINE PairTerms<Ops> begin32(const uint8_t* words) {
                             _mm256_unpackhi_epi64(y01, y23), _mm256_unpackhi_epi64(c01, c23));
 }
 
-struct Common {
+struct KernelCommon {
     static constexpr uint32_t kBlockPairs = 16, kAlignment = 32;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
@@ -165,10 +161,10 @@ struct Common {
     }
 };
 
-struct Eight : Common {
+struct Kernel8Bit : KernelCommon {
     static constexpr bool kInterleaved = false;
     static constexpr uint32_t kUnitPairs = 1;
-    static constexpr ConvertLine plain = convertLine8Plain;
+    static constexpr ConvertLine plain = convertLine8BitPlain;
     static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
     static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
         // Loads two bytes off in place of shifts: the words beside each other change places with them.
@@ -182,11 +178,11 @@ struct Eight : Common {
     }
 };
 
-struct Ten : Common {
+struct Kernel10Bit : KernelCommon {
     static constexpr bool kInterleaved = true;
     static constexpr uint32_t kUnitPairs = 2; // a group of four pixels
-    static constexpr ConvertLine plain = convertLine10Plain;
-    static constexpr auto lastPair = convertLastPair10;
+    static constexpr ConvertLine plain = convertLine10BitPlain;
+    static constexpr auto lastPair = convertLastPair10Bit;
     static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
         const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
         switch (pair / 2 % 3) {
@@ -206,34 +202,12 @@ struct Ten : Common {
 
 } // namespace
 
-void convertLine8Avx2(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                      const uint8_t* nextLine) {
-    convertLine<Eight>(conversion, raw, rgb, pairs, nextLine);
-}
-
-void convertLine10Avx2(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                       const uint8_t* nextLine) {
-    convertLine<Ten>(conversion, raw, rgb, pairs, nextLine);
-}
-
-int32_t copyC3Avx2(const uint8_t* src, int32_t srcStep, uint8_t* dst, int32_t dstStep, RegionSize region) {
-    return copyC3<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t copy16C1Avx2(const void* src, int32_t srcStep, void* dst, int32_t dstStep, RegionSize region) {
-    return copy16C1<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t shiftRight16C1Avx2(uint32_t shift, void* image, int32_t step, RegionSize region) {
-    return shiftRight16C1<Ops>(shift, image, step, region);
-}
-
-void copyLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    copySampleLine<Ops>(src, dst, bytes, streamed);
-}
-void swapLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    swapSampleLine<Ops>(src, dst, bytes, streamed);
-}
-void expandLineAvx2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    expandSampleLine<Ops>(src, dst, bytes, streamed);
-}
+constinit const KernelSet kAvx2Kernels{.name = "avx2",
+                                       .runsHere = []() noexcept { return __builtin_cpu_supports("avx2") != 0; },
+                                       .convertLine8Bit = convertLine<Kernel8Bit>,
+                                       .convertLine10Bit = convertLine<Kernel10Bit>,
+                                       .copyLine = copyLine<Ops>,
+                                       .swapLine = swapLine<Ops>,
+                                       .expandLine = expandLine<Ops>};
 
 } // namespace kestra

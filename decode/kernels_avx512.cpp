@@ -1,6 +1,5 @@
 // Kernels for AVX-512 F, BW, VL and VBMI. The only file built with these instructions.
 #include "decode/line_template.h"
-#include "decode/region_template.h"
 #include "decode/sample_template.h"
 #include "decode/yuv_arithmetic.h"
 
@@ -18,10 +17,6 @@ struct Ops {
     static KESTRA_INLINE Vec load(const void* p) { return _mm512_loadu_si512(p); }
     static KESTRA_INLINE void store(void* p, Vec v) { _mm512_storeu_si512(p, v); }
     static KESTRA_INLINE void stream(void* p, Vec v) { _mm512_stream_si512(static_cast<Vec*>(p), v); }
-    static KESTRA_INLINE Vec zero() { return _mm512_setzero_si512(); }
-    static KESTRA_INLINE Vec shiftRight(Vec v, unsigned count) {
-        return _mm512_srl_epi16(v, _mm_cvtsi32_si128(static_cast<int>(count)));
-    }
     static KESTRA_INLINE Vec set16(int v) { return _mm512_set1_epi16(static_cast<int16_t>(v)); }
     static KESTRA_INLINE Vec set32(int v) { return _mm512_set1_epi32(v); }
     static KESTRA_INLINE Vec add(Vec a, Vec b) { return _mm512_add_epi16(a, b); }
@@ -172,7 +167,7 @@ KESTRA_INLINE Sums begin64(const uint8_t* words) {
     return {convert32<kOffset>(words), convert32<kSecond % 6>(words + 8 * (kSecond / 6))};
 }
 
-struct Common {
+struct KernelCommon {
     static constexpr uint32_t kBlockPairs = 32, kUnitPairs = 1, kAlignment = 64;
     static constexpr bool kInterleaved = false;
     using Cached = CachedStore;
@@ -184,16 +179,16 @@ struct Common {
     }
 };
 
-struct Eight : Common {
-    static constexpr ConvertLine plain = convertLine8Plain;
+struct Kernel8Bit : KernelCommon {
+    static constexpr ConvertLine plain = convertLine8BitPlain;
     static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
         const uint8_t* in = raw + size_t{4} * pair;
         return {convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 64))};
     }
 };
 
-struct Ten : Common {
-    static constexpr ConvertLine plain = convertLine10Plain;
+struct Kernel10Bit : KernelCommon {
+    static constexpr ConvertLine plain = convertLine10BitPlain;
     static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
         const uint32_t sample = 4 * pair;
         const uint8_t* words = raw + size_t{8} * (sample / 6);
@@ -210,34 +205,18 @@ struct Ten : Common {
 
 } // namespace
 
-void convertLine8Avx512(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                        const uint8_t* nextLine) {
-    convertLine<Eight>(conversion, raw, rgb, pairs, nextLine);
-}
-
-void convertLine10Avx512(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                         const uint8_t* nextLine) {
-    convertLine<Ten>(conversion, raw, rgb, pairs, nextLine);
-}
-
-int32_t copyC3Avx512(const uint8_t* src, int32_t srcStep, uint8_t* dst, int32_t dstStep, RegionSize region) {
-    return copyC3<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t copy16C1Avx512(const void* src, int32_t srcStep, void* dst, int32_t dstStep, RegionSize region) {
-    return copy16C1<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t shiftRight16C1Avx512(uint32_t shift, void* image, int32_t step, RegionSize region) {
-    return shiftRight16C1<Ops>(shift, image, step, region);
-}
-
-void copyLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    copySampleLine<Ops>(src, dst, bytes, streamed);
-}
-void swapLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    swapSampleLine<Ops>(src, dst, bytes, streamed);
-}
-void expandLineAvx512(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    expandSampleLine<Ops>(src, dst, bytes, streamed);
-}
+constinit const KernelSet kAvx512Kernels{.name = "avx512",
+                                         .runsHere =
+                                             []() noexcept {
+                                                 return __builtin_cpu_supports("avx512f") &&
+                                                        __builtin_cpu_supports("avx512bw") &&
+                                                        __builtin_cpu_supports("avx512vl") &&
+                                                        __builtin_cpu_supports("avx512vbmi");
+                                             },
+                                         .convertLine8Bit = convertLine<Kernel8Bit>,
+                                         .convertLine10Bit = convertLine<Kernel10Bit>,
+                                         .copyLine = copyLine<Ops>,
+                                         .swapLine = swapLine<Ops>,
+                                         .expandLine = expandLine<Ops>};
 
 } // namespace kestra

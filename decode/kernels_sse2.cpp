@@ -1,6 +1,4 @@
 // Kernels for SSE2, which every 64-bit x86 processor has.
-#include "decode/line_kernels.h"
-#include "decode/region_template.h"
 #include "decode/sample_template.h"
 #include "decode/yuv_arithmetic.h"
 
@@ -20,9 +18,6 @@ struct Ops {
     static KESTRA_INLINE void store(void* p, Vec v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
     static KESTRA_INLINE void stream(void* p, Vec v) { _mm_stream_si128(static_cast<Vec*>(p), v); }
     static KESTRA_INLINE Vec zero() { return _mm_setzero_si128(); }
-    static KESTRA_INLINE Vec shiftRight(Vec v, unsigned count) {
-        return _mm_srl_epi16(v, _mm_cvtsi32_si128(static_cast<int>(count)));
-    }
     static KESTRA_INLINE Vec set16(int v) { return _mm_set1_epi16(static_cast<int16_t>(v)); }
     static KESTRA_INLINE Vec set32(int v) { return _mm_set1_epi32(v); }
     static KESTRA_INLINE Vec add(Vec a, Vec b) { return _mm_add_epi16(a, b); }
@@ -71,12 +66,10 @@ KESTRA_INLINE void convert8of10(const uint16_t* samples, uint8_t* rgb) {
     store8(rgb, convert10<Ops>(y, c));
 }
 
-} // namespace
-
-void convertLine8Sse2(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                      const uint8_t* nextLine) {
+void convertLine8Bit(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
+                     const uint8_t* nextLine) {
     constexpr uint32_t kBlock = 4; // pairs
-    if (pairs < kBlock) return convertLine8Plain(conversion, raw, rgb, pairs, nextLine);
+    if (pairs < kBlock) return convertLine8BitPlain(conversion, raw, rgb, pairs, nextLine);
     uint32_t done = 0;
     for (; done + kBlock <= pairs; done += kBlock) {
         if (nextLine) __builtin_prefetch(nextLine + size_t{6} * done, 1);
@@ -88,8 +81,8 @@ void convertLine8Sse2(const LineConversion& conversion, const uint8_t* raw, uint
     }
 }
 
-void convertLine10Sse2(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                       const uint8_t* nextLine) {
+void convertLine10Bit(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
+                      const uint8_t* nextLine) {
     // Without a byte shuffle the samples are unpacked one by one, eight words (12 pairs) at a time.
     constexpr uint32_t kBlock = 12, kSamples = 4 * kBlock;
     uint32_t done = 0;
@@ -107,24 +100,17 @@ void convertLine10Sse2(const LineConversion& conversion, const uint8_t* raw, uin
             convert8of10(samples + size_t{16} * part, rgb + size_t{6} * done + size_t{24} * part);
     }
     const size_t words = 4 * done / 6;
-    convertLine10Plain(conversion, raw + 8 * words, rgb + size_t{6} * done, pairs - done, nextLine);
+    convertLine10BitPlain(conversion, raw + 8 * words, rgb + size_t{6} * done, pairs - done, nextLine);
 }
 
-int32_t copyC3Sse2(const uint8_t* src, int32_t srcStep, uint8_t* dst, int32_t dstStep, RegionSize region) {
-    return copyC3<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t copy16C1Sse2(const void* src, int32_t srcStep, void* dst, int32_t dstStep, RegionSize region) {
-    return copy16C1<Ops>(src, srcStep, dst, dstStep, region);
-}
-int32_t shiftRight16C1Sse2(uint32_t shift, void* image, int32_t step, RegionSize region) {
-    return shiftRight16C1<Ops>(shift, image, step, region);
-}
+} // namespace
 
-void copyLineSse2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    copySampleLine<Ops>(src, dst, bytes, streamed);
-}
-void swapLineSse2(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    swapSampleLine<Ops>(src, dst, bytes, streamed);
-}
+constinit const KernelSet kSse2Kernels{.name = "sse2",
+                                       .runsHere = []() noexcept { return __builtin_cpu_supports("sse2") != 0; },
+                                       .convertLine8Bit = convertLine8Bit,
+                                       .convertLine10Bit = convertLine10Bit,
+                                       .copyLine = copyLine<Ops>,
+                                       .swapLine = swapLine<Ops>,
+                                       .expandLine = expandLinePlain}; // without a byte shuffle registers gain nothing
 
 } // namespace kestra

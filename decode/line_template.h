@@ -14,7 +14,7 @@
 //   lastPair                converts the pair that is over when the units are two pairs
 #pragma once
 
-#include "decode/line_kernels.h"
+#include "decode/plain_lines.h"
 #include "decode/yuv_arithmetic.h"
 
 namespace kestra {
@@ -62,8 +62,8 @@ KESTRA_INLINE uint32_t convertBlocks(const uint8_t* raw, uint8_t* rgb, uint32_t 
 }
 
 template <class Kernel>
-KESTRA_INLINE void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
-                               const uint8_t* nextLine) {
+void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
+                 const uint8_t* nextLine) {
     constexpr uint32_t kBlock = Kernel::kBlockPairs, kUnit = Kernel::kUnitPairs;
     const uint32_t whole = pairs / kUnit * kUnit;
     if (whole < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);

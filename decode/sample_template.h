@@ -1,53 +1,60 @@
-// The sample kernels' loops, written once for every register width; see yuv_arithmetic.h for `Ops`. Private to decode/.
+// The kernels that bring a line over without changing its colours, written once for every register width; see
+// yuv_arithmetic.h for `Ops`. Private to decode/.
 #pragma once
 
-#include "decode/sample_kernels.h"
+#include "decode/plain_lines.h"
 #include "decode/yuv_arithmetic.h"
 
 namespace kestra {
 
-/// Stores map(src + i) for whole registers of a line of `bytes`, the last one over the one before.
-/// @return false: the line is shorter than a register, nothing is done
-template <class Ops, class Map>
-KESTRA_INLINE bool mapLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed, Map map) {
-    constexpr size_t kBytes = Ops::kBytes;
-    if (bytes < kBytes) return false;
-    size_t i = 0;
-    if (streamed && reinterpret_cast<uintptr_t>(dst) % kBytes == 0)
-        for (; i + kBytes <= bytes; i += kBytes)
-            Ops::stream(dst + i, map(Ops::load(src + i)));
+/// Writes map(register) for a whole line, in registers whose stores are aligned wherever the address of the line allows
+/// it; the first and the last may overlap the aligned ones between them.
+/// @param bytes  of the source
+/// @param kUnit  bytes of the image that belong together, so that a register may begin at every multiple of them only
+/// @param kIn    how many bytes of a source register are used up by a register of the image; where it is not all of
+///               them, `rest` does what is left at the end
+/// @param rest   the plain kernel of the same mapping
+template <class Ops, size_t kUnit, size_t kIn, class Map>
+KESTRA_INLINE void mapLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed, SampleLine rest, Map map) {
+    constexpr size_t kOut = Ops::kBytes;
+    if (bytes < kOut) return rest(src, dst, bytes, streamed);
+    size_t in = 0, out = 0;
+    const size_t head = (0 - reinterpret_cast<uintptr_t>(dst)) % kOut;
+    const bool alignable = head % kUnit == 0;
+    if (alignable && head != 0) {
+        Ops::store(dst, map(Ops::load(src)));
+        out = head;
+        in = head * kIn / kOut;
+    }
+    if (streamed && alignable)
+        for (; in + kOut <= bytes; in += kIn, out += kOut)
+            Ops::stream(dst + out, map(Ops::load(src + in)));
     else
-        for (; i + kBytes <= bytes; i += kBytes)
-            Ops::store(dst + i, map(Ops::load(src + i)));
-    if (i < bytes) Ops::store(dst + bytes - kBytes, map(Ops::load(src + bytes - kBytes)));
-    return true;
+        for (; in + kOut <= bytes; in += kIn, out += kOut)
+            Ops::store(dst + out, map(Ops::load(src + in)));
+    if (in == bytes) return;
+    if constexpr (kIn == kOut)
+        Ops::store(dst + bytes - kOut, map(Ops::load(src + bytes - kOut)));
+    else
+        rest(src + in, dst + out, bytes - in, streamed);
 }
 
 template <class Ops>
-KESTRA_INLINE void copySampleLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    if (!mapLine<Ops>(src, dst, bytes, streamed, [](typename Ops::Vec v) { return v; }))
-        copyLinePlain(src, dst, bytes, streamed);
+void copyLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    mapLine<Ops, 1, Ops::kBytes>(src, dst, bytes, streamed, copyLinePlain, [](typename Ops::Vec v) { return v; });
 }
 
 template <class Ops>
-KESTRA_INLINE void swapSampleLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    bytes &= ~size_t{1};
-    if (!mapLine<Ops>(src, dst, bytes, streamed, [](typename Ops::Vec v) { return Ops::swapBytes(v); }))
-        swapLinePlain(src, dst, bytes, streamed);
+void swapLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    mapLine<Ops, 2, Ops::kBytes>(src, dst, bytes & ~size_t{1}, streamed, swapLinePlain,
+                                 [](typename Ops::Vec v) { return Ops::swapBytes(v); });
 }
 
 /// Ops::expand makes a register of 32-bit pixels of the first three quarters of one of 24-bit pixels.
 template <class Ops>
-KESTRA_INLINE void expandSampleLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
-    constexpr size_t kOut = Ops::kBytes, kIn = kOut / 4 * 3;
-    size_t in = 0, out = 0;
-    if (streamed && reinterpret_cast<uintptr_t>(dst) % kOut == 0)
-        for (; in + kOut <= bytes; in += kIn, out += kOut)
-            Ops::stream(dst + out, Ops::expand(Ops::load(src + in)));
-    else
-        for (; in + kOut <= bytes; in += kIn, out += kOut)
-            Ops::store(dst + out, Ops::expand(Ops::load(src + in)));
-    expandLinePlain(src + in, dst + out, bytes - in, streamed);
+void expandLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed) {
+    mapLine<Ops, 4, Ops::kBytes / 4 * 3>(src, dst, bytes, streamed, expandLinePlain,
+                                         [](typename Ops::Vec v) { return Ops::expand(v); });
 }
 
 } // namespace kestra

@@ -1,7 +1,7 @@
 // Any record, stride and raw bytes: a decode reads only the raw frame and writes only its image, whatever it is given.
 // Both lie in blocks of just their size, so that the address sanitizer sees every byte beyond.
-#include "decode/cpu_variants.h"
 #include "decode/decode.h"
+#include "decode/kernel_set.h"
 #include "device/tarnis.h"
 
 #include <cstdlib>
@@ -16,7 +16,7 @@ struct Input {
     uint32_t selector, outputParameter, interlaced;
     uint16_t width, height;
     int32_t stride;
-    uint8_t flags; ///< 1 no raw frame, 2 no image, 4 bottom-up, 8 least stride; bits 4..6 the variant
+    uint8_t flags; ///< 1 no raw frame, 2 no image, 4 bottom-up, 8 least stride; bits 4 and up the kernel set
 };
 
 constexpr uint64_t kMostBytes = 1u << 16;
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     const std::unique_ptr<uint8_t[]> image(new uint8_t[imageBytes]);
     uint8_t* top = in.stride < 0 && imageBytes != 0 ? image.get() + imageBytes - step : image.get();
 
-    forceCpuVariant((in.flags >> 4) % kCpuVariants);
+    useKernels(*kKernelSets[(in.flags >> 4) % kKernelSets.size()]); // where it runs
     int32_t stride = in.stride;
     const uint32_t code = TARNIS_Decode(&data, in.flags & 1 ? nullptr : raw.get(), in.flags & 2 ? nullptr : top,
                                         &stride, 2, nullptr, nullptr);

@@ -1,5 +1,4 @@
-// The sample kernels: every variant against the plain one at every length and alignment, guards included.
-#include "decode/sample_kernels.h"
+// The sample kernels: every set against the plain one at every length and alignment, guards included.
 #include "tests/unit/decode_support.h"
 
 #include <algorithm>
@@ -7,9 +6,9 @@
 namespace kestra::test {
 namespace {
 
-class SampleKernels : public testing::TestWithParam<int> {
+class SampleKernels : public testing::TestWithParam<const KernelSet*> {
 protected:
-    void compare(const VariantTable<SampleLine>& table, size_t unit, size_t outUnit) const {
+    void compare(SampleLine KernelSet::*kernel, size_t unit, size_t outUnit) const {
         for (size_t units = 0; units <= 150; ++units)
             for (const size_t offset : {size_t{0}, size_t{1}, size_t{16}, size_t{32}, units % 64})
                 for (const bool streamed : {false, true}) {
@@ -18,10 +17,10 @@ protected:
                     std::vector<uint8_t> memory(64 + 64 + units * outUnit + 64), expected;
                     uint8_t* dst = memory.data() + (64 - reinterpret_cast<uintptr_t>(memory.data()) % 64) + offset;
                     std::fill(memory.begin(), memory.end(), uint8_t{0xA5});
-                    table[kPlain](src.data(), dst, units * unit, streamed);
+                    (kPlainKernels.*kernel)(src.data(), dst, units * unit, streamed);
                     expected = memory;
                     std::fill(memory.begin(), memory.end(), uint8_t{0xA5});
-                    table[static_cast<size_t>(GetParam())](src.data(), dst, units * unit, streamed);
+                    (GetParam()->*kernel)(src.data(), dst, units * unit, streamed);
                     ASSERT_EQ(memory, expected) << units << " units, offset " << offset << ", streamed " << streamed;
                 }
     }
@@ -30,27 +29,27 @@ protected:
 } // namespace
 
 TEST_P(SampleKernels, CopyIsExact) {
-    compare(kCopyLine, 1, 1);
-    compare(kCopyLine, 4, 4);
+    compare(&KernelSet::copyLine, 1, 1);
+    compare(&KernelSet::copyLine, 4, 4);
 }
 
 TEST_P(SampleKernels, SwapIsExact) {
-    compare(kSwapLine, 2, 2);
+    compare(&KernelSet::swapLine, 2, 2);
     const uint8_t src[5] = {1, 2, 3, 4, 5};
     uint8_t dst[5] = {9, 9, 9, 9, 9};
-    kSwapLine[static_cast<size_t>(GetParam())](src, dst, 5, false);
+    GetParam()->swapLine(src, dst, 5, false);
     EXPECT_EQ(std::vector<uint8_t>(dst, dst + 5), (std::vector<uint8_t>{2, 1, 4, 3, 9}));
 }
 
 TEST_P(SampleKernels, ExpansionIsExactAndItsFourthByteZero) {
-    compare(kExpandLine, 3, 4);
+    compare(&KernelSet::expandLine, 3, 4);
     const uint8_t src[6] = {1, 2, 3, 4, 5, 6};
     uint8_t dst[8];
     std::fill(dst, dst + 8, uint8_t{9});
-    kExpandLine[static_cast<size_t>(GetParam())](src, dst, 6, false);
+    GetParam()->expandLine(src, dst, 6, false);
     EXPECT_EQ(std::vector<uint8_t>(dst, dst + 8), (std::vector<uint8_t>{1, 2, 3, 0, 4, 5, 6, 0}));
 }
 
-INSTANTIATE_TEST_SUITE_P(, SampleKernels, testing::ValuesIn(runningVariants()), variantName);
+INSTANTIATE_TEST_SUITE_P(, SampleKernels, testing::ValuesIn(runningSets()), setName);
 
 } // namespace kestra::test

@@ -1,7 +1,7 @@
 // What the decoder's tests share: raw lines of known samples, memory with guards, and the rows that run here.
 #pragma once
 
-#include "decode/cpu_variants.h"
+#include "decode/kernel_set.h"
 #include "device/records.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -28,24 +29,24 @@ inline bool longRun() {
     return value && value[0] == '1';
 }
 
-/// The variants that this processor runs; says once which it lacks.
-inline std::vector<int> runningVariants() {
-    std::vector<int> rows;
-    for (int variant = 0; variant < kCpuVariants; ++variant)
-        if (cpuRuns(variant)) rows.push_back(variant);
-    return rows;
+/// The kernel sets that this processor runs.
+inline std::vector<const KernelSet*> runningSets() {
+    std::vector<const KernelSet*> sets;
+    std::copy_if(kKernelSets.begin(), kKernelSets.end(), std::back_inserter(sets),
+                 [](const KernelSet* set) { return set->runsHere(); });
+    return sets;
 }
 
-/// Uses one variant for the life of the object.
-class ForcedVariant {
+/// Uses one kernel set for the life of the object.
+class ForcedKernels {
 public:
-    explicit ForcedVariant(int variant) : m_before(cpuVariant()) { EXPECT_TRUE(forceCpuVariant(variant)); }
-    ~ForcedVariant() { forceCpuVariant(m_before); }
-    ForcedVariant(const ForcedVariant&) = delete;
-    ForcedVariant& operator=(const ForcedVariant&) = delete;
+    explicit ForcedKernels(const KernelSet& set) : m_before(kernels()) { EXPECT_TRUE(useKernels(set)); }
+    ~ForcedKernels() { useKernels(m_before); }
+    ForcedKernels(const ForcedKernels&) = delete;
+    ForcedKernels& operator=(const ForcedKernels&) = delete;
 
 private:
-    int m_before;
+    const KernelSet& m_before;
 };
 
 /// Bytes that end where the next page cannot be touched (or begin where the one before cannot): whoever reads or writes
@@ -97,9 +98,41 @@ private:
     uint8_t *m_base, *m_data;
 };
 
-/// A variant's name as a test's: letters and digits.
-inline std::string variantName(const testing::TestParamInfo<int>& info) {
-    std::string name = cpuVariantName(info.param);
+/// Pages so far apart that only they take memory.
+class SparseBytes {
+public:
+    SparseBytes(size_t step, size_t count) : m_step(step), m_size(step * (count - 1) + kPage) {
+#ifdef _WIN32
+        m_base = static_cast<uint8_t*>(VirtualAlloc(nullptr, m_size, MEM_RESERVE, PAGE_NOACCESS));
+        for (size_t i = 0; i < count; ++i)
+            VirtualAlloc(at(i), kPage, MEM_COMMIT, PAGE_READWRITE);
+#else
+        m_base = static_cast<uint8_t*>(
+            mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+#endif
+    }
+    ~SparseBytes() {
+#ifdef _WIN32
+        VirtualFree(m_base, 0, MEM_RELEASE);
+#else
+        munmap(m_base, m_size);
+#endif
+    }
+    SparseBytes(const SparseBytes&) = delete;
+    SparseBytes& operator=(const SparseBytes&) = delete;
+    uint8_t* at(size_t i) const {
+        return m_base + i * m_step;
+    }
+
+private:
+    static constexpr size_t kPage = 4096;
+    const size_t m_step, m_size;
+    uint8_t* m_base;
+};
+
+/// A set's name as a test's: letters and digits.
+inline std::string setName(const testing::TestParamInfo<const KernelSet*>& info) {
+    std::string name = info.param->name;
     name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
     return name;
 }

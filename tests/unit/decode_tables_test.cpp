@@ -1,6 +1,5 @@
 // The colour tables, the pair conversion, and the line kernels' agreement with them over all samples.
 #include "decode/color_tables.h"
-#include "decode/line_kernels.h"
 #include "device/wire.h"
 #include "tests/unit/decode_support.h"
 
@@ -22,7 +21,7 @@ std::unique_ptr<ColorTables> tablesFor(SampleDepth depth, const TarnisConverterP
 }
 
 std::array<uint8_t, 6> pair8(const TarnisConverterParams& params, uint8_t y0, uint8_t cb, uint8_t y1, uint8_t cr) {
-    const auto tables = tablesFor(SampleDepth::Eight, params);
+    const auto tables = tablesFor(SampleDepth::Bits8, params);
     const uint8_t samples[4] = {y0, cb, y1, cr};
     std::array<uint8_t, 6> bgr{};
     convertPair8(*tables, params, samples, bgr.data());
@@ -30,7 +29,7 @@ std::array<uint8_t, 6> pair8(const TarnisConverterParams& params, uint8_t y0, ui
 }
 
 std::array<uint8_t, 6> pair10(const TarnisConverterParams& params, uint16_t y0, uint16_t cb, uint16_t y1, uint16_t cr) {
-    const auto tables = tablesFor(SampleDepth::Ten, params);
+    const auto tables = tablesFor(SampleDepth::Bits10, params);
     const uint16_t samples[4] = {y0, cb, y1, cr};
     std::array<uint8_t, 6> bgr{};
     convertPair10(*tables, params, samples, bgr.data());
@@ -41,12 +40,12 @@ std::array<uint8_t, 6> pair10(const TarnisConverterParams& params, uint16_t y0, 
 
 TEST(ColorTables, StartZeroedForEightBits) {
     static const ColorTables zero{};
-    EXPECT_EQ(zero.depth, SampleDepth::Eight);
+    EXPECT_EQ(zero.depth, SampleDepth::Bits8);
     EXPECT_TRUE(std::all_of(std::begin(zero.YR), std::end(zero.YR), [](int32_t entry) { return entry == 0; }));
 }
 
 TEST(ColorTables, DefaultEntriesAreTruncatedProducts) {
-    const auto eight = tablesFor(SampleDepth::Eight);
+    const auto eight = tablesFor(SampleDepth::Bits8);
     EXPECT_EQ(eight->YR[16], 0);
     EXPECT_EQ(eight->YG[235], 254);  // 219 * 1.164 = 254.916
     EXPECT_EQ(eight->YB[0], -18);    // -16 * 1.164 = -18.624, toward zero
@@ -55,7 +54,7 @@ TEST(ColorTables, DefaultEntriesAreTruncatedProducts) {
     EXPECT_EQ(eight->CrG[0], -104);  // -128 * 0.813 = -104.06
     EXPECT_EQ(eight->CbB[255], 256); // 127 * 2.017 = 256.159
     EXPECT_EQ(eight->CbG[255], 49);  // 127 * 0.392 = 49.784
-    const auto ten = tablesFor(SampleDepth::Ten);
+    const auto ten = tablesFor(SampleDepth::Bits10);
     EXPECT_EQ(ten->YR[940], 1019);  // 876 * 1.164 = 1019.66
     EXPECT_EQ(ten->CbB[0], -1032);  // -512 * 2.017 = -1032.7
     EXPECT_EQ(ten->CrR[1023], 815); // 511 * 1.596 = 815.556
@@ -69,17 +68,17 @@ TEST(ColorTables, SampleOffsetsShiftArithmeticallyForEightBits) {
     TarnisConverterParams params = kDefaults;
     params.YOff = -5; // -5 >> 2 is -2
     params.CrOff = 515;
-    const auto tables = tablesFor(SampleDepth::Eight, params);
+    const auto tables = tablesFor(SampleDepth::Bits8, params);
     EXPECT_EQ(tables->YR[0], 2); // 2 * 1.164
     EXPECT_EQ(tables->CrR[128], 0);
     EXPECT_EQ(tables->CrR[129], 1);
 }
 
 TEST(ColorTables, EightBitBuildRewritesTheFirst256EntriesOnly) {
-    auto tables = tablesFor(SampleDepth::Ten);
+    auto tables = tablesFor(SampleDepth::Bits10);
     const int32_t before = tables->YR[256];
-    buildTables(*tables, SampleDepth::Eight, kDefaults);
-    EXPECT_EQ(tables->depth, SampleDepth::Eight);
+    buildTables(*tables, SampleDepth::Bits8, kDefaults);
+    EXPECT_EQ(tables->depth, SampleDepth::Bits8);
     EXPECT_EQ(tables->YR[256], before);
     EXPECT_EQ(tables->YR[235], 254);
 }
@@ -93,23 +92,23 @@ TEST(ColorTables, AreRebuiltForEveryFieldButTheLimits) {
         [](P& p) { ++p.GreenOffset; },  [](P& p) { ++p.BlueOffset; }, [](P& p) { p.RedGain += 1; },
         [](P& p) { p.GreenGain += 1; }, [](P& p) { p.BlueGain += 1; }};
     for (size_t i = 0; i < std::size(changes); ++i) {
-        auto tables = tablesFor(SampleDepth::Ten);
+        auto tables = tablesFor(SampleDepth::Bits10);
         tables->YR[0] = 12345; // still there: not rebuilt
-        buildTables(*tables, SampleDepth::Ten, kDefaults);
+        buildTables(*tables, SampleDepth::Bits10, kDefaults);
         ASSERT_EQ(tables->YR[0], 12345);
         TarnisConverterParams params = kDefaults;
         changes[i](params);
-        buildTables(*tables, SampleDepth::Ten, params);
+        buildTables(*tables, SampleDepth::Bits10, params);
         EXPECT_NE(tables->YR[0], 12345) << "change " << i;
     }
-    auto tables = tablesFor(SampleDepth::Ten);
+    auto tables = tablesFor(SampleDepth::Bits10);
     tables->YR[0] = 12345;
     TarnisConverterParams limits = kDefaults;
     limits.RMin = limits.GMin = limits.BMin = 9;
     limits.RMax = limits.GMax = limits.BMax = 99;
-    buildTables(*tables, SampleDepth::Ten, limits);
+    buildTables(*tables, SampleDepth::Bits10, limits);
     EXPECT_EQ(tables->YR[0], 12345);
-    buildTables(*tables, SampleDepth::Eight, limits);
+    buildTables(*tables, SampleDepth::Bits8, limits);
     EXPECT_NE(tables->YR[0], 12345) << "another depth";
 }
 
@@ -120,7 +119,7 @@ TEST(ColorTables, ExtremeParametersAreAbsorbed) {
     params.GreenGain = std::numeric_limits<float>::quiet_NaN();
     params.YOff = std::numeric_limits<int32_t>::min();
     params.RedOffset = -128;
-    for (const SampleDepth depth : {SampleDepth::Eight, SampleDepth::Ten}) {
+    for (const SampleDepth depth : {SampleDepth::Bits8, SampleDepth::Bits10}) {
         const auto tables = tablesFor(depth, params);
         EXPECT_FALSE(tables->arithmeticIsExact);
     }
@@ -150,11 +149,11 @@ TEST(PairConversion, LowerLimitWins) {
 }
 
 TEST(PairConversion, ChangedLimitActsWithoutARebuild) {
-    auto tables = tablesFor(SampleDepth::Eight);
+    auto tables = tablesFor(SampleDepth::Bits8);
     tables->YB[16] = 50; // a rebuild would put 0 here
     TarnisConverterParams params = kDefaults;
     params.BMax = 40;
-    buildTables(*tables, SampleDepth::Eight, params);
+    buildTables(*tables, SampleDepth::Bits8, params);
     const uint8_t samples[4] = {16, 128, 16, 128};
     uint8_t bgr[6];
     convertPair8(*tables, params, samples, bgr);
@@ -176,24 +175,24 @@ TEST(PairConversion, ChannelsTakeTheirOwnTerms) {
 }
 
 TEST(LineKernels, OtherThanDefaultParametersAreReadFromTheTables) {
-    auto tables = tablesFor(SampleDepth::Eight);
+    auto tables = tablesFor(SampleDepth::Bits8);
     EXPECT_TRUE(tables->arithmeticIsExact);
-    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kConvertLine8[static_cast<size_t>(cpuVariant())]);
+    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kernels().convertLine8Bit);
     TarnisConverterParams limited = kDefaults;
     limited.GMax = 254;
-    EXPECT_EQ(convertLineFor({*tables, limited}), convertLine8Plain);
-    tables = tablesFor(SampleDepth::Ten);
+    EXPECT_EQ(convertLineFor({*tables, limited}), kPlainKernels.convertLine8Bit);
+    tables = tablesFor(SampleDepth::Bits10);
     EXPECT_TRUE(tables->arithmeticIsExact);
-    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kConvertLine10[static_cast<size_t>(cpuVariant())]);
+    EXPECT_EQ(convertLineFor({*tables, kDefaults}), kernels().convertLine10Bit);
     TarnisConverterParams tinted = kDefaults;
     tinted.RedGain = 0.999f;
-    tables = tablesFor(SampleDepth::Ten, tinted);
+    tables = tablesFor(SampleDepth::Bits10, tinted);
     EXPECT_FALSE(tables->arithmeticIsExact);
-    EXPECT_EQ(convertLineFor({*tables, tinted}), convertLine10Plain);
+    EXPECT_EQ(convertLineFor({*tables, tinted}), kPlainKernels.convertLine10Bit);
 }
 
-TEST(LineKernels, EveryEightBitTripleIsExactInEveryVariant) {
-    const auto tables = tablesFor(SampleDepth::Eight);
+TEST(LineKernels, EveryEightBitTripleIsExactWithEverySet) {
+    const auto tables = tablesFor(SampleDepth::Bits8);
     const LineConversion conversion{*tables, kDefaults};
     std::vector<uint8_t> raw(256 * 2), expected(256 * 3), actual(256 * 3);
     for (uint32_t cb = 0; cb < 256; ++cb)
@@ -202,17 +201,17 @@ TEST(LineKernels, EveryEightBitTripleIsExactInEveryVariant) {
                 raw[2 * y] = static_cast<uint8_t>(y);
                 raw[2 * y + 1] = static_cast<uint8_t>(y % 2 == 0 ? cb : cr);
             }
-            convertLine8Plain(conversion, raw.data(), expected.data(), 128, expected.data());
-            for (const int variant : runningVariants()) {
-                kConvertLine8[static_cast<size_t>(variant)](conversion, raw.data(), actual.data(), 128, actual.data());
-                ASSERT_EQ(actual, expected) << cpuVariantName(variant) << " Cb " << cb << " Cr " << cr;
+            kPlainKernels.convertLine8Bit(conversion, raw.data(), expected.data(), 128, expected.data());
+            for (const KernelSet* set : runningSets()) {
+                set->convertLine8Bit(conversion, raw.data(), actual.data(), 128, actual.data());
+                ASSERT_EQ(actual, expected) << set->name << " Cb " << cb << " Cr " << cr;
             }
         }
 }
 
 // All 2^30 triples with KESTRA_LONG=1, one in 1009 of the chroma pairs without.
-TEST(LineKernels, TenBitTriplesAreExactInEveryVariant) {
-    const auto tables = tablesFor(SampleDepth::Ten);
+TEST(LineKernels, TenBitTriplesAreExactWithEverySet) {
+    const auto tables = tablesFor(SampleDepth::Bits10);
     const LineConversion conversion{*tables, kDefaults};
     const uint32_t stride = longRun() ? 1 : 1009;
     std::vector<uint8_t> expected(1024 * 3), actual(1024 * 3);
@@ -226,16 +225,16 @@ TEST(LineKernels, TenBitTriplesAreExactInEveryVariant) {
             samples[2 * y + 1] = y % 2 == 0 ? cb : cr;
         }
         const std::vector<uint8_t> raw = pack10(samples);
-        convertLine10Plain(conversion, raw.data(), expected.data(), 512, expected.data());
-        for (const int variant : runningVariants()) {
-            kConvertLine10[static_cast<size_t>(variant)](conversion, raw.data(), actual.data(), 512, actual.data());
-            ASSERT_EQ(actual, expected) << cpuVariantName(variant) << " Cb " << cb << " Cr " << cr;
+        kPlainKernels.convertLine10Bit(conversion, raw.data(), expected.data(), 512, expected.data());
+        for (const KernelSet* set : runningSets()) {
+            set->convertLine10Bit(conversion, raw.data(), actual.data(), 512, actual.data());
+            ASSERT_EQ(actual, expected) << set->name << " Cb " << cb << " Cr " << cr;
         }
     }
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
     std::printf("%llu triples in %.1f s:", static_cast<unsigned long long>(triples), seconds.count());
-    for (int variant = 0; variant < kCpuVariants; ++variant)
-        std::printf(" %s%s", cpuVariantName(variant), cpuRuns(variant) ? "" : " (not run: the processor lacks it)");
+    for (const KernelSet* set : kKernelSets)
+        std::printf(" %s%s", set->name, set->runsHere() ? "" : " (not run: the processor lacks it)");
     std::printf("\n");
 }
 
@@ -249,7 +248,7 @@ TEST(LineKernels, TableReadsOfEveryParameterRecordMatchThePairConversion) {
         params.BlueOffset = static_cast<int8_t>(random());
         params.GMin = static_cast<uint8_t>(random());
         params.GMax = static_cast<uint8_t>(random());
-        const auto tables = tablesFor(SampleDepth::Eight, params);
+        const auto tables = tablesFor(SampleDepth::Bits8, params);
         uint8_t raw[4 * 9], rgb[6 * 9], expected[6 * 9];
         fillRandom(raw, raw + sizeof raw, random());
         convertLineFor({*tables, params})({*tables, params}, raw, rgb, 9, rgb);
@@ -259,20 +258,26 @@ TEST(LineKernels, TableReadsOfEveryParameterRecordMatchThePairConversion) {
     }
 }
 
-TEST(CpuVariants, OnlyWhatRunsCanBeForced) {
-    const int before = cpuVariant();
-    EXPECT_FALSE(forceCpuVariant(-1));
-    EXPECT_FALSE(forceCpuVariant(kCpuVariants));
-    EXPECT_EQ(cpuVariant(), before);
-    for (int variant = 0; variant < kCpuVariants; ++variant)
-        EXPECT_EQ(forceCpuVariant(variant), cpuRuns(variant)) << cpuVariantName(variant);
-    EXPECT_TRUE(forceCpuVariant(kPlain));
-    EXPECT_EQ(cpuVariant(), kPlain);
-    forceCpuVariant(before);
-    EXPECT_STREQ(cpuVariantName(-1), "unknown");
+TEST(KernelSets, PlainOneComesFirstAndRunsEverywhere) {
+    EXPECT_EQ(kKernelSets.front(), &kPlainKernels);
+    EXPECT_TRUE(kPlainKernels.runsHere());
 }
 
-TEST(CpuVariants, RunWhereTheProcessorAndTheSystemSaySo) {
+TEST(KernelSets, OnlyWhatRunsCanBeUsed) {
+    const ForcedKernels before(kernels());
+    for (const KernelSet* set : kKernelSets) {
+        const KernelSet* used = &kernels();
+        EXPECT_EQ(useKernels(*set), set->runsHere()) << set->name;
+        EXPECT_EQ(&kernels(), set->runsHere() ? set : used) << set->name;
+    }
+    KernelSet absent = kPlainKernels;
+    absent.runsHere = []() noexcept { return false; };
+    const KernelSet* used = &kernels();
+    EXPECT_FALSE(useKernels(absent));
+    EXPECT_EQ(&kernels(), used);
+}
+
+TEST(KernelSets, RunWhereTheProcessorAndTheSystemSaySo) {
     unsigned a = 0, b = 0, basic = 0, d = 0, extendedB = 0, extendedC = 0;
     ASSERT_TRUE(__get_cpuid(1, &a, &b, &basic, &d));
     __get_cpuid_count(7, 0, &a, &extendedB, &extendedC, &d);
@@ -280,16 +285,15 @@ TEST(CpuVariants, RunWhereTheProcessorAndTheSystemSaySo) {
     if (basic & bit_OSXSAVE) asm volatile("xgetbv" : "=a"(saved), "=d"(d) : "c"(0));
     const bool avx = (saved & 6) == 6, avx512 = (saved & 0xE6) == 0xE6;
     constexpr unsigned kAvx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512VL;
-    EXPECT_TRUE(cpuRuns(kPlain));
-    EXPECT_TRUE(cpuRuns(kSse2)) << "every 64-bit processor has it";
-    EXPECT_EQ(cpuRuns(kSse41), (basic & bit_SSSE3) != 0 && (basic & bit_SSE4_1) != 0);
-    EXPECT_EQ(cpuRuns(kAvx2), avx && (extendedB & bit_AVX2) != 0);
-    EXPECT_EQ(cpuRuns(kAvx512),
+    EXPECT_TRUE(kSse2Kernels.runsHere()) << "every 64-bit processor has it";
+    EXPECT_EQ(kSse41Kernels.runsHere(), (basic & bit_SSSE3) != 0 && (basic & bit_SSE4_1) != 0);
+    EXPECT_EQ(kAvx2Kernels.runsHere(), avx && (extendedB & bit_AVX2) != 0);
+    EXPECT_EQ(kAvx512Kernels.runsHere(),
               avx512 && (extendedB & kAvx512Bits) == kAvx512Bits && (extendedC & bit_AVX512VBMI) != 0);
 }
 
-TEST(CpuVariants, WidestThatRunsIsChosenByItself) {
-    EXPECT_EQ(cpuVariant(), runningVariants().back());
+TEST(KernelSets, BestThatRunsIsChosenByItself) {
+    EXPECT_EQ(&kernels(), runningSets().back());
 }
 
 } // namespace kestra::test

@@ -6,7 +6,9 @@
 #include "tests/unit/decode_support.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <thread>
 
 #ifdef _WIN32
 #include "tests/support/scoped_import_hook.h"
@@ -79,7 +81,7 @@ protected:
     LibraryLogCapture m_log;
 };
 
-class DecodeEveryVariant : public testing::TestWithParam<int> {};
+class DecodeWithEverySet : public testing::TestWithParam<const KernelSet*> {};
 
 /// Decodes a random frame with guards on all sides and compares every byte.
 void compareWithReference(const TarnisCameraData& data, bool bottomUp, uint32_t extraStride, uint32_t offset,
@@ -298,6 +300,46 @@ TEST_F(Decode, ImageWithoutLinesOrPixelsIsDoneAtOnce) {
     EXPECT_EQ(std::count(rgb, rgb + sizeof rgb, kUntouched), 16);
 }
 
+TEST(DecodeAtOnce, DecodesOfDifferentDepthDoNotDisturbEachOther) {
+    constexpr uint16_t kWidth = 48, kHeight = 4;
+    std::atomic<int> wrong{0};
+    const auto decodeOften = [&](uint32_t selector) {
+        const TarnisCameraData data = cameraData(selector, kWidth, kHeight);
+        std::vector<uint8_t> raw(rawStride(selector, kWidth) * kHeight), rgb(size_t{rgbStride(kWidth)} * kHeight);
+        fillRandom(raw.data(), raw.data() + raw.size(), selector + 1);
+        std::vector<uint8_t> expected(rgb.size());
+        reference(data, raw.data(), expected, rgbStride(kWidth));
+        for (int i = 0; i < 3000; ++i) {
+            auto stride = static_cast<int32_t>(rgbStride(kWidth));
+            std::fill(rgb.begin(), rgb.end(), kUntouched);
+            if (decode(data, raw.data(), rgb.data(), &stride) != 0 || rgb != expected) ++wrong;
+        }
+    };
+    const ForcedKernels plain(kPlainKernels); // which reads the tables for every pixel
+    std::thread tenBit(decodeOften, TARNIS_OUTPUT_YUV422_10);
+    decodeOften(TARNIS_OUTPUT_YUV422_8);
+    tenBit.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST(DecodeFields, StrideThatDoublesBeyond32BitsIsWalkedAsItIs) {
+    constexpr size_t kStride = size_t{3} << 29; // twice that is no 32-bit number
+    for (const uint32_t selector : {0u, 1u, 2u}) {
+        const TarnisCameraData data = cameraData(selector, 4, 4, true);
+        std::vector<uint8_t> raw(rawStride(selector, 4) * 4);
+        fillRandom(raw.data(), raw.data() + raw.size(), 5);
+        std::vector<uint8_t> expected(size_t{12} * 4);
+        reference(data, raw.data(), expected, 12);
+        const SparseBytes image(kStride, 4);
+        for (const bool bottomUp : {false, true}) {
+            int32_t stride = bottomUp ? -int32_t{kStride} : int32_t{kStride};
+            ASSERT_EQ(decode(data, raw.data(), image.at(bottomUp ? 3 : 0), &stride), 0u);
+            for (size_t line = 0; line < 4; ++line)
+                EXPECT_EQ(std::memcmp(image.at(bottomUp ? 3 - line : line), &expected[12 * line], 12), 0) << line;
+        }
+    }
+}
+
 #ifdef _WIN32
 TEST_F(Decode, MissingScratchImageIsOutOfMemoryAndLeavesTheImageAlone) {
     static size_t asked;
@@ -342,8 +384,8 @@ TEST_F(Decode, ScratchImageIsGivenBack) {
 }
 #endif
 
-TEST_P(DecodeEveryVariant, EveryGeometryMatchesTheReference) {
-    const ForcedVariant variant(GetParam());
+TEST_P(DecodeWithEverySet, EveryGeometryMatchesTheReference) {
+    const ForcedKernels forced(*GetParam());
     uint32_t seed = 1;
     const uint32_t step = longRun() ? 1 : 3;
     for (const uint32_t selector : {0u, 1u, 2u})
@@ -361,8 +403,8 @@ TEST_P(DecodeEveryVariant, EveryGeometryMatchesTheReference) {
                         }
 }
 
-TEST_P(DecodeEveryVariant, LargeOddWidthsMatchTheReference) {
-    const ForcedVariant variant(GetParam());
+TEST_P(DecodeWithEverySet, LargeOddWidthsMatchTheReference) {
+    const ForcedKernels forced(*GetParam());
     for (const uint32_t selector : {0u, 1u, 2u})
         for (const uint16_t width : {719, 720, 1279, 1280, 1439, 1919, 1920, 1921, 1922, 1999, 2047, 3839, 3840, 4095})
             for (const bool interlaced : {false, true}) {
@@ -371,8 +413,8 @@ TEST_P(DecodeEveryVariant, LargeOddWidthsMatchTheReference) {
             }
 }
 
-TEST_P(DecodeEveryVariant, WholeFramesOnSeveralThreadsMatchTheReference) {
-    const ForcedVariant variant(GetParam());
+TEST_P(DecodeWithEverySet, WholeFramesOnSeveralThreadsMatchTheReference) {
+    const ForcedKernels forced(*GetParam());
     for (const uint32_t selector : {0u, 1u, 2u})
         for (const bool interlaced : {false, true}) {
             compareWithReference(cameraData(selector, 1920, 1080, interlaced), true, 0, 0, true, 9);
@@ -380,8 +422,8 @@ TEST_P(DecodeEveryVariant, WholeFramesOnSeveralThreadsMatchTheReference) {
         }
 }
 
-TEST_P(DecodeEveryVariant, EveryAlignmentOfRawAndImageMatchesTheReference) {
-    const ForcedVariant variant(GetParam());
+TEST_P(DecodeWithEverySet, EveryAlignmentOfRawAndImageMatchesTheReference) {
+    const ForcedKernels forced(*GetParam());
     constexpr uint16_t kWidth = 200;
     for (const uint32_t selector : {0u, 1u, 2u})
         for (uint32_t offset = 0; offset < 64; ++offset) {
@@ -398,6 +440,6 @@ TEST_P(DecodeEveryVariant, EveryAlignmentOfRawAndImageMatchesTheReference) {
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(, DecodeEveryVariant, testing::ValuesIn(runningVariants()), variantName);
+INSTANTIATE_TEST_SUITE_P(, DecodeWithEverySet, testing::ValuesIn(runningSets()), setName);
 
 } // namespace kestra::test
