@@ -55,7 +55,8 @@ struct KernelSet {
 extern const KernelSet kPlainKernels, kSse2Kernels, kSse41Kernels, kAvx2Kernels, kAvx512Kernels;
 
 /// All sets, whether they run here or not: the plain one, which defines the results, first, the best last.
-inline constexpr std::array kKernelSets = {&kPlainKernels, &kSse2Kernels, &kSse41Kernels, &kAvx2Kernels, &kAvx512Kernels};
+inline constexpr std::array kKernelSets = {&kPlainKernels, &kSse2Kernels, &kSse41Kernels, &kAvx2Kernels,
+                                           &kAvx512Kernels};
 
 extern std::atomic<const KernelSet*> g_kernels; ///< use kernels()
 

@@ -138,65 +138,53 @@ KESTRA_INLINE __m256i unpack(const uint8_t* words) {
     return _mm256_srli_epi16(_mm256_mullo_epi16(lanes, Unpack<kGroup>::kFactors.vec()), 6);
 }
 
-/// Reads 32 pixels that start with group kGroup (0..2 modulo 3); `words` is the word of the group that starts the
-/// three.
+/// 32 pixels, which begin with group kGroup of those at `words`.
 template <size_t kGroup>
-KESTRA_INLINE PairTerms<Ops> begin32(const uint8_t* words) {
+KESTRA_INLINE Samples10Bit<Ops> samples32(const uint8_t* words) {
     const __m256i v0 = unpack<kGroup>(words), v1 = unpack<kGroup + 1>(words);
     const __m256i v2 = unpack<kGroup + 2>(words), v3 = unpack<kGroup + 3>(words);
     const __m256i y01 = _mm256_unpacklo_epi32(v0, v1), c01 = _mm256_unpackhi_epi32(v0, v1);
     const __m256i y23 = _mm256_unpacklo_epi32(v2, v3), c23 = _mm256_unpackhi_epi32(v2, v3);
-    return pairTerms10<Ops>(_mm256_unpacklo_epi64(y01, y23), _mm256_unpacklo_epi64(c01, c23),
-                            _mm256_unpackhi_epi64(y01, y23), _mm256_unpackhi_epi64(c01, c23));
+    return {_mm256_unpacklo_epi64(y01, y23), _mm256_unpacklo_epi64(c01, c23), _mm256_unpackhi_epi64(y01, y23),
+            _mm256_unpackhi_epi64(c01, c23)};
 }
 
 struct KernelCommon {
+    using Terms = PairTerms<Ops>;
     static constexpr uint32_t kBlockPairs = 16, kAlignment = 32;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
-    static KESTRA_INLINE void settle(PairTerms<Ops>& a, PairTerms<Ops>& b) {
-        asm(""
-            : "+x"(a.luma0), "+x"(a.luma1), "+x"(a.blue), "+x"(a.green), "+x"(a.red), "+x"(b.luma0), "+x"(b.luma1),
-              "+x"(b.blue), "+x"(b.green), "+x"(b.red));
-    }
 };
 
 struct Kernel8Bit : KernelCommon {
-    static constexpr bool kInterleaved = false;
-    static constexpr uint32_t kUnitPairs = 1;
+    static constexpr uint32_t kPhases = 1, kUnitPairs = 1;
     static constexpr ConvertLine plain = convertLine8BitPlain;
-    static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
-    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{4} * pair; }
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples8Bit<Ops> samples(const uint8_t* raw) {
         // Loads two bytes off in place of shifts: the words beside each other change places with them.
-        const uint8_t* in = raw + size_t{4} * pair;
-        return pairTerms8<Ops>(_mm256_blend_epi16(Ops::load(in), Ops::load(in + 30), 0xAA),
-                               _mm256_blend_epi16(Ops::load(in + 2), Ops::load(in + 32), 0xAA));
+        return {_mm256_blend_epi16(Ops::load(raw), Ops::load(raw + 30), 0xAA),
+                _mm256_blend_epi16(Ops::load(raw + 2), Ops::load(raw + 32), 0xAA)};
     }
+    static KESTRA_INLINE Terms terms(const Samples8Bit<Ops>& samples) { return pairTerms8<Ops>(samples); }
     template <class Store>
-    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
-        storeRuns32<Store>(rgb + size_t{6} * pair, pairSums8<Ops>(begun));
+    static KESTRA_INLINE void finish(uint8_t* rgb, const Terms& terms) {
+        storeRuns32<Store>(rgb, pairSums8<Ops>(terms));
     }
 };
 
 struct Kernel10Bit : KernelCommon {
-    static constexpr bool kInterleaved = true;
-    static constexpr uint32_t kUnitPairs = 2; // a group of four pixels
+    static constexpr uint32_t kPhases = 3, kUnitPairs = 6; // four words
     static constexpr ConvertLine plain = convertLine10BitPlain;
-    static constexpr auto lastPair = convertLastPair10Bit;
-    static KESTRA_INLINE PairTerms<Ops> begin(const uint8_t* raw, uint32_t pair) {
-        const uint8_t* words = raw + size_t{32} * (pair / 6); // 24 samples of three groups lie in four words
-        switch (pair / 2 % 3) {
-        case 0:
-            return begin32<0>(words);
-        case 1:
-            return begin32<1>(words);
-        default:
-            return begin32<2>(words);
-        }
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{32} * (pair / 6); }
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples10Bit<Ops> samples(const uint8_t* raw) {
+        return samples32<8 * kPhase>(raw);
     }
+    static KESTRA_INLINE Terms terms(const Samples10Bit<Ops>& samples) { return pairTerms10<Ops>(samples); }
     template <class Store>
-    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const PairTerms<Ops>& begun) {
-        store32<Store>(rgb + size_t{6} * pair, pairSums10<Ops>(begun));
+    static KESTRA_INLINE void finish(uint8_t* rgb, const Terms& terms) {
+        store32<Store>(rgb, pairSums10<Ops>(terms));
     }
 };
 

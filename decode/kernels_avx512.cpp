@@ -111,95 +111,141 @@ KESTRA_INLINE void store64(uint8_t* rgb, const PixelSums<Ops>& a, const PixelSum
     Store::put(rgb + 128, _mm512_permutex2var_epi8(second, toVec(kLastOut), redBlue));
 }
 
-// 10-bit samples. 64 samples from an even pixel on start at sample 0, 2 or 4 of a word and lie in 11 or 12 words.
+// Pairs of pixels, one kind of sample a register, as the 10-bit kernel has them: packing leaves the byte of pair n of a
+// register's first source at 16 * (n / 8) + n % 8, of its second 8 on.
 
-/// Bytes that hold sample `first + 2 * q + odd` in lane q.
-template <size_t kOffset>
-constexpr Index sampleBytes(size_t odd) {
+/// Index of the bytes that output register `out` takes from (blue0 green0, red0 blue1), or from (green1 red1).
+constexpr Index pairsIndex(size_t out, bool last) {
     Index index{};
-    for (size_t q = 0; q < 32; ++q) {
-        const size_t sample = kOffset + 2 * q + odd, byte = 8 * (sample / 6) + 10 * (sample % 6) / 8;
-        index[2 * q] = static_cast<uint8_t>(byte);
-        index[2 * q + 1] = static_cast<uint8_t>(byte + 1);
+    for (size_t t = 0; t < 64; ++t) {
+        const size_t pair = (64 * out + t) / 6, byte = (64 * out + t) % 6, kind = byte / 2;
+        index[t] = static_cast<uint8_t>(packedAt(pair) + 8 * (byte % 2) + (last ? 0 : 64 * (kind % 2)));
     }
     return index;
 }
-
-template <size_t kOffset>
-constexpr std::array<uint16_t, 32> sampleShifts(size_t odd) {
-    std::array<uint16_t, 32> shifts{};
-    for (size_t q = 0; q < 32; ++q)
-        shifts[q] = static_cast<uint16_t>(10 * ((kOffset + 2 * q + odd) % 6) % 8);
-    return shifts;
+constexpr uint64_t fromLastPack(size_t out) {
+    uint64_t mask = 0;
+    for (size_t t = 0; t < 64; ++t)
+        if ((64 * out + t) % 6 / 2 == 2) mask |= uint64_t{1} << t;
+    return mask;
 }
-
-template <size_t kOffset>
-struct Unpack {
-    alignas(64) static constexpr Index kYBytes = sampleBytes<kOffset>(0);
-    alignas(64) static constexpr Index kCBytes = sampleBytes<kOffset>(1);
-    alignas(64) static constexpr std::array<uint16_t, 32> kYShifts = sampleShifts<kOffset>(0);
-    alignas(64) static constexpr std::array<uint16_t, 32> kCShifts = sampleShifts<kOffset>(1);
+template <size_t kOut>
+struct PairsOut {
+    alignas(64) static constexpr Index kFirst = pairsIndex(kOut, false);
+    alignas(64) static constexpr Index kLast = pairsIndex(kOut, true);
+    static constexpr __mmask64 kMask = fromLastPack(kOut);
 };
 
-/// Converts 32 pixels whose first sample is sample kOffset of the word at `words`.
+template <class Store, size_t kOut>
+KESTRA_INLINE void storePairs(uint8_t* rgb, __m512i first, __m512i second, __m512i last) {
+    const __m512i bytes = _mm512_permutex2var_epi8(first, toVec(PairsOut<kOut>::kFirst), second);
+    Store::put(rgb + 64 * kOut,
+               _mm512_mask_permutexvar_epi8(bytes, PairsOut<kOut>::kMask, toVec(PairsOut<kOut>::kLast), last));
+}
+
+/// Limits to 0..255, interleaves and stores 64 pixels: 192 bytes.
+template <class Store>
+KESTRA_INLINE void store64(uint8_t* rgb, const PairSums<Ops>& v) {
+    const __m512i first = _mm512_packus_epi16(v.blue0, v.green0), second = _mm512_packus_epi16(v.red0, v.blue1);
+    const __m512i last = _mm512_packus_epi16(v.green1, v.red1);
+    storePairs<Store, 0>(rgb, first, second, last);
+    storePairs<Store, 1>(rgb, first, second, last);
+    storePairs<Store, 2>(rgb, first, second, last);
+}
+
+/// How 16 pairs are unpacked whose first sample is sample kOffset of a word. They lie in 11 or 12 words, which two
+/// registers of eight words hold, the second up to the last of them.
 template <size_t kOffset>
-KESTRA_INLINE PixelSums<Ops> convert32(const uint8_t* words) {
-    constexpr __mmask8 kRest = (kOffset + 64 + 5) / 6 == 12 ? 0x0F : 0x07;
-    const __m512i low = _mm512_loadu_si512(words);
-    const __m512i rest = _mm512_maskz_loadu_epi64(kRest, words + 64);
-    const __m512i mask = _mm512_set1_epi16(1023);
-    const __m512i y = _mm512_permutex2var_epi8(low, toVec(Unpack<kOffset>::kYBytes), rest);
-    const __m512i c = _mm512_permutex2var_epi8(low, toVec(Unpack<kOffset>::kCBytes), rest);
-    return convert10<Ops>(
-        _mm512_and_si512(_mm512_srlv_epi16(y, _mm512_loadu_si512(Unpack<kOffset>::kYShifts.data())), mask),
-        _mm512_and_si512(_mm512_srlv_epi16(c, _mm512_loadu_si512(Unpack<kOffset>::kCShifts.data())), mask));
+struct Unpack {
+    static constexpr size_t kSecondByte = 8 * ((kOffset + 64 + 5) / 6) - 64;
+
+    /// Lane q of the first 16 holds sample `sample` of pair q, of the others sample `sample` + 2: Y0 and Y1, or Cb and
+    /// Cr.
+    static constexpr size_t sampleOf(size_t q, size_t sample) { return kOffset + 4 * (q % 16) + sample + q / 16 * 2; }
+    static constexpr Index bytes(size_t sample) {
+        Index index{};
+        for (size_t q = 0; q < 32; ++q)
+            for (size_t i = 0; i < 2; ++i) {
+                const size_t byte = 8 * (sampleOf(q, sample) / 6) + 10 * (sampleOf(q, sample) % 6) / 8 + i;
+                index[2 * q + i] = static_cast<uint8_t>(byte < 64 ? byte : 64 + byte - kSecondByte);
+            }
+        return index;
+    }
+    static constexpr std::array<uint16_t, 32> shifts(size_t sample) {
+        std::array<uint16_t, 32> shifts{};
+        for (size_t q = 0; q < 32; ++q)
+            shifts[q] = static_cast<uint16_t>(10 * (sampleOf(q, sample) % 6) % 8);
+        return shifts;
+    }
+    alignas(64) static constexpr Index kYBytes = bytes(0);
+    alignas(64) static constexpr Index kCBytes = bytes(1);
+    alignas(64) static constexpr std::array<uint16_t, 32> kYShifts = shifts(0);
+    alignas(64) static constexpr std::array<uint16_t, 32> kCShifts = shifts(1);
+};
+
+/// Y0 and Y1, Cb and Cr of 16 pairs, each in half a register.
+struct Halves {
+    __m512i y, c;
+};
+
+/// 16 pairs from sample kSample on of those that begin at `words`.
+template <size_t kSample>
+KESTRA_INLINE Halves unpack(const uint8_t* words) {
+    using U = Unpack<kSample % 6>;
+    words += 8 * (kSample / 6);
+    const __m512i low = Ops::load(words), high = Ops::load(words + U::kSecondByte), mask = Ops::set16(1023);
+    const auto samples = [&](const Index& bytes, const std::array<uint16_t, 32>& shifts) {
+        const __m512i lanes = _mm512_permutex2var_epi8(low, toVec(bytes), high);
+        return _mm512_and_si512(_mm512_srlv_epi16(lanes, Ops::load(shifts.data())), mask);
+    };
+    return {samples(U::kYBytes, U::kYShifts), samples(U::kCBytes, U::kCShifts)};
 }
 
 /// The sums of the first and of the second 32 pixels of a block.
 struct Sums {
     PixelSums<Ops> first, second;
 };
-
-/// Reads 64 pixels: 128 samples from sample kOffset of the word at `words` on.
-template <size_t kOffset>
-KESTRA_INLINE Sums begin64(const uint8_t* words) {
-    constexpr size_t kSecond = kOffset + 64;
-    return {convert32<kOffset>(words), convert32<kSecond % 6>(words + 8 * (kSecond / 6))};
-}
+KESTRA_INLINE void settle(Sums&) {} // bound by the memory: in whatever order
 
 struct KernelCommon {
-    static constexpr uint32_t kBlockPairs = 32, kUnitPairs = 1, kAlignment = 64;
-    static constexpr bool kInterleaved = false;
+    static constexpr uint32_t kBlockPairs = 32, kAlignment = 64;
     using Cached = CachedStore;
     using Streaming = StreamingStore;
-    static void lastPair(const LineConversion&, const uint8_t*, uint8_t*, uint32_t) {} // every pair is a unit
-    template <class Store>
-    static KESTRA_INLINE void finish(uint8_t* rgb, uint32_t pair, const Sums& begun) {
-        store64<Store>(rgb + size_t{6} * pair, begun.first, begun.second);
-    }
 };
 
 struct Kernel8Bit : KernelCommon {
+    using Terms = Sums;
+    static constexpr uint32_t kPhases = 1, kUnitPairs = 1;
     static constexpr ConvertLine plain = convertLine8BitPlain;
-    static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
-        const uint8_t* in = raw + size_t{4} * pair;
-        return {convert8<Ops>(Ops::load(in)), convert8<Ops>(Ops::load(in + 64))};
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{4} * pair; }
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples8Bit<Ops> samples(const uint8_t* raw) {
+        return {Ops::load(raw), Ops::load(raw + 64)};
+    }
+    static KESTRA_INLINE Terms terms(const Samples8Bit<Ops>& samples) {
+        return {convert8<Ops>(samples.first), convert8<Ops>(samples.second)};
+    }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, const Terms& terms) {
+        store64<Store>(rgb, terms.first, terms.second);
     }
 };
 
 struct Kernel10Bit : KernelCommon {
+    using Terms = PairTerms<Ops>;
+    static constexpr uint32_t kPhases = 3, kUnitPairs = 6; // four words
     static constexpr ConvertLine plain = convertLine10BitPlain;
-    static KESTRA_INLINE Sums begin(const uint8_t* raw, uint32_t pair) {
-        const uint32_t sample = 4 * pair;
-        const uint8_t* words = raw + size_t{8} * (sample / 6);
-        switch (sample % 6) {
-        case 0:
-            return begin64<0>(words);
-        case 2:
-            return begin64<2>(words);
-        default:
-            return begin64<4>(words);
-        }
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{32} * (pair / 6); }
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples10Bit<Ops> samples(const uint8_t* raw) {
+        const Halves a = unpack<128 * kPhase>(raw), b = unpack<128 * kPhase + 64>(raw);
+        return {_mm512_shuffle_i64x2(a.y, b.y, 0x44), _mm512_shuffle_i64x2(a.c, b.c, 0x44),
+                _mm512_shuffle_i64x2(a.y, b.y, 0xEE), _mm512_shuffle_i64x2(a.c, b.c, 0xEE)};
+    }
+    static KESTRA_INLINE Terms terms(const Samples10Bit<Ops>& samples) { return pairTerms10<Ops>(samples); }
+    template <class Store>
+    static KESTRA_INLINE void finish(uint8_t* rgb, const Terms& terms) {
+        store64<Store>(rgb, pairSums10<Ops>(terms));
     }
 };
 

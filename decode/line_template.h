@@ -1,17 +1,16 @@
-// The line kernels' loop, written once for every instruction set. Private to decode/.
+// The line conversion's loop, written once for every instruction set. Private to decode/.
 //
-// A `Kernel` converts blocks of a line:
-//   kBlockPairs             pairs in a block
-//   kUnitPairs              a block may start at every multiple of so many pairs
-//   kAlignment              of streaming stores, in bytes
-//   begin(raw, pair)        reads the block that starts at that pair of the line; returns what `finish` needs
-//   finish<Store>(rgb, pair, begun)  writes that block; Store::put stores a register
-//   kInterleaved            whether to begin each block before the previous one is finished: gains where the processor
-//                           computes longer than the memory takes, loses elsewhere
-//   settle(begun, next)     if so: keeps the compiler from moving what uses `begun` before what makes `next`
-//   Cached, Streaming       the two kinds of Store
-//   plain                   the kernel for lines shorter than a block
-//   lastPair                converts the pair that is over when the units are two pairs
+// A `Kernel` converts blocks of a line in three steps, so that those of neighbouring blocks can be done in turn:
+//   kBlockPairs           pairs in a block
+//   kPhases               after so many blocks the next begins with a whole raw word again: 1 or 3
+//   kUnitPairs            a first block may begin at every multiple of so many pairs
+//   kAlignment            of streaming stores, in bytes
+//   rawByte(pair)         where in the line the raw bytes of that pair, a multiple of kUnitPairs, begin
+//   samples<kPhase>(raw)  reads block kPhase of the kPhases that begin at `raw`
+//   terms(samples)        what its pixels' sums are made of
+//   finish<Store>(rgb, terms)  sums, limits and writes; Store::put stores a register
+//   Cached, Streaming     the two kinds of Store
+//   plain                 the kernel for lines shorter than a block, and for what is over
 #pragma once
 
 #include "decode/plain_lines.h"
@@ -19,67 +18,88 @@
 
 namespace kestra {
 
-/// How many steps of `stepBytes` (6 or 12) bytes lead from an address to a multiple of `alignment`, a power of two.
-/// @return false if none do
-KESTRA_INLINE bool stepsToAligned(const uint8_t* address, uint32_t stepBytes, uint32_t alignment, uint32_t& steps) {
-    const auto a = reinterpret_cast<uintptr_t>(address);
-    const uint32_t unit = stepBytes / 3;
-    if (a % unit != 0) return false;
-    constexpr uint32_t kInverseOf3 = 0xAAAAAAAB; // modulo 2^32, so modulo every smaller power of two
-    steps = (0 - static_cast<uint32_t>(a / unit)) * kInverseOf3 & (alignment / unit - 1);
-    return true;
+template <class Kernel, class Store, size_t kPhase>
+KESTRA_INLINE void convertBlock(const uint8_t* raw, uint8_t* rgb) {
+    Kernel::template finish<Store>(rgb + size_t{6} * Kernel::kBlockPairs * kPhase,
+                                   Kernel::terms(Kernel::template samples<kPhase>(raw)));
 }
 
-template <class Kernel, class Store>
-KESTRA_INLINE void convertBlock(const uint8_t* raw, uint8_t* rgb, uint32_t pair) {
-    Kernel::template finish<Store>(rgb, pair, Kernel::begin(raw, pair));
+/// Finishes one block after the next one's samples are read and before its terms are computed: a block alone is one
+/// long chain of instructions that wait for each other.
+/// @param terms  of the block that is finished; then of the next one
+/// @param raw    where the next block's run begins
+template <class Kernel, class Store, size_t kNextPhase>
+KESTRA_INLINE void finishAndBegin(uint8_t* rgb, typename Kernel::Terms& terms, const uint8_t* raw) {
+    auto samples = Kernel::template samples<kNextPhase>(raw);
+    settle(samples);
+    settle(terms);
+    Kernel::template finish<Store>(rgb, terms);
+    settle(samples);
+    terms = Kernel::terms(samples);
 }
 
-/// Converts the whole blocks from `pair` up to `pairs`.
-/// @param ahead  called with each block's first pair, to fetch what will be needed
+/// Converts whole blocks from `pair`, a multiple of kUnitPairs, up to `pairs`.
+/// @param ahead  called with each run's first pair, to fetch what will be needed
 /// @return the first pair that is not converted
 template <class Kernel, class Store, class Ahead>
 KESTRA_INLINE uint32_t convertBlocks(const uint8_t* raw, uint8_t* rgb, uint32_t pair, uint32_t pairs, Ahead ahead) {
-    constexpr uint32_t kBlock = Kernel::kBlockPairs;
-    if constexpr (Kernel::kInterleaved) {
-        if (pair + kBlock > pairs) return pair;
-        auto begun = Kernel::begin(raw, pair);
-        for (; pairs - pair >= 2 * kBlock; pair += kBlock) {
-            ahead(pair);
-            auto next = Kernel::begin(raw, pair + kBlock);
-            Kernel::settle(begun, next);
-            Kernel::template finish<Store>(rgb, pair, begun);
-            begun = next;
-        }
-        Kernel::template finish<Store>(rgb, pair, begun);
-        return pair + kBlock;
-    }
-    for (; pair + kBlock <= pairs; pair += kBlock) {
+    constexpr uint32_t kBlock = Kernel::kBlockPairs, kRun = kBlock * Kernel::kPhases;
+    constexpr size_t kOut = size_t{6} * kBlock;
+    if (pairs - pair < kBlock) return pair;
+    raw += Kernel::rawByte(pair);
+    rgb += size_t{6} * pair;
+    auto terms = Kernel::terms(Kernel::template samples<0>(raw));
+    for (; pairs - pair >= kRun + kBlock; pair += kRun, rgb += size_t{6} * kRun) {
         ahead(pair);
-        convertBlock<Kernel, Store>(raw, rgb, pair);
+        if constexpr (Kernel::kPhases == 3) {
+            finishAndBegin<Kernel, Store, 1>(rgb, terms, raw);
+            finishAndBegin<Kernel, Store, 2>(rgb + kOut, terms, raw);
+        }
+        raw += Kernel::rawByte(kRun);
+        finishAndBegin<Kernel, Store, 0>(rgb + kOut * (Kernel::kPhases - 1), terms, raw);
     }
+    Kernel::template finish<Store>(rgb, terms);
+    pair += kBlock;
+    if constexpr (Kernel::kPhases == 3) {
+        if (pairs - pair >= kBlock) convertBlock<Kernel, Store, 1>(raw, rgb), pair += kBlock;
+        if (pairs - pair >= kBlock) convertBlock<Kernel, Store, 2>(raw, rgb), pair += kBlock;
+    }
+    return pair;
+}
+
+/// The first pair from which on stores are aligned, if any is: a multiple of kUnitPairs within the first block.
+template <class Kernel>
+KESTRA_INLINE uint32_t alignedPair(const uint8_t* rgb) {
+    uint32_t pair = 0;
+    while (pair <= Kernel::kBlockPairs &&
+           (reinterpret_cast<uintptr_t>(rgb) + size_t{6} * pair) % Kernel::kAlignment != 0)
+        pair += Kernel::kUnitPairs;
     return pair;
 }
 
 template <class Kernel>
 void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                  const uint8_t* nextLine) {
-    constexpr uint32_t kBlock = Kernel::kBlockPairs, kUnit = Kernel::kUnitPairs;
-    const uint32_t whole = pairs / kUnit * kUnit;
-    if (whole < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);
-    uint32_t done = 0, steps = 0;
-    if (!nextLine && stepsToAligned(rgb, 6 * kUnit, Kernel::kAlignment, steps)) {
-        if (steps != 0) convertBlock<Kernel, typename Kernel::Cached>(raw, rgb, 0);
-        done = convertBlocks<Kernel, typename Kernel::Streaming>(raw, rgb, steps * kUnit, whole, [](uint32_t) {});
+    using Cached = typename Kernel::Cached;
+    constexpr uint32_t kBlock = Kernel::kBlockPairs, kUnit = Kernel::kUnitPairs, kRun = kBlock * Kernel::kPhases;
+    if (pairs < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);
+    uint32_t done = 0;
+    if (const uint32_t first = alignedPair<Kernel>(rgb); !nextLine && first <= kBlock) {
+        if (first != 0) convertBlock<Kernel, Cached, 0>(raw, rgb);
+        done = convertBlocks<Kernel, typename Kernel::Streaming>(raw, rgb, first, pairs, [](uint32_t) {});
     } else {
-        done = convertBlocks<Kernel, typename Kernel::Cached>(raw, rgb, 0, whole, [&](uint32_t pair) {
+        done = convertBlocks<Kernel, Cached>(raw, rgb, 0, pairs, [&](uint32_t pair) {
             if (nextLine)
-                for (uint32_t byte = 0; byte < 6 * kBlock; byte += 64)
+                for (uint32_t byte = 0; byte < 6 * kRun; byte += 64)
                     __builtin_prefetch(nextLine + size_t{6} * pair + byte, 1);
         });
     }
-    if (done < whole) convertBlock<Kernel, typename Kernel::Cached>(raw, rgb, whole - kBlock); // partly once more
-    if (whole < pairs) Kernel::lastPair(conversion, raw, rgb, pairs);
+    if (done == pairs) return;
+    const uint32_t last = (pairs - kBlock) / kUnit * kUnit; // partly once more
+    convertBlock<Kernel, Cached, 0>(raw + Kernel::rawByte(last), rgb + size_t{6} * last);
+    const uint32_t rest = (last + kBlock) / kUnit * kUnit;
+    if (last + kBlock < pairs)
+        Kernel::plain(conversion, raw + Kernel::rawByte(rest), rgb + size_t{6} * rest, pairs - rest, nullptr);
 }
 
 } // namespace kestra

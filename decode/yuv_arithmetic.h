@@ -67,6 +67,17 @@ KESTRA_INLINE PixelSums<Ops> convert10(typename Ops::Vec ySamples, typename Ops:
 // With byte shuffles at hand (SSE4.1, AVX2) the lanes hold one kind of sample each, a pair of pixels a lane, so that
 // nothing has to change lanes before the bytes are interleaved.
 
+/// Bytes Y, Cb of the first and Y, Cr of the second pixels.
+template <class Ops>
+struct Samples8Bit {
+    typename Ops::Vec first, second;
+};
+
+template <class Ops>
+struct Samples10Bit {
+    typename Ops::Vec y0, cb, y1, cr;
+};
+
 /// What the sums of one register of pairs are made of: blue is luma + blue, green luma - green, red luma + red.
 template <class Ops>
 struct PairTerms {
@@ -79,35 +90,32 @@ struct PairSums {
     typename Ops::Vec blue0, green0, red0, blue1, green1, red1;
 };
 
-/// @param first, second bytes Y, Cb of the first and Y, Cr of the second pixels
 template <class Ops>
-KESTRA_INLINE PairTerms<Ops> pairTerms8(typename Ops::Vec first, typename Ops::Vec second) noexcept {
+KESTRA_INLINE PairTerms<Ops> pairTerms8(const Samples8Bit<Ops>& samples) noexcept {
     const auto high = [](typename Ops::Vec x, int16_t c) { return Ops::high(x, Ops::set16(c)); };
     const auto luma = [&](typename Ops::Vec bytes) {
         const auto x = Ops::sub(Ops::eightTimesEvenBytes(bytes), Ops::set16(8 * yuv8::kYOff));
         return Ops::sub(high(x, yuv8::kY), Ops::sign(x));
     };
-    const auto cb = Ops::sub(Ops::eightTimesOddBytes(first), Ops::set16(8 * yuv8::kCOff));
-    const auto cr = Ops::sub(Ops::eightTimesOddBytes(second), Ops::set16(8 * yuv8::kCOff));
+    const auto cb = Ops::sub(Ops::eightTimesOddBytes(samples.first), Ops::set16(8 * yuv8::kCOff));
+    const auto cr = Ops::sub(Ops::eightTimesOddBytes(samples.second), Ops::set16(8 * yuv8::kCOff));
     const auto cbSign = Ops::sign(cb), crSign = Ops::sign(cr);
-    return {luma(first), luma(second), Ops::sub(high(cb, yuv8::kCbB), cbSign),
+    return {luma(samples.first), luma(samples.second), Ops::sub(high(cb, yuv8::kCbB), cbSign),
             Ops::sub(Ops::add(high(cb, yuv8::kCbG), high(cr, yuv8::kCrG)), Ops::add(cbSign, crSign)),
             Ops::sub(high(cr, yuv8::kCrR), crSign)};
 }
 
-/// @param s0, sb, s1, sr 10-bit samples Y0, Cb, Y1, Cr
 template <class Ops>
-KESTRA_INLINE PairTerms<Ops> pairTerms10(typename Ops::Vec s0, typename Ops::Vec sb, typename Ops::Vec s1,
-                                         typename Ops::Vec sr) noexcept {
+KESTRA_INLINE PairTerms<Ops> pairTerms10(const Samples10Bit<Ops>& samples) noexcept {
     const auto high = [](typename Ops::Vec x, int16_t c) { return Ops::high(x, Ops::set16(c)); };
     const auto luma = [&](typename Ops::Vec sample) {
         const auto x = Ops::sub(sample, Ops::set16(yuv10::kYOff));
         return Ops::sub(Ops::add(x, high(x, yuv10::kY)), Ops::sign(x));
     };
-    const auto cb = Ops::sub(sb, Ops::set16(yuv10::kCOff)), cr = Ops::sub(sr, Ops::set16(yuv10::kCOff));
+    const auto cb = Ops::sub(samples.cb, Ops::set16(yuv10::kCOff)), cr = Ops::sub(samples.cr, Ops::set16(yuv10::kCOff));
     const auto cbSign = Ops::sign(cb), crSign = Ops::sign(cr);
     const auto crTerm = Ops::sub(cr, crSign); // in red and in green
-    return {luma(s0), luma(s1), Ops::sub(Ops::add(Ops::add(cb, cb), high(cb, yuv10::kCbB)), cbSign),
+    return {luma(samples.y0), luma(samples.y1), Ops::sub(Ops::add(Ops::add(cb, cb), high(cb, yuv10::kCbB)), cbSign),
             Ops::add(Ops::sub(high(cb, yuv10::kCbG), cbSign), Ops::add(crTerm, high(cr, yuv10::kCrG))),
             Ops::add(Ops::add(cr, crTerm), high(cr, yuv10::kCrR))};
 }
@@ -123,6 +131,25 @@ KESTRA_INLINE PairSums<Ops> pairSums10(const PairTerms<Ops>& t) noexcept {
     const PairSums<Ops> s = pairSums8<Ops>(t);
     return {Ops::quarter(s.blue0), Ops::quarter(s.green0), Ops::quarter(s.red0),
             Ops::quarter(s.blue1), Ops::quarter(s.green1), Ops::quarter(s.red1)};
+}
+
+/// Keeps the compiler from moving what uses these registers to before this place, and what makes them behind it.
+template <class Vec>
+KESTRA_INLINE void settleRegister(Vec& v) noexcept {
+    asm volatile("" : "+v"(v));
+}
+template <class Ops>
+KESTRA_INLINE void settle(Samples8Bit<Ops>& s) noexcept {
+    settleRegister(s.first), settleRegister(s.second);
+}
+template <class Ops>
+KESTRA_INLINE void settle(Samples10Bit<Ops>& s) noexcept {
+    settleRegister(s.y0), settleRegister(s.cb), settleRegister(s.y1), settleRegister(s.cr);
+}
+template <class Ops>
+KESTRA_INLINE void settle(PairTerms<Ops>& t) noexcept {
+    settleRegister(t.luma0), settleRegister(t.luma1), settleRegister(t.blue), settleRegister(t.green);
+    settleRegister(t.red);
 }
 
 } // namespace kestra

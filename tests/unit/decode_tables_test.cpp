@@ -238,6 +238,33 @@ TEST(LineKernels, TenBitTriplesAreExactWithEverySet) {
     std::printf("\n");
 }
 
+TEST(LineKernels, EveryLengthAndAlignmentIsThatOfThePlainSetCachedAndStreamed) {
+    for (const SampleDepth depth : {SampleDepth::Bits8, SampleDepth::Bits10}) {
+        const ColorTables& tables = defaultTables(depth);
+        const LineConversion conversion{tables, tables.builtFrom};
+        const bool ten = depth == SampleDepth::Bits10;
+        const auto kernel = ten ? &KernelSet::convertLine10Bit : &KernelSet::convertLine8Bit;
+        for (uint32_t pairs = 1; pairs <= 420; pairs += pairs < 120 ? 1 : 7) {
+            const GuardedBytes raw(ten ? (pairs * 4 + 5) / 6 * size_t{8} : pairs * size_t{4});
+            fillRandom(raw.begin(), raw.end(), pairs);
+            std::vector<uint8_t> expected(size_t{6} * pairs);
+            (kPlainKernels.*kernel)(conversion, raw.data(), expected.data(), pairs, nullptr);
+            for (const uint32_t offset : {0u, 1u, 2u, 4u, 12u, 32u, pairs % 64})
+                for (const bool streamed : {false, true})
+                    for (const KernelSet* set : runningSets()) {
+                        std::vector<uint8_t> memory(64 + 64 + expected.size() + 64, 0xA5);
+                        uint8_t* rgb = memory.data() + 64 - reinterpret_cast<uintptr_t>(memory.data()) % 64 + offset;
+                        (set->*kernel)(conversion, raw.data(), rgb, pairs, streamed ? nullptr : rgb);
+                        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), rgb))
+                            << set->name << ", " << pairs << " pairs, offset " << offset << ", streamed " << streamed;
+                        ASSERT_TRUE(std::all_of(memory.data(), rgb, [](uint8_t byte) { return byte == 0xA5; }));
+                        ASSERT_TRUE(std::all_of(rgb + expected.size(), memory.data() + memory.size(),
+                                                [](uint8_t byte) { return byte == 0xA5; }));
+                    }
+        }
+    }
+}
+
 TEST(LineKernels, TableReadsOfEveryParameterRecordMatchThePairConversion) {
     std::mt19937 random(7);
     for (int round = 0; round < 50; ++round) {
