@@ -1,7 +1,7 @@
 // Frames for the decoder's benchmarks: one that stays in the cache, or so many that none does.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/raw_frame.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -19,17 +19,6 @@ struct Size {
     uint16_t width, height;
 };
 constexpr Size kHd{1920, 1080}, kUhd{3840, 2160};
-
-inline size_t rawLineBytes(uint32_t selector, uint32_t width) {
-    switch (selector) {
-    case TARNIS_OUTPUT_YUV422_10:
-        return (width * 2 + 5) / 6 * size_t{8};
-    case TARNIS_OUTPUT_YUV422_8:
-        return (width * 2 + 3) & ~3u;
-    default:
-        return (width * 3 + 3) & ~3u;
-    }
-}
 
 /// Page-aligned memory.
 class Block {
@@ -79,8 +68,8 @@ public:
         data.outputSelector = selector;
         data.status.width = size.width;
         data.status.height = size.height;
-        rawBytes = rawLineBytes(selector, size.width) * size.height;
-        rgbBytes = size_t{(size.width * 3u + 3) & ~3u} * size.height;
+        rawBytes = size_t{rawLineBytes(selector, size.width)} * size.height;
+        rgbBytes = size_t{rgbLineBytes(size.width)} * size.height;
         const size_t count = cold ? (size_t{300} << 20) / (rawBytes + rgbBytes) + 1 : 1;
         for (size_t i = 0; i < count; ++i) {
             raw.emplace_back(rawBytes);
@@ -94,7 +83,7 @@ public:
     size_t copyBytes() const { return (rawBytes + rgbBytes) / 2; }
     const uint8_t* copySource() const { return copies[m_next].data(); }
     uint8_t* copyTarget() const { return copies[m_next].data() + copyBytes(); }
-    int32_t stride() const { return (data.status.width * 3 + 3) & ~3; }
+    int32_t stride() const { return static_cast<int32_t>(rgbLineBytes(data.status.width)); }
 
     TarnisCameraData data{};
     size_t rawBytes = 0, rgbBytes = 0;

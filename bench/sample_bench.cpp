@@ -34,7 +34,7 @@ public:
         m_camera.outputSelector = selector;
         m_camera.status.width = kWidth;
         m_camera.status.height = kHeight;
-        m_rawBytes = kestra::rawLineBytes(selector, kWidth) * kHeight;
+        m_rawBytes = rawFrameBytes(selector, kWidth, kHeight);
         m_sampleBytes = kWidth * sampleBytesPerPixel * kHeight;
         const size_t count = (size_t{300} << 20) / (m_rawBytes + m_sampleBytes) + 1;
         for (size_t i = 0; i < count; ++i) {

@@ -1,5 +1,7 @@
 #include "capture/audio_formats.h"
 
+#include "protocol/frame_rate.h"
+
 #include <ks.h>
 
 #include <ksmedia.h>
@@ -12,13 +14,7 @@ namespace {
 
 constexpr DWORD kSamplesPerSecond = 48000;
 constexpr WORD kChannels = 2;
-constexpr uint32_t kVideoMode24 = 16;
 constexpr int32_t kUnknownRate = 25; // frames per second, where the card tells none
-
-/// Frames per second, fields if interlaced, as the card reports them; 0 if it does not.
-uint32_t reportedRate(const TarnisCameraStatus& status) noexcept {
-    return status.videoMode == kVideoMode24 ? 24u : status.frameRate;
-}
 
 WAVEFORMATEX waveFormat(WORD tag, WORD bits, WORD extraBytes) noexcept {
     const auto block = static_cast<WORD>(kChannels * bits / 8);
@@ -71,7 +67,7 @@ bool matchesAudioType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered)
 }
 
 int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept {
-    const uint32_t rate = reportedRate(status) / (status.interlaced == 1 ? 2 : 1);
+    const uint32_t rate = framesOfRate(reportedRate(status), status.interlaced == 1);
     return rate == 0 ? kUnknownRate : static_cast<int32_t>(rate);
 }
 

@@ -1,7 +1,7 @@
 // The media types that the audio pin offers, and how much sound belongs to a frame. No state; any thread.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/records.h"
 
 #include <streams.h>
 

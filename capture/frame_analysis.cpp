@@ -5,6 +5,7 @@
 #include "decode/decode.h"
 #include "imagelib/ipp.h"
 #include "log/log.h"
+#include "protocol/raw_frame.h"
 
 #include <delayimp.h>
 

@@ -2,6 +2,7 @@
 
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
+#include "protocol/raw_frame.h"
 
 #include <xmmintrin.h>
 
@@ -34,7 +35,7 @@ public:
     void copyWoven(bool interlaced) noexcept {
         const SampleLine copy = kernels().copyLine;
         for (uint32_t y = 0; y < m_height; ++y)
-            put(interlaced ? y / 2 + (y % 2) * (m_height / 2) : y, y, copy, m_rawLine, m_rawLine);
+            put(interlaced ? rawLineOf(y, equalFieldLines(m_height)) : y, y, copy, m_rawLine, m_rawLine);
         finish();
     }
     void swapLines() noexcept {
@@ -91,12 +92,6 @@ void decodeBottomUp(const TarnisCameraData& camera, const uint8_t* raw, uint32_t
 }
 
 } // namespace
-
-uint32_t rawLineBytes(uint32_t outputSelector, uint32_t width) noexcept {
-    constexpr uint32_t kBytesPerPixel[] = {4, 2, 3};
-    if (outputSelector > TARNIS_OUTPUT_RGB24) return 0;
-    return (width * kBytesPerPixel[outputSelector] * 8 + 31) / 32 * 4;
-}
 
 void writeSample(VideoFormat format, const TarnisCameraData& camera, const uint8_t* raw, uint32_t rawBytes,
                  uint8_t* sample, uint32_t sampleBytes) noexcept {

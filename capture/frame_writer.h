@@ -1,7 +1,7 @@
 // Brings one raw frame of the card into a media sample's buffer, in one pass. Portable.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/records.h"
 
 #include <cstdint>
 
@@ -9,10 +9,6 @@ namespace kestra {
 
 /// The video formats of the pin, as "VideoFormat" stores them.
 enum VideoFormat : uint32_t { kYuy2 = 0, kRgb24 = 1, kUyvy = 2, kRgb32 = 3, kVideoFormats = 4 };
-
-/// Bytes of one raw line, padded to 32 bits, of a frame of that layout (4, 2 or 3 bytes a pixel).
-/// @return 0 for a layout that no frame has
-uint32_t rawLineBytes(uint32_t outputSelector, uint32_t width) noexcept;
 
 /// Bytes from one line of the sample to the next; 0 without lines.
 inline uint32_t sampleLineBytes(uint32_t sampleBytes, uint32_t height) noexcept {

@@ -4,6 +4,8 @@
 #include "capture/trace.h"
 #include "capture/video_filter.h"
 #include "capture/video_stream.h"
+#include "protocol/frame_rate.h"
+#include "protocol/raw_frame.h"
 
 #include <dvdmedia.h>
 
@@ -12,7 +14,6 @@ using namespace kestra;
 namespace {
 
 constexpr REFERENCE_TIME kSecond = 10'000'000;
-constexpr uint32_t kVideoMode24 = 16;
 constexpr uint32_t kBuffers = 10;
 constexpr DWORD kFieldOneFirst = 4; // AM_VIDEO_FLAG_FIELD1FIRST
 
@@ -67,9 +68,9 @@ HRESULT CKestraStream::Active() {
         return traced(L"CKestraStream->Active->E_UNEXPECTED", E_UNEXPECTED);
     }
     m_timeStampRate = 25;
-    if (m_cameraData.status.videoMode == kVideoMode24) m_cameraData.status.frameRate = 24;
-    if (const int rate = m_cameraData.status.frameRate / (m_cameraData.status.interlaced == 1 ? 2 : 1))
-        m_timeStampRate = rate;
+    m_cameraData.status.frameRate = static_cast<uint8_t>(reportedRate(m_cameraData.status));
+    if (const uint32_t rate = framesOfRate(m_cameraData.status.frameRate, m_cameraData.status.interlaced == 1))
+        m_timeStampRate = static_cast<int>(rate);
     GetOwner()->AddRef(); // until Inactive
     ++m_ownerReferences;
     trace(L"CKestraStream->Active->NOERROR");

@@ -1,5 +1,7 @@
 #include "capture/video_formats.h"
 
+#include "protocol/frame_rate.h"
+
 #include <dvdmedia.h>
 
 #include <cmath>
@@ -8,7 +10,6 @@ namespace kestra {
 namespace {
 
 constexpr REFERENCE_TIME kSecond = 10'000'000;
-constexpr uint32_t kVideoMode24 = 16;
 
 struct Layout {
     WORD bitCount;
@@ -51,7 +52,7 @@ void fillBitmapHeader(BITMAPINFOHEADER& header, const Layout& layout, const Pict
 } // namespace
 
 REFERENCE_TIME PictureTiming::averageTimePerFrame() const noexcept {
-    const uint32_t framesPerSecond = frameRate / (interlaced ? 2 : 1);
+    const uint32_t framesPerSecond = framesOfRate(frameRate, interlaced);
     return framesPerSecond == 0 ? kSecond : kSecond / framesPerSecond;
 }
 
@@ -61,9 +62,8 @@ uint32_t PictureTiming::bitRate(uint32_t imageBytes) const noexcept {
 
 PictureTiming timingOf(const TarnisCameraStatus& status) noexcept {
     if (status.width == 0) return {1280, 720, 60, false};
-    PictureTiming timing{status.width, status.height, status.frameRate, status.interlaced == 1};
+    PictureTiming timing{status.width, status.height, reportedRate(status), status.interlaced == 1};
     if (timing.frameRate == 0) timing.frameRate = 25;
-    if (status.videoMode == kVideoMode24) timing.frameRate = 24;
     return timing;
 }
 

@@ -3,7 +3,8 @@
 # Compile options of everything that we write. Third-party code (GoogleTest) is built without them.
 add_library(kestra_options INTERFACE)
 target_compile_features(kestra_options INTERFACE cxx_std_20)
-target_compile_options(kestra_options INTERFACE -Wall -Wextra -Werror -ffp-contract=off)
+target_compile_options(kestra_options INTERFACE -Wall -Wextra -Werror -ffp-contract=off
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 target_include_directories(kestra_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(WIN32)
   target_compile_definitions(kestra_options INTERFACE

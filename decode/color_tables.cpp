@@ -1,7 +1,7 @@
 #include "decode/color_tables.h"
 
 #include "decode/yuv_constants.h"
-#include "device/tarnis.h"
+#include "protocol/converter.h"
 
 #include <algorithm>
 #include <limits>
@@ -98,9 +98,7 @@ void buildTables(ColorTables& tables, SampleDepth depth, const TarnisConverterPa
 const ColorTables& defaultTables(SampleDepth depth) noexcept {
     struct Defaults : ColorTables {
         explicit Defaults(SampleDepth wanted) noexcept : ColorTables{} {
-            TarnisConverterParams params;
-            TARNIS_GetDefaultColorSpaceConverterParams(&params);
-            buildTables(*this, wanted, params);
+            buildTables(*this, wanted, wire::kDefaultConverter);
         }
     };
     static const Defaults bits8(SampleDepth::Bits8), bits10(SampleDepth::Bits10);

@@ -2,7 +2,7 @@
 // nobody builds meanwhile; those of the decoder are never built again.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/records.h"
 
 #include <cstdint>
 

@@ -5,8 +5,8 @@
 #include "decode/parallel.h"
 #include "decode/region_copy.h"
 #include "decode/scratch_image.h"
-#include "device/tarnis.h"
 #include "log/log.h"
+#include "protocol/raw_frame.h"
 
 #include <cstddef>
 #include <cstdlib>
@@ -34,7 +34,6 @@ struct Frame {
     bool interlaced;        ///< the second field follows the first
     Lines<const uint8_t> raw;
     Lines<uint8_t> rgb;
-    uint32_t firstFieldLines() const noexcept { return (height + 1) / 2; }
 };
 
 void convertLines(const LineConversion& conversion, uint32_t lines, uint32_t pairs, Lines<const uint8_t> raw,
@@ -58,7 +57,7 @@ void convertFrame(const Frame& frame, SampleDepth depth) {
     const LineConversion conversion{tables, tables.builtFrom};
     const uint32_t pairs = frame.width / 2;
     if (!frame.interlaced) return convertLines(conversion, frame.height, pairs, frame.raw, frame.rgb);
-    const uint32_t first = frame.firstFieldLines();
+    const uint32_t first = firstFieldLines(frame.height);
     const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
     convertLines(conversion, first, pairs, frame.raw, frame.rgb.from(0, twoLines));
     convertLines(conversion, frame.height - first, pairs, frame.raw.from(first, frame.raw.stepBytes),
@@ -77,7 +76,7 @@ void copyLines(uint32_t lines, uint32_t width, Lines<const uint8_t> raw, Lines<u
 void copyFrame(const Frame& frame) {
     if (!frame.interlaced) return copyLines(frame.height, frame.width, frame.raw, frame.rgb);
     // Both fields have height / 2 lines here: the last raw line of an odd height is not copied.
-    const uint32_t fieldLines = frame.height / 2;
+    const uint32_t fieldLines = equalFieldLines(frame.height);
     const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
     copyLines(fieldLines, frame.width, frame.raw, frame.rgb.from(0, twoLines));
     copyLines(fieldLines, frame.width, frame.raw.from(fieldLines, frame.raw.stepBytes), frame.rgb.from(1, twoLines));
@@ -95,7 +94,7 @@ uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixel
     if (!cameraData) return refused(610, L"cameraData is NULL");
     if (!pStrideSize) return refused(611, L"pStrideSize is NULL");
     const uint32_t width = cameraData->status.width;
-    const auto needed = static_cast<int32_t>((width * 3 + 3) & ~3u);
+    const auto needed = static_cast<int32_t>(rgbLineBytes(width));
     if (!pRawPixels) *pStrideSize = 0;
     if (std::llabs(int64_t{*pStrideSize}) < needed || !pDst) {
         *pStrideSize = needed;
@@ -106,26 +105,23 @@ uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixel
     Frame frame{width,
                 cameraData->status.height,
                 cameraData->status.interlaced == 1,
-                {static_cast<const uint8_t*>(pRawPixels), 0},
+                {static_cast<const uint8_t*>(pRawPixels), rawLineBytes(cameraData->outputSelector, width)},
                 {static_cast<uint8_t*>(pDst), *pStrideSize}};
     if (cameraData->outputParameter == 1 && frame.interlaced) {
         frame.interlaced = false; // the first field alone
-        frame.height /= 2;
+        frame.height = equalFieldLines(frame.height);
     }
     switch (cameraData->outputSelector) {
     case TARNIS_OUTPUT_YUV422_10: {
         const ScratchImage scratch(width, frame.height);
         if (!scratch) return TARNIS_OUT_OF_MEMORY;
-        frame.raw.stepBytes = ptrdiff_t{8} * ((width * 2 + 5) / 6);
         convertFrame(frame, SampleDepth::Bits10);
         return TARNIS_SUCCESS;
     }
     case TARNIS_OUTPUT_YUV422_8:
-        frame.raw.stepBytes = (width * 2 + 3) & ~3u;
         convertFrame(frame, SampleDepth::Bits8);
         return TARNIS_SUCCESS;
     case TARNIS_OUTPUT_RGB24:
-        frame.raw.stepBytes = needed;
         copyFrame(frame);
         return TARNIS_SUCCESS;
     default:

@@ -1,7 +1,7 @@
 // The frame decoder: one raw frame of the card becomes one 24-bit RGB image. Portable, C linkage, never throws.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/records.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -2,8 +2,8 @@
 #include "device/device_enumerator.h"
 
 #include "device/win32_handles.h"
-#include "device/wire.h"
 #include "log/log.h"
+#include "protocol/requests.h"
 
 #include <setupapi.h>
 

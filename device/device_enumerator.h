@@ -2,6 +2,7 @@
 #pragma once
 
 #include "device/tarnis.h"
+#include "protocol/card_interface.h"
 
 #include <windows.h>
 
@@ -10,8 +11,8 @@
 
 namespace kestra {
 
-/// {edde25e4-9980-4876-9217-ad8aa1b92a03}: the card driver's device interface class.
-constexpr GUID kCardInterfaceClass = {0xedde25e4, 0x9980, 0x4876, {0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03}};
+/// The card driver's device interface class.
+constexpr GUID kCardInterfaceClass = asGuid<GUID>(kCardInterface);
 
 } // namespace kestra
 

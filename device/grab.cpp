@@ -2,6 +2,9 @@
 #include "device/grab_thread.h"
 #include "device/grabber.h"
 #include "log/log.h"
+#include "protocol/converter.h"
+#include "protocol/frame_rate.h"
+#include "protocol/registers.h"
 
 using namespace kestra;
 
@@ -11,11 +14,6 @@ constexpr LogUnit kUnit{"\"Grabbing Functions\"", L".\\TARNIS_grab.cpp"};
 constexpr int32_t kAlreadyOpened = 0x444D412B; // DMA+
 constexpr DWORD kStopMs = 1000;
 constexpr DWORD kSnapMs = 1000; // no frame takes so long: the signal has gone meanwhile
-
-/// Every question about an input goes to the even port of the pair.
-int8_t inputPort(int8_t port) noexcept {
-    return static_cast<int8_t>(port & ~1);
-}
 
 /// Logs and returns the code for a pointer that must not be null.
 uint32_t nullPointer(const char* function, int line, const wchar_t* text) noexcept {
@@ -55,10 +53,10 @@ uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
         KESTRA_LOG(kUnit, __func__, LOG_TRACE, kAlreadyOpened, L"Channel %d already opened", static_cast<int>(port));
         return TARNIS_SUCCESS;
     }
-    const uint32_t flags = hGrabber->m_channelFlags |= TARNIS_GIS::accessBit(port);
+    const uint32_t flags = hGrabber->m_channelFlags |= wire::accessBit(port);
     const uint32_t code = sendAccess(hGrabber, port, flags);
     if (code != TARNIS_SUCCESS) {
-        hGrabber->m_channelFlags &= ~TARNIS_GIS::accessBit(port);
+        hGrabber->m_channelFlags &= ~wire::accessBit(port);
         --channel.openCount;
     }
     return code;
@@ -74,7 +72,7 @@ uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
         return TARNIS_SUCCESS;
     }
     if (--channel.openCount != 0) return TARNIS_SUCCESS;
-    const uint32_t flags = hGrabber->m_channelFlags &= ~TARNIS_GIS::accessBit(port);
+    const uint32_t flags = hGrabber->m_channelFlags &= ~wire::accessBit(port);
     return sendAccess(hGrabber, port, flags);
 }
 
@@ -90,7 +88,7 @@ uint32_t TARNIS_IsCameraConnected(TARNIS_HANDLE hGrabber, int8_t port, uint8_t* 
     if (!pConnected) return nullPointer(__func__, __LINE__, L"pConnected is NULL");
     wire::Header request{};
     wire::ConnectionReply reply{};
-    const RequestResult result = hGrabber->ask(wire::kConnection, inputPort(port), request, reply);
+    const RequestResult result = hGrabber->ask(wire::kConnection, wire::inputPort(port), request, reply);
     if (result.status == TARNIS_SUCCESS) *pConnected = reply.connected;
     return result.status;
 }
@@ -99,8 +97,7 @@ uint32_t TARNIS_GetCameraStatus(TARNIS_HANDLE hGrabber, int8_t port, TarnisCamer
     if (const uint32_t code = checkHandleAndPort(kUnit, __func__, __LINE__, hGrabber, port)) return code;
     const CallGuard call(*hGrabber);
     if (!pCameraStatus) return nullPointer(__func__, __LINE__, L"pCameraStatus is NULL");
-    constexpr uint16_t kFormatRegister = 0x22, kAudioRegister = 0x202, kOtherAudioRegister = 0x403;
-    const int8_t input = inputPort(port);
+    const int8_t input = wire::inputPort(port);
 
     wire::Header request{};
     wire::VideoStatusReply video{};
@@ -112,16 +109,12 @@ uint32_t TARNIS_GetCameraStatus(TARNIS_HANDLE hGrabber, int8_t port, TarnisCamer
     status.signalFlags = video.signal != 0 ? TARNIS_SIGNAL_PRESENT : 0;
 
     uint16_t format = 0;
-    noexp_TARNIS_ReadI2C(hGrabber, input, kFormatRegister, &format);
-    status.interlaced = format >> 11 & 1;
+    noexp_TARNIS_ReadI2C(hGrabber, input, kRegisterInput, &format);
+    status.interlaced = (format & kInputInterlaced) != 0 ? 1 : 0;
 
     TarnisGrabStat statistics{};
     TARNIS_GetGrabStat(hGrabber, input, &statistics);
-    uint32_t rate = statistics.frameRate < 24 ? 0 : statistics.frameRate;
-    rate = (rate + 2) / 5 * 5; // to the nearest multiple of five
-    if (rate == 25 && (format >> 13 & 1) != 0) rate = 24;
-    if (status.interlaced) rate *= 2;
-    status.frameRate = static_cast<uint8_t>(rate);
+    status.frameRate = rateOfMeasured(statistics.frameRate, format);
 
     wire::FormatSizeReply size{};
     if (hGrabber->ask(wire::kFormatSize, input, request, size).status == TARNIS_SUCCESS) {
@@ -130,10 +123,10 @@ uint32_t TARNIS_GetCameraStatus(TARNIS_HANDLE hGrabber, int8_t port, TarnisCamer
     }
     if (status.signalFlags & TARNIS_SIGNAL_PRESENT) {
         uint16_t audio = 0;
-        noexp_TARNIS_ReadI2C(hGrabber, input, kFormatRegister, &format);
-        const bool other = (format >> 14 & 1) != 0;
-        noexp_TARNIS_ReadI2C(hGrabber, input, other ? kOtherAudioRegister : kAudioRegister, &audio);
-        if (audio & (other ? 0xF0 : 0x1E)) status.signalFlags |= TARNIS_SIGNAL_AUDIO;
+        noexp_TARNIS_ReadI2C(hGrabber, input, kRegisterInput, &format);
+        const bool other = (format & kInputAudioAlternate) != 0;
+        noexp_TARNIS_ReadI2C(hGrabber, input, other ? kRegisterAudioAlternate : kRegisterAudio, &audio);
+        if (audio & (other ? kAudioAlternateMask : kAudioMask)) status.signalFlags |= TARNIS_SIGNAL_AUDIO;
     }
     *pCameraStatus = status;
     return TARNIS_SUCCESS;
@@ -148,6 +141,12 @@ uint32_t TARNIS_GetGrabStat(TARNIS_HANDLE hGrabber, int8_t port, TarnisGrabStat*
     if (result.status == TARNIS_SUCCESS)
         *pGrabStat = {reply.frameRate, {reply.counter64, reply.counter48, reply.counter28, reply.counter32}};
     return result.status;
+}
+
+uint32_t TARNIS_GetDefaultColorSpaceConverterParams(TarnisConverterParams* pCSC) {
+    if (!pCSC) return nullPointer(__func__, __LINE__, L"pCSC is NULL");
+    *pCSC = wire::kDefaultConverter;
+    return TARNIS_SUCCESS;
 }
 
 uint32_t TARNIS_GetColorSpaceConverterParams(TARNIS_HANDLE hGrabber, TarnisConverterParams* pCSC) {

@@ -3,6 +3,7 @@
 #include "device/grab_thread.h"
 
 #include "log/log.h"
+#include "protocol/frame_rate.h"
 
 #include <new>
 
@@ -13,10 +14,8 @@ namespace {
 
 constexpr LogUnit kUnit{"\"Grabbing Functions\"", L".\\TARNIS_grab.cpp"};
 constexpr char kFunction[] = "TARNIS_GrabThread";
-constexpr DWORD kSettleMs = 10;      // between two looks at an input that is settling
-constexpr DWORD kRetryMs = 10;       // after a lock request that failed at once
-constexpr uint32_t kSettling1 = 254; // video modes of a receiver that has not locked yet
-constexpr uint32_t kSettling2 = 255;
+constexpr DWORD kSettleMs = 10; // between two looks at an input that is settling
+constexpr DWORD kRetryMs = 10;  // after a lock request that failed at once
 
 void tellDisconnected(const GrabRun& run) {
     TarnisFrameInfo frame{};
@@ -133,7 +132,7 @@ private:
         TarnisCameraStatus status{};
         if (TARNIS_IsCameraConnected(&m_instance, m_run.port, &connected) == TARNIS_SUCCESS && connected != 0 &&
             TARNIS_GetCameraStatus(&m_instance, m_run.port, &status) == TARNIS_SUCCESS) {
-            while (status.signalFlags != 0 && (status.videoMode == kSettling1 || status.videoMode == kSettling2)) {
+            while (status.signalFlags != 0 && isSettling(status.videoMode)) {
                 if (WaitForSingleObject(m_run.stop.get(), kSettleMs) != WAIT_TIMEOUT) return false;
                 if (TARNIS_GetCameraStatus(&m_instance, m_run.port, &status) != TARNIS_SUCCESS) break;
             }

@@ -8,8 +8,8 @@
 #include "device/request_thread.h"
 #include "device/tarnis.h"
 #include "device/win32_handles.h"
-#include "device/wire.h"
 #include "log/log.h"
+#include "protocol/requests.h"
 
 #include <windows.h>
 
@@ -146,10 +146,9 @@ public:
     HANDLE deviceHandle() noexcept;
     uint32_t sessionId() const noexcept { return m_sessionId.load(std::memory_order_relaxed); }
     uint32_t requestCount() const noexcept { return static_cast<uint32_t>(m_requestCount.load()); }
-    bool hasAccess(int8_t port) const noexcept { return (m_channelFlags.load() & accessBit(port)) != 0; }
+    bool hasAccess(int8_t port) const noexcept { return (m_channelFlags.load() & kestra::wire::accessBit(port)) != 0; }
     /// @param port  0 or 1, checked by the caller
     kestra::Channel& channel(int8_t port) noexcept { return m_channels[port == 0 ? 0 : 1]; }
-    static uint32_t accessBit(int8_t port) noexcept { return 1u << (port + 8); }
 
     std::mutex m_state;
     std::mutex m_accessMutex; // claims and releases of DMA access follow each other

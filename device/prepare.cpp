@@ -40,7 +40,7 @@ uint32_t sendChunkTable(TARNIS_GIS& instance, int8_t port, const DmaBuffers& buf
                                 chunk.firstBuffer, chunk.bufferCount, 0};
         std::memcpy(table.data() + sizeof head + i * sizeof entry, &entry, sizeof entry);
     }
-    const uint32_t code = wire::kChunkTable + wire::kPortStride * static_cast<uint32_t>(port);
+    const uint32_t code = wire::ChunkTable::codeOf(port);
     const RequestResult result =
         instance.rawIOCtl(code, nullptr, 0, table.data(), static_cast<uint32_t>(table.size()), nullptr, false);
     uint32_t driverResult = 0;
@@ -80,7 +80,7 @@ uint32_t allocateBuffers(TARNIS_GIS& instance, int8_t port, uint32_t count, uint
     }
     uint32_t code = TARNIS_SUCCESS;
     for (const auto& chunk : buffers->chunks) {
-        const uint32_t lockCode = wire::kLockChunk + wire::kPortStride * static_cast<uint32_t>(port);
+        const uint32_t lockCode = wire::LockChunk::codeOf(port);
         code = instance
                    .issueLasting(lockCode, nullptr, 0, buffers->base + chunk->offset,
                                  static_cast<uint32_t>(chunk->length), chunk->lock)

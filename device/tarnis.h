@@ -4,7 +4,7 @@
 // one handle may be called from several threads at once, but for TARNIS_Done, which must be the last.
 #pragma once
 
-#include "device/records.h"
+#include "protocol/records.h"
 
 #include <wchar.h>
 

@@ -2,7 +2,7 @@
 // One thread per object, but for begin/end of different Pending records, which may run side by side.
 #pragma once
 
-#include "device/wire.h"
+#include "protocol/requests.h"
 
 #include <windows.h>
 

@@ -86,7 +86,7 @@ Signal parseSignal(const std::vector<std::string>& arguments) {
     signal.height = uint16_t(number(size.substr(x + 1)));
     signal.rateNumerator = number(rate.substr(0, slash));
     signal.rateDenominator = slash == std::string::npos ? 1 : number(rate.substr(slash + 1));
-    if (signal.nominalFrameRate() == 24) signal.videoMode = kVideoMode24;
+    if (signal.nominalFrameRate() == 24) signal.videoMode = kestra::kVideoMode24;
     for (size_t i = 2; i < arguments.size(); ++i) {
         if (arguments[i] == "i")
             signal.interlaced = 1;

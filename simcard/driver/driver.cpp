@@ -3,6 +3,7 @@
 // in this order: `dma` for as long as a frame is written (or the memory it goes to is given up), then `state`
 // around every call of the model. What the model completes goes back to the system with neither held: the system
 // completes under a lock of its own, which it also holds while it calls a cancel routine, and that takes both.
+#include "protocol/card_interface.h"
 #include "simcard/driver/system.h"
 #include "simcard/model/card.h"
 #include "simcard/model/picture.h"
@@ -15,8 +16,7 @@ namespace kestra::simcard {
 
 namespace {
 
-// {edde25e4-9980-4876-9217-ad8aa1b92a03}
-const GUID kInterface = {0xedde25e4, 0x9980, 0x4876, {0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03}};
+const GUID kInterface = asGuid<GUID>(kCardInterface);
 constexpr uint32_t kLargestFrame = 256u << 20;
 constexpr ULONG kTag = 0x6B73654B; // the bytes read Kesk
 

@@ -1,6 +1,8 @@
 // Clients, faults, pending requests and the log of a simulated card.
 #include "simcard/model/card.h"
 
+#include "protocol/converter.h"
+
 #include <cstring>
 
 namespace kestra::simcard {

@@ -1,53 +1,15 @@
 // The request protocol of a simulated card: what each code wants, and what it answers.
 #include "simcard/model/card.h"
 
+#include "protocol/raw_frame.h"
+
 #include <cstring>
 
 namespace kestra::simcard {
 
 namespace {
 
-constexpr uint32_t kVariable = UINT32_MAX;
-
-/// What a code's request and reply must look like.
-struct Shape {
-    uint32_t code;
-    uint32_t requestSize; ///< kVariable: no request buffer, none is looked at
-    uint32_t replySize;   ///< kVariable: whatever the caller gives
-    bool session;         ///< the request carries a session id that must be the client's
-};
-
-constexpr Shape kShapes[] = {
-    {wire::kOpenSession, sizeof(wire::Header), sizeof(wire::OpenSessionReply), false},
-    {wire::kSessionWatch, sizeof(wire::Header), sizeof(wire::Reply), true},
-    {wire::kGetSlotInfo, sizeof(wire::SlotInfoRequest), sizeof(wire::SlotInfoReply), false},
-    {wire::kVideoStatus, sizeof(wire::Header), sizeof(wire::VideoStatusReply), true},
-    {wire::kChannelAccess, sizeof(wire::ChannelAccessRequest), sizeof(wire::Reply), true},
-    {wire::kConnection, sizeof(wire::Header), sizeof(wire::ConnectionReply), true},
-    {wire::kRegisterInputEvent, sizeof(wire::RegisterInputEventRequest), sizeof(wire::Reply), true},
-    {wire::kFormatSize, sizeof(wire::Header), sizeof(wire::FormatSizeReply), true},
-    {wire::kGrabStatistics, sizeof(wire::Header), sizeof(wire::GrabStatisticsReply), true},
-    {wire::kReadRegister, sizeof(wire::ReadRegisterRequest), sizeof(wire::ReadRegisterReply), true},
-    {wire::kSetConverter, sizeof(wire::SetConverterRequest), sizeof(wire::Reply), true},
-    {wire::kGetConverter, sizeof(wire::Header), sizeof(wire::GetConverterReply), true},
-    {wire::kPrepare, sizeof(wire::PrepareRequest), sizeof(wire::PrepareReply), true},
-    {wire::kLockChunk, kVariable, kVariable, false},
-    {wire::kLockChunk + wire::kPortStride, kVariable, kVariable, false},
-    {wire::kChunkTable, kVariable, kVariable, false},
-    {wire::kChunkTable + wire::kPortStride, kVariable, kVariable, false},
-    {wire::kStartGrabbing, sizeof(wire::StartGrabbingRequest), sizeof(wire::Reply), true},
-    {wire::kStopGrabbing, sizeof(wire::Header), sizeof(wire::Reply), true},
-    {wire::kSnap, kVariable, kVariable, false},
-    {wire::kLockBuffer, sizeof(wire::Header), sizeof(wire::LockBufferReply), true},
-    {wire::kUnlockBuffer, sizeof(wire::UnlockBufferRequest), sizeof(wire::Reply), true},
-};
 constexpr uint32_t kLargestRequest = sizeof(wire::SetConverterRequest);
-
-const Shape* shapeOf(uint32_t code) noexcept {
-    for (const Shape& shape : kShapes)
-        if (shape.code == code) return &shape;
-    return nullptr;
-}
 
 template <class Record>
 Record readAs(const uint8_t* bytes) noexcept {
@@ -96,8 +58,8 @@ Outcome Card::process(const Request& request, uint64_t logSequence) noexcept {
         setSignal(fault->signal);
         return answer(request, logSequence);
     case FaultKind::DriverResult: {
-        const Shape* shape = shapeOf(request.code);
-        const uint32_t size = !shape || shape->replySize == kVariable ? request.outSize : shape->replySize;
+        const wire::RequestShape* shape = wire::shapeOf(request.code);
+        const uint32_t size = !shape || shape->replyBytes == 0 ? request.outSize : shape->replyBytes;
         if (size < sizeof(wire::Reply) || request.outSize < size) return {kStatusBufferTooSmall, 0};
         std::memset(request.out, 0, size);
         std::memcpy(request.out, &fault->value, sizeof fault->value);
@@ -115,12 +77,12 @@ Outcome Card::process(const Request& request, uint64_t logSequence) noexcept {
 }
 
 Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
-    const Shape* shape = shapeOf(request.code);
+    const wire::RequestShape* shape = wire::shapeOf(request.code);
     if (!shape) return {kStatusInvalidDeviceRequest, 0};
     const uint32_t index = request.client;
     Client& client = m_clients[index];
 
-    if (shape->requestSize == kVariable) {
+    if (shape->sentBytes == 0) {
         if (client.sessionId == 0) return {kStatusInvalidHandle, 0};
         if (!request.out || request.outSize == 0) return {kStatusBufferTooSmall, 0};
         switch (request.code) {
@@ -146,8 +108,8 @@ Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
         }
     }
 
-    if (request.inSize != shape->requestSize || !request.in) return {kStatusInvalidParameter, 0};
-    if (request.outSize < shape->replySize || !request.out) return {kStatusBufferTooSmall, 0};
+    if (request.inSize != shape->sentBytes || !request.in) return {kStatusInvalidParameter, 0};
+    if (request.outSize < shape->replyBytes || !request.out) return {kStatusBufferTooSmall, 0};
     // Request and reply share their memory in a buffered transfer: keep the request before answering.
     uint8_t in[kLargestRequest];
     std::memcpy(in, request.in, request.inSize);
@@ -268,10 +230,10 @@ Outcome Card::channelAccess(uint32_t index, const Request& request, const uint8_
     const uint32_t flags = readAs<wire::ChannelAccessRequest>(in).channelFlags;
     // All or nothing: a refused claim changes neither channel.
     for (uint32_t port = 0; port < 2; ++port)
-        if ((flags >> (8 + port) & 1) && m_owner[port] != 0 && m_owner[port] != index + 1)
+        if ((flags & wire::accessBit(int(port))) != 0 && m_owner[port] != 0 && m_owner[port] != index + 1)
             return {kStatusAccessDenied, 0};
     for (uint8_t port = 0; port < 2; ++port) {
-        if (flags >> (8 + port) & 1) {
+        if ((flags & wire::accessBit(port)) != 0) {
             m_owner[port] = index + 1;
         } else if (m_owner[port] == index + 1) {
             stopChannel(index, port, StopBehaviour::Abort);

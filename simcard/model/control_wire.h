@@ -2,7 +2,7 @@
 // Portable; plain data.
 #pragma once
 
-#include "device/wire.h"
+#include "protocol/requests.h"
 #include "simcard/model/signal.h"
 
 #include <cstdint>

@@ -3,7 +3,8 @@
 // one object that must not be shared between threads.
 #pragma once
 
-#include "device/wire.h"
+#include "protocol/converter.h"
+#include "protocol/raw_frame.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -21,7 +22,7 @@ enum class PictureKind : uint32_t {
 struct PictureFormat {
     uint16_t width;          ///< pixels a line, any value from 1
     uint16_t height;         ///< lines a frame, both fields together, any value from 1
-    bool interlaced;         ///< first field in raw lines 0 .. ceil(height / 2) - 1, second field behind it
+    bool interlaced;         ///< the second field follows the first: see firstFieldLines
     uint8_t selector;        ///< TarnisOutputSelector
     uint8_t framesPerSecond; ///< nominal; the picture flashes in every frame whose number it divides
     PictureKind kind;
@@ -33,23 +34,8 @@ struct Pixel10 {
     uint16_t y, cb, cr;
 };
 
-/// Bytes of one raw line; 0 for an unknown selector.
-/// 10-bit: six samples a 64-bit word. 8-bit: two bytes a pixel, and RGB24: three, rounded up to four bytes.
-constexpr uint32_t rawLineBytes(uint32_t selector, uint32_t width) noexcept {
-    switch (selector) {
-    case TARNIS_OUTPUT_YUV422_10:
-        return (width * 2 + 5) / 6 * 8;
-    case TARNIS_OUTPUT_YUV422_8:
-        return (width * 2 + 3) & ~3u;
-    case TARNIS_OUTPUT_RGB24:
-        return (width * 3 + 3) & ~3u;
-    default:
-        return 0;
-    }
-}
-
 constexpr uint32_t frameSizeBytes(const PictureFormat& format) noexcept {
-    return rawLineBytes(format.selector, format.width) * format.height;
+    return rawFrameBytes(format.selector, format.width, format.height);
 }
 
 /// The frame in which the picture flashes and the sound beeps.
@@ -59,9 +45,7 @@ constexpr bool isFlashFrame(uint32_t frameNumber, uint32_t framesPerSecond) noex
 
 /// Line of the picture that raw line `rawLine` shows.
 constexpr uint32_t pictureLine(const PictureFormat& format, uint32_t rawLine) noexcept {
-    if (!format.interlaced) return rawLine;
-    const uint32_t firstField = (format.height + 1u) / 2;
-    return rawLine < firstField ? rawLine * 2 : (rawLine - firstField) * 2 + 1;
+    return format.interlaced ? wovenLine(rawLine, firstFieldLines(format.height)) : rawLine;
 }
 
 /// The content itself: what all raw layouts are made from. x < width, y < height (lines of the picture).

@@ -1,6 +1,9 @@
 // What arrives at the card's input, and what the card's registers say about it. Portable; plain data.
 #pragma once
 
+#include "protocol/frame_rate.h"
+#include "protocol/registers.h"
+
 #include <cstdint>
 
 namespace kestra::simcard {
@@ -15,9 +18,9 @@ struct Signal {
     uint8_t present;
     uint8_t interlaced;
     uint8_t audio;
-    uint8_t videoMode;  ///< 16 with 24 frames per second; 254 and 255 mean that the receiver is still settling
-    uint8_t formatByte; //
-    uint8_t audioInAlternateRegister; ///< bit 14 of register 0x22: audio shows in register 0x403, not 0x202
+    uint8_t videoMode;                ///< see frame_rate.h
+    uint8_t formatByte;               //
+    uint8_t audioInAlternateRegister; ///< audio shows in kRegisterAudioAlternate
     uint16_t width;                   ///< active pixels a line
     uint16_t height;                  ///< active lines a frame, both fields together
     uint16_t reserved;
@@ -47,40 +50,21 @@ struct Signal {
 };
 static_assert(sizeof(Signal) == 24);
 
-constexpr uint8_t kVideoMode24 = 16;
-
 /// 1920 x 1080, progressive, 60 frames per second, with audio: what a fresh card receives.
 constexpr Signal kDefaultSignal = {1, 0, 1, 9, 0, 0, 1920, 1080, 0, 60, 1, 0};
-
-constexpr uint16_t kRegisterInput = 0x22;
-constexpr uint16_t kRegisterAudio = 0x202;
-constexpr uint16_t kRegisterAudioAlternate = 0x403;
 
 /// Value of a receiver register; registers that the card lacks read 0.
 constexpr uint16_t receiverRegister(const Signal& signal, uint16_t number) noexcept {
     if (!signal.present) return 0;
     switch (number) {
     case kRegisterInput:
-        return uint16_t((signal.interlaced ? 1u << 11 : 0u) | (signal.nominalFrameRate() == 24 ? 1u << 13 : 0u) |
-                        (signal.audioInAlternateRegister ? 1u << 14 : 0u));
+        return uint16_t((signal.interlaced ? kInputInterlaced : 0u) |
+                        (signal.nominalFrameRate() == 24 ? kInputRateIs24 : 0u) |
+                        (signal.audioInAlternateRegister ? kInputAudioAlternate : 0u));
     case kRegisterAudio:
-        return signal.audio && !signal.audioInAlternateRegister ? 0x1E : 0;
+        return signal.audio && !signal.audioInAlternateRegister ? kAudioMask : 0;
     case kRegisterAudioAlternate:
-        return signal.audio && signal.audioInAlternateRegister ? 0xF0 : 0;
-    default:
-        return 0;
-    }
-}
-
-/// Bytes of one raw frame of an output selector (0 packed 10-bit, 1 8-bit 4:2:2, 2 RGB24); 0 for another.
-constexpr uint32_t rawFrameBytes(uint32_t selector, uint32_t width, uint32_t lines) noexcept {
-    switch (selector) {
-    case 0:
-        return (width * 2 + 5) / 6 * 8 * lines;
-    case 1:
-        return ((width * 2 + 3) & ~3u) * lines;
-    case 2:
-        return ((width * 3 + 3) & ~3u) * lines;
+        return signal.audio && signal.audioInAlternateRegister ? kAudioAlternateMask : 0;
     default:
         return 0;
     }

@@ -1,5 +1,7 @@
 // kestraprobe: what is in the slots, what arrives at the inputs, and whether frames come through. Speaks the
 // card's protocol itself, so it works without the module. Exit codes: 0 all is well, 1 something failed, 2 usage.
+#include "protocol/card_interface.h"
+#include "protocol/registers.h"
 #include "simcard/client/raw_client.h"
 #include "simcard/ctl/control.h"
 #include "simcard/model/picture.h"
@@ -7,7 +9,6 @@
 
 #include <windows.h>
 
-#include <initguid.h>
 #include <setupapi.h>
 
 #include <chrono>
@@ -22,15 +23,16 @@ using namespace kestra::simcard;
 
 namespace {
 
-DEFINE_GUID(kCardInterface, 0xedde25e4, 0x9980, 0x4876, 0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03);
+constexpr GUID kInterfaceClass = asGuid<GUID>(kCardInterface);
 
 std::vector<std::wstring> listCards() {
     std::vector<std::wstring> paths;
-    const HDEVINFO set = SetupDiGetClassDevsW(&kCardInterface, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+    const HDEVINFO set =
+        SetupDiGetClassDevsW(&kInterfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     if (set == INVALID_HANDLE_VALUE) return paths;
     SP_DEVICE_INTERFACE_DATA data = {};
     data.cbSize = sizeof data;
-    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set, nullptr, &kCardInterface, i, &data); ++i) {
+    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set, nullptr, &kInterfaceClass, i, &data); ++i) {
         DWORD bytes = 0;
         SetupDiGetDeviceInterfaceDetailW(set, &data, nullptr, 0, &bytes, nullptr);
         std::vector<uint8_t> memory(bytes);
@@ -41,55 +43,6 @@ std::vector<std::wstring> listCards() {
     }
     SetupDiDestroyDeviceInfoList(set);
     return paths;
-}
-
-const char* requestName(uint32_t code) {
-    switch (code) {
-    case wire::kOpenSession:
-        return "open session";
-    case wire::kSessionWatch:
-        return "session watch";
-    case wire::kGetSlotInfo:
-        return "slot information";
-    case wire::kVideoStatus:
-        return "video status";
-    case wire::kChannelAccess:
-        return "channel access";
-    case wire::kConnection:
-        return "connection";
-    case wire::kRegisterInputEvent:
-        return "register input event";
-    case wire::kFormatSize:
-        return "format size";
-    case wire::kGrabStatistics:
-        return "grab statistics";
-    case wire::kReadRegister:
-        return "read register";
-    case wire::kSetConverter:
-        return "set converter";
-    case wire::kGetConverter:
-        return "get converter";
-    case wire::kPrepare:
-        return "prepare";
-    case wire::kLockChunk:
-    case wire::kLockChunk + wire::kPortStride:
-        return "lock DMA chunk";
-    case wire::kChunkTable:
-    case wire::kChunkTable + wire::kPortStride:
-        return "chunk table";
-    case wire::kStartGrabbing:
-        return "start grabbing";
-    case wire::kStopGrabbing:
-        return "stop grabbing";
-    case wire::kSnap:
-        return "snap";
-    case wire::kLockBuffer:
-        return "lock buffer";
-    case wire::kUnlockBuffer:
-        return "unlock buffer";
-    default:
-        return "unknown";
-    }
 }
 
 /// What the requests said of the input.
@@ -112,15 +65,16 @@ Input readInput(RawClient& client) {
     client.call(wire::kVideoStatus, client.header(), status);
     client.call(wire::kFormatSize, client.header(), size);
     client.call(wire::kGrabStatistics, client.header(), statistics);
-    const uint16_t flags = readRegister(client, 0x22);
+    const uint16_t flags = readRegister(client, kRegisterInput);
     input.present = status.signal != 0;
     input.mode = status.videoMode;
     input.width = size.width;
     input.height = size.height;
     input.rate = statistics.frameRate;
-    input.interlaced = (flags >> 11 & 1) != 0;
-    input.audio =
-        (flags >> 14 & 1) != 0 ? (readRegister(client, 0x403) & 0xF0) != 0 : (readRegister(client, 0x202) & 0x1E) != 0;
+    input.interlaced = (flags & kInputInterlaced) != 0;
+    input.audio = (flags & kInputAudioAlternate) != 0
+                      ? (readRegister(client, kRegisterAudioAlternate) & kAudioAlternateMask) != 0
+                      : (readRegister(client, kRegisterAudio) & kAudioMask) != 0;
     return input;
 }
 
@@ -287,7 +241,7 @@ void printLogTail(size_t lines) {
     for (size_t i = first; i < log.size(); ++i) {
         const LogEntry& entry = log[i];
         std::printf("  %6llu  %-22s 0x%08X %-8u ", static_cast<unsigned long long>(entry.sequence),
-                    requestName(entry.code), entry.status, entry.result);
+                    wire::requestName(entry.code), entry.status, entry.result);
         for (uint32_t b = 0; b < entry.byteCount && b < 16; ++b)
             std::printf("%02x ", entry.bytes[b]);
         std::printf("%s\n", entry.byteCount > 16 ? "..." : "");

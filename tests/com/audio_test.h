@@ -23,7 +23,7 @@ inline constexpr wchar_t kSettings[] = L"Software\\Quorvane\\HD-SDI Kestra\\Dire
 inline constexpr simcard::Signal kNoSignal = {};
 inline constexpr simcard::Signal kInterlaced60 = {1, 1, 1, 7, 0, 0, 1920, 1080, 0, 30, 1, 0};
 inline constexpr simcard::Signal kProgressive50 = {1, 0, 1, 8, 0, 0, 1280, 720, 0, 50, 1, 0};
-inline constexpr simcard::Signal kCinema = {1, 0, 1, simcard::kVideoMode24, 0, 0, 1280, 720, 0, 24, 1, 0};
+inline constexpr simcard::Signal kCinema = {1, 0, 1, kVideoMode24, 0, 0, 1280, 720, 0, 24, 1, 0};
 
 /// Without line ends: every text that the tests of this program have seen.
 inline std::set<std::wstring> seenLines;

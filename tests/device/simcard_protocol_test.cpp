@@ -1,5 +1,5 @@
 // A raw protocol client against the simulated card's driver: no device library in between.
-#include "device/wire.h"
+#include "protocol/requests.h"
 #include "simcard/client/raw_client.h"
 #include "tests/support/card_fixture.h"
 #include "tests/support/wait_until.h"

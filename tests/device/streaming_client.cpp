@@ -1,4 +1,5 @@
 // A client that streams until somebody kills it: streaming_client DEVICE-PATH
+#include "protocol/records.h"
 #include "simcard/client/raw_client.h"
 
 using namespace kestra;

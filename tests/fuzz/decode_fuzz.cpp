@@ -2,7 +2,7 @@
 // Both lie in blocks of just their size, so that the address sanitizer sees every byte beyond.
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
-#include "device/tarnis.h"
+#include "protocol/raw_frame.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -22,11 +22,7 @@ struct Input {
 constexpr uint64_t kMostBytes = 1u << 16;
 
 uint64_t rawBytes(const Input& in) {
-    const uint64_t width = in.width;
-    const uint64_t line = in.selector == TARNIS_OUTPUT_YUV422_10  ? (width * 2 + 5) / 6 * 8
-                          : in.selector == TARNIS_OUTPUT_YUV422_8 ? (width * 2 + 3) & ~3ull
-                                                                  : (width * 3 + 3) & ~3ull;
-    return line * in.height;
+    return uint64_t{rawLineBytes(in.selector, in.width)} * in.height;
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "decode/kernel_set.h"
-#include "device/records.h"
+#include "protocol/raw_frame.h"
 
 #include <gtest/gtest.h>
 
@@ -145,18 +145,11 @@ inline void fillRandom(uint8_t* first, uint8_t* last, uint32_t seed) {
 
 /// Bytes from one raw line to the next.
 inline size_t rawStride(uint32_t selector, uint32_t width) {
-    switch (selector) {
-    case TARNIS_OUTPUT_YUV422_10:
-        return (width * 2 + 5) / 6 * size_t{8};
-    case TARNIS_OUTPUT_YUV422_8:
-        return (width * 2 + 3) & ~3u;
-    default:
-        return (width * 3 + 3) & ~3u;
-    }
+    return rawLineBytes(selector, width);
 }
 
 inline uint32_t rgbStride(uint32_t width) {
-    return (width * 3 + 3) & ~3u;
+    return rgbLineBytes(width);
 }
 
 inline TarnisCameraData cameraData(uint32_t selector, uint16_t width, uint16_t height, bool interlaced = false) {

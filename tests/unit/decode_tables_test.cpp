@@ -1,6 +1,6 @@
 // The colour tables, the pair conversion, and the line kernels' agreement with them over all samples.
 #include "decode/color_tables.h"
-#include "device/wire.h"
+#include "protocol/converter.h"
 #include "tests/unit/decode_support.h"
 
 #include <algorithm>

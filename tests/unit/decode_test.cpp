@@ -1,7 +1,6 @@
 // TARNIS_Decode as its callers see it: results, texts, geometry, and every layout against a reference written from the
 // formulas in the plainest way.
 #include "decode/decode.h"
-#include "device/tarnis.h"
 #include "tests/support/recording_output.h"
 #include "tests/unit/decode_support.h"
 

@@ -1,0 +1,27 @@
+// What a lock guards, said so that clang's -Wthread-safety checks it; nothing for other compilers. The names are the
+// ones of clang's documentation.
+#pragma once
+
+#ifdef __clang__
+#define KESTRA_THREAD_ATTRIBUTE(...) __attribute__((__VA_ARGS__))
+#else
+#define KESTRA_THREAD_ATTRIBUTE(...)
+#endif
+
+#define CAPABILITY(name) KESTRA_THREAD_ATTRIBUTE(capability(name))
+#define SCOPED_CAPABILITY KESTRA_THREAD_ATTRIBUTE(scoped_lockable)
+/// The field may be touched only with that lock held; for a pointer: what it points to.
+#define GUARDED_BY(lock) KESTRA_THREAD_ATTRIBUTE(guarded_by(lock))
+#define PT_GUARDED_BY(lock) KESTRA_THREAD_ATTRIBUTE(pt_guarded_by(lock))
+/// The function wants the lock held, or not held, by its caller.
+#define REQUIRES(...) KESTRA_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) KESTRA_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+/// The function takes the lock, or gives it back.
+#define ACQUIRE(...) KESTRA_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) KESTRA_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define RELEASE(...) KESTRA_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define RETURN_CAPABILITY(lock) KESTRA_THREAD_ATTRIBUTE(lock_returned(lock))
+#define ACQUIRED_BEFORE(...) KESTRA_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
+#define ACQUIRED_AFTER(...) KESTRA_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
+/// For the few functions that the analysis cannot follow; say why beside it.
+#define NO_THREAD_SAFETY_ANALYSIS KESTRA_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -1,0 +1,126 @@
+// What the card's language says in numbers: request codes and sizes, geometry of raw frames, rates, the interface's
+// class.
+#include "protocol/card_interface.h"
+#include "protocol/frame_rate.h"
+#include "protocol/raw_frame.h"
+#include "protocol/registers.h"
+#include "protocol/requests.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+namespace kestra {
+namespace {
+
+TEST(Requests, HaveTheCodesAndSizesThatTheDriverKnows) {
+    const struct {
+        uint32_t code, sentBytes, replyBytes;
+        const char* name;
+    } kKnown[] = {
+        {0xCE322040, 5, 8, "open session"},
+        {0xCE322044, 5, 4, "session watch"},
+        {0xCE32204C, 5, 520, "slot information"},
+        {0xCE322058, 5, 10, "video status"},
+        {0xCE322060, 9, 4, "channel access"},
+        {0xCE322068, 5, 5, "connection"},
+        {0xCE32206C, 13, 4, "register input event"},
+        {0xCE3220C0, 5, 12, "format size"},
+        {0xCE3220C4, 5, 80, "grab statistics"},
+        {0xCE322100, 7, 6, "read register"},
+        {0xCE32210C, 58, 4, "set converter"},
+        {0xCE322110, 5, 57, "get converter"},
+        {0xCE322600, 14, 8, "prepare"},
+        {0xCE322606, 0, 0, "lock DMA chunk"},
+        {0xCE32260E, 0, 0, "chunk table"},
+        {0xCE322614, 9, 4, "start grabbing"},
+        {0xCE322618, 5, 4, "stop grabbing"},
+        {0xCE32261E, 0, 0, "snap"},
+        {0xCE322630, 5, 49, "lock buffer"},
+        {0xCE322634, 9, 4, "unlock buffer"},
+    };
+    ASSERT_EQ(std::size(wire::kRequests), std::size(kKnown));
+    for (const auto& known : kKnown) {
+        SCOPED_TRACE(known.name);
+        const wire::RequestShape* shape = wire::shapeOf(known.code);
+        ASSERT_NE(shape, nullptr);
+        EXPECT_EQ(shape->sentBytes, known.sentBytes);
+        EXPECT_EQ(shape->replyBytes, known.replyBytes);
+        EXPECT_STREQ(wire::requestName(known.code), known.name);
+    }
+    EXPECT_STREQ(wire::requestName(0xCE32260A), "lock DMA chunk") << "of port 1";
+    EXPECT_STREQ(wire::requestName(0xCE322612), "chunk table") << "of port 1";
+    EXPECT_EQ(wire::LockChunk::codeOf(1), 0xCE32260Au);
+    EXPECT_EQ(wire::ChunkTable::codeOf(1), 0xCE322612u);
+    EXPECT_EQ(wire::Snap::codeOf(1), 0xCE32261Eu) << "always port 0";
+    EXPECT_STREQ(wire::requestName(0xCE322048), "unknown");
+}
+
+TEST(Requests, OnlyOpeningAndSlotInformationNeedNoSession) {
+    std::set<std::string> without;
+    for (const wire::RequestShape& shape : wire::kRequests)
+        if (shape.sentBytes != 0 && !shape.session) without.insert(shape.name);
+    EXPECT_EQ(without, (std::set<std::string>{"open session", "slot information"}));
+}
+
+TEST(RawFrame, LinesAreWordsOrPaddedToFourBytes) {
+    EXPECT_EQ(rawLineBytes(TARNIS_OUTPUT_YUV422_10, 1920), 5120u);
+    EXPECT_EQ(rawLineBytes(TARNIS_OUTPUT_YUV422_10, 1), 8u);
+    EXPECT_EQ(rawLineBytes(TARNIS_OUTPUT_YUV422_8, 1), 4u);
+    EXPECT_EQ(rawLineBytes(TARNIS_OUTPUT_RGB24, 1), 4u);
+    EXPECT_EQ(rawLineBytes(3, 1920), 0u);
+    EXPECT_EQ(rawFrameBytes(TARNIS_OUTPUT_YUV422_8, 1920, 1080), 4147200u);
+}
+
+TEST(RawFrame, FieldsWeaveAndUnweaveForEveryHeight) {
+    for (uint32_t height = 1; height < 12; ++height) {
+        SCOPED_TRACE(height);
+        const uint32_t second = firstFieldLines(height);
+        EXPECT_EQ(second, height / 2 + height % 2) << "the odd line is the first field's";
+        std::set<uint32_t> lines;
+        for (uint32_t raw = 0; raw < height; ++raw) {
+            const uint32_t line = wovenLine(raw, second);
+            EXPECT_LT(line, height);
+            EXPECT_EQ(line % 2 == 0, raw < second);
+            EXPECT_EQ(rawLineOf(line, second), raw);
+            lines.insert(line);
+        }
+        EXPECT_EQ(lines.size(), height);
+    }
+}
+
+TEST(FrameRate, FollowsFromMeasuredRateAndInputRegister) {
+    EXPECT_EQ(rateOfMeasured(0, 0), 0);
+    EXPECT_EQ(rateOfMeasured(23, 0), 0);
+    EXPECT_EQ(rateOfMeasured(24, 0), 25);
+    EXPECT_EQ(rateOfMeasured(24, 1u << 13), 24);
+    EXPECT_EQ(rateOfMeasured(25, 1u << 13), 24);
+    EXPECT_EQ(rateOfMeasured(29, 1u << 13), 30);
+    EXPECT_EQ(rateOfMeasured(25, 1u << 11), 50);
+    EXPECT_EQ(rateOfMeasured(60, 0), 60);
+}
+
+TEST(FrameRate, OneStandardMeansTwentyFour) {
+    TarnisCameraStatus status{};
+    status.frameRate = 50;
+    EXPECT_EQ(reportedRate(status), 50u);
+    status.videoMode = 16;
+    EXPECT_EQ(reportedRate(status), 24u);
+    EXPECT_EQ(framesOfRate(50, true), 25u);
+    EXPECT_EQ(framesOfRate(50, false), 50u);
+    EXPECT_FALSE(isSettling(253));
+    EXPECT_TRUE(isSettling(254));
+    EXPECT_TRUE(isSettling(255));
+    EXPECT_FALSE(isSettling(256));
+}
+
+TEST(CardInterface, IsTheClassOfTheDriver) {
+    const uint8_t kBytes[16] = {0xe4, 0x25, 0xde, 0xed, 0x80, 0x99, 0x76, 0x48,
+                                0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03};
+    EXPECT_EQ(std::memcmp(&kCardInterface, kBytes, sizeof kBytes), 0);
+}
+
+} // namespace
+} // namespace kestra
