@@ -99,15 +99,15 @@ constexpr const char* requestName(uint32_t code) noexcept {
 
 /// How much of a reply is read: a driver may leave away what comes after it.
 template <class Answer>
-constexpr uint32_t kReadBytes = sizeof(Answer);
+inline constexpr uint32_t kReadBytes = sizeof(Answer);
 template <>
-constexpr uint32_t kReadBytes<VideoStatusReply> = offsetof(VideoStatusReply, reserved);
+inline constexpr uint32_t kReadBytes<VideoStatusReply> = offsetof(VideoStatusReply, reserved);
 template <>
-constexpr uint32_t kReadBytes<FormatSizeReply> = offsetof(FormatSizeReply, reserved1);
+inline constexpr uint32_t kReadBytes<FormatSizeReply> = offsetof(FormatSizeReply, reserved1);
 template <>
-constexpr uint32_t kReadBytes<GrabStatisticsReply> = offsetof(GrabStatisticsReply, reserved4);
+inline constexpr uint32_t kReadBytes<GrabStatisticsReply> = offsetof(GrabStatisticsReply, reserved4);
 template <>
-constexpr uint32_t kReadBytes<LockBufferReply> = offsetof(LockBufferReply, reserved1);
+inline constexpr uint32_t kReadBytes<LockBufferReply> = offsetof(LockBufferReply, reserved1);
 static_assert(kReadBytes<GrabStatisticsReply> == 68 && kReadBytes<LockBufferReply> == 45);
 
 /// Every question about an input goes to the even port of the pair.
