@@ -38,8 +38,9 @@ bool ColorControls::isFrozen() const {
 
 HRESULT ColorControls::freeze(bool frozen) {
     const std::lock_guard lock(m_mutex);
+    if (frozen && !m_frozen) m_atFreeze = m_params;
     m_frozen = frozen;
-    return frozen ? S_OK : send(m_params);
+    return frozen ? S_OK : transmit(m_params);
 }
 
 void ColorControls::resetGains(TarnisConverterParams& params) noexcept {
@@ -47,7 +48,7 @@ void ColorControls::resetGains(TarnisConverterParams& params) noexcept {
     params.RedOffset = params.GreenOffset = params.BlueOffset = 0;
 }
 
-HRESULT ColorControls::send(const TarnisConverterParams& params) const noexcept {
+HRESULT ColorControls::transmit(const TarnisConverterParams& params) const noexcept {
     return hresultOf(TARNIS_SetColorSpaceConverterParams(m_grabber, &params));
 }
 

@@ -25,32 +25,38 @@ public:
     HRESULT update(Change change) {
         const std::lock_guard lock(m_mutex);
         change(m_params);
-        return m_frozen ? S_OK : send(m_params);
+        return m_frozen ? S_OK : transmit(m_params);
     }
     /// Freezing holds every update back, so that no half-written set reaches the card; the end of it sends them all.
     HRESULT freeze(bool frozen);
     /// Shows the card's picture without gains and offsets while `body` runs, and then as it was. Updates wait.
     /// @param body returns an HRESULT; it is not called if the card refuses
-    /// @return the first failure
+    /// @return the body's answer, or why it was not called
     template <class Body>
     HRESULT withNeutralGains(Body body) {
         const std::lock_guard lock(m_mutex);
-        TarnisConverterParams neutral = m_params;
+        const TarnisConverterParams own = m_frozen ? m_atFreeze : m_params;
+        TarnisConverterParams neutral = own;
         resetGains(neutral);
-        HRESULT hr = send(neutral);
+        HRESULT hr = transmit(neutral);
         if (SUCCEEDED(hr)) hr = body();
-        const HRESULT restored = send(m_params); // whatever came before: the card may have taken what it refused
-        return FAILED(hr) ? hr : restored;
+        // Whatever came before: the card may have taken what it refused. Nobody else would send the gains again.
+        for (int attempt = 0; attempt < kRestoreAttempts && FAILED(transmit(own)); ++attempt) {
+        }
+        return hr;
     }
     /// Gains 1, offsets 0.
     static void resetGains(TarnisConverterParams& params) noexcept;
 
 private:
-    HRESULT send(const TarnisConverterParams& params) const noexcept;
+    static constexpr int kRestoreAttempts = 3;
+
+    HRESULT transmit(const TarnisConverterParams& params) const noexcept;
 
     mutable std::mutex m_mutex;
     TARNIS_HANDLE m_grabber = nullptr;
     TarnisConverterParams m_params{};
+    TarnisConverterParams m_atFreeze{}; ///< what the card shows while updates are held back
     bool m_frozen = false;
 };
 

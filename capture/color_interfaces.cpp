@@ -1,7 +1,7 @@
 #include "capture/color_interfaces.h"
 
+#include "capture/frame_analysis.h"
 #include "capture/video_filter.h"
-#include "capture/white_balance.h"
 
 #include <cmath>
 
@@ -103,7 +103,7 @@ STDMETHODIMP ColorInterfaces::get_RGBOut(LONG* value) {
 STDMETHODIMP ColorInterfaces::WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue,
                                            FLOAT* gainRed, FLOAT* gainGreen, FLOAT* gainBlue) {
     if (!meanRed || !meanGreen || !meanBlue || !gainRed || !gainGreen || !gainBlue) return E_POINTER;
-    kestra::WhiteBalance result{};
+    kestra::WhiteBalance result{0, 0, 0, 1.0f, 1.0f, 1.0f}; // what a failed measurement answers
     const HRESULT hr = guarded([&] { return m_filter.analyzeWhiteBalance(result); });
     *meanRed = result.meanRed;
     *meanGreen = result.meanGreen;
@@ -111,7 +111,7 @@ STDMETHODIMP ColorInterfaces::WhiteBalance(unsigned char* meanRed, unsigned char
     *gainRed = result.gainRed;
     *gainGreen = result.gainGreen;
     *gainBlue = result.gainBlue;
-    return hr;
+    return hr == kImageLibraryMissing ? hr : S_OK;
 }
 
 } // namespace kestra

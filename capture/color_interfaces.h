@@ -67,9 +67,10 @@ public:
     STDMETHODIMP put_FreezeUpdate(LONG value) override;
     /// 1: the pin delivers RGB, which the card's converter makes; else 0, and the converter is not used.
     STDMETHODIMP get_RGBOut(LONG* value) override;
-    /// Measures a live frame without gains and offsets; takes about a frame's time, in which stopping and starting
-    /// wait.
-    /// @return E_POINTER, and nothing is measured; or why no frame could be measured: all results are 0 then
+    /// Measures a live frame without gains and offsets, which a running picture shows without them; takes about a
+    /// frame's time, in which stopping and starting wait. Means of 0 and gains of 1: there was no frame to measure,
+    /// which the log explains, or it is black.
+    /// @return E_POINTER: an argument is null; kImageLibraryMissing: ippLib.dll is not beside the module; else S_OK
     STDMETHODIMP WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue, FLOAT* gainRed,
                               FLOAT* gainGreen, FLOAT* gainBlue) override;
 

@@ -7,9 +7,6 @@
 #include "log/log.h"
 #include "protocol/raw_frame.h"
 
-#include <delayimp.h>
-
-#include <cstring>
 #include <cwchar>
 #include <iterator>
 #include <memory>
@@ -19,7 +16,6 @@ namespace {
 
 constexpr LogUnit kUnit{"\"White Balance\"", L".\\frame_analysis.cpp"};
 constexpr int8_t kPort = 0;
-constexpr wchar_t kLibrary[] = L"ippLib.dll";
 
 struct Pages {
     void operator()(uint8_t* base) const noexcept { VirtualFree(base, 0, MEM_RELEASE); }
@@ -46,37 +42,55 @@ private:
     const bool m_obtained;
 };
 
-/// The image library beside this module: no other folder of the host's may take its place.
-HMODULE loadImageLibrary() noexcept {
-    HMODULE self = nullptr;
-    wchar_t path[MAX_PATH];
-    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                           reinterpret_cast<LPCWSTR>(&loadImageLibrary), &self)) {
-        const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
-        wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
-        if (slash && slash + 1 + std::size(kLibrary) <= path + MAX_PATH) {
-            std::wmemcpy(slash + 1, kLibrary, std::size(kLibrary));
-            return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-        }
+/// The image library's function, for a scope.
+class ImageLibrary {
+public:
+    ImageLibrary() noexcept : m_module(load()) {
+        if (m_module) m_mean = reinterpret_cast<Mean>(reinterpret_cast<void*>(GetProcAddress(m_module, kMean)));
+        if (!m_mean)
+            KESTRA_LOG(kUnit, __func__, LOG_ERROR, GetLastError(), L"%ls with %hs cannot be loaded", kLibrary, kMean);
     }
-    return nullptr;
-}
+    ~ImageLibrary() {
+        if (m_module) FreeLibrary(m_module);
+    }
+    ImageLibrary(const ImageLibrary&) = delete;
+    ImageLibrary& operator=(const ImageLibrary&) = delete;
+    explicit operator bool() const noexcept { return m_mean != nullptr; }
+    IppStatus mean(const uint8_t* image, int stride, IppiSize size, double (&means)[3]) const noexcept {
+        return m_mean(image, stride, size, means);
+    }
 
-/// Hands that library to the delayed import, which would look for it by its bare name.
-FARPROC WINAPI bindDelayedImport(unsigned event, PDelayLoadInfo info) noexcept {
-    if (event != dliNotePreLoadLibrary || std::strcmp(info->szDll, "ippLib.dll") != 0) return nullptr;
-    return reinterpret_cast<FARPROC>(loadImageLibrary());
-}
+private:
+    using Mean = decltype(&ippiMean_8u_C3R);
+    static constexpr wchar_t kLibrary[] = L"ippLib.dll";
+    static constexpr char kMean[] = "ippiMean_8u_C3R";
 
-/// True if the import can be called. A delayed import of something that is not there would end the process.
-/// The library is let go again; the import keeps it once it has been called.
-bool imageLibraryIsThere() noexcept {
-    const HMODULE library = loadImageLibrary();
-    const bool usable = library && GetProcAddress(library, "ippiMean_8u_C3R");
-    if (!usable)
-        KESTRA_LOG(kUnit, __func__, LOG_ERROR, GetLastError(), L"%ls with ippiMean_8u_C3R cannot be loaded", kLibrary);
-    if (library) FreeLibrary(library);
-    return usable;
+    /// From this module's folder: no other folder of the host's may take its place.
+    static HMODULE load() noexcept {
+        HMODULE self = nullptr;
+        wchar_t path[MAX_PATH];
+        if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                               reinterpret_cast<LPCWSTR>(&load), &self)) {
+            const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
+            wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
+            if (slash && slash + 1 + std::size(kLibrary) <= path + MAX_PATH) {
+                std::wmemcpy(slash + 1, kLibrary, std::size(kLibrary));
+                return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+            }
+        }
+        return nullptr;
+    }
+
+    const HMODULE m_module;
+    Mean m_mean = nullptr;
+};
+
+/// True if the card's input is still the one that the channel was prepared for. Preparing it for another would take
+/// the buffers of a running capture away, which then ends when its own signal comes back.
+bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) noexcept {
+    TarnisCameraStatus live{};
+    return TARNIS_GetCameraStatus(grabber, kPort, &live) == TARNIS_SUCCESS && live.width == prepared.width &&
+           live.height == prepared.height && live.signalFlags == prepared.signalFlags;
 }
 
 /// Captures one raw frame. @return null: `hr` says why
@@ -101,15 +115,23 @@ Memory snap(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, HRESULT& hr) no
 
 } // namespace
 
-HRESULT meanOfLiveFrame(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, double (&means)[3]) noexcept {
-    if (!imageLibraryIsThere()) return HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
-    HRESULT hr = S_OK;
+HRESULT analyzeLiveFrame(TARNIS_HANDLE grabber, ColorControls& colors, bool isGrabbing, TarnisCameraData& cameraData,
+                         WhiteBalance& result) {
+    const ImageLibrary library;
+    if (!library) return kImageLibraryMissing;
     Memory raw;
-    {
+    HRESULT hr = colors.withNeutralGains([&] {
+        if (isGrabbing && !isStillPrepared(grabber, cameraData.status)) {
+            KESTRA_LOG(kUnit, __func__, LOG_ERROR, 0,
+                       L"no frame to analyse: another signal than the one being captured");
+            return E_FAIL;
+        }
         const DmaAccess access(grabber);
-        raw = snap(grabber, cameraData, hr);
-    }
-    if (!raw) return hr;
+        HRESULT snapped = S_OK;
+        raw = snap(grabber, cameraData, snapped);
+        return snapped;
+    });
+    if (FAILED(hr)) return hr;
     int32_t stride = 0;
     TARNIS_Decode(&cameraData, raw.get(), nullptr, &stride, TARNIS_OUTPUT_RGB24, nullptr, nullptr);
     const IppiSize size{cameraData.status.width, cameraData.status.height};
@@ -117,12 +139,13 @@ HRESULT meanOfLiveFrame(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, dou
     if (!image) return E_OUTOFMEMORY;
     hr = hresultOf(TARNIS_Decode(&cameraData, raw.get(), image.get(), &stride, TARNIS_OUTPUT_RGB24, nullptr, nullptr));
     if (FAILED(hr)) return hr;
-    __pfnDliNotifyHook2 = bindDelayedImport;
-    const IppStatus status = ippiMean_8u_C3R(image.get(), stride, size, means);
+    double means[3];
+    const IppStatus status = library.mean(image.get(), stride, size, means);
     if (status != ippStsNoErr) {
         KESTRA_LOG(kUnit, __func__, LOG_ERROR, status, L"ippiMean_8u_C3R: %d", status);
         return E_FAIL;
     }
+    result = whiteBalanceOf(means);
     return S_OK;
 }
 

@@ -84,10 +84,7 @@ HRESULT CKestraCapture::analyzeWhiteBalance(WhiteBalance& result) {
     m_cameraData = {};
     m_cameraData.outputSelector = TARNIS_OUTPUT_RGB24;
     if (m_stream->isGrabbing()) m_cameraData = m_stream->cameraData();
-    double means[3];
-    const HRESULT hr = m_colors.withNeutralGains([&] { return meanOfLiveFrame(m_grabber, m_cameraData, means); });
-    if (SUCCEEDED(hr)) result = whiteBalanceOf(means);
-    return hr;
+    return analyzeLiveFrame(m_grabber, m_colors, m_stream->isGrabbing(), m_cameraData, result);
 }
 
 CBasePin* CKestraCapture::GetPin(int n) {

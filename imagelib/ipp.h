@@ -1,5 +1,5 @@
-// The image library's interface: the one function that the module imports from ippLib.dll. C linkage, never throws,
-// any thread.
+// The image library's interface: the one function that the module calls in ippLib.dll. C linkage, never throws, any
+// thread.
 #pragma once
 
 #include <stdint.h>

@@ -23,6 +23,10 @@ public:
         return S_OK;
     }
     HRESULT OnActivate() override;
+    HRESULT OnDeactivate() override {
+        m_choice = selected();
+        return S_OK;
+    }
     HRESULT OnApplyChanges() override;
     INT_PTR OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) override;
 
@@ -30,26 +34,32 @@ private:
     LRESULT list(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) const {
         return SendDlgItemMessageW(m_Dlg, IDC_BITS, message, wParam, lParam);
     }
-    /// The low byte of the selected index; -1: nothing is selected.
-    signed char selected() const { return static_cast<signed char>(list(CB_GETCURSEL)); }
+    /// The low byte of the selected index; -1: nothing is selected. Without a dialog, as it was left.
+    signed char selected() const { return m_Dlg ? static_cast<signed char>(list(CB_GETCURSEL)) : m_choice; }
 
     ComOwner<IKestraAudioPropertyPage> m_audio;
-    signed char m_index = -1; ///< last read or applied
+    signed char m_index = -1;  ///< last read or applied
+    signed char m_choice = -1; ///< outlives the dialog until it is applied
 };
 
 HRESULT CKestraAudioPropertyPage::OnActivate() {
+    if (!m_audio) return E_UNEXPECTED; // some frames activate a page whose object was refused
     for (const wchar_t* width : {L"16 bits", L"24 bits"})
         list(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(width));
+    if (m_bDirty) { // back on a page that was left before it was applied
+        list(CB_SETCURSEL, static_cast<WPARAM>(m_choice));
+        return S_OK;
+    }
     unsigned char index = 0;
     if (SUCCEEDED(m_audio->get_BitDepth(&index))) {
         m_index = static_cast<signed char>(index);
         list(CB_SETCURSEL, index);
     }
-    m_bDirty = FALSE;
     return S_OK;
 }
 
 HRESULT CKestraAudioPropertyPage::OnApplyChanges() {
+    if (!m_audio) return E_UNEXPECTED;
     const signed char index = selected();
     HRESULT hr = S_OK;
     if (index != m_index) {

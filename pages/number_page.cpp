@@ -78,10 +78,12 @@ HRESULT NumberPage::OnDeactivate() {
 
 HRESULT NumberPage::OnDisconnect() {
     m_bDirty = FALSE;
+    m_available = false; // a dialog that is still open has nothing to show any more
     return S_OK;
 }
 
 HRESULT NumberPage::OnApplyChanges() {
+    if (!m_available) return E_UNEXPECTED;
     const size_t bad = firstBad();
     if (bad < m_fields.size()) {
         updateMessage();

@@ -46,15 +46,9 @@ bench_capture() {
     "$root/tests/support/simulated-card" remove "$root/build/windows/simcard/kestrasimctl.exe" > /dev/null
 }
 
-bench_imagelib() {
-    build_preset native imagelib_bench
-    step "mean of a 1080p image (native), beside the plain loop and a mere search through it"
-    "$root/build/native/bench/imagelib_bench"
-}
-
 verb_bench() {
     local names=("$@") name
-    [ $# -gt 0 ] || names=(log device decode capture imagelib)
+    [ $# -gt 0 ] || names=(log device decode capture)
     for name in "${names[@]}"; do
         declare -F "bench_$name" > /dev/null || die "there is no benchmark '$name'"
     done

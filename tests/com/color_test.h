@@ -18,12 +18,16 @@ inline bool same(const wire::Converter& a, const wire::Converter& b) {
 class ColorTest : public VideoTest {
 protected:
     void TearDown() override {
+        release();
+        VideoTest::TearDown();
+    }
+    /// Stops the filter and lets go of its interfaces.
+    void release() {
         if (m_filter) m_filter->Stop();
         if (m_pin) m_pin->Disconnect();
         m_sink.Disconnect();
         m_csc = ComRef<IKestraStreamPropCSC>();
         m_rgb = ComRef<IKestraStreamPropRGBGainOffset>();
-        VideoTest::TearDown();
     }
     /// A filter of that format, and its interfaces.
     void make(int format = 1) {

@@ -187,6 +187,43 @@ TEST_F(AudioPage, SameWidthChosenAgainCallsNothing) {
     EXPECT_TRUE(m_double.puts.empty());
 }
 
+TEST_F(AudioPage, ChoiceSurvivesAVisitToAnotherPage) {
+    openAudio();
+    choose(1);
+    ASSERT_EQ(m_host.leave(), S_OK);
+    EXPECT_TRUE(m_host.isDirty());
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(list(CB_GETCURSEL), 1);
+    EXPECT_TRUE(m_host.isDirty());
+    ASSERT_EQ(m_host.leave(), S_OK);
+    EXPECT_EQ(m_host.apply(), S_OK) << "from the other page";
+    EXPECT_EQ(m_double.bitDepth, 1);
+    EXPECT_FALSE(m_host.isDirty());
+    m_double.bitDepth = 0;
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(list(CB_GETCURSEL), 0) << "nothing is left to be applied: the present width";
+    choose(1);
+    m_host.close();
+    openAudio();
+    EXPECT_EQ(list(CB_GETCURSEL), 0) << "cancelled";
+    EXPECT_FALSE(m_host.isDirty());
+}
+
+TEST_F(AudioPage, RefusedChoiceIsStillRememberedAfterAVisitToAnotherPage) {
+    openAudio();
+    choose(1);
+    m_double.putResult = VFW_E_INVALIDMEDIATYPE;
+    BoxClicker clicker;
+    EXPECT_EQ(m_host.apply(), VFW_E_INVALIDMEDIATYPE);
+    m_host.leave();
+    ASSERT_EQ(m_host.comeBack(), S_OK);
+    EXPECT_EQ(list(CB_GETCURSEL), 1);
+    EXPECT_EQ(m_host.apply(), S_OK) << "the same choice is not tried again";
+    clicker.finish();
+    EXPECT_EQ(clicker.boxes, 1);
+    EXPECT_EQ(m_double.puts.size(), 1u);
+}
+
 TEST_F(AudioPage, RefusedWidthIsReportedOnceAndRemembered) {
     openAudio();
     choose(1);
