@@ -2,14 +2,12 @@
 
 #include "capture/frame_analysis.h"
 #include "capture/video_filter.h"
+#include "protocol/converter_matrix.h"
 
 #include <cmath>
 
 namespace kestra {
 namespace {
-
-/// Largest coefficient whose multiple of 1/256 fits the card's 32-bit number.
-constexpr float kLargest = 8388607.5f;
 
 /// Runs `body`; a lock that the system refuses is a failure, not an exception.
 template <class Body>
@@ -54,7 +52,7 @@ HRESULT ColorInterfaces::write(int32_t TarnisConverterParams::*field, LONG value
     return writeField(m_filter, field, value);
 }
 HRESULT ColorInterfaces::write(float TarnisConverterParams::*field, FLOAT value) {
-    if (!(std::fabs(value) <= kLargest)) return E_INVALIDARG; // not a number, too
+    if (!(std::fabs(value) <= kMostCoefficient)) return E_INVALIDARG; // not a number, too
     return writeField(m_filter, field, value);
 }
 HRESULT ColorInterfaces::write(uint8_t TarnisConverterParams::*field, unsigned char value) {

@@ -2,114 +2,148 @@
 #include "pages/number_page.h"
 #include "pages/pages.h"
 #include "pages/resource.h"
+#include "protocol/converter_matrix.h"
 
 #include <kestra_interfaces.h>
+
+#include <dvdmedia.h>
+
+#include <iterator>
+#include <limits>
 
 namespace kestra {
 namespace {
 
-// Levels of 10-bit samples; coefficients as far as the card's 8.8 fixed point goes; limits of 8-bit colours.
-constexpr float kLevel = 1023, kCoefficient = 127.996f, kColor = 255;
+constexpr double kLeastOffset = std::numeric_limits<int32_t>::min(), kMostOffset = std::numeric_limits<int32_t>::max();
+
+constexpr NumberField offsetField(int id, const wchar_t* name) {
+    return {id, name, true, kLeastOffset, kMostOffset, 0, 1023, L"the levels of a 10-bit sample"};
+}
+constexpr NumberField coefficientField(int id, const wchar_t* name) {
+    return {id,
+            name,
+            false,
+            -kMostCoefficient,
+            kMostCoefficient,
+            -4,
+            4,
+            L"which a matrix of a standard needs",
+            id - IDC_Y1 + IDC_Y1_CARD,
+            coefficientOnCard};
+}
+constexpr NumberField limitField(int id, const wchar_t* name) {
+    return {id, name, true, 0, 255, 0, 255, L""};
+}
 
 // In the order of the interface's properties.
-constexpr NumberField kFields[] = {{IDC_YOFF, L"Y Off", true, -kLevel, kLevel},
-                                   {IDC_CROFF, L"Cr Off", true, -kLevel, kLevel},
-                                   {IDC_CBOFF, L"Cb Off", true, -kLevel, kLevel},
-                                   {IDC_Y1, L"Y1", false, -kCoefficient, kCoefficient},
-                                   {IDC_R1, L"R1", false, -kCoefficient, kCoefficient},
-                                   {IDC_G1, L"G1", false, -kCoefficient, kCoefficient},
-                                   {IDC_G2, L"G2", false, -kCoefficient, kCoefficient},
-                                   {IDC_B1, L"B1", false, -kCoefficient, kCoefficient},
-                                   {IDC_RMIN, L"Red Min", true, 0, kColor},
-                                   {IDC_RMAX, L"Red Max", true, 0, kColor},
-                                   {IDC_GMIN, L"Green Min", true, 0, kColor},
-                                   {IDC_GMAX, L"Green Max", true, 0, kColor},
-                                   {IDC_BMIN, L"Blue Min", true, 0, kColor},
-                                   {IDC_BMAX, L"Blue Max", true, 0, kColor}};
+constexpr NumberField kFields[] = {
+    offsetField(IDC_YOFF, L"Y Off"),   offsetField(IDC_CROFF, L"Cr Off"),  offsetField(IDC_CBOFF, L"Cb Off"),
+    coefficientField(IDC_Y1, L"Y1"),   coefficientField(IDC_R1, L"R1"),    coefficientField(IDC_G1, L"G1"),
+    coefficientField(IDC_G2, L"G2"),   coefficientField(IDC_B1, L"B1"),    limitField(IDC_RMIN, L"Red Min"),
+    limitField(IDC_RMAX, L"Red Max"),  limitField(IDC_GMIN, L"Green Min"), limitField(IDC_GMAX, L"Green Max"),
+    limitField(IDC_BMIN, L"Blue Min"), limitField(IDC_BMAX, L"Blue Max")};
 
-class CKestraStreamPropCSC final : public NumberPage {
+#define KESTRA_PROPERTY(name)                                                                                          \
+    property<IKestraStreamPropCSC, &IKestraStreamPropCSC::get_##name, &IKestraStreamPropCSC::put_##name>()
+constexpr Property<IKestraStreamPropCSC> kProperties[] = {
+    KESTRA_PROPERTY(YOff), KESTRA_PROPERTY(CrOff), KESTRA_PROPERTY(CbOff), KESTRA_PROPERTY(Y1),   KESTRA_PROPERTY(R1),
+    KESTRA_PROPERTY(G1),   KESTRA_PROPERTY(G2),    KESTRA_PROPERTY(B1),    KESTRA_PROPERTY(RMin), KESTRA_PROPERTY(RMax),
+    KESTRA_PROPERTY(GMin), KESTRA_PROPERTY(GMax),  KESTRA_PROPERTY(BMin),  KESTRA_PROPERTY(BMax)};
+#undef KESTRA_PROPERTY
+
+/// Size of the picture that a filter, through its first pin, or a pin can deliver. @return {0, 0}: it does not say
+SIZE pictureSize(IUnknown* object) {
+    ComOwner<IAMStreamConfig> config = ask<IAMStreamConfig>(object, IID_IAMStreamConfig);
+    if (const auto filter = ask<IBaseFilter>(object, IID_IBaseFilter); filter && !config) {
+        IEnumPins* found = nullptr;
+        if (FAILED(filter->EnumPins(&found))) return {};
+        const ComOwner<IEnumPins> pins(found);
+        IPin* pin = nullptr;
+        if (pins->Next(1, &pin, nullptr) != S_OK) return {};
+        config = ask<IAMStreamConfig>(ComOwner<IPin>(pin).get(), IID_IAMStreamConfig);
+    }
+    AM_MEDIA_TYPE* type = nullptr;
+    VIDEO_STREAM_CONFIG_CAPS caps{};
+    if (!config || config->GetStreamCaps(0, &type, reinterpret_cast<BYTE*>(&caps)) != S_OK) return {};
+    DeleteMediaType(type);
+    return caps.InputSize;
+}
+
+class CKestraStreamPropCSC final : public PropertiesPage<IKestraStreamPropCSC> {
 public:
     explicit CKestraStreamPropCSC(LPUNKNOWN pUnk)
-        : NumberPage(NAME("Color space converter page"), pUnk, IDD_CONVERTER, kFields) {}
-
-    HRESULT OnConnect(IUnknown* object) override {
-        m_converter = ask<IKestraStreamPropCSC>(object, IID_IKestraStreamPropCSC);
-        return m_converter ? S_OK : E_NOINTERFACE;
-    }
-    HRESULT OnDisconnect() override {
-        m_converter.reset();
-        return NumberPage::OnDisconnect();
-    }
+        : PropertiesPage(NAME("Color space converter page"), pUnk, IDD_CONVERTER, kFields, kProperties,
+                         IID_IKestraStreamPropCSC) {}
 
 private:
-    bool isAvailable() override {
-        LONG rgb = 0;
-        return m_converter && SUCCEEDED(m_converter->get_RGBOut(&rgb)) && rgb != 0;
-    }
-    void load() override;
-    HRESULT send() override;
+    void prepareControls() override;
+    void fieldChanged(size_t field, bool byUser) override;
     void buttonPressed(int id) override;
-    void showValues(const KestraConverterValues& values);
+    void selectionChanged(int id) override;
+    size_t shownPreset() const;
+    void updatePreset();
+    LRESULT presets(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) const {
+        return SendDlgItemMessageW(m_Dlg, IDC_MATRIX, message, wParam, lParam);
+    }
 
-    ComOwner<IKestraStreamPropCSC> m_converter;
+    SIZE m_picture{};
 };
 
-void CKestraStreamPropCSC::showValues(const KestraConverterValues& v) {
-    size_t field = 0;
-    for (const LONG offset : {v.YOff, v.CrOff, v.CbOff})
-        show(field++, wholeText(offset));
-    for (const float coefficient : {v.Y1, v.R1, v.G1, v.G2, v.B1})
-        show(field++, decimalText(coefficient));
-    for (const unsigned char limit : {v.RMin, v.RMax, v.GMin, v.GMax, v.BMin, v.BMax})
-        show(field++, wholeText(limit));
+void CKestraStreamPropCSC::prepareControls() {
+    for (const MatrixPreset& preset : kMatrixPresets)
+        presets(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(preset.name));
+    presets(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(L"Custom"));
+    m_picture = pictureSize(m_object.get());
 }
 
-void CKestraStreamPropCSC::load() {
-    KestraConverterValues v{};
-    IKestraStreamPropCSC& converter = *m_converter;
-    converter.get_YOff(&v.YOff);
-    converter.get_CrOff(&v.CrOff);
-    converter.get_CbOff(&v.CbOff);
-    converter.get_Y1(&v.Y1);
-    converter.get_R1(&v.R1);
-    converter.get_G1(&v.G1);
-    converter.get_G2(&v.G2);
-    converter.get_B1(&v.B1);
-    converter.get_RMin(&v.RMin);
-    converter.get_RMax(&v.RMax);
-    converter.get_GMin(&v.GMin);
-    converter.get_GMax(&v.GMax);
-    converter.get_BMin(&v.BMin);
-    converter.get_BMax(&v.BMax);
-    showValues(v);
+/// Which preset the fields hold; behind them all: none.
+size_t CKestraStreamPropCSC::shownPreset() const {
+    ConverterMatrix matrix;
+    for (size_t field = 0; field < kMatrixValues; ++field) {
+        if (!isGood(field)) return std::size(kMatrixPresets);
+        matrix[field] = value(field);
+    }
+    return presetOf(matrix);
 }
 
-void CKestraStreamPropCSC::buttonPressed(int id) {
-    KestraConverterValues defaults{};
-    if (id != IDC_DEFAULT || FAILED(m_converter->get_DefaultColorSpaceConverter(&defaults))) return;
-    showValues(defaults);
+void CKestraStreamPropCSC::updatePreset() {
+    const size_t shown = shownPreset();
+    presets(CB_SETCURSEL, shown);
+    std::wstring note;
+    if (shown < std::size(kMatrixPresets) && m_picture.cx > 0) {
+        const bool high = isHighDefinition(m_picture.cx, m_picture.cy),
+                   values709 = kMatrixPresets[shown].isHighDefinition;
+        const std::wstring size = L" (" + wholeText(m_picture.cx) + L" x " + wholeText(m_picture.cy) + L")";
+        if (high && !values709) note = L"The signal is HD" + size + L", which is BT.709: these values are BT.601.";
+        if (!high && values709) note = L"The signal is SD" + size + L", which is BT.601: these values are BT.709.";
+    }
+    SetDlgItemTextW(m_Dlg, IDC_MATRIX_NOTE, note.c_str());
+}
+
+void CKestraStreamPropCSC::fieldChanged(size_t field, bool /*byUser*/) {
+    if (m_Dlg && field < kMatrixValues) updatePreset();
+}
+
+void CKestraStreamPropCSC::selectionChanged(int id) {
+    if (id != IDC_MATRIX) return;
+    const auto chosen = static_cast<size_t>(presets(CB_GETCURSEL));
+    if (chosen >= std::size(kMatrixPresets)) return updatePreset(); // a matrix becomes "Custom" by what is typed
+    for (size_t field = 0; field < kMatrixValues; ++field)
+        edit(field, kMatrixPresets[chosen].matrix[field]);
     markDirty();
 }
 
-HRESULT CKestraStreamPropCSC::send() {
-    IKestraStreamPropCSC& converter = *m_converter;
-    const auto limit = [this](size_t field) { return static_cast<unsigned char>(whole(field)); };
-    converter.put_FreezeUpdate(1); // so that no half-written set reaches the card
-    converter.put_YOff(whole(0));
-    converter.put_CrOff(whole(1));
-    converter.put_CbOff(whole(2));
-    converter.put_Y1(decimal(3));
-    converter.put_R1(decimal(4));
-    converter.put_G1(decimal(5));
-    converter.put_G2(decimal(6));
-    converter.put_B1(decimal(7));
-    converter.put_RMin(limit(8));
-    converter.put_RMax(limit(9));
-    converter.put_GMin(limit(10));
-    converter.put_GMax(limit(11));
-    converter.put_BMin(limit(12));
-    converter.put_BMax(limit(13));
-    return converter.put_FreezeUpdate(0);
+void CKestraStreamPropCSC::buttonPressed(int id) {
+    KestraConverterValues v{};
+    if (id != IDC_DEFAULT || FAILED(m_object->get_DefaultColorSpaceConverter(&v))) return;
+    size_t field = 0;
+    for (const LONG offset : {v.YOff, v.CrOff, v.CbOff})
+        edit(field++, offset);
+    for (const float coefficient : {v.Y1, v.R1, v.G1, v.G2, v.B1})
+        edit(field++, static_cast<double>(coefficient));
+    for (const unsigned char limit : {v.RMin, v.RMax, v.GMin, v.GMax, v.BMin, v.BMax})
+        edit(field++, limit);
+    markDirty();
 }
 
 } // namespace

@@ -2,28 +2,69 @@
 #include "pages/number_page.h"
 #include "pages/pages.h"
 #include "pages/resource.h"
+#include "protocol/converter_matrix.h"
 
 #include <kestra_interfaces.h>
 
 #include <commctrl.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <optional>
 
 namespace kestra {
 namespace {
 
-constexpr float kMostGain = 3.999f, kMostOffset = 127;
+constexpr double kMostSlider = 4;   // where the sliders end; any gain can be typed
 constexpr int kStepsPerUnit = 1000; // of a slider: as fine as the edit beside it
 constexpr size_t kColors = 3;       // red, green, blue
 
+constexpr NumberField gainField(int id, const wchar_t* name) {
+    return {id,
+            name,
+            false,
+            -kMostCoefficient,
+            kMostCoefficient,
+            0,
+            kMostSlider,
+            L"where the slider ends",
+            id - IDC_RED_GAIN + IDC_RED_GAIN_CARD,
+            coefficientOnCard};
+}
+constexpr NumberField offsetField(int id, const wchar_t* name) {
+    return {id,
+            name,
+            true,
+            -128,
+            127,
+            -127,
+            127,
+            L"which the card can hold",
+            id - IDC_RED_OFFSET + IDC_RED_OFFSET_CARD,
+            offsetOnCard};
+}
+
 // Gains, then offsets.
-constexpr NumberField kFields[] = {{IDC_RED_GAIN, L"Red gain", false, 0, kMostGain},
-                                   {IDC_GREEN_GAIN, L"Green gain", false, 0, kMostGain},
-                                   {IDC_BLUE_GAIN, L"Blue gain", false, 0, kMostGain},
-                                   {IDC_RED_OFFSET, L"Red offset", true, -kMostOffset, kMostOffset},
-                                   {IDC_GREEN_OFFSET, L"Green offset", true, -kMostOffset, kMostOffset},
-                                   {IDC_BLUE_OFFSET, L"Blue offset", true, -kMostOffset, kMostOffset}};
+constexpr NumberField kFields[] = {
+    gainField(IDC_RED_GAIN, L"Red gain"),           gainField(IDC_GREEN_GAIN, L"Green gain"),
+    gainField(IDC_BLUE_GAIN, L"Blue gain"),         offsetField(IDC_RED_OFFSET, L"Red offset"),
+    offsetField(IDC_GREEN_OFFSET, L"Green offset"), offsetField(IDC_BLUE_OFFSET, L"Blue offset")};
+
+#define KESTRA_PROPERTY(name)                                                                                          \
+    property<IKestraStreamPropRGBGainOffset, &IKestraStreamPropRGBGainOffset::get_##name,                              \
+             &IKestraStreamPropRGBGainOffset::put_##name>()
+constexpr Property<IKestraStreamPropRGBGainOffset> kProperties[] = {
+    KESTRA_PROPERTY(RedGain),   KESTRA_PROPERTY(GreenGain),   KESTRA_PROPERTY(BlueGain),
+    KESTRA_PROPERTY(RedOffset), KESTRA_PROPERTY(GreenOffset), KESTRA_PROPERTY(BlueOffset)};
+#undef KESTRA_PROPERTY
+
+using Means = std::array<unsigned char, kColors>;
+
+/// "Mean RGB = {167,121,100}"
+std::wstring meanText(const Means& means) {
+    return L"Mean RGB = {" + wholeText(means[0]) + L"," + wholeText(means[1]) + L"," + wholeText(means[2]) + L"}";
+}
 
 /// The hourglass while the object lives.
 class WaitCursor {
@@ -37,105 +78,88 @@ private:
     HCURSOR m_before;
 };
 
-class CKestraStreamPropRGB final : public NumberPage {
+class CKestraStreamPropRGB final : public PropertiesPage<IKestraStreamPropRGBGainOffset> {
 public:
     explicit CKestraStreamPropRGB(LPUNKNOWN pUnk)
-        : NumberPage(NAME("RGB gain and offset page"), pUnk, IDD_GAIN, kFields) {}
+        : PropertiesPage(NAME("RGB gain and offset page"), pUnk, IDD_GAIN, kFields, kProperties,
+                         IID_IKestraStreamPropRGBGainOffset) {}
 
-    HRESULT OnConnect(IUnknown* object) override {
-        m_gains = ask<IKestraStreamPropRGBGainOffset>(object, IID_IKestraStreamPropRGBGainOffset);
-        return m_gains ? S_OK : E_NOINTERFACE;
+    HRESULT OnActivate() override {
+        const HRESULT hr = PropertiesPage::OnActivate();
+        if (!m_bDirty) rememberProportions();
+        return hr;
     }
     HRESULT OnDisconnect() override {
-        m_gains.reset();
-        m_linked = false;
-        return NumberPage::OnDisconnect();
+        m_linked = m_zeroOffsets = false;
+        m_means.reset();
+        m_meanText = meanText({});
+        m_meanNote.clear();
+        return PropertiesPage::OnDisconnect();
     }
     INT_PTR OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) override;
 
 private:
-    bool isAvailable() override {
-        LONG rgb = 0;
-        return m_gains && SUCCEEDED(m_gains->get_RGBOut(&rgb)) && rgb != 0;
-    }
     void prepareControls() override;
-    void load() override;
-    HRESULT send() override;
     void fieldChanged(size_t field, bool byUser) override;
     void buttonPressed(int id) override;
+    HWND slider(size_t color) const { return GetDlgItem(m_Dlg, IDC_RED_SLIDER + static_cast<int>(color)); }
     void sliderMoved(size_t color);
     void moveOthers(size_t color);
     void rememberProportions();
-    void showGains(const float (&gains)[kColors]);
+    void editGains(const std::array<double, kColors>& gains);
     void analyze();
+    void showMeans();
 
-    ComOwner<IKestraStreamPropRGBGainOffset> m_gains;
-    bool m_linked = false;
-    float m_proportions[kColors] = {1, 1, 1}; ///< of the gains when they were linked: they are kept while one moves
+    bool m_linked = false, m_zeroOffsets = false;
+    double m_proportions[kColors] = {1, 1, 1}; ///< of the gains when they were linked: they are kept while one moves
+    LRESULT m_positions[kColors] = {};         ///< of the sliders, as they were put last
+    std::optional<Means> m_means;              ///< of the last picture that was measured
+    std::wstring m_meanText = meanText({}), m_meanNote;
 };
 
 INT_PTR CKestraStreamPropRGB::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) {
-    if (uMsg == WM_HSCROLL && lParam) {
-        const int slider = GetDlgCtrlID(reinterpret_cast<HWND>(lParam)) - IDC_RED_SLIDER;
-        if (slider >= 0 && slider < static_cast<int>(kColors)) sliderMoved(static_cast<size_t>(slider));
+    if (uMsg == WM_HSCROLL && lParam && m_object) {
+        const int color = GetDlgCtrlID(reinterpret_cast<HWND>(lParam)) - IDC_RED_SLIDER;
+        if (color >= 0 && color < static_cast<int>(kColors)) sliderMoved(static_cast<size_t>(color));
         return TRUE;
     }
-    return NumberPage::OnReceiveMessage(hwnd, uMsg, wParam, lParam);
+    return PropertiesPage::OnReceiveMessage(hwnd, uMsg, wParam, lParam);
 }
 
 void CKestraStreamPropRGB::prepareControls() {
-    for (int color = 0; color < static_cast<int>(kColors); ++color) {
-        const HWND slider = GetDlgItem(m_Dlg, IDC_RED_SLIDER + color);
-        SendMessageW(slider, TBM_SETRANGEMIN, FALSE, 0);
-        SendMessageW(slider, TBM_SETRANGEMAX, TRUE, std::lround(kMostGain * kStepsPerUnit));
-        SendMessageW(slider, TBM_SETLINESIZE, 0, kStepsPerUnit / 100);
-        SendMessageW(slider, TBM_SETPAGESIZE, 0, kStepsPerUnit / 10);
-        const auto most = static_cast<int>(kMostOffset);
-        SendDlgItemMessageW(m_Dlg, IDC_RED_SPIN + color, UDM_SETRANGE32, static_cast<WPARAM>(-most), most);
+    for (size_t color = 0; color < kColors; ++color) {
+        SendMessageW(slider(color), TBM_SETRANGEMIN, FALSE, 0);
+        SendMessageW(slider(color), TBM_SETRANGEMAX, TRUE, std::lround(kMostSlider * kStepsPerUnit));
+        SendMessageW(slider(color), TBM_SETLINESIZE, 0, kStepsPerUnit / 1000);
+        SendMessageW(slider(color), TBM_SETPAGESIZE, 0, kStepsPerUnit / 20);
+        SendMessageW(slider(color), TBM_CLEARTICS, FALSE, 0);
+        SendMessageW(slider(color), TBM_SETTIC, 0, kStepsPerUnit);
+        const NumberField& offset = kFields[kColors + color];
+        SendDlgItemMessageW(m_Dlg, IDC_RED_SPIN + static_cast<int>(color), UDM_SETRANGE32,
+                            static_cast<WPARAM>(offset.least), static_cast<LPARAM>(offset.most));
     }
     CheckDlgButton(m_Dlg, IDC_LINK, m_linked ? BST_CHECKED : BST_UNCHECKED);
-}
-
-void CKestraStreamPropRGB::load() {
-    float gains[kColors] = {1, 1, 1};
-    signed char offsets[kColors] = {};
-    m_gains->get_RedGain(&gains[0]);
-    m_gains->get_GreenGain(&gains[1]);
-    m_gains->get_BlueGain(&gains[2]);
-    m_gains->get_RedOffset(&offsets[0]);
-    m_gains->get_GreenOffset(&offsets[1]);
-    m_gains->get_BlueOffset(&offsets[2]);
-    showGains(gains);
-    for (size_t color = 0; color < kColors; ++color)
-        show(kColors + color, wholeText(offsets[color]));
-}
-
-HRESULT CKestraStreamPropRGB::send() {
-    const auto offset = [this](size_t color) { return static_cast<signed char>(whole(kColors + color)); };
-    m_gains->put_FreezeUpdate(1); // so that no half-written set reaches the card
-    m_gains->put_RedGain(decimal(0));
-    m_gains->put_GreenGain(decimal(1));
-    m_gains->put_BlueGain(decimal(2));
-    m_gains->put_RedOffset(offset(0));
-    m_gains->put_GreenOffset(offset(1));
-    m_gains->put_BlueOffset(offset(2));
-    return m_gains->put_FreezeUpdate(0);
+    CheckDlgButton(m_Dlg, IDC_ZERO_OFFSETS, m_zeroOffsets ? BST_CHECKED : BST_UNCHECKED);
+    showMeans();
 }
 
 /// The slider follows its edit, and with Link the other two gains do.
 void CKestraStreamPropRGB::fieldChanged(size_t field, bool byUser) {
     if (field >= kColors || !isGood(field)) return;
-    if (m_Dlg)
-        SendDlgItemMessageW(m_Dlg, IDC_RED_SLIDER + static_cast<int>(field), TBM_SETPOS, TRUE,
-                            std::lround(decimal(field) * kStepsPerUnit));
+    if (m_Dlg) {
+        const double shown = value(field) >= 0 ? std::min(value(field), kMostSlider) : 0; // not a number: 0
+        m_positions[field] = std::lround(shown * kStepsPerUnit);
+        SendMessageW(slider(field), TBM_SETPOS, TRUE, m_positions[field]);
+    }
     if (byUser) moveOthers(field);
 }
 
+/// Also told of the end of a drag, and of keys at the end of a slider: a slider that stands still changes nothing, so
+/// that a gain beyond its end stays what it is.
 void CKestraStreamPropRGB::sliderMoved(size_t color) {
-    const LRESULT position = SendDlgItemMessageW(m_Dlg, IDC_RED_SLIDER + static_cast<int>(color), TBM_GETPOS, 0, 0);
-    std::wstring moved = decimalText(static_cast<float>(position) / kStepsPerUnit);
-    if (moved == text(color)) return; // the end of a drag comes as a move too
-    show(color, std::move(moved));
+    const LRESULT position = SendMessageW(slider(color), TBM_GETPOS, 0, 0);
+    if (position == m_positions[color]) return;
+    edit(color, static_cast<double>(static_cast<float>(position) / kStepsPerUnit));
     moveOthers(color);
     markDirty();
 }
@@ -144,22 +168,24 @@ void CKestraStreamPropRGB::sliderMoved(size_t color) {
 /// alike.
 void CKestraStreamPropRGB::moveOthers(size_t color) {
     if (!m_linked) return;
-    const float moved = decimal(color), before = m_proportions[color];
+    const double moved = value(color), before = m_proportions[color];
     for (size_t other = 0; other < kColors; ++other) {
         if (other == color) continue;
-        const float gain = before > 0 ? m_proportions[other] * (moved / before) : moved;
-        show(other, decimalText(std::min(gain, kMostGain)));
+        double gain = before > 0 ? m_proportions[other] * (moved / before) : moved;
+        if (!std::isfinite(gain)) gain = moved;
+        edit(other,
+             std::clamp(static_cast<double>(static_cast<float>(gain)), kFields[other].least, kFields[other].most));
     }
 }
 
 void CKestraStreamPropRGB::rememberProportions() {
     for (size_t color = 0; color < kColors; ++color)
-        m_proportions[color] = isGood(color) ? decimal(color) : 1.0f;
+        m_proportions[color] = isGood(color) ? value(color) : 1;
 }
 
-void CKestraStreamPropRGB::showGains(const float (&gains)[kColors]) {
+void CKestraStreamPropRGB::editGains(const std::array<double, kColors>& gains) {
     for (size_t color = 0; color < kColors; ++color)
-        show(color, decimalText(gains[color]));
+        edit(color, gains[color]);
     rememberProportions();
 }
 
@@ -168,13 +194,16 @@ void CKestraStreamPropRGB::buttonPressed(int id) {
     case IDC_LINK:
         m_linked = IsDlgButtonChecked(m_Dlg, IDC_LINK) == BST_CHECKED;
         return rememberProportions();
+    case IDC_ZERO_OFFSETS:
+        m_zeroOffsets = IsDlgButtonChecked(m_Dlg, IDC_ZERO_OFFSETS) == BST_CHECKED;
+        return;
     case IDC_UNITY:
-        showGains({1, 1, 1});
+        editGains({1, 1, 1});
         return markDirty();
     case IDC_RED_ZERO:
     case IDC_GREEN_ZERO:
     case IDC_BLUE_ZERO:
-        show(kColors + static_cast<size_t>(id - IDC_RED_ZERO), L"0");
+        edit(kColors + static_cast<size_t>(id - IDC_RED_ZERO), 0);
         return markDirty();
     case IDC_ANALYZE:
         return analyze();
@@ -184,19 +213,38 @@ void CKestraStreamPropRGB::buttonPressed(int id) {
 }
 
 void CKestraStreamPropRGB::analyze() {
-    unsigned char mean[kColors] = {};
-    float gain[kColors] = {};
-    HRESULT hr;
+    Means means{};
+    FLOAT gains[kColors] = {};
+    HRESULT hr = S_OK;
     {
-        const WaitCursor wait;
-        hr = m_gains->WhiteBalance(&mean[0], &mean[1], &mean[2], &gain[0], &gain[1], &gain[2]);
+        const WaitCursor patience;
+        hr = m_object->WhiteBalance(&means[0], &means[1], &means[2], &gains[0], &gains[1], &gains[2]);
     }
-    if (FAILED(hr)) return report(L"The picture could not be analyzed. " + describe(hr));
-    showGains(gain);
-    const std::wstring means =
-        L"Mean RGB = {" + wholeText(mean[0]) + L"," + wholeText(mean[1]) + L"," + wholeText(mean[2]) + L"}";
-    SetDlgItemTextW(m_Dlg, IDC_MEAN, means.c_str());
+    m_meanNote.clear();
+    if (FAILED(hr)) {
+        if (m_means) m_meanText = meanText(*m_means) + L" (old)";
+        showMeans();
+        return report(L"The picture could not be analyzed. " + describe(hr));
+    }
+    m_meanText = meanText(means);
+    if (means == Means{}) { // and gains of 1, which are no finding
+        m_meanNote = L"There was no picture to measure, or it is black.";
+        if (m_means) m_meanNote += L" Before: " + meanText(*m_means);
+        return showMeans();
+    }
+    m_means = means;
+    editGains({gains[0], gains[1], gains[2]});
+    for (size_t offset = kColors; offset < 2 * kColors; ++offset) {
+        if (m_zeroOffsets) edit(offset, 0);
+        if (value(offset) != 0) m_meanNote = L"The gains are for offsets of 0.";
+    }
     markDirty();
+    showMeans();
+}
+
+void CKestraStreamPropRGB::showMeans() {
+    SetDlgItemTextW(m_Dlg, IDC_MEAN, m_meanText.c_str());
+    SetDlgItemTextW(m_Dlg, IDC_MEAN_NOTE, m_meanNote.c_str());
 }
 
 } // namespace

@@ -18,7 +18,7 @@ COLORREF messageColor() noexcept {
     return brightness > 1275 ? RGB(160, 0, 16) : RGB(255, 160, 152);
 }
 
-std::wstring textOf(HWND dialog, int id) {
+std::wstring typedText(HWND dialog, int id) {
     wchar_t buffer[81]; // as many characters as are read
     const UINT length = GetDlgItemTextW(dialog, id, buffer, 81);
     return {buffer, length};
@@ -43,7 +43,7 @@ std::wstring describe(HRESULT hr) {
 }
 
 NumberPage::NumberPage(LPCTSTR name, LPUNKNOWN pUnk, int dialogAndTitle, std::span<const NumberField> fields)
-    : CBasePropertyPage(name, pUnk, dialogAndTitle, dialogAndTitle), m_fields(fields), m_texts(fields.size()) {
+    : CBasePropertyPage(name, pUnk, dialogAndTitle, dialogAndTitle), m_fields(fields), m_states(fields.size()) {
     // The dialogs cannot even be measured without their controls' classes.
     const INITCOMMONCONTROLSEX classes{sizeof classes, ICC_BAR_CLASSES | ICC_UPDOWN_CLASS};
     InitCommonControlsEx(&classes);
@@ -56,16 +56,13 @@ HRESULT NumberPage::OnActivate() {
         ShowWindow(child, (GetDlgCtrlID(child) == IDC_NOT_AVAILABLE) == m_available ? SW_HIDE : SW_SHOWNA);
     for (const NumberField& field : m_fields)
         SendDlgItemMessageW(m_Dlg, field.id, EM_LIMITTEXT, 80, 0);
+    CheckDlgButton(m_Dlg, IDC_LIVE, m_live ? BST_CHECKED : BST_UNCHECKED);
     prepareControls();
     if (!m_available) m_bDirty = FALSE;
-    if (!m_bDirty) {
-        if (m_available) load();
-    } else { // back on a page that was left before it was applied
-        for (size_t i = 0; i < m_fields.size(); ++i) {
-            SetDlgItemTextW(m_Dlg, m_fields[i].id, m_texts[i].c_str());
-            fieldChanged(i, false);
-        }
-    }
+    if (m_available)
+        for (size_t i = 0; i < m_fields.size(); ++i)
+            load(i);
+    m_loaded = m_loaded || m_available;
     m_failure.clear();
     updateMessage();
     return S_OK;
@@ -77,9 +74,27 @@ HRESULT NumberPage::OnDeactivate() {
 }
 
 HRESULT NumberPage::OnDisconnect() {
+    endPreview(); // cancelled: nobody is left to be told of a failure
+    for (State& state : m_states)
+        state = State();
     m_bDirty = FALSE;
-    m_available = false; // a dialog that is still open has nothing to show any more
+    m_available = m_loaded = m_live = false; // a dialog that is still open has nothing to show any more
     return S_OK;
+}
+
+/// Shows the object's present value, unless another one waits here to be applied.
+void NumberPage::load(size_t field) {
+    State& state = m_states[field];
+    if (!m_bDirty) state.edited = false;
+    if (!state.edited) {
+        double& value = state.loaded.value;
+        getProperty(field, value);
+        if (!m_loaded) state.first = value;
+        state.number = {value, NumberFault::None};
+        state.text = state.loaded.text = textOf(m_fields[field], value);
+    }
+    SetDlgItemTextW(m_Dlg, m_fields[field].id, state.text.c_str());
+    changed(field, false);
 }
 
 HRESULT NumberPage::OnApplyChanges() {
@@ -94,9 +109,62 @@ HRESULT NumberPage::OnApplyChanges() {
         }
         return E_INVALIDARG;
     }
-    const HRESULT hr = send();
-    if (FAILED(hr)) report(L"The card has not taken these values. " + describe(hr));
+    const HRESULT hr = send(true);
+    if (FAILED(hr)) {
+        report(L"The card has not taken these values. " + describe(hr));
+        return hr;
+    }
+    for (State& state : m_states) {
+        if (state.edited) state.loaded = {state.text, state.number.value};
+        state.edited = false;
+        state.before.reset();
+    }
     return hr;
+}
+
+/// Puts every property, in their order: what was edited, what a preview has to give back, and else what is there.
+HRESULT NumberPage::send(bool withEdits) {
+    freeze(1); // so that no half-written set reaches the card
+    for (size_t i = 0; i < m_fields.size(); ++i) {
+        State& state = m_states[i];
+        double value = state.loaded.value; // in case that the present one cannot be read
+        if (withEdits && state.edited) {
+            value = std::clamp(state.number.value, m_fields[i].least, m_fields[i].most); // an infinite gain
+        } else if (state.before) {
+            value = *state.before;
+            state.before.reset();
+        } else {
+            getProperty(i, value);
+        }
+        putProperty(i, value);
+    }
+    return freeze(0);
+}
+
+/// While it is live, what stands in the fields goes to the card, all of it or nothing.
+void NumberPage::preview() {
+    const auto counts = [](const State& state) { return state.edited || state.before; };
+    if (!m_live || !m_available || firstBad() < m_fields.size() || std::none_of(m_states.begin(), m_states.end(), counts))
+        return;
+    for (size_t i = 0; i < m_fields.size(); ++i) {
+        State& state = m_states[i];
+        double present = 0;
+        if (state.edited && !state.before && SUCCEEDED(getProperty(i, present))) state.before = present;
+    }
+    const HRESULT hr = send(true);
+    if (FAILED(hr)) report(L"The card has not taken these values. " + describe(hr));
+}
+
+/// Gives the card back what the preview has replaced. The fields keep what stands in them.
+HRESULT NumberPage::endPreview() {
+    const auto replaced = [](const State& state) { return state.before.has_value(); };
+    return std::any_of(m_states.begin(), m_states.end(), replaced) ? send(false) : S_OK;
+}
+
+void NumberPage::revert() {
+    for (size_t i = 0; i < m_fields.size(); ++i)
+        if (m_states[i].touched) edit(i, m_states[i].first);
+    markDirty();
 }
 
 INT_PTR NumberPage::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) {
@@ -113,14 +181,26 @@ INT_PTR NumberPage::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM
             }
         return FALSE;
     case WM_CTLCOLORSTATIC:
-        if (child != IDC_MESSAGE) return FALSE;
+        if (child != IDC_MESSAGE || !m_messageIsError) return FALSE;
         SetTextColor(dc, messageColor());
         SetBkColor(dc, GetSysColor(COLOR_3DFACE));
         return reinterpret_cast<INT_PTR>(GetSysColorBrush(COLOR_3DFACE));
     case WM_COMMAND:
         if (!m_Dlg || !m_available) return FALSE;
         if (HIWORD(wParam) == EN_CHANGE) takeTyped(LOWORD(wParam));
-        if (HIWORD(wParam) == BN_CLICKED) buttonPressed(LOWORD(wParam));
+        if (HIWORD(wParam) == CBN_SELCHANGE) selectionChanged(LOWORD(wParam));
+        if (HIWORD(wParam) != BN_CLICKED) return TRUE;
+        if (LOWORD(wParam) == IDC_REVERT) {
+            revert();
+        } else if (LOWORD(wParam) == IDC_LIVE) {
+            m_live = IsDlgButtonChecked(m_Dlg, IDC_LIVE) == BST_CHECKED;
+            if (m_live)
+                preview();
+            else if (const HRESULT hr = endPreview(); FAILED(hr))
+                report(L"The card has not taken its former values back. " + describe(hr));
+        } else {
+            buttonPressed(LOWORD(wParam));
+        }
         return TRUE;
     default:
         return CBasePropertyPage::OnReceiveMessage(hwnd, uMsg, wParam, lParam);
@@ -132,28 +212,42 @@ void NumberPage::takeTyped(int id) {
     const auto field = std::find_if(m_fields.begin(), m_fields.end(), [id](const auto& f) { return f.id == id; });
     if (field == m_fields.end()) return;
     const auto i = static_cast<size_t>(field - m_fields.begin());
-    std::wstring typed = textOf(m_Dlg, id);
-    if (typed == m_texts[i]) return;
-    m_texts[i] = std::move(typed);
-    redraw(i);
-    fieldChanged(i, true);
+    State& state = m_states[i];
+    std::wstring typed = typedText(m_Dlg, id);
+    if (typed == state.text) return;
+    state.text = std::move(typed);
+    state.edited = state.text != state.loaded.text;
+    state.touched = state.touched || state.edited;
+    if (!state.edited)
+        state.number = {state.loaded.value, NumberFault::None};
+    else if (!state.text.empty() && state.text == state.program.text)
+        state.number = {state.program.value, NumberFault::None};
+    else
+        state.number = parse(*field, state.text);
+    changed(i, true);
     markDirty();
 }
 
-void NumberPage::show(size_t field, std::wstring text) {
-    m_texts[field] = std::move(text);
-    if (m_Dlg) SetDlgItemTextW(m_Dlg, m_fields[field].id, m_texts[field].c_str());
-    redraw(field);
-    fieldChanged(field, false);
+void NumberPage::edit(size_t field, double value) {
+    State& state = m_states[field];
+    state.text = textOf(m_fields[field], value);
+    state.number = {value, NumberFault::None};
+    state.edited = state.touched = true;
+    state.program = {state.text, value};
+    if (const HWND edit = m_Dlg ? GetDlgItem(m_Dlg, m_fields[field].id) : nullptr) {
+        SendMessageW(edit, EM_SETSEL, 0, -1);
+        SendMessageW(edit, EM_REPLACESEL, TRUE, reinterpret_cast<LPARAM>(state.text.c_str()));
+    }
+    changed(field, false);
 }
 
-int32_t NumberPage::whole(size_t field) const {
-    const NumberField& f = m_fields[field];
-    return parseWhole(m_texts[field], static_cast<int32_t>(f.least), static_cast<int32_t>(f.most)).value;
-}
-
-float NumberPage::decimal(size_t field) const {
-    return parseDecimal(m_texts[field], m_fields[field].least, m_fields[field].most).value;
+void NumberPage::changed(size_t field, bool byUser) {
+    if (m_Dlg) {
+        const NumberField& f = m_fields[field];
+        InvalidateRect(GetDlgItem(m_Dlg, f.id), nullptr, TRUE);
+        if (f.cardId) SetDlgItemTextW(m_Dlg, f.cardId, isGood(field) ? cardText(f, value(field)).c_str() : L"");
+    }
+    fieldChanged(field, byUser);
 }
 
 void NumberPage::markDirty() {
@@ -161,6 +255,7 @@ void NumberPage::markDirty() {
     updateMessage();
     m_bDirty = TRUE;
     if (m_pPageSite) m_pPageSite->OnStatusChange(PROPPAGESTATUS_DIRTY);
+    preview();
 }
 
 void NumberPage::report(const std::wstring& failure) {
@@ -169,15 +264,17 @@ void NumberPage::report(const std::wstring& failure) {
     MessageBeep(MB_ICONWARNING);
 }
 
-void NumberPage::redraw(size_t field) {
-    if (m_Dlg) InvalidateRect(GetDlgItem(m_Dlg, m_fields[field].id), nullptr, TRUE);
-}
-
+/// A failure; else the first field that cannot be taken; else the first edited one that is unusual.
 void NumberPage::updateMessage() {
     if (!m_Dlg) return;
-    const size_t bad = m_available && m_failure.empty() ? firstBad() : m_fields.size();
-    const std::wstring message =
-        bad < m_fields.size() ? explain(m_fields[bad], check(m_fields[bad], m_texts[bad])) : m_failure;
+    std::wstring message = m_failure;
+    if (m_available && message.empty()) {
+        const size_t bad = firstBad();
+        if (bad < m_fields.size()) message = explain(m_fields[bad], m_states[bad].number.fault);
+    }
+    m_messageIsError = !message.empty();
+    for (size_t i = 0; m_available && message.empty() && i < m_fields.size(); ++i)
+        if (m_states[i].edited) message = warn(m_fields[i], value(i));
     SetDlgItemTextW(m_Dlg, IDC_MESSAGE, message.c_str());
 }
 

@@ -1,10 +1,12 @@
-// A page of fields for numbers: loads them, checks what is typed, marks what cannot be taken, and applies all of them
-// or none. The frame's thread only. Private to pages/.
+// A page of fields for numbers: shows an object's properties, checks what is typed, marks what cannot be taken, and
+// applies all of them or none. What nobody has edited is put back just as the object has it, never as its text says.
+// The frame's thread only. Private to pages/.
 #pragma once
 
 #include "pages/number_text.h"
 #include "pages/page_parts.h"
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -17,7 +19,7 @@ public:
     HRESULT OnDeactivate() override;
     HRESULT OnDisconnect() override;
     /// Checks every field first: if one cannot be taken, the first such gets the focus and nothing is sent.
-    /// @return E_INVALIDARG then; else what applying answered
+    /// @return E_INVALIDARG then; else what the object answered
     HRESULT OnApplyChanges() override;
     INT_PTR OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) override;
 
@@ -26,41 +28,120 @@ protected:
 
     /// True if the output format uses what this page sets; else it shows one sentence instead of its controls.
     virtual bool isAvailable() = 0;
-    /// Shows the current values with show().
-    virtual void load() = 0;
-    /// Sends the values of all fields, which have been checked.
-    virtual HRESULT send() = 0;
+    virtual HRESULT getProperty(size_t field, double& value) = 0;
+    virtual void putProperty(size_t field, double value) = 0;
+    /// Between 1 and 0 no put reaches the card. @return of 0: whether the card has taken what was put
+    virtual HRESULT freeze(LONG frozen) = 0;
     /// Once the dialog is there, before the values are shown.
     virtual void prepareControls() {}
-    /// Another text stands in a field, whoever put it there.
+    /// Another value stands in a field, whoever put it there.
     virtual void fieldChanged(size_t /*field*/, bool /*byUser*/) {}
-    /// A button was pressed.
     virtual void buttonPressed(int /*id*/) {}
+    virtual void selectionChanged(int /*id*/) {}
 
-    /// Puts a text into a field.
-    void show(size_t field, std::wstring text);
-    const std::wstring& text(size_t field) const { return m_texts[field]; }
-    bool isGood(size_t field) const { return check(m_fields[field], m_texts[field]) == NumberFault::None; }
-    /// A checked field's value.
-    int32_t whole(size_t field) const;
-    float decimal(size_t field) const;
+    /// Puts a value into a field, bit for bit, as an edit that its user can undo. markDirty() is the caller's.
+    void edit(size_t field, double value);
+    double value(size_t field) const { return m_states[field].number.value; }
+    bool isGood(size_t field) const { return m_states[field].number.fault == NumberFault::None; }
 
-    /// Tells the frame that there is something to apply.
+    /// Tells the frame that there is something to apply and, while the preview is live, shows it.
     void markDirty();
     /// Shows a failure until something is changed.
     void report(const std::wstring& failure);
 
 private:
+    /// A value and how it was shown: the same text means the same value again, also where the text is rounded.
+    struct Shown {
+        std::wstring text;
+        double value = 0;
+    };
+    struct State {
+        std::wstring text; ///< outlives the dialog while the page is dirty
+        TypedNumber number{0, NumberFault::None};
+        bool edited = false;          ///< else the object's own value is put
+        bool touched = false;         ///< edited since the page was opened, perhaps applied meanwhile
+        Shown loaded;                 ///< last read or applied
+        Shown program;                ///< last put here by a button or a slider
+        double first = 0;             ///< when the page was opened
+        std::optional<double> before; ///< what a live preview has replaced
+    };
+
+    void load(size_t field);
+    HRESULT send(bool withEdits);
+    void preview();
+    HRESULT endPreview();
+    void revert();
     void takeTyped(int id);
-    void redraw(size_t field);
+    void changed(size_t field, bool byUser);
     void updateMessage();
     size_t firstBad() const;
 
     const std::span<const NumberField> m_fields;
-    std::vector<std::wstring> m_texts; ///< of the fields; they outlive the dialog while the page is dirty
+    std::vector<State> m_states;
     std::wstring m_failure;
-    bool m_available = false;
+    bool m_available = false, m_loaded = false, m_live = false, m_messageIsError = false;
     Brush m_marked;
+};
+
+/// One property of an interface, whatever its type, as a double.
+template <class Interface>
+struct Property {
+    HRESULT (*get)(Interface&, double&);
+    HRESULT (*put)(Interface&, double);
+};
+
+template <class Interface, class Value>
+Value valueOfGetter(HRESULT (STDMETHODCALLTYPE Interface::*)(Value*));
+
+/// property<Interface, &Interface::get_Name, &Interface::put_Name>
+template <class Interface, auto Get, auto Put>
+constexpr Property<Interface> property() {
+    using Value = decltype(valueOfGetter(Get));
+    return {[](Interface& object, double& value) {
+                Value read{};
+                const HRESULT hr = (object.*Get)(&read);
+                if (SUCCEEDED(hr)) value = static_cast<double>(read);
+                return hr;
+            },
+            [](Interface& object, double value) { return (object.*Put)(static_cast<Value>(value)); }};
+}
+
+/// A page of fields that are the properties of one interface, in the same order.
+template <class Interface>
+class PropertiesPage : public NumberPage {
+public:
+    ~PropertiesPage() override {
+        if (m_object) PropertiesPage::OnDisconnect();
+    }
+    HRESULT OnConnect(IUnknown* object) override {
+        if (m_object) OnDisconnect();
+        m_object = ask<Interface>(object, m_iid);
+        return m_object ? S_OK : E_NOINTERFACE;
+    }
+    HRESULT OnDisconnect() override {
+        const HRESULT hr = NumberPage::OnDisconnect();
+        m_object.reset();
+        return hr;
+    }
+
+protected:
+    PropertiesPage(LPCTSTR name, LPUNKNOWN pUnk, int dialogAndTitle, std::span<const NumberField> fields,
+                   std::span<const Property<Interface>> properties, REFIID iid)
+        : NumberPage(name, pUnk, dialogAndTitle, fields), m_properties(properties), m_iid(iid) {}
+
+    bool isAvailable() override {
+        LONG rgb = 0;
+        return m_object && SUCCEEDED(m_object->get_RGBOut(&rgb)) && rgb != 0;
+    }
+    HRESULT getProperty(size_t field, double& value) override { return m_properties[field].get(*m_object, value); }
+    void putProperty(size_t field, double value) override { m_properties[field].put(*m_object, value); }
+    HRESULT freeze(LONG frozen) override { return m_object->put_FreezeUpdate(frozen); }
+
+    ComOwner<Interface> m_object;
+
+private:
+    const std::span<const Property<Interface>> m_properties;
+    const IID m_iid;
 };
 
 /// "0x80004005" and, where a user can do something about it, what it means.

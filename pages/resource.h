@@ -12,6 +12,8 @@
 // Every page: shown in place of all the rest, and the line for messages.
 #define IDC_NOT_AVAILABLE 200
 #define IDC_MESSAGE 201
+#define IDC_REVERT 202
+#define IDC_LIVE 203
 
 // One after the other, in the order of the interface's properties.
 #define IDC_YOFF 210
@@ -29,6 +31,14 @@
 #define IDC_BMIN 222
 #define IDC_BMAX 223
 #define IDC_DEFAULT 224
+#define IDC_MATRIX 225
+#define IDC_MATRIX_NOTE 226
+// What the card makes of each coefficient.
+#define IDC_Y1_CARD 260
+#define IDC_R1_CARD 261
+#define IDC_G1_CARD 262
+#define IDC_G2_CARD 263
+#define IDC_B1_CARD 264
 
 // Red, green, blue in each group of three.
 #define IDC_RED_GAIN 230
@@ -50,5 +60,14 @@
 #define IDC_UNITY 246
 #define IDC_ANALYZE 247
 #define IDC_MEAN 248
+#define IDC_MEAN_NOTE 249
+#define IDC_ZERO_OFFSETS 251
+// What the card makes of each gain and offset.
+#define IDC_RED_GAIN_CARD 252
+#define IDC_GREEN_GAIN_CARD 253
+#define IDC_BLUE_GAIN_CARD 254
+#define IDC_RED_OFFSET_CARD 255
+#define IDC_GREEN_OFFSET_CARD 256
+#define IDC_BLUE_OFFSET_CARD 257
 
 #define IDC_BITS 250

@@ -93,11 +93,15 @@ TEST_F(GainPage, RangesAreThoseOfTheRecord) {
     for (int color = 0; color < 3; ++color) {
         const HWND bar = m_host.control(IDC_RED_SLIDER + color);
         EXPECT_EQ(SendMessageW(bar, TBM_GETRANGEMIN, 0, 0), 0);
-        EXPECT_EQ(SendMessageW(bar, TBM_GETRANGEMAX, 0, 0), 3999);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETRANGEMAX, 0, 0), 4000);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETNUMTICS, 0, 0), 3) << "both ends and 1";
+        EXPECT_EQ(SendMessageW(bar, TBM_GETTIC, 0, 0), 1000);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETLINESIZE, 0, 0), 1);
+        EXPECT_EQ(SendMessageW(bar, TBM_GETPAGESIZE, 0, 0), 50);
         int least = 0, most = 0;
         SendMessageW(m_host.control(IDC_RED_SPIN + color), UDM_GETRANGE32, reinterpret_cast<WPARAM>(&least),
                      reinterpret_cast<LPARAM>(&most));
-        EXPECT_EQ(least, -127);
+        EXPECT_EQ(least, -128);
         EXPECT_EQ(most, 127);
         EXPECT_EQ(SendMessageW(m_host.control(IDC_RED_SPIN + color), UDM_GETBUDDY, 0, 0),
                   reinterpret_cast<LRESULT>(m_host.control(IDC_RED_OFFSET + color)));
@@ -114,13 +118,19 @@ TEST_F(GainPage, SliderAndEditAreInStep) {
     EXPECT_EQ(slider(2), 500);
     EXPECT_EQ(m_host.text(IDC_BLUE_GAIN), L"0.5") << "what is being typed is left alone";
     m_host.type(IDC_BLUE_GAIN, L"9");
-    EXPECT_EQ(slider(2), 500) << "a number that is none of its range moves nothing";
+    EXPECT_EQ(slider(2), 4000) << "as far as it goes";
+    drag(2, 4000);
+    EXPECT_EQ(m_host.text(IDC_BLUE_GAIN), L"9") << "a slider that stands still changes nothing";
+    m_host.type(IDC_BLUE_GAIN, L"9x");
+    EXPECT_EQ(slider(2), 4000);
     drag(2, 0);
     EXPECT_EQ(m_host.text(IDC_BLUE_GAIN), L"0.000");
     SendMessageW(m_host.control(IDC_RED_SLIDER), WM_KEYDOWN, VK_RIGHT, 1);
-    EXPECT_EQ(m_host.text(IDC_RED_GAIN), L"1.010") << "an arrow key goes a hundredth";
+    EXPECT_EQ(m_host.text(IDC_RED_GAIN), L"1.001") << "an arrow key goes a thousandth";
+    SendMessageW(m_host.control(IDC_RED_SLIDER), WM_KEYDOWN, VK_NEXT, 1);
+    EXPECT_EQ(m_host.text(IDC_RED_GAIN), L"1.051") << "a page key fifty";
     EXPECT_EQ(m_host.apply(), S_OK);
-    EXPECT_EQ(m_double.gains[0], 1.01f);
+    EXPECT_EQ(m_double.gains[0], 1.051f);
     EXPECT_EQ(m_double.gains[1], 2.345f);
     EXPECT_EQ(m_double.gains[2], 0.0f);
 }
@@ -148,7 +158,8 @@ TEST_F(GainPage, LinkedGainsKeepTheirProportions) {
     drag(0, 1500);
     EXPECT_EQ(gains(), (Texts{L"1.500", L"3.000", L"0.750"})) << "a white balance stays one";
     drag(0, 3000);
-    EXPECT_EQ(gains(), (Texts{L"3.000", L"3.999", L"1.500"})) << "as far as one can go";
+    EXPECT_EQ(gains(), (Texts{L"3.000", L"6.000", L"1.500"})) << "also where the slider ends";
+    EXPECT_EQ(slider(1), 4000);
     drag(0, 1000);
     EXPECT_EQ(gains(), (Texts{L"1.000", L"2.000", L"0.500"})) << "and back";
     drag(0, 0);
@@ -250,12 +261,12 @@ TEST_F(GainPage, WrongNumbersAreMarkedNamedAndNotSent) {
         const wchar_t* typed;
         const wchar_t* message;
     } cases[] = {
-        {IDC_RED_GAIN, L"", L"Red gain: Please enter a number from 0.000 to 3.999."},
-        {IDC_GREEN_GAIN, L"1,5", L"Green gain: Please write a point before the decimals, not a comma."},
-        {IDC_BLUE_GAIN, L"4", L"Blue gain: Please enter a number from 0.000 to 3.999."},
-        {IDC_RED_OFFSET, L"-128", L"Red offset: Please enter a whole number from -127 to 127."},
-        {IDC_GREEN_OFFSET, L"ten", L"Green offset: This is not a whole number. Please enter one from -127 to 127."},
-        {IDC_BLUE_OFFSET, L"1.5", L"Blue offset: This is not a whole number. Please enter one from -127 to 127."}};
+        {IDC_RED_GAIN, L"", L"Red gain: Please enter a number from -8388607.5 to 8388607.5."},
+        {IDC_GREEN_GAIN, L"1..5", L"Green gain: This is not a number. Please enter one from -8388607.5 to 8388607.5."},
+        {IDC_BLUE_GAIN, L"8388608", L"Blue gain: Please enter a number from -8388607.5 to 8388607.5."},
+        {IDC_RED_OFFSET, L"-129", L"Red offset: Please enter a whole number from -128 to 127."},
+        {IDC_GREEN_OFFSET, L"ten", L"Green offset: This is not a whole number. Please enter one from -128 to 127."},
+        {IDC_BLUE_OFFSET, L"1.5", L"Blue offset: This is not a whole number. Please enter one from -128 to 127."}};
     for (const auto& [id, typed, message] : cases) {
         SCOPED_TRACE(id);
         const std::wstring before = m_host.text(id);
@@ -289,29 +300,141 @@ TEST_F(GainPage, AnalyzeShowsGainsAndMeansAndWaitsForApply) {
     EXPECT_EQ(gains(), (Texts{L"2.000", L"2.760", L"3.340"}));
 }
 
-TEST_F(GainPage, InfiniteGainIsShownAndCannotBeApplied) {
+TEST_F(GainPage, EveryGainThatIsFoundCanBeApplied) {
+    showPicture(PictureKind::Tinted);
+    m_registry.setDword(kSettings, L"VideoFormat", 1);
+    ASSERT_EQ(makeFilter(), S_OK);
+    const auto csc = query<IKestraStreamPropCSC>(m_filter.get(), IID_IKestraStreamPropCSC);
+    ASSERT_EQ(csc->put_B1(8), S_OK); // leaves hardly any blue
+    openOn(CLSID_KestraStreamPropRGB, m_filter.get());
+    m_host.click(IDC_ANALYZE);
+    const float blue = std::stof(m_host.text(IDC_BLUE_GAIN));
+    EXPECT_GT(blue, 10.0f) << "far beyond the slider";
+    EXPECT_EQ(m_host.text(IDC_MESSAGE),
+              L"Blue gain: This is beyond 0 to 4, where the slider ends. It can be applied all the same.");
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_NEAR(m_card.state().converter.blueGain, blue * 256, 1);
+}
+
+TEST_F(GainPage, InfiniteGainIsAppliedAsTheGreatestThatTheCardHolds) {
+    m_double.means[0] = m_double.means[1] = 9;
     m_double.foundGains[2] = std::numeric_limits<float>::infinity();
     openOnDouble(CLSID_KestraStreamPropRGB);
     m_host.click(IDC_ANALYZE);
     EXPECT_EQ(gains(), (Texts{L"1.000", L"1.000", L"inf"}));
-    EXPECT_TRUE(m_host.isMarked(IDC_BLUE_GAIN));
-    EXPECT_EQ(m_host.apply(), E_INVALIDARG);
-    EXPECT_TRUE(m_double.puts.empty());
+    EXPECT_EQ(m_host.text(IDC_BLUE_GAIN_CARD), L"= 8388607.500");
+    EXPECT_FALSE(m_host.isMarked(IDC_BLUE_GAIN));
+    EXPECT_EQ(slider(2), 4000);
+    EXPECT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_double.gains[2], 8388607.5f);
 }
 
-TEST_F(GainPage, FailedAnalysisIsReportedAndChangesNothing) {
+TEST_F(GainPage, OffsetOfMinus128IsTheRecordsAndNoneOnTheCard) {
     openOnFilter(CLSID_KestraStreamPropRGB);
+    m_host.type(IDC_RED_OFFSET, L"-128");
+    EXPECT_FALSE(m_host.isMarked(IDC_RED_OFFSET));
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET_CARD), L"= 0");
+    EXPECT_EQ(m_host.text(IDC_MESSAGE),
+              L"Red offset: This is beyond -127 to 127, which the card can hold. It can be applied all the same.");
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_card.state().converter.redOffset, 0x80);
+    const auto rgb = query<IKestraStreamPropRGBGainOffset>(m_filter.get(), IID_IKestraStreamPropRGBGainOffset);
+    signed char offset = 0;
+    EXPECT_EQ(rgb->get_RedOffset(&offset), S_OK);
+    EXPECT_EQ(offset, -128);
+    m_host.leave();
+    m_host.comeBack();
+    EXPECT_EQ(m_host.text(IDC_RED_OFFSET), L"-128");
+    m_host.type(IDC_GREEN_GAIN, L"2");
+    EXPECT_EQ(m_host.apply(), S_OK) << "it blocks no other field";
+}
+
+TEST_F(GainPage, WhatIsNotEditedStaysOnTheCardHoweverOftenAnotherFieldIsApplied) {
+    m_registry.setDword(kSettings, L"VideoFormat", 1);
+    ASSERT_EQ(makeFilter(), S_OK);
+    const auto rgb = query<IKestraStreamPropRGBGainOffset>(m_filter.get(), IID_IKestraStreamPropRGBGainOffset);
+    rgb->put_GreenGain(297.0f / 256);
+    rgb->put_BlueGain(-1000.125f);
+    rgb->put_GreenOffset(-128);
+    wire::Converter expected = m_card.state().converter;
+    for (int8_t round = 1; round <= 10; ++round) {
+        openOn(CLSID_KestraStreamPropRGB, m_filter.get());
+        m_card.clearLog();
+        m_host.type(IDC_RED_OFFSET, std::to_wstring(round));
+        ASSERT_EQ(m_host.apply(), S_OK);
+        expected.redOffset = uint8_t(round);
+        ASSERT_EQ(sent().size(), 1u);
+        EXPECT_TRUE(same(sent()[0], expected)) << "round " << int(round);
+        m_host.close();
+    }
+}
+
+TEST_F(GainPage, AnalysisWithoutAPictureSaysSoAndLeavesTheGainsAlone) {
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    m_host.type(IDC_RED_GAIN, L"1.25");
     m_card.failNext(wire::kSnap, kStatusInsufficientResources);
     m_host.click(IDC_ANALYZE);
-    EXPECT_EQ(m_host.text(IDC_MESSAGE),
-              L"The picture could not be analyzed. Please look at the input signal and the log (0x80004005).");
-    EXPECT_EQ(gains(), (Texts{L"1.000", L"1.000", L"1.000"}));
     EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
-    EXPECT_FALSE(m_host.isDirty());
-    m_host.type(IDC_RED_OFFSET, L"1");
-    EXPECT_EQ(m_host.text(IDC_MESSAGE), L"") << "gone with the next change";
+    EXPECT_EQ(m_host.text(IDC_MEAN_NOTE), L"There was no picture to measure, or it is black.");
+    EXPECT_EQ(gains(), (Texts{L"1.25", L"1.000", L"1.000"}));
+    EXPECT_EQ(m_host.text(IDC_MESSAGE), L"");
     m_host.click(IDC_ANALYZE);
-    EXPECT_NE(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
+    const std::wstring found = m_host.text(IDC_MEAN);
+    EXPECT_NE(found, L"Mean RGB = {0,0,0}");
+    EXPECT_EQ(m_host.text(IDC_MEAN_NOTE), L"");
+    m_card.setSignal(kNoSignal);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}");
+    EXPECT_EQ(m_host.text(IDC_MEAN_NOTE), L"There was no picture to measure, or it is black. Before: " + found);
+    EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+}
+
+TEST_F(GainPage, MeansOutliveAVisitToAnotherPageAndAreOldAfterAFailure) {
+    m_double.means[0] = 167;
+    m_double.means[1] = 121;
+    m_double.means[2] = 100;
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_ANALYZE);
+    m_host.leave();
+    m_host.comeBack();
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {167,121,100}");
+    m_double.analysisResult = HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {167,121,100} (old)");
+    m_host.close();
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    EXPECT_EQ(m_host.text(IDC_MEAN), L"Mean RGB = {0,0,0}") << "another session of the page";
+}
+
+TEST_F(GainPage, AnalysisOffersToSetTheOffsetsToZero) {
+    showPicture(PictureKind::Tinted);
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    m_host.type(IDC_GREEN_OFFSET, L"-9");
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(m_host.text(IDC_GREEN_OFFSET), L"-9") << "unless it is asked for";
+    EXPECT_EQ(m_host.text(IDC_MEAN_NOTE), L"The gains are for offsets of 0.");
+    m_host.click(IDC_ZERO_OFFSETS);
+    EXPECT_EQ(m_host.text(IDC_GREEN_OFFSET), L"-9") << "with the gains, not before";
+    m_host.click(IDC_ANALYZE);
+    EXPECT_EQ(m_host.text(IDC_GREEN_OFFSET), L"0");
+    EXPECT_EQ(m_host.text(IDC_MEAN_NOTE), L"");
+    ASSERT_EQ(m_host.apply(), S_OK);
+    EXPECT_EQ(m_card.state().converter.greenOffset, 0);
+}
+
+TEST_F(GainPage, LivePreviewFollowsTheSliderAndCancelPutsItBack) {
+    openOnFilter(CLSID_KestraStreamPropRGB);
+    m_host.click(IDC_LIVE);
+    m_host.click(IDC_LINK);
+    drag(0, 2000);
+    const wire::Converter now = m_card.state().converter;
+    EXPECT_EQ(now.redGain, 512);
+    EXPECT_EQ(now.greenGain, 512) << "all three in one record";
+    EXPECT_EQ(sent().size(), 1u);
+    m_host.click(IDC_ANALYZE);
+    EXPECT_NE(m_card.state().converter.redGain, 512) << "what was found is shown too";
+    m_host.close();
+    EXPECT_TRUE(same(m_card.state().converter, wire::toWire(wire::kDefaultConverter)));
 }
 
 TEST_F(GainPage, MissingImageLibraryIsNamed) {
@@ -390,16 +513,17 @@ TEST_F(GainPage, WhatWasSetSurvivesAVisitToAnotherPage) {
 TEST_F(GainPage, TabAndAccessKeysReachEverything) {
     openOnDouble(CLSID_KestraStreamPropRGB);
     EXPECT_EQ(m_host.tabOrder(),
-              (std::vector<int>{IDC_RED_SLIDER, IDC_RED_GAIN, IDC_GREEN_SLIDER, IDC_GREEN_GAIN, IDC_BLUE_SLIDER,
-                                IDC_BLUE_GAIN, IDC_LINK, IDC_UNITY, IDC_RED_OFFSET, IDC_RED_ZERO, IDC_GREEN_OFFSET,
-                                IDC_GREEN_ZERO, IDC_BLUE_OFFSET, IDC_BLUE_ZERO, IDC_ANALYZE}));
+              (std::vector<int>{IDC_RED_GAIN, IDC_RED_SLIDER, IDC_GREEN_GAIN, IDC_GREEN_SLIDER, IDC_BLUE_GAIN,
+                                IDC_BLUE_SLIDER, IDC_LINK, IDC_UNITY, IDC_RED_OFFSET, IDC_RED_ZERO, IDC_GREEN_OFFSET,
+                                IDC_GREEN_ZERO, IDC_BLUE_OFFSET, IDC_BLUE_ZERO, IDC_ANALYZE, IDC_ZERO_OFFSETS,
+                                IDC_REVERT, IDC_LIVE}));
     std::wstring keys = accessKeys();
     std::sort(keys.begin(), keys.end());
     EXPECT_EQ(std::adjacent_find(keys.begin(), keys.end()), keys.end());
     EXPECT_EQ(keys.find_first_of(L"AH"), std::wstring::npos) << "Apply and Help are the frame's";
-    EXPECT_EQ(keys.size(), 12u);
-    const std::pair<wchar_t, int> expected[] = {{L'r', IDC_RED_SLIDER},   {L'g', IDC_GREEN_SLIDER},
-                                                {L'b', IDC_BLUE_SLIDER},  {L'd', IDC_RED_OFFSET},
+    EXPECT_EQ(keys.size(), 15u);
+    const std::pair<wchar_t, int> expected[] = {{L'r', IDC_RED_GAIN},     {L'g', IDC_GREEN_GAIN},
+                                                {L'b', IDC_BLUE_GAIN},    {L'd', IDC_RED_OFFSET},
                                                 {L'n', IDC_GREEN_OFFSET}, {L'u', IDC_BLUE_OFFSET}};
     for (const auto& [letter, id] : expected) {
         SetFocus(m_host.control(IDC_ANALYZE));

@@ -62,7 +62,8 @@ HRESULT PageHost::open(ComRef<IPropertyPage> page, IUnknown* object) {
 HRESULT PageHost::activate() {
     const RECT place{0, 0, m_size.cx, m_size.cy};
     const HRESULT hr = m_page->Activate(m_frame, &place, FALSE);
-    m_dialog = SUCCEEDED(hr) ? GetWindow(m_frame, GW_CHILD) : nullptr;
+    const HWND first = SUCCEEDED(hr) ? GetWindow(m_frame, GW_CHILD) : nullptr;
+    m_dialog = first ? GetWindow(first, GW_HWNDLAST) : nullptr; // the newest, should two pages be open
     return hr;
 }
 
