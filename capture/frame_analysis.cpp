@@ -89,8 +89,13 @@ private:
 /// the buffers of a running capture away, which then ends when its own signal comes back.
 bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) noexcept {
     TarnisCameraStatus live{};
-    return TARNIS_GetCameraStatus(grabber, kPort, &live) == TARNIS_SUCCESS && live.width == prepared.width &&
-           live.height == prepared.height && live.signalFlags == prepared.signalFlags;
+    if (TARNIS_GetCameraStatus(grabber, kPort, &live) == TARNIS_SUCCESS && live.width == prepared.width &&
+        live.height == prepared.height && live.signalFlags == prepared.signalFlags)
+        return true;
+    KESTRA_LOG(kUnit, __func__, LOG_ERROR, live.signalFlags,
+               L"no frame to analyse: %ux%u is not what is being captured", unsigned{live.width},
+               unsigned{live.height});
+    return false;
 }
 
 /// Captures one raw frame. @return null: `hr` says why
@@ -121,11 +126,7 @@ HRESULT analyzeLiveFrame(TARNIS_HANDLE grabber, ColorControls& colors, bool isGr
     if (!library) return kImageLibraryMissing;
     Memory raw;
     HRESULT hr = colors.withNeutralGains([&] {
-        if (isGrabbing && !isStillPrepared(grabber, cameraData.status)) {
-            KESTRA_LOG(kUnit, __func__, LOG_ERROR, 0,
-                       L"no frame to analyse: another signal than the one being captured");
-            return E_FAIL;
-        }
+        if (isGrabbing && !isStillPrepared(grabber, cameraData.status)) return E_FAIL;
         const DmaAccess access(grabber);
         HRESULT snapped = S_OK;
         raw = snap(grabber, cameraData, snapped);

@@ -144,7 +144,8 @@ HRESULT NumberPage::send(bool withEdits) {
 /// While it is live, what stands in the fields goes to the card, all of it or nothing.
 void NumberPage::preview() {
     const auto counts = [](const State& state) { return state.edited || state.before; };
-    if (!m_live || !m_available || firstBad() < m_fields.size() || std::none_of(m_states.begin(), m_states.end(), counts))
+    if (!m_live || !m_available || firstBad() < m_fields.size() ||
+        std::none_of(m_states.begin(), m_states.end(), counts))
         return;
     for (size_t i = 0; i < m_fields.size(); ++i) {
         State& state = m_states[i];
@@ -245,7 +246,9 @@ void NumberPage::changed(size_t field, bool byUser) {
     if (m_Dlg) {
         const NumberField& f = m_fields[field];
         InvalidateRect(GetDlgItem(m_Dlg, f.id), nullptr, TRUE);
-        if (f.cardId) SetDlgItemTextW(m_Dlg, f.cardId, isGood(field) ? cardText(f, value(field)).c_str() : L"");
+        if (f.cardId)
+            SetDlgItemTextW(m_Dlg, f.cardId,
+                            isGood(field) ? cardText(f, value(field), m_states[field].text).c_str() : L"");
     }
     fieldChanged(field, byUser);
 }

@@ -103,9 +103,11 @@ std::wstring explain(const NumberField& field, NumberFault fault) {
     return name + L"Please enter " + kind + range;
 }
 
-std::wstring cardText(const NumberField& field, double value) {
+std::wstring cardText(const NumberField& field, double value, std::wstring_view text) {
     const double kept = field.onCard ? field.onCard(value) : value;
-    return kept == value || std::isnan(value) ? std::wstring() : L"= " + textOf(field, kept);
+    if (kept == value || std::isnan(value)) return {};
+    const std::wstring shown = textOf(field, kept);
+    return shown == text ? std::wstring() : L"= " + shown;
 }
 
 std::wstring warn(const NumberField& field, double value) {

@@ -44,8 +44,8 @@ std::wstring textOf(const NumberField& field, double value);
 
 /// Tells a user what to type instead: one or two short sentences.
 std::wstring explain(const NumberField& field, NumberFault fault);
-/// "= " and what the card makes of a value; empty: just that value.
-std::wstring cardText(const NumberField& field, double value);
+/// "= " and what the card makes of a value; empty: just that value, or what its text says already.
+std::wstring cardText(const NumberField& field, double value, std::wstring_view text);
 /// Tells a user that a value that is taken is beyond the usual ones; empty: it is not.
 std::wstring warn(const NumberField& field, double value);
 

@@ -1,7 +1,7 @@
 // The converter's matrix as the television standards define it: for the property page and for tools. Portable; pure.
 #pragma once
 
-#include "device/wire.h"
+#include "protocol/converter.h"
 
 #include <array>
 #include <cstddef>
@@ -52,8 +52,10 @@ constexpr ConverterMatrix converterMatrix(LumaWeights weights, SampleRange range
     const bool studio = range == SampleRange::Studio;
     const double luma = studio ? 255.0 / 219 : 1, chroma = studio ? 255.0 / 224 : 1;
     const double kr = weights.kr, kb = weights.kb, kg = 1 - kr - kb;
-    const auto rounded = [](double v) { // as the float that the record holds
-        return static_cast<double>(static_cast<float>(static_cast<double>(static_cast<int>(v * 1000 + 0.5)) / 1000));
+    const auto rounded = [](double v) {
+        const int thousandths =
+            static_cast<int>(v * 1000 + 0.5); // NOLINT(bugprone-incorrect-roundings): none is below 0
+        return static_cast<double>(static_cast<float>(thousandths / 1000.0)); // as the record holds it
     };
     return {studio ? 64.0 : 0.0,
             512,

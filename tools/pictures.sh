@@ -1,24 +1,29 @@
-# ./kestra pictures: shows every property page in each of its states and keeps pictures of them in docs/pages, at 96 dots
-# per inch and, of the ordinary states, at 144. Fails if a text is cut. Sourced by ./kestra.
+# ./kestra pictures: shows every property page of the real filters, on the simulated card, in each of its states and keeps
+# pictures of them in docs/pages, at 100 % and, of the ordinary states, at 150 %. Fails if a text is cut. Sourced by
+# ./kestra.
 
 # pictures_take DPI SUFFIX FOLDER: the pictures of one resolution, as bitmaps.
 pictures_take() {
     local desktop='HKCU\Control Panel\Desktop'
     "$root/tools/run-windows" reg.exe add "$desktop" /v LogPixels /t REG_DWORD /d "$1" /f > /dev/null
-    timeout 120 "$root/tools/run-windows" "$windows_build/tests/com/page_pictures.exe" "Z:${3//\//\\}" "$2" < /dev/null ||
-        die "at $1 dots per inch a page is not as it should be (above)"
+    timeout 120 "$root/tools/run-windows" "$windows_build/tests/com/page_pictures.exe" "$1" "Z:${3//\//\\}" "$2" \
+        < /dev/null || die "at $1 dots per inch a page is not as it should be (above)"
 }
 
 verb_pictures() {
     setup
-    build_preset windows page_pictures
+    build_preset windows page_pictures kestrasimctl kestrasim
     session_start
+    "$root/tests/support/simulated-card" install "$windows_build/simcard/kestrasimctl.exe" \
+        "$windows_build/simcard/kestrasim.inf" > /dev/null
     step "the property pages at 96 and 144 dots per inch"
     local folder=$root/build/pictures bitmap name
     rm -rf "$folder"
     mkdir -p "$folder" "$root/docs/pages"
     pictures_take 144 -144 "$folder"
     pictures_take 96 '' "$folder"
+    "$root/tests/support/simulated-card" remove "$windows_build/simcard/kestrasimctl.exe" > /dev/null
+    rm -f "$root"/docs/pages/*.png
     for bitmap in "$folder"/*.bmp; do
         name=$(basename "$bitmap" .bmp)
         case $name in

@@ -1,9 +1,6 @@
 // The page "Audio Format".
-#include "tests/com/sink_filter.h"
-
+#include "tests/com/page_audio_graph.h"
 #include "tests/com/page_test.h"
-
-#include <mmreg.h>
 
 #include <atomic>
 #include <thread>
@@ -23,34 +20,6 @@ protected:
         SendMessageW(m_host.dialog(), WM_COMMAND, MAKEWPARAM(IDC_BITS, CBN_SELCHANGE),
                      reinterpret_cast<LPARAM>(m_host.control(IDC_BITS)));
     }
-};
-
-/// The audio filter in the system's graph, beside a receiver of ours.
-struct AudioGraph {
-    explicit AudioGraph(const ComModule& module) {
-        module.create(CLSID_KestraAudioCapture, IID_IBaseFilter, reinterpret_cast<void**>(filter.out()));
-        pin = onlyPin(filter.get());
-        CoCreateInstance(CLSID_FilterGraph, nullptr, CLSCTX_INPROC_SERVER, IID_IGraphBuilder,
-                         reinterpret_cast<void**>(graph.out()));
-        if (!isMade()) return;
-        graph->AddFilter(filter.get(), L"Audio");
-        graph->AddFilter(sink.get(), L"Sink");
-    }
-    bool isMade() const { return filter && pin && graph; }
-    bool connect() const { return graph->ConnectDirect(pin.get(), &sink->pin, nullptr) == S_OK; }
-    /// Bits a sample of what the pin offers now.
-    int bits() const {
-        const auto config = query<IAMStreamConfig>(pin.get(), IID_IAMStreamConfig);
-        AM_MEDIA_TYPE* type = nullptr;
-        if (!config || FAILED(config->GetFormat(&type))) return 0;
-        const int found = reinterpret_cast<WAVEFORMATEX*>(type->pbFormat)->wBitsPerSample;
-        DeleteMediaType(type);
-        return found;
-    }
-    ComRef<SinkFilter> sink = SinkFilter::create();
-    ComRef<IBaseFilter> filter;
-    ComRef<IPin> pin;
-    ComRef<IGraphBuilder> graph;
 };
 
 /// Presses OK in every message box that comes up while the object lives, and keeps what it said.
@@ -288,19 +257,35 @@ TEST_F(AudioPage, ObjectWithoutAudioFormatIsRefused) {
     EXPECT_EQ(page->SetObjects(1, &object), E_NOINTERFACE);
 }
 
-TEST_F(AudioPage, NoTextIsCutAt96And144Dpi) {
-    for (const int dpi : {96, 120, 144, 192}) {
-        const DialogsForDpi scaled(m_module.handle(), {102}, dpi);
-        openAudio();
-        EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
-        // A narrower label, and a control that hangs out, would have been found.
-        const auto children = m_host.children();
-        SetWindowPos(children[1], nullptr, 0, 0, 60, 9, SWP_NOMOVE | SWP_NOZORDER);
-        EXPECT_EQ(m_host.cutTexts().size(), 1u);
-        SetWindowPos(children[0], nullptr, -5, 0, 0, 0, SWP_NOSIZE | SWP_NOZORDER);
-        EXPECT_EQ(m_host.cutTexts().size(), 2u);
-        m_host.close();
-    }
+TEST_F(AudioPage, NoTextIsCutAndNoControlHidesAnother) {
+    openAudio();
+    EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+    // A narrower label, a control that hangs out and one that hides another would have been found.
+    const auto children = m_host.children();
+    SetWindowPos(children[1], nullptr, 0, 0, 60, 9, SWP_NOMOVE | SWP_NOZORDER);
+    EXPECT_EQ(m_host.cutTexts().size(), 1u);
+    SetWindowPos(children[0], nullptr, -5, 0, 0, 0, SWP_NOSIZE | SWP_NOZORDER);
+    EXPECT_EQ(m_host.cutTexts().size(), 2u);
+    RECT list;
+    GetWindowRect(m_host.control(IDC_BITS), &list);
+    MapWindowPoints(nullptr, m_host.dialog(), reinterpret_cast<POINT*>(&list), 2);
+    SetWindowPos(children[1], nullptr, list.left, list.top, 60, 9, SWP_NOZORDER);
+    EXPECT_EQ(m_host.cutTexts().size(), 3u);
+}
+
+TEST_F(AudioPage, ShownManyTimesItLeavesNoHandle) {
+    openAudio();
+    const auto cycle = [&] {
+        choose(1);
+        m_host.leave();
+        m_host.comeBack();
+    };
+    cycle();
+    const GuiCounts before = guiCounts();
+    for (int i = 0; i < 50; ++i)
+        cycle();
+    EXPECT_LE(guiCounts().gdiObjects, before.gdiObjects);
+    EXPECT_EQ(guiCounts().windows, before.windows);
 }
 
 } // namespace kestra::test

@@ -613,44 +613,50 @@ TEST_F(ConverterPage, AccessKeysLeadToEveryField) {
 }
 
 TEST_F(ConverterPage, EveryEditHasItsLabelRightBeforeIt) {
-    openOnDouble(CLSID_KestraStreamPropCSC); // which is how a screen reader finds an edit's name
-    for (const int id : kEdits) {
-        const HWND label = GetWindow(m_host.control(id), GW_HWNDPREV);
-        wchar_t kind[16], text[16];
-        GetClassNameW(label, kind, 16);
-        GetWindowTextW(label, text, 16);
-        EXPECT_STREQ(kind, L"Static") << id;
-        EXPECT_NE(wcschr(text, L'&'), nullptr) << id;
-    }
+    openOnDouble(CLSID_KestraStreamPropCSC);
+    for (const int id : kEdits)
+        EXPECT_NE(labelOf(id).find(L'&'), std::wstring::npos) << id;
 }
 
-TEST_F(ConverterPage, NoTextIsCutAt96And144Dpi) {
-    for (const int dpi : {96, 120, 144, 192}) {
-        const DialogsForDpi scaled(m_module.handle(), {145}, dpi);
-        for (const LONG available : {1, 0}) {
-            m_double.rgbOut = available;
-            openOnDouble(CLSID_KestraStreamPropCSC);
-            if (available) {
-                m_host.type(IDC_CROFF, L"1.0");
-                m_host.type(IDC_Y1, L"-127.996");
-            }
-            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
-            m_host.close();
+TEST_F(ConverterPage, NoTextIsCutAndNoControlHidesAnother) {
+    for (const LONG available : {1, 0}) {
+        m_double.rgbOut = available;
+        openOnDouble(CLSID_KestraStreamPropCSC);
+        if (available) {
+            m_host.type(IDC_YOFF, L"-2147483648");
+            m_host.type(IDC_Y1, L"-127.999");
+            m_host.type(IDC_B1, L"16383.999");
+            EXPECT_EQ(m_host.text(IDC_B1_CARD), L"= 16383.996");
+            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+            m_host.type(IDC_CROFF, L"1.0");
         }
+        EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+        m_host.close();
     }
 }
 
 TEST_F(ConverterPage, ShownManyTimesItLeavesNoHandle) {
-    openOnDouble(CLSID_KestraStreamPropCSC);
+    showPicture(PictureKind::Grey);
+    openOnFilter(CLSID_KestraStreamPropCSC);
     const auto cycle = [&] {
+        m_host.type(IDC_YOFF, L"x"); // marked, with a message
         m_host.leave();
         m_host.comeBack();
+        m_host.click(IDC_REVERT);
     };
     cycle();
+    const HBRUSH brush = CreateSolidBrush(RGB(1, 2, 3));
+    const GuiCounts withBrush = guiCounts();
+    DeleteObject(brush);
     const ProcessCounts before = processCounts();
+    const GuiCounts shown = guiCounts();
+    EXPECT_EQ(withBrush.gdiObjects, shown.gdiObjects + 1) << "the count counts";
+    EXPECT_GT(shown.windows, 30);
     for (int i = 0; i < 50; ++i)
         cycle();
     EXPECT_LE(processCounts().handles, before.handles);
+    EXPECT_LE(guiCounts().gdiObjects, shown.gdiObjects);
+    EXPECT_EQ(guiCounts().windows, shown.windows);
 }
 
 } // namespace kestra::test

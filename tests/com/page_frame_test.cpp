@@ -69,7 +69,7 @@ protected:
                 return frame && pageControl(frame, IDC_YOFF);
             }));
             if (frame) user(frame);
-            if (IsWindow(frame)) SendMessageW(frame, WM_COMMAND, IDCANCEL, 0);
+            if (IsWindow(frame)) press(frame, IDCANCEL);
         });
         IUnknown* object = m_filter.get();
         EXPECT_EQ(OleCreatePropertyFrame(nullptr, 0, 0, L"Kestra Capture Video", 1, &object, pages.cElems, pages.pElems,
@@ -82,7 +82,8 @@ protected:
     static HWND pageControl(HWND frame, int id) {
         return findBelow(frame, [&](HWND child) { return GetDlgCtrlID(child) == id && IsWindowVisible(child); });
     }
-    static void press(HWND frame, int id) { SendMessageW(frame, WM_COMMAND, MAKEWPARAM(id, BN_CLICKED), 0); }
+    /// Posted, as a click is: the frame looks whether it is over when its message loop has got a message.
+    static void press(HWND frame, int id) { PostMessageW(frame, WM_COMMAND, MAKEWPARAM(id, BN_CLICKED), 0); }
     static std::wstring textOf(HWND window) {
         wchar_t text[128] = L"";
         SendMessageW(window, WM_GETTEXT, 128, reinterpret_cast<LPARAM>(text));

@@ -510,6 +510,12 @@ TEST_F(GainPage, WhatWasSetSurvivesAVisitToAnotherPage) {
     EXPECT_EQ(gains(), (Texts{L"0.500", L"0.500", L"0.500"}));
 }
 
+TEST_F(GainPage, EveryEditHasItsLabelRightBeforeIt) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    for (int id = IDC_RED_GAIN; id <= IDC_BLUE_OFFSET; ++id)
+        EXPECT_NE(labelOf(id).find(L'&'), std::wstring::npos) << id;
+}
+
 TEST_F(GainPage, TabAndAccessKeysReachEverything) {
     openOnDouble(CLSID_KestraStreamPropRGB);
     EXPECT_EQ(m_host.tabOrder(),
@@ -536,29 +542,41 @@ TEST_F(GainPage, TabAndAccessKeysReachEverything) {
     EXPECT_EQ(IsDlgButtonChecked(m_host.dialog(), IDC_LINK), UINT(BST_CHECKED));
 }
 
-TEST_F(GainPage, NoTextIsCutAt96And144Dpi) {
+TEST_F(GainPage, NoTextIsCutAndNoControlHidesAnother) {
     for (int color = 0; color < 3; ++color) {
         m_double.means[color] = 255;
-        m_double.gains[color] = 3.999f;
-        m_double.offsets[color] = -127;
+        m_double.offsets[color] = -128;
+        m_double.foundGains[color] = std::numeric_limits<float>::infinity();
     }
-    for (const int dpi : {96, 120, 144, 192}) {
-        const DialogsForDpi scaled(m_module.handle(), {118}, dpi);
-        for (const LONG available : {1, 0}) {
-            m_double.rgbOut = available;
-            openOnDouble(CLSID_KestraStreamPropRGB);
-            m_double.analysisResult = S_OK;
+    for (const LONG available : {1, 0}) {
+        m_double.rgbOut = available;
+        openOnDouble(CLSID_KestraStreamPropRGB);
+        m_double.analysisResult = S_OK;
+        m_host.click(IDC_ANALYZE);
+        EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
+        for (const HRESULT failure : {E_FAIL, E_ACCESSDENIED, E_OUTOFMEMORY, HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)}) {
+            m_double.analysisResult = failure;
             m_host.click(IDC_ANALYZE);
-            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
-            for (const HRESULT failure :
-                 {E_FAIL, E_ACCESSDENIED, E_OUTOFMEMORY, HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)}) {
-                m_double.analysisResult = failure;
-                m_host.click(IDC_ANALYZE);
-                EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>()) << dpi << " dpi";
-            }
-            m_host.close();
+            EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
         }
+        m_host.close();
     }
+}
+
+TEST_F(GainPage, ShownManyTimesItLeavesNoHandle) {
+    openOnDouble(CLSID_KestraStreamPropRGB);
+    const auto cycle = [&] {
+        m_host.type(IDC_RED_GAIN, L"x");
+        m_host.leave();
+        m_host.comeBack();
+        m_host.click(IDC_ANALYZE);
+    };
+    cycle();
+    const GuiCounts before = guiCounts();
+    for (int i = 0; i < 50; ++i)
+        cycle();
+    EXPECT_LE(guiCounts().gdiObjects, before.gdiObjects);
+    EXPECT_EQ(guiCounts().windows, before.windows);
 }
 
 } // namespace kestra::test

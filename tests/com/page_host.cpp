@@ -1,6 +1,10 @@
 #include "tests/com/page_host.h"
 
+#include <commctrl.h>
+
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace kestra::test {
@@ -17,7 +21,7 @@ HWND frameWindow() {
         const HWND window = CreateDialogIndirectParamW(
             GetModuleHandleW(nullptr), &plain.head, nullptr,
             [](HWND, UINT, WPARAM, LPARAM) -> INT_PTR { return FALSE; }, 0);
-        SetWindowPos(window, nullptr, 0, 0, 960, 720, SWP_NOZORDER);
+        SetWindowPos(window, nullptr, 0, 0, 1270, 1010, SWP_NOZORDER);
         return window;
     }();
     return frame;
@@ -118,6 +122,7 @@ std::vector<HWND> PageHost::children() const {
 
 std::vector<std::wstring> PageHost::cutTexts() const {
     std::vector<std::wstring> cut;
+    std::vector<RECT> places; // of what must not lie upon each other
     RECT page;
     GetClientRect(m_dialog, &page);
     for (const HWND child : children()) {
@@ -133,7 +138,14 @@ std::vector<std::wstring> PageHost::cutTexts() const {
             // The list of a drop-down list hangs out of the dialog while it is closed.
             if (kind != L"ComboBox") cut.push_back(L"outside: " + kind + L" " + text);
         }
-        if (text.empty()) continue;
+        const bool holdsOthers = kind == L"Button" && (style & BS_TYPEMASK) == BS_GROUPBOX;
+        if (!holdsOthers && kind != UPDOWN_CLASSW) { // which lies in its edit
+            for (const RECT& other : places)
+                if (RECT both; IntersectRect(&both, &place, &other))
+                    cut.push_back(L"upon another: " + kind + L" " + text);
+            places.push_back(place);
+        }
+        if (text.empty() || kind == TRACKBAR_CLASSW) continue; // whose text is for screen readers
         const HDC dc = GetDC(child);
         const HGDIOBJ before = SelectObject(dc, reinterpret_cast<HFONT>(SendMessageW(child, WM_GETFONT, 0, 0)));
         RECT needed{0, 0, room.right, 0};
@@ -143,16 +155,26 @@ std::vector<std::wstring> PageHost::cutTexts() const {
         DrawTextW(dc, text.c_str(), -1, &needed, flags);
         TEXTMETRICW metrics;
         GetTextMetricsW(dc, &metrics);
-        SelectObject(dc, before);
-        ReleaseDC(child, dc);
         LONG extraWidth = 0;
         if (kind == L"Button") {
-            const bool group = (style & BS_TYPEMASK) == BS_GROUPBOX;
-            extraWidth = group ? 2 * metrics.tmAveCharWidth : metrics.tmAveCharWidth; // the button's own edges
-            if (group) needed.bottom = 0;
+            extraWidth = holdsOthers ? 2 * metrics.tmAveCharWidth : metrics.tmAveCharWidth; // the button's own edges
+            if ((style & BS_TYPEMASK) == BS_AUTOCHECKBOX && !(style & BS_PUSHLIKE))
+                extraWidth += MulDiv(13, GetDeviceCaps(dc, LOGPIXELSX), 96); // the box
+            if (holdsOthers) needed.bottom = 0;
         }
         if (kind == L"Edit") extraWidth = 4;
         if (kind == L"ComboBox") extraWidth = GetSystemMetrics(SM_CXVSCROLL) + 4;
+        if (kind == L"ComboBox") { // whichever entry is chosen
+            wchar_t entry[128];
+            for (LRESULT i = SendMessageW(child, CB_GETCOUNT, 0, 0); i-- > 0;) {
+                RECT widest{};
+                SendMessageW(child, CB_GETLBTEXT, WPARAM(i), reinterpret_cast<LPARAM>(entry));
+                DrawTextW(dc, entry, -1, &widest, flags);
+                needed.right = std::max(needed.right, widest.right);
+            }
+        }
+        SelectObject(dc, before);
+        ReleaseDC(child, dc);
         if (needed.right + extraWidth > room.right || needed.bottom > room.bottom)
             cut.push_back(kind + L" " + text + L": needs " + std::to_wstring(needed.right + extraWidth) + L"x" +
                           std::to_wstring(needed.bottom) + L", has " + std::to_wstring(room.right) + L"x" +
@@ -210,28 +232,51 @@ STDMETHODIMP PageHost::GetLocaleID(LCID* id) {
     return S_OK;
 }
 
-DialogsForDpi::DialogsForDpi(HMODULE module, std::vector<int> dialogs, int dpi) {
-    for (const int dialog : dialogs) {
-        const HRSRC resource = FindResourceW(module, MAKEINTRESOURCEW(dialog), MAKEINTRESOURCEW(5)); // RT_DIALOG
-        if (!resource) continue;
-        auto* bytes = static_cast<BYTE*>(LockResource(LoadResource(module, resource)));
-        // An extended template: its head, menu and class (a number or none here), title, then the font's size.
-        auto* word = reinterpret_cast<WORD*>(bytes + 26);
-        for (int name = 0; name < 2; ++name)
-            word += *word == 0xFFFF ? 2 : 1;
-        while (*word != 0)
-            ++word;
-        ++word;
-        DWORD old;
-        VirtualProtect(word, sizeof *word, PAGE_READWRITE, &old);
-        m_before.emplace_back(word, *word);
-        *word = static_cast<WORD>(*word * dpi / 96);
-    }
+namespace {
+
+BOOL CALLBACK countOwn(HWND window, LPARAM count) {
+    DWORD process = 0;
+    GetWindowThreadProcessId(window, &process);
+    if (process != GetCurrentProcessId()) return TRUE;
+    ++*reinterpret_cast<int*>(count);
+    EnumChildWindows(
+        window,
+        [](HWND, LPARAM children) -> BOOL {
+            ++*reinterpret_cast<int*>(children);
+            return TRUE;
+        },
+        count);
+    return TRUE;
 }
 
-DialogsForDpi::~DialogsForDpi() {
-    for (const auto& [word, points] : m_before)
-        *word = points;
+/// Where GetGuiResources reports 0, as under Wine, the used entries of the process's own table.
+int countGdiObjects() {
+    if (const DWORD reported = GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS)) return int(reported);
+    constexpr size_t kTableInPeb = 0xF8, kEntries = 0x10000;
+    struct Entry {
+        uint64_t object;
+        uint32_t owner;
+        uint16_t unique;
+        uint8_t type, flags; // type 0: free
+        uint64_t user;
+    };
+    const auto currentPeb = reinterpret_cast<const std::byte*(WINAPI*)()>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetCurrentPeb")));
+    const std::byte* peb = currentPeb();
+    const Entry* table = nullptr;
+    std::memcpy(&table, peb + kTableInPeb, sizeof table);
+    int used = 0;
+    for (size_t i = 0; i < kEntries; ++i)
+        used += table[i].type != 0 ? 1 : 0;
+    return used;
+}
+
+} // namespace
+
+GuiCounts guiCounts() {
+    GuiCounts counts{countGdiObjects(), 0};
+    EnumWindows(countOwn, reinterpret_cast<LPARAM>(&counts.windows));
+    return counts;
 }
 
 } // namespace kestra::test

@@ -8,7 +8,6 @@
 #include <ocidl.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kestra::test {
@@ -46,7 +45,7 @@ public:
     std::vector<int> tabOrder() const;
     /// Every child window of the dialog.
     std::vector<HWND> children() const;
-    /// Texts that need more room than their control has.
+    /// Texts that need more room than their control has, and controls that hang out of the page or lie upon another.
     std::vector<std::wstring> cutTexts() const;
 
     // What a user does.
@@ -77,17 +76,10 @@ private:
     long m_references = 1;
 };
 
-/// Lets the module's dialogs be made as on a screen of that many dots per inch: a dialog's size follows its font's.
-/// For the life of an object.
-class DialogsForDpi {
-public:
-    DialogsForDpi(HMODULE module, std::vector<int> dialogs, int dpi);
-    ~DialogsForDpi();
-    DialogsForDpi(const DialogsForDpi&) = delete;
-    DialogsForDpi& operator=(const DialogsForDpi&) = delete;
-
-private:
-    std::vector<std::pair<WORD*, WORD>> m_before;
+/// What this process has of the system's windows and drawing objects.
+struct GuiCounts {
+    int gdiObjects, windows;
 };
+GuiCounts guiCounts();
 
 } // namespace kestra::test

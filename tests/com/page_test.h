@@ -86,6 +86,16 @@ protected:
         return keys;
     }
 
+    /// The text of the label right before a control, which is where a screen reader finds its name; empty: none is
+    /// there.
+    std::wstring labelOf(int id) const {
+        const HWND label = GetWindow(m_host.control(id), GW_HWNDPREV);
+        wchar_t kind[16], text[16];
+        GetClassNameW(label, kind, 16);
+        GetWindowTextW(label, text, 16);
+        return lstrcmpW(kind, L"Static") == 0 ? text : L"";
+    }
+
     TestSink m_sink;
     PageDouble m_double;
     PageHost m_host;

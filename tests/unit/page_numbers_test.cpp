@@ -141,10 +141,12 @@ TEST(PageNumbers, UnusualValuesAreTakenWithAWarning) {
 }
 
 TEST(PageNumbers, WhatTheCardMakesOfAValueIsShownWhenItDiffers) {
-    EXPECT_EQ(cardText(kGain, 100), L"");
-    EXPECT_EQ(cardText(kGain, 100.5), L"= 100.000");
-    EXPECT_EQ(cardText(kGain, std::numeric_limits<double>::quiet_NaN()), L"");
-    EXPECT_EQ(cardText(kOffset, -128), L"") << "has no rule";
+    EXPECT_EQ(cardText(kGain, 100, L"100"), L"");
+    EXPECT_EQ(cardText(kGain, 100.5, L"100.5"), L"= 100.000");
+    EXPECT_EQ(cardText(kGain, 100.0001, L"100.0001"), L"= 100.000");
+    EXPECT_EQ(cardText(kGain, 100.0001, L"100.000"), L"") << "it says so already";
+    EXPECT_EQ(cardText(kGain, std::numeric_limits<double>::quiet_NaN(), L"nan"), L"");
+    EXPECT_EQ(cardText(kOffset, -128, L"-128"), L"") << "has no rule";
 }
 
 } // namespace kestra::test
