@@ -1,11 +1,9 @@
 // Enumeration through the device-installation service.
 #include "device/device_enumerator.h"
 
-#include "device/win32_handles.h"
 #include "log/log.h"
 #include "protocol/requests.h"
-
-#include <setupapi.h>
+#include "win32/device_set.h"
 
 #include <algorithm>
 #include <cstring>
@@ -18,21 +16,6 @@ namespace {
 constexpr LogUnit kUnit{"DeviceEnumerator", L".\\DeviceInit.cpp"};
 constexpr char kEnumerate[] = "CDeviceEnumerator::EnumerateDevice";
 constexpr DWORD kDetailFixedBytes = 8; // of the detail record on a 64-bit system
-
-/// Owns a device information set.
-class InformationSet {
-public:
-    explicit InformationSet(HDEVINFO set) noexcept : m_set(set) {}
-    ~InformationSet() {
-        if (m_set != INVALID_HANDLE_VALUE) SetupDiDestroyDeviceInfoList(m_set);
-    }
-    InformationSet(const InformationSet&) = delete;
-    InformationSet& operator=(const InformationSet&) = delete;
-    HDEVINFO get() const noexcept { return m_set; }
-
-private:
-    HDEVINFO m_set;
-};
 
 /// Ends the calling thread's synchronous requests that take longer than a second each: a card that never answers must
 /// not hold up the enumeration of the others. Without memory or a thread for it there is no limit.
@@ -106,9 +89,8 @@ CDeviceEnumerator::CDeviceEnumerator() {
 }
 
 void CDeviceEnumerator::EnumerateDevice(const GUID& interfaceClass, SlotInfo slotInfo) {
-    const InformationSet set(
-        SetupDiGetClassDevsW(&interfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
-    if (set.get() == INVALID_HANDLE_VALUE) {
+    const DeviceSet set(SetupDiGetClassDevsW(&interfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
+    if (!set) {
         lastError = GetLastError();
         status = TARNIS_FAILURE;
         KESTRA_LOG(kUnit, kEnumerate, LOG_ERROR, lastError, L"SetupDiGetClassDevs failed: GetLastError=%d(0x%X)",

@@ -1,6 +1,8 @@
 // The notifier's thread and window.
 #include "device/device_notifier.h"
 
+#include "win32/module.h"
+
 #include <vector>
 
 namespace kestra {
@@ -8,16 +10,9 @@ namespace {
 
 constexpr wchar_t kWindowClass[] = L"Brenna_DeviceNotification";
 
-HMODULE moduleOf(const void* address) noexcept {
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       static_cast<const wchar_t*>(address), &module);
-    return module;
-}
-
 /// Takes the window class along when the module goes.
 struct WindowClassGuard {
-    ~WindowClassGuard() { UnregisterClassW(kWindowClass, moduleOf(kWindowClass)); }
+    ~WindowClassGuard() { UnregisterClassW(kWindowClass, ownModule()); }
 } g_windowClassGuard;
 
 } // namespace
@@ -56,7 +51,7 @@ DWORD WINAPI DeviceNotifier::threadEntry(void* self) noexcept {
 }
 
 void DeviceNotifier::runMessageLoop() noexcept {
-    const HMODULE module = moduleOf(kWindowClass);
+    const HMODULE module = ownModule();
     WNDCLASSW windowClass{};
     if (!GetClassInfoW(module, kWindowClass, &windowClass)) {
         windowClass = {};

@@ -1,7 +1,7 @@
 // Tells of cards that come and go. A notifier owns a thread with a hidden window; callbacks run on that thread.
 #pragma once
 
-#include "device/win32_handles.h"
+#include "win32/handle.h"
 
 #include <windows.h>
 

@@ -7,9 +7,11 @@
 #include "device/device_notifier.h"
 #include "device/request_thread.h"
 #include "device/tarnis.h"
-#include "device/win32_handles.h"
 #include "log/log.h"
 #include "protocol/requests.h"
+#include "win32/handle.h"
+#include "win32/module.h"
+#include "win32/mutex_lock.h"
 
 #include <windows.h>
 

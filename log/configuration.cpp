@@ -3,6 +3,7 @@
 
 #include "log/engine.h"
 #include "log/platform.h"
+#include "win32/registry_key.h"
 
 #include <windows.h>
 
@@ -14,22 +15,6 @@ namespace {
 constexpr wchar_t kKeyPath[] = L"Software\\Quorvane\\TARNIS\\SDK\\Log";
 constexpr DWORD kMaxDirectoryBytes = 520;
 
-class UniqueKey {
-public:
-    UniqueKey() = default;
-    ~UniqueKey() {
-        if (m_key) RegCloseKey(m_key);
-    }
-    UniqueKey(const UniqueKey&) = delete;
-    UniqueKey& operator=(const UniqueKey&) = delete;
-    HKEY* put() noexcept { return &m_key; }
-    HKEY get() const noexcept { return m_key; }
-    explicit operator bool() const noexcept { return m_key != nullptr; }
-
-private:
-    HKEY m_key = nullptr;
-};
-
 template <class... Arguments>
 void debugPrint(const wchar_t* format, Arguments... arguments) noexcept {
     wchar_t text[160];
@@ -40,12 +25,12 @@ void debugPrint(const wchar_t* format, Arguments... arguments) noexcept {
 void openConfigurationKey(UniqueKey& key) noexcept {
     debugPrint(L"Open registry key\n");
     UniqueKey user;
-    LSTATUS status = RegOpenCurrentUser(KEY_READ, user.put());
+    LSTATUS status = RegOpenCurrentUser(KEY_READ, user.out());
     if (status != ERROR_SUCCESS) {
         debugPrint(L"RegOpenCurrentUser failed (%d)\n", static_cast<int>(status));
         return;
     }
-    status = RegOpenKeyExW(user.get(), kKeyPath, 0, KEY_READ, key.put());
+    status = RegOpenKeyExW(user.get(), kKeyPath, 0, KEY_READ, key.out());
     if (status != ERROR_SUCCESS)
         debugPrint(L"RegOpenKeyEx(\"\\%ls\") failed (%d)\n", kKeyPath, static_cast<int>(status));
 }

@@ -2,35 +2,19 @@
 #include "log/outputs.h"
 
 #include "log/platform.h"
+#include "win32/mutex_lock.h"
 
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
 #include <new>
 
+using namespace kestra;
+
 namespace {
 
 constexpr wchar_t kMutexName[] = L"ZELIB_WRITING_MUTEX";
 constexpr uint32_t kNotOpen = 0xFFFFFFFF;
-
-/// Holds the mutex that all processes share; a process that died with it passes it on.
-class MutexHold {
-public:
-    MutexHold(HANDLE mutex, DWORD timeoutMs) noexcept : m_mutex(mutex) {
-        const DWORD result = WaitForSingleObject(mutex, timeoutMs);
-        m_held = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
-    }
-    ~MutexHold() {
-        if (m_held) ReleaseMutex(m_mutex);
-    }
-    MutexHold(const MutexHold&) = delete;
-    MutexHold& operator=(const MutexHold&) = delete;
-    bool held() const noexcept { return m_held; }
-
-private:
-    HANDLE m_mutex;
-    bool m_held;
-};
 
 } // namespace
 
@@ -73,9 +57,9 @@ bool FileOutput::hasDateOf(const LogRecord& record) const noexcept {
 }
 
 uint32_t FileOutput::open() noexcept {
-    kestra::platform::LocalTime now{};
+    platform::LocalTime now{};
     int error = 0;
-    if (!kestra::platform::localTime(now, error)) {
+    if (!platform::localTime(now, error)) {
         std::swprintf(m_error, std::size(m_error), L"Failed _ftime64_s, error: %d", error);
         return error != 0 ? static_cast<uint32_t>(error) : uint32_t{ERROR_GEN_FAILURE};
     }
@@ -107,11 +91,11 @@ uint32_t FileOutput::makeDirectory() noexcept {
 
 uint32_t FileOutput::openMutex() noexcept {
     if (m_mutex) return 0;
-    m_mutex = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kMutexName);
+    m_mutex = UniqueObject(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kMutexName));
     if (m_mutex) return 0;
     if (GetLastError() != ERROR_FILE_NOT_FOUND)
         return fail(L"Can't open mutex: %ls; error: %d", kMutexName, GetLastError());
-    m_mutex = CreateMutexW(nullptr, FALSE, kMutexName);
+    m_mutex = UniqueObject(CreateMutexW(nullptr, FALSE, kMutexName));
     return m_mutex ? 0 : fail(L"Can't create mutex: %ls; error: %d", kMutexName, GetLastError());
 }
 
@@ -122,31 +106,28 @@ uint32_t FileOutput::openFile() noexcept {
     else
         _snwprintf(m_fileName, kPathCapacity - 1, L"%ls%ls.txt", m_directory, m_baseName);
     m_fileName[kPathCapacity - 1] = L'\0';
-    m_file = CreateFileW(m_fileName, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                         m_createAnew ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_file == INVALID_HANDLE_VALUE)
-        return fail(L"Can't create log file: %ls; error: %d", m_fileName, GetLastError());
+    m_file =
+        UniqueFile(CreateFileW(m_fileName, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               m_createAnew ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!m_file) return fail(L"Can't create log file: %ls; error: %d", m_fileName, GetLastError());
     constexpr uint16_t kByteOrderMark = 0xFEFF; // the bytes FF FE
     DWORD written = 0;
-    WriteFile(m_file, &kByteOrderMark, sizeof kByteOrderMark, &written, nullptr);
+    WriteFile(m_file.get(), &kByteOrderMark, sizeof kByteOrderMark, &written, nullptr);
     return 0;
 }
 
 uint32_t FileOutput::reopenFile() noexcept {
-    if (m_file != INVALID_HANDLE_VALUE) {
-        FlushFileBuffers(m_file);
-        CloseHandle(m_file);
-        m_file = INVALID_HANDLE_VALUE;
-    }
+    if (m_file) FlushFileBuffers(m_file.get());
+    m_file = UniqueFile();
     if (const uint32_t status = makeDirectory()) return status;
     return openFile();
 }
 
 uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& record) noexcept {
     if (!m_mutex) return kNotOpen;
-    const MutexHold hold(m_mutex, kMutexTimeoutMs);
-    if (!hold.held()) return 0;
-    const bool hadFile = m_file != INVALID_HANDLE_VALUE;
+    const MutexLock lock(m_mutex.get(), kMutexTimeoutMs);
+    if (!lock.isHeld()) return 0;
+    const bool hadFile = bool(m_file);
     if (!hadFile || !hasDateOf(record)) {
         m_day = record.day;
         m_month = record.month;
@@ -155,28 +136,23 @@ uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& 
         if (reopenFile() != 0 || !hadFile) return kNotOpen;
     }
     // One write: the line and its line break, in the same order as two would leave them.
-    wchar_t buffer[kestra::kLineCapacity + 2];
-    length = std::min(length, kestra::kLineCapacity);
+    wchar_t buffer[kLineCapacity + 2];
+    length = std::min(length, kLineCapacity);
     std::wmemcpy(buffer, line, length);
     buffer[length] = L'\r';
     buffer[length + 1] = L'\n';
-    SetFilePointer(m_file, 0, nullptr, FILE_END);
+    SetFilePointer(m_file.get(), 0, nullptr, FILE_END);
     DWORD written = 0;
-    WriteFile(m_file, buffer, static_cast<DWORD>((length + 2) * sizeof(wchar_t)), &written, nullptr);
-    if (record.severity == LOG_ERROR || !m_flushOnlyOnErrors) FlushFileBuffers(m_file);
+    WriteFile(m_file.get(), buffer, static_cast<DWORD>((length + 2) * sizeof(wchar_t)), &written, nullptr);
+    if (record.severity == LOG_ERROR || !m_flushOnlyOnErrors) FlushFileBuffers(m_file.get());
     return 0;
 }
 
 void FileOutput::close() noexcept {
-    if (m_file != INVALID_HANDLE_VALUE) {
-        if (const MutexHold hold(m_mutex, kMutexTimeoutMs); hold.held()) FlushFileBuffers(m_file);
-        CloseHandle(m_file);
-        m_file = INVALID_HANDLE_VALUE;
-    }
-    if (m_mutex) {
-        CloseHandle(m_mutex);
-        m_mutex = nullptr;
-    }
+    if (m_file)
+        if (const MutexLock lock(m_mutex.get(), kMutexTimeoutMs); lock.isHeld()) FlushFileBuffers(m_file.get());
+    m_file = UniqueFile();
+    m_mutex = UniqueObject();
 }
 
 namespace kestra {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "log/engine.h"
+#include "win32/handle.h"
 
 #include <windows.h>
 
@@ -62,8 +63,8 @@ private:
     wchar_t m_baseName[kPathCapacity];
     wchar_t m_fileName[kPathCapacity];
     wchar_t m_error[kPathCapacity + 64];
-    HANDLE m_file = INVALID_HANDLE_VALUE;
-    HANDLE m_mutex = nullptr;
+    kestra::UniqueFile m_file;
+    kestra::UniqueObject m_mutex;
     int32_t m_day = -1, m_month = -1, m_year = 0; // of the open file
     bool m_flushOnlyOnErrors = true;
     bool m_createAnew = false;

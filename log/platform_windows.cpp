@@ -2,6 +2,8 @@
 #include "log/platform.h"
 
 #include "log/pending_handles.h"
+#include "win32/handle.h"
+#include "win32/module.h"
 
 #include <windows.h>
 
@@ -11,8 +13,6 @@
 #include <utility>
 
 #include <sys/timeb.h>
-
-extern "C" IMAGE_DOS_HEADER __ImageBase; // the linker's name for the module's first byte: its instance handle
 
 namespace kestra::platform {
 
@@ -41,7 +41,7 @@ uint32_t threadId() noexcept {
 }
 
 uint64_t moduleKey() noexcept {
-    return reinterpret_cast<uint64_t>(&__ImageBase);
+    return reinterpret_cast<uint64_t>(ownModule());
 }
 
 const wchar_t* commandLine() noexcept {
@@ -116,7 +116,7 @@ void waitForPendingHandles() noexcept {
         if (pumping && result == WAIT_OBJECT_0 + 1)
             pumping = pumpMessages();
         else
-            CloseHandle(handles[i++]);
+            UniqueObject(handles[i++]).out(); // closes it
     }
     std::free(handles);
 }

@@ -6,25 +6,22 @@ namespace kestra::simcard {
 RawClient::RawClient(const std::wstring& devicePath)
     : m_file(CreateFileW(devicePath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                          OPEN_ALWAYS, FILE_FLAG_OVERLAPPED, nullptr)),
-      m_openError(m_file == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS) {}
-
-RawClient::~RawClient() {
-    if (m_file != INVALID_HANDLE_VALUE) CloseHandle(m_file);
-}
+      m_openError(m_file ? DWORD{ERROR_SUCCESS} : GetLastError()) {}
 
 DWORD RawClient::begin(Pending& pending, uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
-    return DeviceIoControl(m_file, code, const_cast<void*>(in), inSize, out, outSize, nullptr, &pending.overlapped)
+    return DeviceIoControl(m_file.get(), code, const_cast<void*>(in), inSize, out, outSize, nullptr,
+                           &pending.overlapped)
                ? ERROR_SUCCESS
                : GetLastError();
 }
 
 DWORD RawClient::end(Pending& pending, DWORD timeoutMs) {
     if (WaitForSingleObject(pending.overlapped.hEvent, timeoutMs) != WAIT_OBJECT_0) return WAIT_TIMEOUT;
-    return GetOverlappedResult(m_file, &pending.overlapped, &m_size, FALSE) ? ERROR_SUCCESS : GetLastError();
+    return GetOverlappedResult(m_file.get(), &pending.overlapped, &m_size, FALSE) ? ERROR_SUCCESS : GetLastError();
 }
 
 void RawClient::cancel(Pending& pending) {
-    CancelIoEx(m_file, &pending.overlapped);
+    CancelIoEx(m_file.get(), &pending.overlapped);
     WaitForSingleObject(pending.overlapped.hEvent, 10000);
 }
 

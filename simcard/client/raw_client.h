@@ -3,6 +3,7 @@
 #pragma once
 
 #include "protocol/requests.h"
+#include "win32/handle.h"
 
 #include <windows.h>
 
@@ -17,14 +18,13 @@ public:
     /// A request that is under way. Must outlive it: cancel it before it goes.
     struct Pending {
         OVERLAPPED overlapped = {};
-        Pending() { overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr); }
-        ~Pending() { CloseHandle(overlapped.hEvent); }
+        const UniqueObject event{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+        Pending() { overlapped.hEvent = event.get(); }
         Pending(const Pending&) = delete;
         Pending& operator=(const Pending&) = delete;
     };
 
     explicit RawClient(const std::wstring& devicePath);
-    ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
@@ -52,7 +52,7 @@ public:
     DWORD setAccess(uint8_t port, bool claimed);
 
 private:
-    HANDLE m_file;
+    const UniqueFile m_file;
     DWORD m_openError;
     DWORD m_size = 0;
     uint32_t m_session = 0;

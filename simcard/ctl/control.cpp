@@ -1,10 +1,11 @@
 // Talks to the driver's control device, and installs the driver through the device-installation service.
 #include "simcard/ctl/control.h"
 
+#include "win32/device_set.h"
+
 #include <windows.h>
 
 #include <newdev.h>
-#include <setupapi.h>
 
 #include <cstring>
 
@@ -20,42 +21,31 @@ constexpr wchar_t kHardwareId[] = L"root\\kestrasim\0"; // a list: ends with two
 }
 
 /// Owns a set of devices of the installation service.
-class DeviceSet {
-public:
-    explicit DeviceSet(HDEVINFO set) : m_set(set) {
-        if (m_set == INVALID_HANDLE_VALUE) fail("Opening the list of devices");
-    }
-    ~DeviceSet() { SetupDiDestroyDeviceInfoList(m_set); }
-    DeviceSet(const DeviceSet&) = delete;
-    DeviceSet& operator=(const DeviceSet&) = delete;
-    HDEVINFO get() const noexcept { return m_set; }
-
-private:
-    HDEVINFO m_set;
-};
+DeviceSet checked(HDEVINFO list) {
+    DeviceSet set(list);
+    if (!set) fail("Opening the list of devices");
+    return set;
+}
 
 class ControlDevice {
 public:
     ControlDevice()
         : m_handle(CreateFileW(L"\\\\.\\KestraSimControl", GENERIC_READ | GENERIC_WRITE,
                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr)) {
-        if (m_handle == INVALID_HANDLE_VALUE)
-            fail("Opening the simulated card's control device (is a card installed?)");
+        if (!m_handle) fail("Opening the simulated card's control device (is a card installed?)");
     }
-    ~ControlDevice() { CloseHandle(m_handle); }
-    ControlDevice(const ControlDevice&) = delete;
-    ControlDevice& operator=(const ControlDevice&) = delete;
 
     DWORD call(const char* what, uint32_t code, const void* in, size_t inSize, void* out = nullptr,
                size_t outSize = 0) const {
         DWORD size = 0;
-        if (!DeviceIoControl(m_handle, code, const_cast<void*>(in), DWORD(inSize), out, DWORD(outSize), &size, nullptr))
+        if (!DeviceIoControl(m_handle.get(), code, const_cast<void*>(in), DWORD(inSize), out, DWORD(outSize), &size,
+                             nullptr))
             fail(what);
         return size;
     }
 
 private:
-    HANDLE m_handle;
+    const UniqueFile m_handle;
 };
 
 template <class Record>
@@ -68,7 +58,7 @@ void send(const char* what, uint32_t code, const Record& record) {
 ControlError::ControlError(const std::string& what, uint32_t error) : std::runtime_error(what), m_error(error) {}
 
 unsigned removeCards() {
-    const DeviceSet set(SetupDiGetClassDevsW(&kSystemClass, L"root\\kestrasim", nullptr, 0));
+    const DeviceSet set = checked(SetupDiGetClassDevsW(&kSystemClass, L"root\\kestrasim", nullptr, 0));
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof device;
     unsigned removed = 0;
@@ -83,7 +73,7 @@ void installCards(unsigned count, const std::wstring& infPath) {
     if (count == 0 || count > kMaxCards) throw ControlError("Between 1 and 8 cards can be installed", 87);
     if (GetFileAttributesW(infPath.c_str()) == INVALID_FILE_ATTRIBUTES) fail("Finding kestrasim.inf");
     removeCards();
-    const DeviceSet set(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
+    const DeviceSet set = checked(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
     for (unsigned i = 0; i < count; ++i) {
         SP_DEVINFO_DATA device = {};
         device.cbSize = sizeof device;

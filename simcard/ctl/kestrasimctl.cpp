@@ -1,5 +1,6 @@
 // kestrasimctl: the simulated card at the command line. Exit codes: 0 done, 1 failed, 2 wrong usage.
 #include "simcard/ctl/control.h"
+#include "win32/handle.h"
 
 #include <windows.h>
 
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+using namespace kestra;
 using namespace kestra::simcard;
 
 namespace {
@@ -86,7 +88,7 @@ Signal parseSignal(const std::vector<std::string>& arguments) {
     signal.height = uint16_t(number(size.substr(x + 1)));
     signal.rateNumerator = number(rate.substr(0, slash));
     signal.rateDenominator = slash == std::string::npos ? 1 : number(rate.substr(slash + 1));
-    if (signal.nominalFrameRate() == 24) signal.videoMode = kestra::kVideoMode24;
+    if (signal.nominalFrameRate() == 24) signal.videoMode = kVideoMode24;
     for (size_t i = 2; i < arguments.size(); ++i) {
         if (arguments[i] == "i")
             signal.interlaced = 1;
@@ -199,15 +201,10 @@ int run(uint32_t card, bool json, const std::string& command, const std::vector<
     } else if (command == "remove") {
         std::printf(json ? "{\"removed\":%u}\n" : "%u cards removed\n", removeCards());
     } else if (command == "hold") {
-        const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, kHoldEvent);
-        WaitForSingleObject(event, INFINITE);
-        CloseHandle(event);
+        const UniqueObject event(CreateEventW(nullptr, TRUE, FALSE, kHoldEvent));
+        WaitForSingleObject(event.get(), INFINITE);
     } else if (command == "release") {
-        const HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, kHoldEvent);
-        if (event) {
-            SetEvent(event);
-            CloseHandle(event);
-        }
+        if (const UniqueObject event{OpenEventW(EVENT_MODIFY_STATE, FALSE, kHoldEvent)}) SetEvent(event.get());
     } else if (command == "status") {
         expect(0);
         printState(control.state(), json);

@@ -6,10 +6,9 @@
 #include "simcard/ctl/control.h"
 #include "simcard/model/picture.h"
 #include "simcard/model/sound.h"
+#include "win32/device_set.h"
 
 #include <windows.h>
-
-#include <setupapi.h>
 
 #include <chrono>
 #include <cstdio>
@@ -27,21 +26,20 @@ constexpr GUID kInterfaceClass = asGuid<GUID>(kCardInterface);
 
 std::vector<std::wstring> listCards() {
     std::vector<std::wstring> paths;
-    const HDEVINFO set =
-        SetupDiGetClassDevsW(&kInterfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
-    if (set == INVALID_HANDLE_VALUE) return paths;
+    const DeviceSet set(
+        SetupDiGetClassDevsW(&kInterfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
+    if (!set) return paths;
     SP_DEVICE_INTERFACE_DATA data = {};
     data.cbSize = sizeof data;
-    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set, nullptr, &kInterfaceClass, i, &data); ++i) {
+    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set.get(), nullptr, &kInterfaceClass, i, &data); ++i) {
         DWORD bytes = 0;
-        SetupDiGetDeviceInterfaceDetailW(set, &data, nullptr, 0, &bytes, nullptr);
+        SetupDiGetDeviceInterfaceDetailW(set.get(), &data, nullptr, 0, &bytes, nullptr);
         std::vector<uint8_t> memory(bytes);
         auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(memory.data());
         detail->cbSize = sizeof *detail;
-        if (SetupDiGetDeviceInterfaceDetailW(set, &data, detail, bytes, nullptr, nullptr))
+        if (SetupDiGetDeviceInterfaceDetailW(set.get(), &data, detail, bytes, nullptr, nullptr))
             paths.emplace_back(detail->DevicePath);
     }
-    SetupDiDestroyDeviceInfoList(set);
     return paths;
 }
 

@@ -1,0 +1,57 @@
+// The module that this code is in, and owners of modules. Any thread.
+#pragma once
+
+#include "win32/handle.h"
+
+#include <cwchar>
+
+extern "C" IMAGE_DOS_HEADER __ImageBase; // the linker's name for a module's first byte, which is its handle
+
+namespace kestra {
+
+/// The module that this code is in, without a reference to it.
+inline HMODULE ownModule() noexcept {
+    return reinterpret_cast<HMODULE>(&__ImageBase);
+}
+
+/// Keeps it in its process for good.
+inline bool pinOwnModule() noexcept {
+    HMODULE module = nullptr;
+    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                              reinterpret_cast<LPCWSTR>(&__ImageBase), &module) != 0;
+}
+
+struct LibraryTraits {
+    static HMODULE none() noexcept { return nullptr; }
+    static void close(HMODULE module) noexcept { FreeLibrary(module); }
+};
+/// A reference to a loaded module.
+using UniqueLibrary = UniqueHandle<LibraryTraits>;
+
+/// Loads a library from the own module's folder: no other folder of the host's may take its place. @return null: not
+/// there
+inline UniqueLibrary loadFromOwnFolder(const wchar_t* fileName) noexcept {
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(ownModule(), path, MAX_PATH);
+    wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
+    if (!slash || slash + 2 + std::wcslen(fileName) > path + MAX_PATH) return UniqueLibrary();
+    std::wcscpy(slash + 1, fileName);
+    return UniqueLibrary(LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+}
+
+/// Keeps the module that this code is in from being unloaded.
+class ModuleReference {
+public:
+    ModuleReference() noexcept {
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&__ImageBase),
+                           m_module.out());
+    }
+    /// Ends the calling thread, which may be the last that runs the module's code. Objects on its stack stay as they
+    /// are.
+    [[noreturn]] void releaseAndExitThread(DWORD code) noexcept { FreeLibraryAndExitThread(m_module.release(), code); }
+
+private:
+    UniqueLibrary m_module;
+};
+
+} // namespace kestra
