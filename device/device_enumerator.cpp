@@ -17,8 +17,8 @@ constexpr LogUnit kUnit{"DeviceEnumerator", L".\\DeviceInit.cpp"};
 constexpr char kEnumerate[] = "CDeviceEnumerator::EnumerateDevice";
 constexpr DWORD kDetailFixedBytes = 8; // of the detail record on a 64-bit system
 
-/// Ends the calling thread's synchronous requests that take longer than a second each: a card that never answers must
-/// not hold up the enumeration of the others. Without memory or a thread for it there is no limit.
+/// Ends the calling thread's synchronous requests that take longer than five seconds each: a card that never answers
+/// must not hold up the enumeration of the others for good. Without memory or a thread for it there is no limit.
 class SynchronousRequestLimit {
 public:
     SynchronousRequestLimit() {
@@ -46,17 +46,18 @@ private:
         return 0;
     }
 
-    static constexpr DWORD kPatienceMs = 1000;
+    static constexpr DWORD kPatienceMs = 5000;
     UniqueObject m_caller, m_done, m_thread;
 };
 
 } // namespace
 
 uint32_t noexp_TARNIS_GetSlotInfo(HANDLE device, uint32_t* slotValue, wchar_t* text, uint32_t* textCapacity) noexcept {
-    wire::SlotInfoRequest request{};
-    wire::SlotInfoReply reply{};
+    wire::GetSlotInfo::Sent request{};
+    wire::GetSlotInfo::Answer reply{};
     DWORD bytes = 0;
-    if (!DeviceIoControl(device, wire::kGetSlotInfo, &request, sizeof request, &reply, sizeof reply, &bytes, nullptr)) {
+    if (!DeviceIoControl(device, wire::GetSlotInfo::kCode, &request, sizeof request, &reply, sizeof reply, &bytes,
+                         nullptr)) {
         const DWORD error = GetLastError();
         KESTRA_LOG(kUnit, "noexp_TARNIS_GetSlotInfo", LOG_ERROR, error,
                    L"First chanceDeviceIOCtl(KestraCTL_GET_SLOT_INFO) failed. ErrorCode=%d(0x%08X).",
@@ -70,7 +71,10 @@ uint32_t noexp_TARNIS_GetSlotInfo(HANDLE device, uint32_t* slotValue, wchar_t* t
     const uint32_t needed = length == 0 ? 0 : length + 1;
     const uint32_t capacity = textCapacity ? *textCapacity : 0;
     if (textCapacity) *textCapacity = needed;
-    if (needed == 0) return TARNIS_SUCCESS;
+    if (needed == 0) {
+        if (text && capacity != 0) text[0] = L'\0';
+        return TARNIS_SUCCESS;
+    }
     if (!text || capacity < needed) return TARNIS_INVALID_ARGUMENT;
     static_assert(sizeof(wchar_t) == sizeof(char16_t));
     std::memcpy(text, reply.description, length * sizeof(wchar_t));

@@ -32,7 +32,7 @@ DeviceNotifier::~DeviceNotifier() {
 }
 
 void DeviceNotifier::registerCallback(IDeviceAddRemove& callback, const GUID& interfaceClass) {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     HDEVNOTIFY notification = nullptr;
     if (m_registrations.find(interfaceClass) == m_registrations.end()) {
         DEV_BROADCAST_DEVICEINTERFACE_W filter{};
@@ -97,7 +97,7 @@ void DeviceNotifier::deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header)
     const auto& device = *reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(header);
     std::vector<IDeviceAddRemove*> callbacks;
     try {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard lock(m_mutex);
         const auto [first, last] = m_registrations.equal_range(device.dbcc_classguid);
         for (auto it = first; it != last; ++it)
             callbacks.push_back(it->second.callback);
@@ -113,7 +113,7 @@ void DeviceNotifier::deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header)
 }
 
 void DeviceNotifier::unregisterAll() noexcept {
-    const std::lock_guard lock(m_mutex);
+    const LockGuard lock(m_mutex);
     for (const auto& [guid, registration] : m_registrations)
         if (registration.notification) UnregisterDeviceNotification(registration.notification);
     m_registrations.clear();

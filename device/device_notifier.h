@@ -1,6 +1,7 @@
 // Tells of cards that come and go. A notifier owns a thread with a hidden window; callbacks run on that thread.
 #pragma once
 
+#include "sync/mutex.h"
 #include "win32/handle.h"
 
 #include <windows.h>
@@ -9,7 +10,6 @@
 
 #include <cstring>
 #include <map>
-#include <mutex>
 
 /// What a notifier calls.
 class IDeviceAddRemove {
@@ -50,8 +50,8 @@ private:
     void deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header) noexcept;
     void unregisterAll() noexcept;
 
-    std::mutex m_mutex; // guards the registrations, never held during a callback
-    std::multimap<GUID, Registration, GuidLess> m_registrations;
+    Mutex m_mutex; // never held during a callback
+    std::multimap<GUID, Registration, GuidLess> m_registrations GUARDED_BY(m_mutex);
     UniqueObject m_ready;
     UniqueObject m_thread;
     HWND m_window = nullptr;

@@ -2,11 +2,7 @@
 #include "tests/device/device_test.h"
 #include "tests/support/scoped_import_hook.h"
 
-#include "device/device_enumerator.h"
-
 #include <windows.h>
-
-#include <setupapi.h>
 
 #include <gmock/gmock.h>
 
@@ -19,20 +15,6 @@ using namespace kestra::simcard;
 using testing::ElementsAre;
 
 constexpr char kGrabGroup[] = "\"Grabbing Functions\"";
-
-/// The one record that a call is expected to leave.
-void expectOnly(LibraryLogCapture& log, const char* group, const char* function, const std::wstring& message,
-                uint32_t severity, int32_t code) {
-    const auto records = log.records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].group, group);
-    EXPECT_EQ(records[0].functionName, function);
-    EXPECT_EQ(records[0].message, message);
-    EXPECT_EQ(records[0].severity, severity);
-    EXPECT_EQ(records[0].code, code);
-    EXPECT_EQ(records[0].moduleTag, "TARNIS");
-    log.clear();
-}
 
 struct PortFunction {
     const char* name;
@@ -298,107 +280,6 @@ TEST_F(DeviceApi, StatisticsComeFromTheirPlacesInTheReply) {
     EXPECT_GE(statistics.counters[0], 3u) << "frames, at offset 64 of the reply";
     EXPECT_EQ(statistics.counters[1], 0u) << "dropped, at offset 48";
     EXPECT_EQ(stop(), 0u);
-}
-
-TEST_F(DeviceApi, EnumeratorHandsOutEveryCardOnce) {
-    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
-    ASSERT_NE(enumerator, nullptr);
-    DeviceEnumData data{};
-    data.size = 16;
-    EXPECT_EQ(TARNIS_EnumNext(enumerator, &data), 1u) << "a record that is too small";
-    EXPECT_EQ(data.interfaceDetail, nullptr);
-    data.size = 1000; // larger than a record: kept to what there is
-    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u);
-    EXPECT_EQ(data.size, 24u);
-    EXPECT_EQ(data.slotValue, 0u);
-    EXPECT_EQ(lstrcmpiW(data.interfaceDetail->devicePath, m_card.devicePath().c_str()), 0);
-    EXPECT_STREQ(data.slotText, L"Kestra HD-SDI (simulated)");
-    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u);
-    EXPECT_EQ(data.slotValue, 1u);
-    EXPECT_EQ(TARNIS_EnumNext(enumerator, &data), 3u);
-    EXPECT_TRUE(m_log.records().empty());
-    EXPECT_EQ(TARNIS_EnumNext(enumerator, nullptr), 1u);
-    expectOnly(m_log, "DeviceEnumerator", "TARNIS_EnumNext", L"pEnumData is NULL", 4, 1);
-    TARNIS_EnumClose(enumerator);
-    EXPECT_EQ(TARNIS_EnumNext(nullptr, &data), 1u);
-    expectOnly(m_log, "DeviceEnumerator", "TARNIS_EnumNext", L"hDevEnum is NULL", 4, 1);
-}
-
-TEST_F(DeviceApi, CardThatCannotBeOpenedIsSkippedAndNamedByItsIndex) {
-    m_card.addFault({FaultKind::RefuseOpen, 0, 0, 0, kForever, {}});
-    CDeviceEnumerator enumerator;
-    EXPECT_EQ(enumerator.status, 0u);
-    EXPECT_EQ(enumerator.lastError, DWORD{ERROR_FILE_NOT_FOUND});
-    DeviceEnumData data{};
-    data.size = sizeof data;
-    ASSERT_EQ(TARNIS_EnumNext(&enumerator, &data), 0u);
-    EXPECT_EQ(data.slotValue, 1u) << "the second card is listed";
-    EXPECT_EQ(TARNIS_EnumNext(&enumerator, &data), 3u);
-    const auto records = m_log.records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].severity, 3u);
-    EXPECT_EQ(records[0].message.substr(0, 13), L"0 CreateFile(");
-    EXPECT_THAT(records[0].message, testing::EndsWith(L") failed: GetLastError=2(0x2)"));
-    m_log.clear();
-    m_card.clearFaults();
-}
-
-TEST_F(DeviceApi, EnumerationFailuresOfTheSystemAreLogged) {
-    {
-        const ScopedImportHook<decltype(&SetupDiGetClassDevsW)> hook("setupapi.dll", "SetupDiGetClassDevsW",
-                                                                     [](const GUID*, PCWSTR, HWND, DWORD) -> HDEVINFO {
-                                                                         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-                                                                         return INVALID_HANDLE_VALUE;
-                                                                     });
-        ASSERT_TRUE(hook.installed());
-        CDeviceEnumerator enumerator;
-        EXPECT_EQ(enumerator.status, 3u);
-        DeviceEnumData data{};
-        data.size = sizeof data;
-        EXPECT_EQ(TARNIS_EnumNext(&enumerator, &data), 3u);
-        EXPECT_EQ(TARNIS_EnumOpen(), nullptr) << "an enumerator without a card is of no use";
-    }
-    const auto records = m_log.records();
-    ASSERT_EQ(records.size(), 4u);
-    EXPECT_EQ(records[0].message, L"SetupDiGetClassDevs failed: GetLastError=8(0x8)");
-    EXPECT_EQ(records[0].severity, 4u);
-    EXPECT_EQ(records[1].message, L"No devices present!");
-    EXPECT_EQ(records[1].severity, 3u);
-    EXPECT_EQ(records[1].code, 3);
-    EXPECT_EQ(records[1].functionName, "CDeviceEnumerator::CDeviceEnumerator");
-    m_log.clear();
-
-    m_card.failNext(wire::kGetSlotInfo, 0xC00000BB, 2);
-    CDeviceEnumerator enumerator;
-    DeviceEnumData data{};
-    data.size = sizeof data;
-    ASSERT_EQ(TARNIS_EnumNext(&enumerator, &data), 0u);
-    EXPECT_EQ(data.slotText, nullptr);
-    const auto slotRecords = m_log.records();
-    ASSERT_EQ(slotRecords.size(), 2u) << "asked for the length, then for the text";
-    for (const SeenRecord& record : slotRecords) {
-        EXPECT_EQ(record.message,
-                  L"First chanceDeviceIOCtl(KestraCTL_GET_SLOT_INFO) failed. ErrorCode=50(0x00000032).");
-        EXPECT_EQ(record.functionName, "noexp_TARNIS_GetSlotInfo");
-        EXPECT_EQ(record.severity, 4u);
-        EXPECT_EQ(record.code, 50);
-    }
-}
-
-TEST_F(DeviceApi, SlotInformationSaysHowMuchRoomItsTextNeeds) {
-    const HANDLE device = CreateFileW(m_card.devicePath().c_str(), GENERIC_READ | GENERIC_WRITE,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0, nullptr);
-    uint32_t value = 99, capacity = 0;
-    EXPECT_EQ(noexp_TARNIS_GetSlotInfo(device, &value, nullptr, &capacity), 1u);
-    EXPECT_EQ(value, 0u) << "stored although the text did not fit";
-    EXPECT_EQ(capacity, 26u);
-    wchar_t text[26];
-    capacity = 25;
-    EXPECT_EQ(noexp_TARNIS_GetSlotInfo(device, nullptr, text, &capacity), 1u);
-    EXPECT_EQ(capacity, 26u);
-    EXPECT_EQ(noexp_TARNIS_GetSlotInfo(device, nullptr, text, &capacity), 0u);
-    EXPECT_STREQ(text, L"Kestra HD-SDI (simulated)");
-    CloseHandle(device);
 }
 
 TEST_F(DeviceApi, OpeningRegistersBothInputEventsAndWatchesTheSession) {

@@ -284,22 +284,6 @@ TEST_F(DeviceFault, ClosingDuringAnArrivalThatIsNeverAnsweredEnds) {
     }
 }
 
-TEST_F(DeviceFault, CardThatNeverTellsItsSlotIsListedAfterASecondAndTheOthersToo) {
-    m_card.addFault({FaultKind::NeverComplete, wire::kGetSlotInfo, 0, 0, 2, {}});
-    const ULONGLONG begin = GetTickCount64();
-    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
-    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
-    ASSERT_NE(enumerator, nullptr);
-    DeviceEnumData data{};
-    data.size = sizeof data;
-    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u);
-    EXPECT_EQ(data.slotText, nullptr);
-    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), 0u) << "the second card";
-    EXPECT_STREQ(data.slotText, L"Kestra HD-SDI (simulated)");
-    TARNIS_EnumClose(enumerator);
-    EXPECT_EQ(m_log.count(L"First chanceDeviceIOCtl(KestraCTL_GET_SLOT_INFO) failed. ErrorCode=995(0x000003E3)."), 2);
-}
-
 TEST_F(DeviceFault, FailedUnlocksAreLoggedAndTheFramesGoOn) {
     for (const FaultCase& f : faultsOf(wire::kUnlockBuffer)) {
         SCOPED_TRACE(f.name);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -110,8 +111,10 @@ TEST(DeviceNotifier, OtherDeviceTypesAndOtherEventsCallNothing) {
 
 TEST(DeviceNotifier, DestroyingItWaitsForAHandlerThatIsStillRunning) {
     Listener listener;
-    listener.entered = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    listener.leave = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const UniqueObject entered(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const UniqueObject leave(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    listener.entered = entered.get();
+    listener.leave = leave.get();
     const int threads = processCounts().threads;
     auto notifier = std::make_unique<DeviceNotifier>();
     notifier->registerCallback(listener, kCardInterfaceClass);
@@ -130,8 +133,41 @@ TEST(DeviceNotifier, DestroyingItWaitsForAHandlerThatIsStillRunning) {
     sender.join();
     EXPECT_FALSE(IsWindow(window));
     EXPECT_TRUE(waitUntil([&] { return processCounts().threads == threads; }));
-    CloseHandle(listener.entered);
-    CloseHandle(listener.leave);
+}
+
+TEST(DeviceNotifier, DestroyingItGivesEveryNotificationBack) {
+    using Register = decltype(&RegisterDeviceNotificationW);
+    using Unregister = decltype(&UnregisterDeviceNotification);
+    static Register registerOriginal;
+    static Unregister unregisterOriginal;
+    static std::vector<HDEVNOTIFY> registered, unregistered;
+    registered.clear();
+    unregistered.clear();
+    const ScopedImportHook<Register> registering("user32.dll", "RegisterDeviceNotificationW",
+                                                 [](HANDLE recipient, void* filter, DWORD flags) -> HDEVNOTIFY {
+                                                     registered.push_back(registerOriginal(recipient, filter, flags));
+                                                     return registered.back();
+                                                 });
+    const ScopedImportHook<Unregister> unregistering("user32.dll", "UnregisterDeviceNotification",
+                                                     [](HDEVNOTIFY notification) -> BOOL {
+                                                         unregistered.push_back(notification);
+                                                         return unregisterOriginal(notification);
+                                                     });
+    ASSERT_TRUE(registering.installed() && unregistering.installed());
+    registerOriginal = registering.original();
+    unregisterOriginal = unregistering.original();
+    Listener first, second, other;
+    {
+        DeviceNotifier notifier;
+        notifier.registerCallback(first, kCardInterfaceClass);
+        notifier.registerCallback(second, kCardInterfaceClass);
+        notifier.registerCallback(other, kOtherClass);
+        EXPECT_TRUE(unregistered.empty());
+    }
+    ASSERT_EQ(registered.size(), 2u);
+    std::sort(registered.begin(), registered.end());
+    std::sort(unregistered.begin(), unregistered.end());
+    EXPECT_EQ(unregistered, registered) << "each one once, when the destructor has returned";
 }
 
 TEST(DeviceNotifier, ThreadThatEndsBeforeItsWindowIsReadyEndsTheWaitToo) {

@@ -10,7 +10,7 @@
 
 #include <atomic>
 #include <cstring>
-#include <mutex>
+#include <string>
 #include <vector>
 
 namespace kestra::test {
@@ -80,6 +80,20 @@ private:
     simcard::PictureSource m_source;
     uint32_t m_last = 0;
 };
+
+/// The one record that a call is expected to leave; forgets it.
+inline void expectOnly(LibraryLogCapture& log, const char* group, const char* function, const std::wstring& message,
+                       uint32_t severity, int32_t code) {
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].group, group);
+    EXPECT_EQ(records[0].functionName, function);
+    EXPECT_EQ(records[0].message, message);
+    EXPECT_EQ(records[0].severity, severity);
+    EXPECT_EQ(records[0].code, code);
+    EXPECT_EQ(records[0].moduleTag, "TARNIS");
+    log.clear();
+}
 
 /// An opened card 0 and everything that the library logs about it.
 class DeviceTest : public CardTest {
