@@ -1,3 +1,4 @@
+// Class factories and the entry points of a module.
 #include "class_factory.h"
 
 #include "firewall.h"
@@ -83,20 +84,9 @@ STDAPI DllCanUnloadNow() {
 }
 
 extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID) {
-    if (ulReason != DLL_PROCESS_ATTACH && ulReason != DLL_PROCESS_DETACH) return TRUE;
     if (ulReason == DLL_PROCESS_ATTACH) {
         g_hInst = hInstance;
         DisableThreadLibraryCalls(hInstance);
     }
-    BOOL loaded = TRUE; // a class that cannot be prepared keeps the module from being loaded
-    for (int i = 0; i < g_cTemplates; ++i) {
-        const CFactoryTemplate& entry = g_Templates[i];
-        if (!entry.m_lpfnInit) continue;
-        const HRESULT hr = kestra::com::guarded([&] {
-            entry.m_lpfnInit(ulReason == DLL_PROCESS_ATTACH, entry.m_ClsID);
-            return S_OK;
-        });
-        if (FAILED(hr)) loaded = FALSE;
-    }
-    return loaded;
+    return TRUE;
 }

@@ -2,12 +2,13 @@
 #pragma once
 
 #include "objects.h"
-#include "setup_data.h"
 
+struct AMOVIESETUP_FILTER;
 typedef CUnknown*(CALLBACK* LPFNNewCOMObject)(LPUNKNOWN pUnkOuter, HRESULT* phr);
 typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
 
-/// One class of the module: the filter's author defines g_Templates and g_cTemplates. Constant data, owns nothing.
+/// One class of the module: the filter's author defines g_Templates and g_cTemplates. Constant data, owns nothing. An
+/// initialisation routine and setup data are read by nobody here: both are null.
 class CFactoryTemplate {
 public:
     const WCHAR* m_Name;
@@ -42,13 +43,5 @@ private:
     static LONG m_cLocked;
 };
 
-extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE hInstance, ULONG ulReason, LPVOID pv);
-/// Writes or removes the COM keys of every class of the table.
-STDAPI RegisterAllServers(LPCWSTR szFileName, BOOL bRegister);
-/// As RegisterAllServers with this module's path; also enters or removes the filters that have setup data.
+/// Writes or removes the COM keys of every class of the table, with this module's path.
 STDAPI AMovieDllRegisterServer2(BOOL bRegister);
-/// Enters or removes one filter. @param pIFM2  the caller's filter mapper, not kept
-STDAPI AMovieSetupRegisterFilter2(const AMOVIESETUP_FILTER* psetupdata, IFilterMapper2* pIFM2, BOOL bRegister);
-STDAPI AMovieSetupRegisterServer(CLSID clsServer, LPCWSTR szDescription, LPCWSTR szFileName,
-                                 LPCWSTR szThreadingModel = L"Both", LPCWSTR szServerType = L"InprocServer32");
-STDAPI AMovieSetupUnregisterServer(CLSID clsServer);

@@ -1,175 +1,137 @@
+// One enumerator for both: what it enumerates says how an item is fetched and let go.
+#include "enumerators.h"
+
 #include "firewall.h"
-#include "pin.h"
+#include "held.h"
 
 #include <algorithm>
 #include <utility>
 
-using kestra::com::guarded;
+namespace kestra::com {
+namespace {
 
-CEnumPins::CEnumPins(CBaseFilter* pFilter, CEnumPins* other) : m_pFilter(pFilter) {
-    m_Position = other ? other->m_Position : 0;
-    m_PinCount = other ? other->m_PinCount : m_pFilter->GetPinCount();
-    m_Version = other ? other->m_Version : m_pFilter->GetPinVersion();
-    m_pFilter->AddRef(); // last: what a derived filter throws above must not cost a reference
-}
-
-CEnumPins::~CEnumPins() {
-    m_pFilter->Release();
-}
-
-STDMETHODIMP CEnumPins::QueryInterface(REFIID riid, void** ppv) {
-    CheckPointer(ppv, E_POINTER);
-    if (riid == IID_IUnknown || riid == IID_IEnumPins) return GetInterface(this, ppv);
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-}
-
-STDMETHODIMP_(ULONG) CEnumPins::AddRef() {
-    return ULONG(InterlockedIncrement(&m_cRef));
-}
-
-STDMETHODIMP_(ULONG) CEnumPins::Release() {
-    const LONG left = InterlockedDecrement(&m_cRef);
-    if (left == 0) delete this;
-    return ULONG(left);
-}
-
-STDMETHODIMP CEnumPins::Next(ULONG cPins, IPin** ppPins, ULONG* pcFetched) {
-    if (pcFetched) *pcFetched = 0;
-    CheckPointer(ppPins, E_POINTER);
-    if (!pcFetched && cPins > 1) return E_INVALIDARG;
-    std::fill_n(ppPins, cPins, nullptr);
-    ULONG fetched = 0;
-    const HRESULT hr = guarded([&]() -> HRESULT {
-        if (m_Version != m_pFilter->GetPinVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        while (fetched < cPins && m_Position < m_PinCount) {
-            CBasePin* pin = m_pFilter->GetPin(m_Position);
-            if (!pin) break;
-            pin->AddRef();
-            ppPins[fetched++] = pin;
-            ++m_Position;
-        }
-        return fetched == cPins ? S_OK : S_FALSE;
-    });
-    if (FAILED(hr)) {
-        m_Position -= int(fetched);
-        while (fetched > 0)
-            std::exchange(ppPins[--fetched], nullptr)->Release();
+struct Pins {
+    using Interface = IEnumPins;
+    using Owner = CBaseFilter;
+    using Item = IPin*;
+    static constexpr const IID& iid = IID_IEnumPins;
+    static LONG version(Owner& filter) { return filter.GetPinVersion(); }
+    static HRESULT fetch(Owner& filter, int position, Item* item) {
+        *item = position < filter.GetPinCount() ? counted(filter.GetPin(position)) : nullptr;
+        return *item ? S_OK : S_FALSE;
     }
-    if (pcFetched) *pcFetched = fetched;
-    return hr;
-}
+    static void letGo(Item pin) { pin->Release(); }
+};
 
-STDMETHODIMP CEnumPins::Skip(ULONG cPins) {
-    return guarded([&]() -> HRESULT {
-        if (m_Version != m_pFilter->GetPinVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        if (cPins > ULONG(std::max(0, m_PinCount - m_Position))) return S_FALSE;
-        m_Position += int(cPins);
-        return S_OK;
-    });
-}
-
-STDMETHODIMP CEnumPins::Reset() {
-    return guarded([&]() -> HRESULT {
-        m_Version = m_pFilter->GetPinVersion();
-        m_PinCount = m_pFilter->GetPinCount();
-        m_Position = 0;
-        return S_OK;
-    });
-}
-
-STDMETHODIMP CEnumPins::Clone(IEnumPins** ppEnum) {
-    CheckPointer(ppEnum, E_POINTER);
-    *ppEnum = nullptr;
-    return guarded([&]() -> HRESULT {
-        if (m_Version != m_pFilter->GetPinVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        *ppEnum = new CEnumPins(m_pFilter, this);
-        return S_OK;
-    });
-}
-
-CEnumMediaTypes::CEnumMediaTypes(CBasePin* pPin, CEnumMediaTypes* other) : m_pPin(pPin) {
-    m_Position = other ? other->m_Position : 0;
-    m_Version = other ? other->m_Version : m_pPin->GetMediaTypeVersion();
-    m_pPin->AddRef();
-}
-
-CEnumMediaTypes::~CEnumMediaTypes() {
-    m_pPin->Release();
-}
-
-STDMETHODIMP CEnumMediaTypes::QueryInterface(REFIID riid, void** ppv) {
-    CheckPointer(ppv, E_POINTER);
-    if (riid == IID_IUnknown || riid == IID_IEnumMediaTypes) return GetInterface(this, ppv);
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-}
-
-STDMETHODIMP_(ULONG) CEnumMediaTypes::AddRef() {
-    return ULONG(InterlockedIncrement(&m_cRef));
-}
-
-STDMETHODIMP_(ULONG) CEnumMediaTypes::Release() {
-    const LONG left = InterlockedDecrement(&m_cRef);
-    if (left == 0) delete this;
-    return ULONG(left);
-}
-
-STDMETHODIMP CEnumMediaTypes::Next(ULONG cTypes, AM_MEDIA_TYPE** ppTypes, ULONG* pcFetched) {
-    if (pcFetched) *pcFetched = 0;
-    CheckPointer(ppTypes, E_POINTER);
-    if (!pcFetched && cTypes > 1) return E_INVALIDARG;
-    std::fill_n(ppTypes, cTypes, nullptr);
-    ULONG fetched = 0;
-    const HRESULT hr = guarded([&]() -> HRESULT {
-        if (m_Version != m_pPin->GetMediaTypeVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        while (fetched < cTypes) {
-            CMediaType type;
-            const HRESULT got = m_pPin->GetMediaType(m_Position, &type);
-            if (got == E_OUTOFMEMORY) return got; // there may be more, unlike after any other answer
-            if (got != S_OK) break;
-            ppTypes[fetched] = CreateMediaType(&type);
-            if (!ppTypes[fetched]) return E_OUTOFMEMORY;
-            ++fetched;
-            ++m_Position;
-        }
-        return fetched == cTypes ? S_OK : S_FALSE;
-    });
-    if (FAILED(hr)) {
-        m_Position -= int(fetched);
-        while (fetched > 0)
-            DeleteMediaType(std::exchange(ppTypes[--fetched], nullptr));
+struct Types {
+    using Interface = IEnumMediaTypes;
+    using Owner = CBasePin;
+    using Item = AM_MEDIA_TYPE*;
+    static constexpr const IID& iid = IID_IEnumMediaTypes;
+    static LONG version(Owner& pin) { return pin.GetMediaTypeVersion(); }
+    static HRESULT fetch(Owner& pin, int position, Item* item) {
+        const Question question(pin);
+        if (!question.isAllowed()) return VFW_E_ENUM_OUT_OF_SYNC;
+        CMediaType type;
+        const HRESULT hr = pin.GetMediaType(position, &type);
+        if (hr != S_OK) return hr == E_OUTOFMEMORY ? hr : S_FALSE; // there may be more, unlike after any other answer
+        *item = CreateMediaType(&type);
+        return *item ? S_OK : E_OUTOFMEMORY;
     }
-    if (pcFetched) *pcFetched = fetched;
-    return hr;
-}
+    static void letGo(Item type) { DeleteMediaType(type); }
+};
 
-STDMETHODIMP CEnumMediaTypes::Skip(ULONG cTypes) {
-    return guarded([&]() -> HRESULT {
-        if (m_Version != m_pPin->GetMediaTypeVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        for (ULONG i = 0; i < cTypes; ++i) {
-            CMediaType type;
-            if (m_pPin->GetMediaType(m_Position, &type) != S_OK) return S_FALSE;
-            ++m_Position;
+template <class Kind>
+class Enumerator final : public Kind::Interface {
+public:
+    using Item = typename Kind::Item;
+    // Counted last: what a derived class throws before must not cost a reference.
+    Enumerator(typename Kind::Owner& owner, LONG version, int position)
+        : m_version(version), m_position(position), m_owner(counted(&owner)) {}
+    virtual ~Enumerator() = default;
+
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
+        CheckPointer(ppv, E_POINTER);
+        if (riid == IID_IUnknown || riid == Kind::iid) return GetInterface(this, ppv);
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ULONG(InterlockedIncrement(&m_references)); }
+    STDMETHODIMP_(ULONG) Release() override {
+        const LONG left = InterlockedDecrement(&m_references);
+        if (left == 0) delete this;
+        return ULONG(left);
+    }
+    STDMETHODIMP Next(ULONG count, Item* items, ULONG* fetched) override {
+        if (fetched) *fetched = 0;
+        CheckPointer(items, E_POINTER);
+        if (!fetched && count > 1) return E_INVALIDARG;
+        std::fill_n(items, count, nullptr);
+        ULONG got = 0;
+        const HRESULT hr = whileInSync([&] {
+            HRESULT next = S_OK;
+            while (got < count && (next = Kind::fetch(*m_owner.get(), m_position + int(got), &items[got])) == S_OK)
+                ++got;
+            return next;
+        });
+        if (FAILED(hr)) { // all or none
+            while (got > 0)
+                Kind::letGo(std::exchange(items[--got], nullptr));
         }
-        return S_OK;
-    });
+        m_position += int(got);
+        if (fetched) *fetched = got;
+        return hr;
+    }
+    STDMETHODIMP Skip(ULONG count) override {
+        return whileInSync([&] {
+            ULONG there = 0;
+            HRESULT next = S_OK;
+            for (Item item; there < count; ++there) {
+                next = Kind::fetch(*m_owner.get(), m_position + int(there), &item);
+                if (next != S_OK) return next;
+                Kind::letGo(item);
+            }
+            m_position += int(there);
+            return next;
+        });
+    }
+    STDMETHODIMP Reset() override {
+        return guarded([&] {
+            m_version = Kind::version(*m_owner.get());
+            m_position = 0;
+            return S_OK;
+        });
+    }
+    STDMETHODIMP Clone(typename Kind::Interface** clone) override {
+        CheckPointer(clone, E_POINTER);
+        *clone = nullptr;
+        return whileInSync([&] {
+            *clone = new Enumerator(*m_owner.get(), m_version, m_position);
+            return S_OK;
+        });
+    }
+
+private:
+    template <class Step>
+    HRESULT whileInSync(Step step) {
+        return guarded(
+            [&]() -> HRESULT { return m_version == Kind::version(*m_owner.get()) ? step() : VFW_E_ENUM_OUT_OF_SYNC; });
+    }
+
+    LONG m_references = 1;
+    LONG m_version;
+    int m_position;
+    const Held<typename Kind::Owner> m_owner;
+};
+
+} // namespace
+
+IEnumPins* enumerate(CBaseFilter& filter) {
+    return new Enumerator<Pins>(filter, filter.GetPinVersion(), 0);
 }
 
-STDMETHODIMP CEnumMediaTypes::Reset() {
-    return guarded([&]() -> HRESULT {
-        m_Version = m_pPin->GetMediaTypeVersion();
-        m_Position = 0;
-        return S_OK;
-    });
+IEnumMediaTypes* enumerate(CBasePin& pin) {
+    return new Enumerator<Types>(pin, pin.GetMediaTypeVersion(), 0);
 }
 
-STDMETHODIMP CEnumMediaTypes::Clone(IEnumMediaTypes** ppEnum) {
-    CheckPointer(ppEnum, E_POINTER);
-    *ppEnum = nullptr;
-    return guarded([&]() -> HRESULT {
-        if (m_Version != m_pPin->GetMediaTypeVersion()) return VFW_E_ENUM_OUT_OF_SYNC;
-        *ppEnum = new CEnumMediaTypes(m_pPin, this);
-        return S_OK;
-    });
-}
+} // namespace kestra::com

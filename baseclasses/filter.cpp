@@ -1,23 +1,24 @@
+// The filter: changes of state under its lock, what the graph gives it under a short one.
 #include "filter.h"
 
+#include "enumerators.h"
 #include "firewall.h"
 #include "held.h"
 #include "pin.h"
-#include "registration.h"
 
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
+#include <memory>
 #include <new>
+#include <utility>
 
+using kestra::com::counted;
 using kestra::com::guarded;
 using kestra::com::Held;
 
 CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid)
     : CUnknown(pName, pUnk), m_clsid(clsid), m_pLock(pLock) {}
-
-CBaseFilter::CBaseFilter(LPCTSTR pName, LPUNKNOWN pUnk, CCritSec* pLock, REFCLSID clsid, HRESULT*)
-    : CBaseFilter(pName, pUnk, pLock, clsid) {}
 
 CBaseFilter::~CBaseFilter() {
     delete[] m_pName;
@@ -28,7 +29,6 @@ HRESULT CBaseFilter::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IBaseFilter || riid == IID_IMediaFilter || riid == IID_IPersist) {
         return GetInterface(static_cast<IBaseFilter*>(this), ppv);
     }
-    if (riid == IID_IAMovieSetup) return GetInterface(static_cast<IAMovieSetup*>(this), ppv);
     return CUnknown::NonDelegatingQueryInterface(riid, ppv);
 }
 
@@ -90,20 +90,11 @@ STDMETHODIMP CBaseFilter::Pause() {
     return S_OK;
 }
 
-STDMETHODIMP CBaseFilter::Run(REFERENCE_TIME tStart) {
+STDMETHODIMP CBaseFilter::Run(REFERENCE_TIME) {
     CAutoLock lock(m_pLock);
-    m_tStart = tStart;
-    if (m_State == State_Stopped) {
-        const HRESULT hr = guarded([this] { return Pause(); });
-        if (FAILED(hr)) return hr;
-    }
-    if (m_State != State_Running) {
-        int visited = 0;
-        const HRESULT hr = forConnectedPins(&visited, [tStart](CBasePin& pin) { return pin.Run(tStart); });
-        if (FAILED(hr)) return hr;
-    }
-    m_State = State_Running;
-    return S_OK;
+    const HRESULT hr = m_State == State_Stopped ? guarded([this] { return Pause(); }) : S_OK;
+    if (SUCCEEDED(hr)) m_State = State_Running;
+    return FAILED(hr) ? hr : S_OK;
 }
 
 STDMETHODIMP CBaseFilter::GetState(DWORD, FILTER_STATE* State) {
@@ -113,18 +104,16 @@ STDMETHODIMP CBaseFilter::GetState(DWORD, FILTER_STATE* State) {
 }
 
 STDMETHODIMP CBaseFilter::SetSyncSource(IReferenceClock* pClock) {
-    CAutoLock lock(m_pLock);
-    if (pClock) pClock->AddRef();
-    if (m_pClock) m_pClock->Release();
-    m_pClock = pClock;
+    Held<IReferenceClock> clock(counted(pClock));
+    CAutoLock lock(&m_joined);
+    m_pClock = clock.exchange(m_pClock);
     return S_OK;
 }
 
 STDMETHODIMP CBaseFilter::GetSyncSource(IReferenceClock** pClock) {
     CheckPointer(pClock, E_POINTER);
-    CAutoLock lock(m_pLock);
-    if (m_pClock) m_pClock->AddRef();
-    *pClock = m_pClock;
+    CAutoLock lock(&m_joined);
+    *pClock = counted(m_pClock);
     return S_OK;
 }
 
@@ -132,7 +121,7 @@ STDMETHODIMP CBaseFilter::EnumPins(IEnumPins** ppEnum) {
     CheckPointer(ppEnum, E_POINTER);
     *ppEnum = nullptr;
     return guarded([&] {
-        *ppEnum = new CEnumPins(this, nullptr);
+        *ppEnum = kestra::com::enumerate(*this);
         return S_OK;
     });
 }
@@ -147,8 +136,7 @@ STDMETHODIMP CBaseFilter::FindPin(LPCWSTR Id, IPin** ppPin) {
         for (int i = 0; i < count; ++i) {
             CBasePin* pin = GetPin(i);
             if (!pin || std::wcscmp(pin->Name(), Id) != 0) continue;
-            pin->AddRef();
-            *ppPin = pin;
+            *ppPin = counted(pin);
             return S_OK;
         }
         return VFW_E_NOT_FOUND;
@@ -157,29 +145,28 @@ STDMETHODIMP CBaseFilter::FindPin(LPCWSTR Id, IPin** ppPin) {
 
 STDMETHODIMP CBaseFilter::QueryFilterInfo(FILTER_INFO* pInfo) {
     CheckPointer(pInfo, E_POINTER);
-    CAutoLock lock(m_pLock);
+    CAutoLock lock(&m_joined);
     *pInfo = {};
     if (m_pName) std::wcsncpy(pInfo->achName, m_pName, std::size(pInfo->achName) - 1);
-    pInfo->pGraph = m_pGraph;
-    if (m_pGraph) m_pGraph->AddRef();
+    pInfo->pGraph = counted(m_pGraph);
     return S_OK;
 }
 
 STDMETHODIMP CBaseFilter::JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) {
-    CAutoLock lock(m_pLock);
-    WCHAR* name = nullptr;
+    std::unique_ptr<WCHAR[]> name;
     if (pName) {
         const size_t length = std::wcslen(pName) + 1;
-        name = new (std::nothrow) WCHAR[length];
+        name.reset(new (std::nothrow) WCHAR[length]);
         if (!name) return E_OUTOFMEMORY;
-        std::copy_n(pName, length, name);
+        std::copy_n(pName, length, name.get());
     }
-    delete[] m_pName;
-    m_pName = name;
-    m_pGraph = pGraph;
     // The graph holds the filter; holding the graph or its sink in return would keep both for ever.
     Held<IMediaEventSink> sink;
     if (pGraph) pGraph->QueryInterface(IID_IMediaEventSink, sink.outVoid());
+    CAutoLock lock(m_pLock);
+    CAutoLock joining(&m_joined);
+    delete[] std::exchange(m_pName, name.release());
+    m_pGraph = pGraph;
     m_pSink = sink.get();
     return S_OK;
 }
@@ -189,47 +176,23 @@ STDMETHODIMP CBaseFilter::QueryVendorInfo(LPWSTR* pVendorInfo) {
     return E_NOTIMPL;
 }
 
-HRESULT CBaseFilter::StreamTime(CRefTime& rtStream) {
-    CAutoLock lock(m_pLock);
-    if (!m_pClock) return VFW_E_NO_CLOCK;
-    REFERENCE_TIME now = 0;
-    const HRESULT hr = m_pClock->GetTime(&now);
-    if (FAILED(hr)) return hr;
-    rtStream = now - m_tStart;
-    return S_OK;
-}
-
-BOOL CBaseFilter::IsActive() {
-    CAutoLock lock(m_pLock);
-    return m_State == State_Paused || m_State == State_Running;
-}
-
 HRESULT CBaseFilter::NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2) {
-    IMediaEventSink* sink = m_pSink; // without the lock: Stop holds it while it waits for a worker that is here
+    Held<IMediaEventSink> sink; // for the call: the filter may be leaving its graph on another thread
+    {
+        CAutoLock lock(&m_joined);
+        sink.exchange(counted(m_pSink));
+    }
     if (!sink) return E_NOTIMPL;
     if (EventCode == EC_COMPLETE) EventParam2 = reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(this));
     return sink->Notify(EventCode, EventParam1, EventParam2);
 }
 
 HRESULT CBaseFilter::ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt) {
-    if (!m_pGraph) return E_NOINTERFACE;
+    FILTER_INFO info;
+    CBaseFilter::QueryFilterInfo(&info);
+    const Held<IFilterGraph> graph(info.pGraph);
+    if (!graph) return E_NOINTERFACE;
     Held<IFilterGraph2> graph2;
-    if (FAILED(m_pGraph->QueryInterface(IID_IFilterGraph2, graph2.outVoid()))) return m_pGraph->Reconnect(pPin);
+    if (FAILED(graph->QueryInterface(IID_IFilterGraph2, graph2.outVoid()))) return graph->Reconnect(pPin);
     return graph2->ReconnectEx(pPin, pmt);
-}
-
-STDMETHODIMP CBaseFilter::Register() {
-    return setup(TRUE);
-}
-
-STDMETHODIMP CBaseFilter::Unregister() {
-    return setup(FALSE);
-}
-
-HRESULT CBaseFilter::setup(BOOL registered) {
-    return guarded([&]() -> HRESULT {
-        const AMOVIESETUP_FILTER* data = GetSetupData();
-        if (!data) return S_FALSE;
-        return kestra::com::registerFilter(*data, registered);
-    });
 }

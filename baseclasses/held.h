@@ -9,7 +9,8 @@ namespace kestra::com {
 template <class Interface>
 class Held {
 public:
-    Held() = default;
+    /// Takes over a reference, if there is one.
+    explicit Held(Interface* counted = nullptr) noexcept : m_object(counted) {}
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
     ~Held() {
@@ -21,11 +22,18 @@ public:
     /// For the one call that fills it.
     Interface** out() noexcept { return &m_object; }
     void** outVoid() noexcept { return reinterpret_cast<void**>(&m_object); }
-    /// The reference becomes the caller's.
-    Interface* detach() noexcept { return std::exchange(m_object, nullptr); }
+    /// Gives the reference to the caller and takes over another, if there is one.
+    Interface* exchange(Interface* counted = nullptr) noexcept { return std::exchange(m_object, counted); }
 
 private:
     Interface* m_object = nullptr;
 };
+
+/// A reference of one's own to an object that somebody else holds; none to null.
+template <class Interface>
+Interface* counted(Interface* object) noexcept {
+    if (object) object->AddRef();
+    return object;
+}
 
 } // namespace kestra::com

@@ -1,3 +1,4 @@
+// Media types: copies that own their blocks, and comparison.
 #include "media_type.h"
 
 #include <algorithm>
@@ -82,17 +83,6 @@ BYTE* CMediaType::AllocFormatBuffer(ULONG length) {
     if (length == cbFormat) return pbFormat;
     auto* block = length ? static_cast<BYTE*>(CoTaskMemAlloc(length)) : nullptr;
     if (length && !block) return nullptr;
-    ResetFormatBuffer();
-    pbFormat = block;
-    cbFormat = length;
-    return block;
-}
-
-BYTE* CMediaType::ReallocFormatBuffer(ULONG length) {
-    if (length == cbFormat) return pbFormat;
-    auto* block = static_cast<BYTE*>(CoTaskMemAlloc(std::max<ULONG>(length, 1)));
-    if (!block) return nullptr;
-    if (cbFormat) std::memcpy(block, pbFormat, std::min(length, cbFormat));
     ResetFormatBuffer();
     pbFormat = block;
     cbFormat = length;

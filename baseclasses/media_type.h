@@ -18,7 +18,6 @@ public:
 
     HRESULT Set(const CMediaType& mt);
     HRESULT Set(const AM_MEDIA_TYPE& mt);
-    BOOL IsValid() const { return majortype != GUID_NULL; }
     const GUID* Type() const { return &majortype; }
     void SetType(const GUID* type) { majortype = *type; }
     const GUID* Subtype() const { return &subtype; }
@@ -29,7 +28,6 @@ public:
     ULONG GetSampleSize() const { return IsFixedSize() ? lSampleSize : 0; }
     /// @param size  bytes; 0 makes the size variable.
     void SetSampleSize(ULONG size);
-    void SetVariableSize() { bFixedSizeSamples = FALSE; }
     void SetTemporalCompression(BOOL compressed) { bTemporalCompression = compressed; }
     BYTE* Format() const { return pbFormat; }
     ULONG FormatLength() const { return cbFormat; }
@@ -40,8 +38,6 @@ public:
     void ResetFormatBuffer();
     /// @return the new, uninitialised block; null without memory, the old block is then kept.
     BYTE* AllocFormatBuffer(ULONG length);
-    /// As AllocFormatBuffer, keeping the bytes that fit.
-    BYTE* ReallocFormatBuffer(ULONG length);
     void InitMediaType();
     BOOL MatchesPartial(const CMediaType* partial) const;
     BOOL IsPartiallySpecified() const { return majortype == GUID_NULL || formattype == GUID_NULL; }

@@ -1,3 +1,4 @@
+// Counted objects and their identity. Any thread.
 #include "objects.h"
 
 volatile LONG CBaseObject::m_cObjects = 0;
@@ -14,8 +15,6 @@ CBaseObject::~CBaseObject() {
 CUnknown::CUnknown(LPCTSTR pName, LPUNKNOWN pUnk)
     : CBaseObject(pName),
       m_pUnknown(pUnk ? pUnk : reinterpret_cast<LPUNKNOWN>(static_cast<INonDelegatingUnknown*>(this))) {}
-
-CUnknown::CUnknown(LPCTSTR pName, LPUNKNOWN pUnk, HRESULT*) : CUnknown(pName, pUnk) {}
 
 HRESULT CUnknown::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
     CheckPointer(ppv, E_POINTER);

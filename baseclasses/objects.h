@@ -66,7 +66,6 @@ struct INonDelegatingUnknown {
 class CUnknown : public INonDelegatingUnknown, public CBaseObject {
 public:
     CUnknown(LPCTSTR pName, LPUNKNOWN pUnk);
-    CUnknown(LPCTSTR pName, LPUNKNOWN pUnk, HRESULT* phr);
     virtual ~CUnknown() = default;
 
     /// The controlling unknown: the outer object, or this one. Not counted.
@@ -97,15 +96,3 @@ private:
 
 /// Answers a QueryInterface with `pUnk`, counted. @return S_OK, or E_POINTER for a null ppv.
 HRESULT GetInterface(LPUNKNOWN pUnk, void** ppv);
-
-/// A time in units of 100 ns; a LONG is taken for milliseconds. A value, without a lock.
-class CRefTime {
-public:
-    REFERENCE_TIME m_time = 0;
-    CRefTime() = default;
-    CRefTime(REFERENCE_TIME time) : m_time(time) {}
-    CRefTime(LONG milliseconds) : m_time(REFERENCE_TIME(milliseconds) * 10000) {}
-    operator REFERENCE_TIME() const { return m_time; }
-    LONG Millisecs() const { return LONG(m_time / 10000); }
-    REFERENCE_TIME GetUnits() const { return m_time; }
-};

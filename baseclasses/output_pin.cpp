@@ -1,8 +1,11 @@
+// The output pin: its allocator and what it delivers.
+#include "firewall.h"
 #include "held.h"
 #include "pin.h"
 
 #include <initializer_list>
 
+using kestra::com::guarded;
 using kestra::com::Held;
 
 CBaseOutputPin::CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName)
@@ -20,7 +23,7 @@ HRESULT CBaseOutputPin::CheckConnect(IPin* pPin) {
     const HRESULT found = pPin->QueryInterface(IID_IMemInputPin, input.outVoid());
     if (FAILED(found)) return found;
     if (m_pInputPin) m_pInputPin->Release();
-    m_pInputPin = input.detach();
+    m_pInputPin = input.exchange();
     return S_OK;
 }
 
@@ -57,7 +60,7 @@ HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pPin, IMemAllocator** ppAl
         if (SUCCEEDED(hr)) hr = DecideBufferSize(allocator.get(), &request);
         if (SUCCEEDED(hr)) hr = pPin->NotifyAllocator(allocator.get(), FALSE);
         if (SUCCEEDED(hr)) {
-            *ppAlloc = allocator.detach();
+            *ppAlloc = allocator.exchange();
             return S_OK;
         }
     }
@@ -84,21 +87,13 @@ HRESULT CBaseOutputPin::GetDeliveryBuffer(IMediaSample** ppSample, REFERENCE_TIM
 }
 
 HRESULT CBaseOutputPin::Deliver(IMediaSample* pSample) {
-    return m_pInputPin ? m_pInputPin->Receive(pSample) : VFW_E_NOT_CONNECTED;
+    if (!m_pInputPin) return VFW_E_NOT_CONNECTED;
+    m_deliverer = GetCurrentThreadId();
+    const HRESULT hr = guarded([&] { return m_pInputPin->Receive(pSample); });
+    m_deliverer = 0;
+    return hr;
 }
 
 HRESULT CBaseOutputPin::DeliverEndOfStream() {
     return m_Connected ? m_Connected->EndOfStream() : VFW_E_NOT_CONNECTED;
-}
-
-HRESULT CBaseOutputPin::DeliverBeginFlush() {
-    return m_Connected ? m_Connected->BeginFlush() : VFW_E_NOT_CONNECTED;
-}
-
-HRESULT CBaseOutputPin::DeliverEndFlush() {
-    return m_Connected ? m_Connected->EndFlush() : VFW_E_NOT_CONNECTED;
-}
-
-HRESULT CBaseOutputPin::DeliverNewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) {
-    return m_Connected ? m_Connected->NewSegment(tStart, tStop, dRate) : VFW_E_NOT_CONNECTED;
 }

@@ -1,5 +1,7 @@
+// What every pin answers, and how two pins connect.
 #include "pin.h"
 
+#include "enumerators.h"
 #include "firewall.h"
 #include "held.h"
 
@@ -9,8 +11,25 @@
 #include <new>
 #include <utility>
 
+using kestra::com::counted;
 using kestra::com::guarded;
 using kestra::com::Held;
+using kestra::com::Question;
+
+Question::Question(CBasePin& pin) {
+    constexpr DWORD kPatienceMs = 10; // nobody else holds the lock for long
+    if (pin.m_deliverer != GetCurrentThreadId()) return;
+    const DWORD start = GetTickCount();
+    while (m_allowed && !TryEnterCriticalSection(&pin.m_pLock->m_CritSec)) {
+        Sleep(1);
+        m_allowed = GetTickCount() - start < kPatienceMs;
+    }
+    if (m_allowed) m_held = pin.m_pLock;
+}
+
+Question::~Question() {
+    if (m_held) m_held->Unlock();
+}
 
 CBasePin::CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
                    PIN_DIRECTION dir)
@@ -39,9 +58,8 @@ HRESULT CBasePin::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
 STDMETHODIMP CBasePin::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) {
     CheckPointer(pReceivePin, E_POINTER);
     CAutoLock lock(m_pLock);
-    if (m_Connected) return VFW_E_ALREADY_CONNECTED;
-    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
-    HRESULT hr = S_OK;
+    HRESULT hr = checkConnectable();
+    if (FAILED(hr)) return hr;
     CMediaType type;
     if (pmt) hr = type.Set(*pmt);
     if (SUCCEEDED(hr)) hr = guarded([&] { return AgreeMediaType(pReceivePin, pmt ? &type : nullptr); });
@@ -49,10 +67,22 @@ STDMETHODIMP CBasePin::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) {
     return FAILED(hr) ? hr : S_OK;
 }
 
+HRESULT CBasePin::checkConnectable() {
+    if (m_Connected) return VFW_E_ALREADY_CONNECTED;
+    return IsStopped() || m_bCanReconnectWhenActive ? S_OK : VFW_E_NOT_STOPPED;
+}
+
+// Lets go of the former one last: that may be all that has kept it.
+void CBasePin::setConnected(IPin* pin) {
+    Held<IPin> other(counted(pin));
+    CAutoLock lock(&m_connection);
+    m_Connected = other.exchange(m_Connected);
+}
+
 // Gives back what a failed attempt holds; its failure is already the answer.
 void CBasePin::breakQuietly() {
     guarded([this] { return BreakConnect(); });
-    if (m_Connected) std::exchange(m_Connected, nullptr)->Release();
+    setConnected(nullptr);
 }
 
 // A type that is refused for no reason of its own is the type's fault.
@@ -66,8 +96,7 @@ HRESULT CBasePin::AttemptConnection(IPin* pReceivePin, const CMediaType* pmt) {
     HRESULT hr = guarded([&] { return CheckConnect(pReceivePin); });
     if (SUCCEEDED(hr)) hr = checkType(pmt);
     if (SUCCEEDED(hr)) {
-        m_Connected = pReceivePin;
-        m_Connected->AddRef();
+        setConnected(pReceivePin);
         hr = guarded([&] { return SetMediaType(pmt); });
         if (SUCCEEDED(hr)) {
             hr = pReceivePin->ReceiveConnection(this, pmt);
@@ -127,15 +156,14 @@ STDMETHODIMP CBasePin::ReceiveConnection(IPin* pConnector, const AM_MEDIA_TYPE* 
     CheckPointer(pConnector, E_POINTER);
     CheckPointer(pmt, E_POINTER);
     CAutoLock lock(m_pLock);
-    if (m_Connected) return VFW_E_ALREADY_CONNECTED;
-    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
+    HRESULT hr = checkConnectable();
+    if (FAILED(hr)) return hr;
     CMediaType type;
-    HRESULT hr = guarded([&] { return CheckConnect(pConnector); });
+    hr = guarded([&] { return CheckConnect(pConnector); });
     if (SUCCEEDED(hr)) hr = type.Set(*pmt);
     if (SUCCEEDED(hr)) hr = checkType(&type);
     if (SUCCEEDED(hr)) {
-        m_Connected = pConnector;
-        m_Connected->AddRef();
+        setConnected(pConnector);
         hr = guarded([&] { return SetMediaType(&type); });
         if (SUCCEEDED(hr)) hr = guarded([&] { return CompleteConnect(pConnector); });
         if (SUCCEEDED(hr)) return S_OK;
@@ -146,41 +174,36 @@ STDMETHODIMP CBasePin::ReceiveConnection(IPin* pConnector, const AM_MEDIA_TYPE* 
 
 STDMETHODIMP CBasePin::Disconnect() {
     CAutoLock lock(m_pLock);
-    if (!IsStopped() && !m_bCanReconnectWhenActive) return VFW_E_NOT_STOPPED;
-    return DisconnectInternal();
+    return IsStopped() ? DisconnectInternal() : VFW_E_NOT_STOPPED;
 }
 
 HRESULT CBasePin::DisconnectInternal() {
     if (!m_Connected) return S_FALSE;
     const HRESULT hr = guarded([this] { return BreakConnect(); });
     if (FAILED(hr)) return hr;
-    m_Connected->Release();
-    m_Connected = nullptr;
+    setConnected(nullptr);
     return S_OK;
 }
 
-// Without the lock, as whoever holds it may be waiting for the very thread that asks here (a worker, in Stop).
 STDMETHODIMP CBasePin::ConnectedTo(IPin** pPin) {
     CheckPointer(pPin, E_POINTER);
-    *pPin = m_Connected;
-    if (!*pPin) return VFW_E_NOT_CONNECTED;
-    (*pPin)->AddRef();
-    return S_OK;
+    CAutoLock lock(&m_connection);
+    *pPin = counted(m_Connected);
+    return *pPin ? S_OK : VFW_E_NOT_CONNECTED;
 }
 
 STDMETHODIMP CBasePin::ConnectionMediaType(AM_MEDIA_TYPE* pmt) {
     CheckPointer(pmt, E_POINTER);
-    CAutoLock lock(m_pLock);
+    CAutoLock lock(&m_connection);
     if (IsConnected()) return CopyMediaType(pmt, &m_mt);
-    *pmt = {};
+    *pmt = CMediaType(); // initialised, and without a block that two would own
     return VFW_E_NOT_CONNECTED;
 }
 
 STDMETHODIMP CBasePin::QueryPinInfo(PIN_INFO* pInfo) {
     CheckPointer(pInfo, E_POINTER);
     *pInfo = {};
-    pInfo->pFilter = m_pFilter;
-    m_pFilter->AddRef();
+    pInfo->pFilter = counted(m_pFilter);
     pInfo->dir = m_dir;
     std::wcsncpy(pInfo->achName, m_pName, std::size(pInfo->achName) - 1);
     return S_OK;
@@ -201,12 +224,15 @@ STDMETHODIMP CBasePin::QueryId(LPWSTR* Id) {
     return S_OK;
 }
 
-// Any answer but S_OK means no: FAILED alone would take a CheckMediaType that says S_FALSE for a yes.
+// Any answer but S_OK means no: FAILED alone would take a CheckMediaType that says S_FALSE for a yes. A pin that is
+// being stopped takes no other type.
 STDMETHODIMP CBasePin::QueryAccept(const AM_MEDIA_TYPE* pmt) {
     CheckPointer(pmt, E_POINTER);
     HRESULT hr = S_OK;
     const CMediaType type(*pmt, &hr);
-    if (FAILED(hr)) return hr;
+    if (hr == E_OUTOFMEMORY) return hr;
+    const Question question(*this);
+    if (FAILED(hr) || !question.isAllowed()) return S_FALSE;
     return guarded([&] { return CheckMediaType(&type); }) == S_OK ? S_OK : S_FALSE;
 }
 
@@ -214,7 +240,7 @@ STDMETHODIMP CBasePin::EnumMediaTypes(IEnumMediaTypes** ppEnum) {
     CheckPointer(ppEnum, E_POINTER);
     *ppEnum = nullptr;
     return guarded([&] {
-        *ppEnum = new CEnumMediaTypes(this, nullptr);
+        *ppEnum = kestra::com::enumerate(*this);
         return S_OK;
     });
 }
@@ -223,24 +249,17 @@ STDMETHODIMP CBasePin::QueryInternalConnections(IPin**, ULONG*) {
     return E_NOTIMPL;
 }
 
-STDMETHODIMP CBasePin::NewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) {
-    m_tStart = tStart;
-    m_tStop = tStop;
-    m_dRate = dRate;
-    return S_OK;
-}
-
 STDMETHODIMP CBasePin::Notify(IBaseFilter*, Quality) {
     return E_NOTIMPL;
 }
 
 STDMETHODIMP CBasePin::SetSink(IQualityControl* piqc) {
-    CAutoLock lock(m_pLock);
     m_pQSink = piqc; // not counted, as the interface's contract has it
     return S_OK;
 }
 
 HRESULT CBasePin::SetMediaType(const CMediaType* pmt) {
+    CAutoLock lock(&m_connection);
     return m_mt.Set(*pmt);
 }
 

@@ -3,9 +3,32 @@
 
 #include "filter.h"
 
+class CBasePin;
+
+namespace kestra::com {
+
+/// For the time in which a pin's derived class is asked about its media types, which it may answer under m_pLock.
+/// Whoever stops the stream holds that lock while it waits for the thread that delivers; so a receiver that asks from
+/// inside Receive takes it here first, or is told that it cannot ask now.
+class Question {
+public:
+    explicit Question(CBasePin& pin);
+    ~Question();
+    Question(const Question&) = delete;
+    Question& operator=(const Question&) = delete;
+    bool isAllowed() const { return m_allowed; }
+
+private:
+    CCritSec* m_held = nullptr;
+    bool m_allowed = true;
+};
+
+} // namespace kestra::com
+
 /// Base of every pin. Its filter owns it, and a reference to the pin is one to the filter. Holds the pin that it is
-/// connected to. m_pLock, as a rule the filter's, guards the connection and its media type; the methods that a worker
-/// may need while somebody waits for it under that lock (ConnectedTo, QueryPinInfo, QueryDirection, QueryId) take none.
+/// connected to. m_pLock, as a rule the filter's, guards connecting and disconnecting, which waits for a worker at
+/// times; what a receiver may ask from inside Receive (ConnectedTo, ConnectionMediaType, QueryPinInfo, QueryDirection,
+/// QueryId, QueryAccept, EnumMediaTypes) does not wait for it.
 class CBasePin : public CUnknown, public IPin, public IQualityControl {
 public:
     CBasePin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName,
@@ -31,7 +54,7 @@ public:
     STDMETHODIMP EndOfStream() override { return S_OK; }
     STDMETHODIMP BeginFlush() override = 0;
     STDMETHODIMP EndFlush() override = 0;
-    STDMETHODIMP NewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate) override;
+    STDMETHODIMP NewSegment(REFERENCE_TIME, REFERENCE_TIME, double) override { return S_OK; }
     STDMETHODIMP Notify(IBaseFilter* pSender, Quality q) override;
     STDMETHODIMP SetSink(IQualityControl* piqc) override;
 
@@ -40,12 +63,9 @@ public:
     BOOL IsStopped() { return m_pFilter->IsStopped(); }
     LPWSTR Name() { return m_pName; }
     bool CanReconnectWhenActive() { return m_bCanReconnectWhenActive; }
-    void SetReconnectWhenActive(bool bCanReconnect) { m_bCanReconnectWhenActive = bCanReconnect; }
     virtual LONG GetMediaTypeVersion() { return m_TypeVersion; }
+    /// Other types are offered from now on: open enumerators of them are out of sync.
     void IncrementTypeVersion() { InterlockedIncrement(&m_TypeVersion); }
-    REFERENCE_TIME CurrentStartTime() { return m_tStart; }
-    REFERENCE_TIME CurrentStopTime() { return m_tStop; }
-    double CurrentRate() { return m_dRate; }
 
     virtual HRESULT CheckMediaType(const CMediaType*) = 0;
     virtual HRESULT SetMediaType(const CMediaType*);
@@ -55,7 +75,6 @@ public:
     virtual HRESULT GetMediaType(int, CMediaType*) { return E_UNEXPECTED; }
     virtual HRESULT Active() { return S_OK; }
     virtual HRESULT Inactive() { return S_OK; }
-    virtual HRESULT Run(REFERENCE_TIME) { return S_OK; }
 
 protected:
     HRESULT AttemptConnection(IPin* pReceivePin, const CMediaType* pmt);
@@ -74,23 +93,28 @@ protected:
     IQualityControl* m_pQSink = nullptr;
     LONG m_TypeVersion = 1;
     CMediaType m_mt;
-    REFERENCE_TIME m_tStart = 0;
-    REFERENCE_TIME m_tStop = MAXLONGLONG;
-    double m_dRate = 1.0;
 
 private:
+    friend class CBaseOutputPin;
+    friend class kestra::com::Question;
+    HRESULT checkConnectable();
+    void setConnected(IPin* pin);
     void breakQuietly();
     HRESULT checkType(const CMediaType* pmt);
+
+    CCritSec m_connection;          // guards the other pin and the media type while they change; held for a moment
+    volatile DWORD m_deliverer = 0; // the thread that is inside the receiver's Receive
 };
 
 /// An output pin: agrees on an allocator when it connects, and delivers samples. Holds the allocator and the receiver's
 /// input interface while connected. GetDeliveryBuffer and the Deliver methods take no lock: they are the streaming
-/// thread's, which ends before the pin is disconnected.
+/// thread's, one at a time, which ends before the pin is disconnected.
 class CBaseOutputPin : public CBasePin {
 public:
     CBaseOutputPin(LPCTSTR pObjectName, CBaseFilter* pFilter, CCritSec* pLock, HRESULT* phr, LPCWSTR pName);
     ~CBaseOutputPin() override;
 
+    STDMETHODIMP EndOfStream() override { return E_UNEXPECTED; }
     STDMETHODIMP BeginFlush() override { return E_UNEXPECTED; }
     STDMETHODIMP EndFlush() override { return E_UNEXPECTED; }
     HRESULT CompleteConnect(IPin* pReceivePin) override;
@@ -110,9 +134,6 @@ public:
                                       DWORD dwFlags);
     virtual HRESULT Deliver(IMediaSample* pSample);
     virtual HRESULT DeliverEndOfStream();
-    virtual HRESULT DeliverBeginFlush();
-    virtual HRESULT DeliverEndFlush();
-    virtual HRESULT DeliverNewSegment(REFERENCE_TIME tStart, REFERENCE_TIME tStop, double dRate);
 
 protected:
     IMemAllocator* m_pAllocator = nullptr;

@@ -1,3 +1,4 @@
+// The page between the frame, which calls its methods, and its dialog.
 #include "property_page.h"
 
 #include "class_factory.h"
@@ -10,14 +11,21 @@ using kestra::com::guarded;
 CBasePropertyPage::CBasePropertyPage(LPCTSTR pName, LPUNKNOWN pUnk, int DialogId, int TitleId)
     : CUnknown(pName, pUnk), m_DialogId(DialogId), m_TitleId(TitleId) {}
 
-CBasePropertyPage::~CBasePropertyPage() {
-    if (m_Dlg) DestroyWindow(m_Dlg);
-    if (m_pPageSite) m_pPageSite->Release();
-}
-
 HRESULT CBasePropertyPage::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IPropertyPage) return GetInterface(static_cast<IPropertyPage*>(this), ppv);
     return CUnknown::NonDelegatingQueryInterface(riid, ppv);
+}
+
+// What a frame would have done before; a derived class hears of it in its own functions. That one of them takes and
+// releases a reference must not end the page a second time.
+ULONG CBasePropertyPage::NonDelegatingRelease() {
+    if (InterlockedCompareExchange(&m_cRef, 2, 1) == 1) {
+        Deactivate();
+        SetObjects(0, nullptr);
+        SetPageSite(nullptr);
+        InterlockedDecrement(&m_cRef);
+    }
+    return CUnknown::NonDelegatingRelease();
 }
 
 STDMETHODIMP CBasePropertyPage::SetPageSite(LPPROPERTYPAGESITE pPageSite) {
@@ -58,9 +66,10 @@ STDMETHODIMP CBasePropertyPage::Activate(HWND hwndParent, LPCRECT prect, BOOL) {
 STDMETHODIMP CBasePropertyPage::Deactivate() {
     if (!m_Dlg) return E_UNEXPECTED;
     guarded([this] { return OnDeactivate(); });
+    m_hwnd = nullptr; // so that the style goes: the system's search for the next control may not enter a dying dialog
+    SetWindowLongPtr(m_Dlg, GWL_EXSTYLE, GetWindowLongPtr(m_Dlg, GWL_EXSTYLE) & ~LONG_PTR{WS_EX_CONTROLPARENT});
     DestroyWindow(m_Dlg);
     m_Dlg = nullptr;
-    m_hwnd = nullptr;
     return S_OK;
 }
 
@@ -115,7 +124,7 @@ INT_PTR CALLBACK CBasePropertyPage::DialogProc(HWND hwnd, UINT uMsg, WPARAM wPar
     if (!page) return FALSE; // only measured, or before WM_INITDIALOG
     if (uMsg == WM_INITDIALOG) page->m_hwnd = page->m_Dlg = hwnd;
     // Some frames take the style away that Activate gave.
-    if (uMsg == WM_STYLECHANGING && int(wParam) == GWL_EXSTYLE) {
+    if (uMsg == WM_STYLECHANGING && int(wParam) == GWL_EXSTYLE && page->m_hwnd) {
         reinterpret_cast<STYLESTRUCT*>(lParam)->styleNew |= WS_EX_CONTROLPARENT;
     }
     try {

@@ -7,10 +7,10 @@
 class CBasePropertyPage : public IPropertyPage, public CUnknown {
 public:
     CBasePropertyPage(LPCTSTR pName, LPUNKNOWN pUnk, int DialogId, int TitleId);
-    ~CBasePropertyPage() override;
-
     DECLARE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+    /// The last one takes the dialog away and lets go of site and object, while the page is still whole.
+    ULONG STDMETHODCALLTYPE NonDelegatingRelease() override;
 
     virtual HRESULT OnConnect(IUnknown*) { return S_OK; }
     virtual HRESULT OnDisconnect() { return S_OK; }

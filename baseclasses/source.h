@@ -1,17 +1,15 @@
-// A source filter and its streams, each with a worker thread that fills buffers.
+// A source filter and its streams.
 #pragma once
 
 #include "pin.h"
-#include "threads.h"
 
 class CSourceStream;
 
 /// A filter that has output streams only. Owns its streams and deletes those that are left; m_cStateLock is the
-/// filter's lock and guards their list. The threads of CBaseFilter.
+/// filter's lock. The list of streams is guarded on its own. The threads of CBaseFilter.
 class CSource : public CBaseFilter {
 public:
     CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid);
-    CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid, HRESULT* phr);
     ~CSource() override;
 
     int GetPinCount() override;
@@ -29,46 +27,24 @@ protected:
     CCritSec m_cStateLock;
 
 private:
+    CCritSec m_list;   // held for a moment
     int m_streams = 0; // entries of m_paStreams
 };
 
-/// An output pin that adds itself to its filter, which then owns it. The worker lives from Active to Inactive, or until
-/// the pin is disconnected; the requests to it come from the threads that hold the filter's lock, so that FillBuffer
-/// and the OnThread... methods, which are the worker's, must not take that lock.
+/// What a stream's worker thread is built on elsewhere. This layer has none: its streams are filled from outside.
+class CAMThread {};
+
+/// An output pin that adds itself to its filter, which then owns it. Samples are pushed by a thread that the derived
+/// class has from elsewhere; FillBuffer, which a worker of its own would call, is called by nobody.
 class CSourceStream : public CAMThread, public CBaseOutputPin {
 public:
     CSourceStream(LPCTSTR pObjectName, HRESULT* phr, CSource* pms, LPCWSTR pName);
     ~CSourceStream() override;
 
     STDMETHODIMP QueryId(LPWSTR* Id) override;
-    HRESULT Active() override;
-    HRESULT Inactive() override;
-    HRESULT BreakConnect() override; // ends the worker, too
-    HRESULT CheckMediaType(const CMediaType* pMediaType) override;
-    HRESULT GetMediaType(int iPosition, CMediaType* pMediaType) override;
-    virtual HRESULT GetMediaType(CMediaType*) { return E_UNEXPECTED; }
-
-    enum Command { CMD_INIT, CMD_PAUSE, CMD_RUN, CMD_STOP, CMD_EXIT };
-    HRESULT Init() { return HRESULT(CallWorker(CMD_INIT)); }
-    HRESULT Exit() { return HRESULT(CallWorker(CMD_EXIT)); }
-    HRESULT Run() { return HRESULT(CallWorker(CMD_RUN)); }
-    HRESULT Pause() { return HRESULT(CallWorker(CMD_PAUSE)); }
-    HRESULT Stop() { return HRESULT(CallWorker(CMD_STOP)); }
-    using CBaseOutputPin::Run;
 
 protected:
-    /// Fills one sample, on the worker. @return S_OK to deliver it, S_FALSE at the end of the stream.
     virtual HRESULT FillBuffer(IMediaSample* pSamp) = 0;
-    virtual HRESULT OnThreadCreate() { return S_OK; }
-    virtual HRESULT OnThreadDestroy() { return S_OK; }
-    virtual HRESULT OnThreadStartPlay() { return S_OK; }
-    virtual HRESULT DoBufferProcessingLoop();
-    DWORD ThreadProc() override;
-    Command GetRequest() { return Command(CAMThread::GetRequest()); }
-    BOOL CheckRequest(Command* pCom);
 
     CSource* m_pFilter;
-
-private:
-    HRESULT endWorker();
 };

@@ -9,4 +9,3 @@
 #include "pin.h"
 #include "property_page.h"
 #include "source.h"
-#include "threads.h"

@@ -7,19 +7,22 @@
 
 #include <streams.h>
 
+extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE, ULONG, LPVOID); // of the base classes, in no header of theirs
+
 namespace {
 
 kestra::LogLifetime g_log; // the library's log is open for as long as the module is loaded
 
 } // namespace
 
-// A further class is one line.
+// A further class is one line. One without a name has an empty one, so that its key has an empty value, not a missing
+// one or a null pointer's text.
 CFactoryTemplate g_Templates[] = {
     {L"Kestra Capture Video", &CLSID_KestraCapture, CKestraCapture::CreateInstance, nullptr, nullptr},
     {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, CKestraAudioCapture::CreateInstance, nullptr, nullptr},
-    {nullptr, &CLSID_KestraAudioPropertyPage, kestra::createAudioPage, nullptr, nullptr},
-    {nullptr, &CLSID_KestraStreamPropCSC, kestra::createConverterPage, nullptr, nullptr},
-    {nullptr, &CLSID_KestraStreamPropRGB, kestra::createGainPage, nullptr, nullptr},
+    {L"", &CLSID_KestraAudioPropertyPage, kestra::createAudioPage, nullptr, nullptr},
+    {L"", &CLSID_KestraStreamPropCSC, kestra::createConverterPage, nullptr, nullptr},
+    {L"", &CLSID_KestraStreamPropRGB, kestra::createGainPage, nullptr, nullptr},
 };
 int g_cTemplates = sizeof g_Templates / sizeof g_Templates[0];
 

@@ -1,4 +1,4 @@
-// The layer when the system has no memory, no event and no thread: an error, null pointers, and nothing held.
+// The layer when the system has no memory: an error, null pointers, and nothing held.
 #include "tests/com/baseclasses_fixture.h"
 #include "tests/com/failing_allocations.h"
 #include "tests/support/process_counts.h"
@@ -107,8 +107,6 @@ TEST_F(FailureTest, MediaTypeKeepsWhatItHasWithoutMemory) {
     allocationsThatPass = 0;
     EXPECT_EQ(type.AllocFormatBuffer(8), nullptr);
     allocationsThatPass = 0;
-    EXPECT_EQ(type.ReallocFormatBuffer(8), nullptr);
-    allocationsThatPass = 0;
     EXPECT_EQ(type.Set(source), E_OUTOFMEMORY);
     allocationsThatPass = 0;
     type = source;
@@ -211,8 +209,8 @@ TEST_F(FailureTest, FactoryMakesAWholeFilterOrNone) {
 }
 
 TEST_F(FailureTest, ServerKeysAreWrittenOrTheAnswerIsThatThereIsNoMemory) {
-    EXPECT_GE(failEachAllocation([] { return AMovieSetupRegisterServer(kTestFilter, L"x", L"x.dll"); }, [] {}), 1);
-    EXPECT_GE(failEachAllocation([] { return AMovieSetupUnregisterServer(kTestFilter); }, [] {}), 1);
+    for (const BOOL registering : {TRUE, FALSE})
+        EXPECT_GE(failEachAllocation([&] { return AMovieDllRegisterServer2(registering); }, [] {}), 1);
 }
 
 TEST_F(FailureTest, LifeOfAFilterLeavesNoMemoryBehind) {
@@ -240,56 +238,6 @@ TEST_F(FailureTest, LifeOfAFilterLeavesNoMemoryBehind) {
     const long before = liveAllocations();
     live();
     EXPECT_EQ(liveAllocations(), before);
-}
-
-int eventsThatPass = -1;
-decltype(&CreateEventW) createEvent = nullptr;
-
-TEST_F(FailureTest, ThreadObjectWithoutItsEventsSaysSoAndStartsNoThread) {
-    ScopedImportHook<decltype(&CreateEventW)> hook(
-        "kernel32.dll", "CreateEventW",
-        [](LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL set, LPCWSTR name) -> HANDLE {
-            if (eventsThatPass >= 0 && eventsThatPass-- == 0) return nullptr;
-            return createEvent(security, manual, set, name);
-        });
-    ASSERT_TRUE(hook.installed());
-    createEvent = hook.original();
-    const ProcessCounts before = processCounts();
-    int missing = 0;
-    for (;; ++missing) {
-        HRESULT hr = S_OK;
-        eventsThatPass = missing;
-        auto* stream = new TestStream(&hr, m_source);
-        const bool failed = std::exchange(eventsThatPass, -1) == -1;
-        const HRESULT kept = hr;
-        EXPECT_EQ(stream->Create(), !failed);
-        if (!failed) {
-            EXPECT_EQ(stream->Init(), S_OK);
-            EXPECT_EQ(stream->Exit(), S_OK);
-            stream->Close();
-        }
-        delete stream;
-        EXPECT_EQ(kept, failed ? E_OUTOFMEMORY : S_OK) << "event " << missing;
-        if (!failed || HasFailure()) break;
-    }
-    EXPECT_EQ(missing, 3);
-    EXPECT_LE(processCounts().handles, before.handles);
-}
-
-TEST_F(FailureTest, PauseFailsAndTheAllocatorIsDecommittedWithoutAThread) {
-    ASSERT_EQ(connect(), S_OK);
-    {
-        ScopedImportHook<decltype(&CreateThread)> hook("kernel32.dll", "CreateThread",
-                                                       [](LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE, LPVOID,
-                                                          DWORD, LPDWORD) -> HANDLE { return nullptr; });
-        ASSERT_TRUE(hook.installed());
-        EXPECT_EQ(m_source->Pause(), E_FAIL);
-    }
-    EXPECT_EQ(stateOf(m_source), State_Stopped);
-    EXPECT_FALSE(out().ThreadExists());
-    Ref<IMediaSample> sample;
-    EXPECT_EQ(out().GetDeliveryBuffer(sample.put(), nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
-    EXPECT_EQ(m_source->Pause(), S_OK);
 }
 
 } // namespace

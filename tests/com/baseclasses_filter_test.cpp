@@ -65,7 +65,6 @@ TEST_F(FilterTest, GoesThroughItsStatesInAnyOrderUnconnected) {
         }
     }
     EXPECT_EQ(out().m_active.calls, 0) << "an unconnected pin has nothing to do";
-    EXPECT_EQ(out().m_run.calls, 0);
 }
 
 TEST_F(FilterTest, GoesThroughItsStatesInAnyOrderConnected) {
@@ -79,11 +78,10 @@ TEST_F(FilterTest, GoesThroughItsStatesInAnyOrderConnected) {
             SCOPED_TRACE(testing::Message() << from << " to " << to);
             ASSERT_EQ(go(State_Stopped), S_OK);
             ASSERT_EQ(go(from), S_OK);
-            const int active = out().m_active.calls, run = out().m_run.calls, inactive = out().m_inactive.calls;
+            const int active = out().m_active.calls, inactive = out().m_inactive.calls;
             ASSERT_EQ(go(to), S_OK);
             EXPECT_EQ(stateOf(m_source), to);
             EXPECT_EQ(out().m_active.calls - active, from == State_Stopped && to != State_Stopped);
-            EXPECT_EQ(out().m_run.calls - run, from != State_Running && to == State_Running);
             EXPECT_EQ(out().m_inactive.calls - inactive, from != State_Stopped && to == State_Stopped);
             EXPECT_EQ(out().ThreadExists(), to != State_Stopped);
             for (const DWORD waitMs : {DWORD(0), DWORD(1000), DWORD(INFINITE)}) {
@@ -167,9 +165,11 @@ TEST_F(FilterTest, PinsThatCannotBeCountedOrFoundMakeTheCallFail) {
     for (const int throws : {1, 2}) {
         const HRESULT expected = throws == 1 ? E_UNEXPECTED : E_OUTOFMEMORY;
         m_source->m_pinCount.throws = throws;
-        auto* pins = reinterpret_cast<IEnumPins*>(8);
-        EXPECT_EQ(m_source->EnumPins(&pins), expected);
-        EXPECT_EQ(pins, nullptr);
+        Ref<IEnumPins> pins;
+        EXPECT_EQ(m_source->EnumPins(pins.put()), S_OK);
+        Ref<IPin> none;
+        EXPECT_EQ(pins->Next(1, none.put(), nullptr), expected);
+        EXPECT_EQ(none.get(), nullptr);
         EXPECT_EQ(m_source->Pause(), expected);
         EXPECT_EQ(m_source->Run(0), expected);
         EXPECT_EQ(stateOf(m_source), State_Stopped);
@@ -191,20 +191,16 @@ TEST_F(FilterTest, PinsThatCannotBeCountedOrFoundMakeTheCallFail) {
     m_source->m_pinCount.throws = 0;
 }
 
-TEST_F(FilterTest, ConnectedPinIsActivatedOnceAndRunOnceAndStoppedOnce) {
+TEST_F(FilterTest, ConnectedPinIsActivatedOnceAndStoppedOnce) {
     ASSERT_EQ(connect(), S_OK);
     EXPECT_EQ(m_source->Stop(), S_OK);
     EXPECT_EQ(out().m_inactive.calls, 0) << "was stopped already";
-    EXPECT_EQ(m_source->Run(5), S_OK);
-    EXPECT_EQ(out().m_active.calls, 1) << "run pauses on its way";
-    EXPECT_EQ(out().m_run.calls, 1);
+    EXPECT_EQ(m_source->Run(5), S_OK) << "run pauses on its way";
     EXPECT_EQ(m_source->Run(6), S_OK);
-    EXPECT_EQ(out().m_run.calls, 1);
     EXPECT_EQ(m_source->Pause(), S_OK);
     EXPECT_EQ(m_source->Pause(), S_OK);
-    EXPECT_EQ(out().m_active.calls, 1);
     EXPECT_EQ(m_source->Run(7), S_OK);
-    EXPECT_EQ(out().m_run.calls, 2);
+    EXPECT_EQ(out().m_active.calls, 1);
     EXPECT_EQ(m_source->Stop(), S_OK);
     EXPECT_EQ(m_source->Stop(), S_OK);
     EXPECT_EQ(out().m_inactive.calls, 1);
@@ -244,16 +240,6 @@ TEST_F(FilterTest, FailingPauseStopsThePinsThatHadStarted) {
     in().Disconnect();
     EXPECT_EQ(two->Release(), 0u);
     EXPECT_EQ(other->Release(), 0u);
-}
-
-TEST_F(FilterTest, FailingRunLeavesTheFilterPaused) {
-    ASSERT_EQ(connect(), S_OK);
-    out().m_run.result = E_ABORT;
-    EXPECT_EQ(m_source->Run(0), E_ABORT);
-    EXPECT_EQ(stateOf(m_source), State_Paused);
-    out().m_run.throws = 2;
-    EXPECT_EQ(m_source->Run(0), E_OUTOFMEMORY);
-    EXPECT_EQ(m_source->Stop(), S_OK);
 }
 
 TEST_F(FilterTest, StopStopsEveryPinWhateverOneSays) {
@@ -340,6 +326,7 @@ TEST_F(FilterTest, EventsGoToTheGraphThatTakesThem) {
     ASSERT_EQ(m_source->JoinFilterGraph(&graph, nullptr), S_OK);
     EXPECT_EQ(m_source->NotifyEvent(EC_USER, 1, 2), S_OK);
     EXPECT_EQ(graph.m_code, EC_USER);
+    EXPECT_EQ(graph.m_referencesInNotify, 2) << "it may leave the graph meanwhile";
     EXPECT_EQ(graph.m_first, 1);
     EXPECT_EQ(graph.m_second, 2);
     EXPECT_EQ(m_source->NotifyEvent(EC_COMPLETE, S_OK, 0), S_OK);
@@ -377,8 +364,6 @@ TEST_F(FilterTest, HoldsTheClockThatItWasGivenLast) {
     Ref<IReferenceClock> got;
     EXPECT_EQ(m_source->GetSyncSource(got.put()), S_OK);
     EXPECT_EQ(got.get(), nullptr);
-    CRefTime time;
-    EXPECT_EQ(m_source->StreamTime(time), VFW_E_NO_CLOCK);
 
     ASSERT_EQ(m_source->SetSyncSource(clock.get()), S_OK);
     ASSERT_EQ(m_source->SetSyncSource(clock.get()), S_OK) << "the same again";
@@ -388,12 +373,6 @@ TEST_F(FilterTest, HoldsTheClockThatItWasGivenLast) {
     got.reset();
     ASSERT_EQ(m_source->SetSyncSource(second.get()), S_OK);
     EXPECT_EQ(referencesOf(clock.get()), 1u);
-    REFERENCE_TIME before = 0;
-    second->GetTime(&before);
-    ASSERT_EQ(m_source->Run(before - 500), S_OK);
-    ASSERT_EQ(m_source->StreamTime(time), S_OK);
-    EXPECT_GE(time.GetUnits(), 500) << "time since the start";
-    EXPECT_LT(time.Millisecs(), 10'000);
     ASSERT_EQ(m_source->SetSyncSource(nullptr), S_OK);
     EXPECT_EQ(referencesOf(second.get()), 1u);
 }

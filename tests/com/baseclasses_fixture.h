@@ -11,13 +11,12 @@
 #include <atomic>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace kestra::test {
 
 CLSID const kTestFilter{0x5E0C1B6A, 0x2C44, 0x4E0B, {0x93, 0x1D, 0x7A, 0x60, 0x3B, 0x52, 0x11, 0x01}};
-
-extern const AMOVIESETUP_FILTER kTestSetup; // of kTestFilter, in the table of baseclasses_test
 
 /// Owns one reference.
 template <class T>
@@ -77,20 +76,24 @@ inline CMediaType testType(int index = 0) {
     return type;
 }
 
+/// Pushes samples from a thread of its own while active, as a stream does whose samples come from elsewhere. Looks at
+/// its types under the filter's lock, and is stopped under it.
 class TestStream : public CSourceStream {
 public:
     TestStream(HRESULT* phr, CSource* filter, LPCWSTR name = L"Out")
         : CSourceStream(NAME("stream"), phr, filter, name) {}
+    ~TestStream() override { endPushing(); }
 
-    Step m_getType, m_bufferSize, m_fill, m_threadCreate, m_threadDestroy, m_startPlay, m_active, m_inactive, m_run,
-        m_complete, m_break, m_initAllocator, m_typeVersion;
+    Step m_getType, m_bufferSize, m_fill, m_active, m_inactive, m_complete, m_break, m_initAllocator, m_typeVersion;
     int m_types = 3;
     int m_samplesToMake = 0; // then the end of the stream
     LONG m_bufferBytes = 16;
     std::function<void(IMediaSample*)> m_onFill;
     std::function<HRESULT(const CMediaType*)> m_onCheck;
+    std::atomic<bool> m_stopping{false}; // since Inactive, to the next Active
 
     HRESULT GetMediaType(int position, CMediaType* type) override {
+        CAutoLock lock(m_pFilter->pStateLock());
         const HRESULT hr = m_getType.take();
         if (FAILED(hr)) return hr;
         if (position < 0) return E_INVALIDARG;
@@ -103,6 +106,7 @@ public:
         return CSourceStream::GetMediaTypeVersion();
     }
     HRESULT CheckMediaType(const CMediaType* type) override {
+        CAutoLock lock(m_pFilter->pStateLock());
         if (m_onCheck) return m_onCheck(type);
         for (int i = 0; i < m_types; ++i) {
             if (testType(i) == *type) return S_OK;
@@ -131,18 +135,34 @@ public:
         return FAILED(hr) ? hr : broken;
     }
     HRESULT Active() override {
-        const HRESULT hr = m_active.take();
-        return FAILED(hr) ? hr : CSourceStream::Active();
+        HRESULT hr = m_active.take();
+        if (SUCCEEDED(hr)) hr = CSourceStream::Active();
+        if (FAILED(hr)) return hr;
+        endPushing();
+        m_stopping = false;
+        m_pushed = false;
+        m_pusher = std::thread([this] {
+            push();
+            m_pushed = true;
+        });
+        return S_OK;
     }
     HRESULT Inactive() override {
-        const HRESULT stopped = CSourceStream::Inactive();
+        m_stopping = true;
+        const HRESULT stopped = CSourceStream::Inactive(); // frees a pusher that waits for a buffer
+        if (waitUntil([this] { return m_pushed.load(); }, std::chrono::seconds(1))) endPushing();
         const HRESULT hr = m_inactive.take();
         return FAILED(hr) ? hr : stopped;
     }
-    HRESULT Run(REFERENCE_TIME) override { return m_run.take(); }
-    HRESULT OnThreadCreate() override { return m_threadCreate.take(); }
-    HRESULT OnThreadDestroy() override { return m_threadDestroy.take(); }
-    HRESULT OnThreadStartPlay() override { return m_startPlay.take(); }
+    bool ThreadExists() const { return m_pusher.joinable(); }
+
+    using CSourceStream::m_bCanReconnectWhenActive;
+    using CSourceStream::m_bTryMyTypesFirst;
+    using CSourceStream::m_pAllocator;
+    using CSourceStream::m_pInputPin;
+    using CSourceStream::m_pQSink;
+
+private:
     HRESULT FillBuffer(IMediaSample* sample) override {
         const HRESULT hr = m_fill.take();
         if (hr != S_OK) return hr;
@@ -151,11 +171,27 @@ public:
         if (m_onFill) m_onFill(sample);
         return S_OK;
     }
+    void push() {
+        while (!m_stopping) {
+            Ref<IMediaSample> sample;
+            if (FAILED(GetDeliveryBuffer(sample.put(), nullptr, nullptr, 0))) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1)); // decommitted, perhaps for a while only
+                continue;
+            }
+            const HRESULT filled = FillBuffer(sample.get());
+            if (filled == S_OK && Deliver(sample.get()) == S_OK) continue;
+            if (filled != S_OK) DeliverEndOfStream();
+            if (FAILED(filled)) m_pFilter->NotifyEvent(EC_ERRORABORT, filled, 0);
+            return;
+        }
+    }
+    void endPushing() {
+        m_stopping = true;
+        if (m_pusher.joinable()) m_pusher.join();
+    }
 
-    using CSourceStream::m_bTryMyTypesFirst;
-    using CSourceStream::m_pAllocator;
-    using CSourceStream::m_pInputPin;
-    using CSourceStream::m_pQSink;
+    std::thread m_pusher;
+    std::atomic<bool> m_pushed{true};
 };
 
 class TestSource : public CSource {
@@ -168,7 +204,6 @@ public:
     }
     ~TestSource() override { ++destroyed; }
     TestStream& stream(int n = 0) { return static_cast<TestStream&>(*m_paStreams[n]); }
-    LPAMOVIESETUP_FILTER GetSetupData() override { return m_setup; }
     int GetPinCount() override {
         m_pinCount.take();
         return CSource::GetPinCount();
@@ -180,7 +215,6 @@ public:
 
     Step m_pinCount, m_getPin;
     HRESULT m_created = S_OK;
-    LPAMOVIESETUP_FILTER m_setup = nullptr;
     static inline int destroyed = 0;
     using CSource::m_iPins;
 };
@@ -200,9 +234,10 @@ public:
         return CBasePin::NonDelegatingQueryInterface(riid, ppv);
     }
 
-    Step m_check, m_set, m_complete, m_break, m_active, m_inactive, m_run, m_getAllocator, m_receive, m_enumerate,
-        m_direction, m_require;
-    std::atomic<int> m_eos{0}, m_beginFlush{0}, m_endFlush{0}, m_segments{0}, m_notified{0};
+    Step m_check, m_set, m_complete, m_break, m_active, m_inactive, m_getAllocator, m_receive, m_enumerate, m_direction,
+        m_require;
+    std::atomic<int> m_eos{0}, m_notified{0};
+    std::function<void()> m_onReceive;
     int m_refusals = 0; // so many allocators are not taken
     bool m_hasTransport = true, m_offersAllocator = false, m_offersNothing = false;
     ALLOCATOR_PROPERTIES m_required{};
@@ -244,24 +279,13 @@ public:
         CBasePin::Inactive();
         return m_inactive.take();
     }
-    HRESULT Run(REFERENCE_TIME) override { return m_run.take(); }
 
     STDMETHODIMP EndOfStream() override {
         ++m_eos;
         return S_OK;
     }
-    STDMETHODIMP BeginFlush() override {
-        ++m_beginFlush;
-        return S_OK;
-    }
-    STDMETHODIMP EndFlush() override {
-        ++m_endFlush;
-        return S_OK;
-    }
-    STDMETHODIMP NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) override {
-        ++m_segments;
-        return CBasePin::NewSegment(start, stop, rate);
-    }
+    STDMETHODIMP BeginFlush() override { return S_OK; }
+    STDMETHODIMP EndFlush() override { return S_OK; }
 
     STDMETHODIMP GetAllocator(IMemAllocator** out) override {
         *out = nullptr;
@@ -287,7 +311,10 @@ public:
         *properties = m_required;
         return m_require.take();
     }
-    STDMETHODIMP Receive(IMediaSample*) override { return m_receive.take(); }
+    STDMETHODIMP Receive(IMediaSample*) override {
+        if (m_onReceive) m_onReceive();
+        return m_receive.take();
+    }
     STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* done) override {
         for (*done = 0; *done < count; ++*done) {
             const HRESULT hr = Receive(samples[*done]);
@@ -321,6 +348,7 @@ public:
     std::atomic<int> m_events{0};
     std::atomic<long> m_code{0};
     LONG_PTR m_first = 0, m_second = 0;
+    LONG m_referencesInNotify = 0;
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
         *ppv = nullptr;
@@ -346,6 +374,7 @@ public:
     STDMETHODIMP Notify(LONG code, LONG_PTR first, LONG_PTR second) override {
         m_first = first;
         m_second = second;
+        m_referencesInNotify = m_references;
         m_code = code;
         ++m_events;
         return S_OK;

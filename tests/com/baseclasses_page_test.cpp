@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <cwchar>
+#include <string>
 #include <thread>
 
 namespace kestra::test {
@@ -20,6 +21,7 @@ public:
     Step m_connect, m_disconnect, m_activate, m_deactivate, m_apply;
     int m_inits = 0, m_commands = 0;
     bool m_throwOnMessage = false;
+    LONG_PTR m_dyingStyle = -1; // the dialog's extended style when it was destroyed
     IUnknown* m_object = nullptr;
 
     HRESULT OnConnect(IUnknown* object) override {
@@ -35,6 +37,7 @@ public:
     HRESULT OnApplyChanges() override { return m_apply.take(); }
     INT_PTR OnReceiveMessage(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) override {
         if (message == WM_INITDIALOG) ++m_inits;
+        if (message == WM_DESTROY) m_dyingStyle = GetWindowLongPtrW(hwnd, GWL_EXSTYLE);
         if (message == WM_COMMAND && HIWORD(wParam) == EN_CHANGE) {
             ++m_commands;
             m_bDirty = TRUE;
@@ -217,6 +220,8 @@ TEST_F(PageTest, ShowsItsDialogWhereTheFrameWantsItAndTakesItAway) {
     EXPECT_EQ(m_page->Deactivate(), S_OK);
     EXPECT_EQ(m_page->m_deactivate.calls, 1);
     EXPECT_FALSE(IsWindow(dialog));
+    EXPECT_NE(m_page->m_dyingStyle, -1);
+    EXPECT_FALSE(m_page->m_dyingStyle & WS_EX_CONTROLPARENT) << "the search for the next control must not enter it";
     EXPECT_EQ(m_page->m_hwnd, nullptr);
     EXPECT_EQ(m_page->Deactivate(), E_UNEXPECTED);
     ASSERT_EQ(m_page->Activate(m_parent, &m_place, FALSE), S_OK) << "and again";
@@ -413,8 +418,27 @@ TEST_F(PageTest, PageWithoutItsDialogCannotBeActivated) {
     EXPECT_EQ(broken->Release(), 0u);
 }
 
-TEST_F(PageTest, ReleasedWhileActiveItTakesItsDialogAndItsSiteAlong) {
-    auto* page = new TestPage;
+/// A page that says what it is told when nobody needs it any more, and counts itself meanwhile.
+class DyingPage : public TestPage {
+public:
+    explicit DyingPage(std::string* told) : m_told(told) {}
+    ~DyingPage() override { *m_told += "destroyed"; }
+    HRESULT OnDeactivate() override { return tell("deactivated "); }
+    HRESULT OnDisconnect() override { return tell(m_pPageSite ? "disconnected with its site " : "disconnected "); }
+
+private:
+    HRESULT tell(const char* what) {
+        AddRef();
+        *m_told += what;
+        Release();
+        return S_OK;
+    }
+    std::string* m_told;
+};
+
+TEST_F(PageTest, ReleasedWhileActiveItTakesItsDialogItsObjectAndItsSiteAlongWhileItIsWhole) {
+    std::string told;
+    auto* page = new DyingPage(&told);
     page->AddRef();
     IUnknown* object = &m_object;
     ASSERT_EQ(page->SetPageSite(&m_site), S_OK);
@@ -424,6 +448,7 @@ TEST_F(PageTest, ReleasedWhileActiveItTakesItsDialogAndItsSiteAlong) {
     EXPECT_EQ(page->Release(), 0u);
     EXPECT_FALSE(IsWindow(dialog));
     EXPECT_EQ(m_site.m_references, 1);
+    EXPECT_EQ(told, "deactivated disconnected with its site destroyed");
 }
 
 TEST_F(PageTest, ShownAndTakenAwayManyTimesItLeavesNoHandle) {

@@ -1,4 +1,4 @@
-// What registration writes, removes and leaves when the registry or the filter mapper refuses.
+// What registration writes, removes and leaves when the registry refuses.
 #include "tests/com/baseclasses_fixture.h"
 #include "tests/support/scoped_import_hook.h"
 
@@ -9,10 +9,8 @@ namespace {
 
 const std::wstring kSourceKey = L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521101}";
 const std::wstring kFailingKey = L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521102}";
+const std::wstring kNamelessKey = L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521103}";
 const std::wstring kLastKey = L"CLSID\\{5E0C1B6A-2C44-4E0B-931D-7A603B521104}";
-const std::wstring kMapperEntry = L"CLSID\\{083863F1-70DE-11D0-BD40-00A0C911CE86}\\Instance\\"
-                                  L"{5E0C1B6A-2C44-4E0B-931D-7A603B521101}";
-
 std::wstring textAt(const std::wstring& key, LPCWSTR name) {
     wchar_t text[MAX_PATH] = L"";
     DWORD bytes = sizeof text;
@@ -39,62 +37,21 @@ protected:
     const HRESULT m_com;
 };
 
-TEST_F(RegistrationTest, WritesTheKeysOfEveryClassAndTheFiltersWithSetupData) {
+TEST_F(RegistrationTest, WritesTheKeysOfEveryClass) {
     wchar_t path[MAX_PATH];
     GetModuleFileNameW(g_hInst, path, MAX_PATH);
-    ASSERT_EQ(AMovieDllRegisterServer2(TRUE), S_OK);
-    EXPECT_EQ(textAt(kSourceKey, nullptr), L"test source");
-    EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", nullptr), path);
-    EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", L"ThreadingModel"), L"Both");
-    EXPECT_EQ(textAt(kLastKey, nullptr), L"unmakeable");
-    EXPECT_EQ(textAt(kMapperEntry, L"FriendlyName"), L"test source");
-    ASSERT_EQ(AMovieDllRegisterServer2(TRUE), S_OK) << "over itself";
-    EXPECT_EQ(textAt(kMapperEntry, L"FriendlyName"), L"test source");
+    for (int round = 0; round < 2; ++round) { // the second one over the first
+        ASSERT_EQ(AMovieDllRegisterServer2(TRUE), S_OK);
+        EXPECT_EQ(textAt(kSourceKey, nullptr), L"test source");
+        EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", nullptr), path);
+        EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", L"ThreadingModel"), L"Both");
+        EXPECT_EQ(textAt(kLastKey, nullptr), L"unmakeable");
+    }
+    EXPECT_EQ(textAt(kNamelessKey, nullptr), L"");
     ASSERT_EQ(AMovieDllRegisterServer2(FALSE), S_OK);
     EXPECT_FALSE(exists(kSourceKey));
     EXPECT_FALSE(exists(kLastKey));
-    EXPECT_FALSE(exists(kMapperEntry));
     EXPECT_EQ(AMovieDllRegisterServer2(FALSE), S_OK) << "what is not there is as good as removed";
-}
-
-TEST_F(RegistrationTest, SystemMakesObjectsOfARegisteredClassFromThatFile) {
-    ASSERT_EQ(RegisterAllServers(L"C:\\no such folder\\x.dll", TRUE), S_OK);
-    EXPECT_EQ(textAt(kSourceKey + L"\\InprocServer32", nullptr), L"C:\\no such folder\\x.dll");
-    void* none = this;
-    EXPECT_TRUE(FAILED(CoCreateInstance(kTestFilter, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &none)));
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(RegisterAllServers(L"C:\\no such folder\\x.dll", FALSE), S_OK);
-    EXPECT_FALSE(exists(kSourceKey));
-}
-
-TEST_F(RegistrationTest, ServerIsRegisteredWithTheModelAndTypeThatAreGiven) {
-    ASSERT_EQ(AMovieSetupRegisterServer(kTestFilter, nullptr, L"C:\\x.dll", L"Apartment", L"LocalServer32"), S_OK);
-    EXPECT_EQ(textAt(kSourceKey, nullptr), L"");
-    EXPECT_EQ(textAt(kSourceKey + L"\\LocalServer32", nullptr), L"C:\\x.dll");
-    EXPECT_EQ(textAt(kSourceKey + L"\\LocalServer32", L"ThreadingModel"), L"Apartment");
-    EXPECT_EQ(AMovieSetupUnregisterServer(kTestFilter), S_OK);
-    EXPECT_FALSE(exists(kSourceKey));
-    EXPECT_EQ(AMovieSetupRegisterServer(kTestFilter, L"x", nullptr), E_POINTER);
-    EXPECT_FALSE(exists(kSourceKey));
-}
-
-TEST_F(RegistrationTest, FilterEntersItselfWithItsSetupDataOnly) {
-    auto* source = new TestSource;
-    source->AddRef();
-    Ref<IAMovieSetup> registrar;
-    ASSERT_EQ(source->QueryInterface(IID_IAMovieSetup, registrar.putVoid()), S_OK);
-    EXPECT_EQ(registrar->Register(), S_FALSE) << "no data";
-    EXPECT_EQ(registrar->Unregister(), S_FALSE);
-    AMOVIESETUP_FILTER setup = kTestSetup;
-    source->m_setup = &setup;
-    EXPECT_EQ(registrar->Register(), S_OK);
-    EXPECT_EQ(textAt(kMapperEntry, L"FriendlyName"), L"test source");
-    EXPECT_EQ(registrar->Unregister(), S_OK);
-    EXPECT_FALSE(exists(kMapperEntry));
-    registrar.reset();
-    EXPECT_EQ(source->Release(), 0u);
-    EXPECT_EQ(AMovieSetupRegisterFilter2(nullptr, nullptr, TRUE), S_FALSE);
-    EXPECT_EQ(AMovieSetupRegisterFilter2(&setup, nullptr, TRUE), E_POINTER);
 }
 
 int callsThatPass = 0;
@@ -112,14 +69,14 @@ TEST_F(RegistrationTest, FirstValueThatCannotBeWrittenIsTheAnswer) {
     setValue = hook.original();
     for (int failing = 0; failing < 3; ++failing) {
         callsThatPass = failing;
-        EXPECT_EQ(AMovieSetupRegisterServer(kTestFilter, L"x", L"x.dll"), E_ACCESSDENIED) << failing;
+        EXPECT_EQ(AMovieDllRegisterServer2(TRUE), E_ACCESSDENIED) << failing;
+        EXPECT_FALSE(exists(kFailingKey));
         callsThatPass = 3 + failing; // of the second class
         EXPECT_EQ(AMovieDllRegisterServer2(TRUE), E_ACCESSDENIED) << failing;
         EXPECT_TRUE(exists(kSourceKey));
         EXPECT_FALSE(exists(kLastKey));
-        EXPECT_FALSE(exists(kMapperEntry)) << "filters come after all servers";
         callsThatPass = 1000;
-        EXPECT_EQ(RegisterAllServers(L"x", FALSE), S_OK);
+        EXPECT_EQ(AMovieDllRegisterServer2(FALSE), S_OK);
     }
 }
 
@@ -138,7 +95,6 @@ TEST_F(RegistrationTest, ClassThatCannotBeRemovedKeepsNoOther) {
     EXPECT_FALSE(exists(kSourceKey));
     EXPECT_TRUE(exists(kFailingKey));
     EXPECT_FALSE(exists(kLastKey));
-    EXPECT_FALSE(exists(kMapperEntry));
 }
 
 TEST_F(RegistrationTest, ModuleWithoutAUsablePathIsNotRegistered) {
@@ -157,18 +113,6 @@ TEST_F(RegistrationTest, ModuleWithoutAUsablePathIsNotRegistered) {
         EXPECT_EQ(AMovieDllRegisterServer2(TRUE), E_ACCESSDENIED);
     }
     EXPECT_FALSE(exists(kSourceKey));
-}
-
-TEST_F(RegistrationTest, MissingFilterMapperIsTheAnswerAndTheServersAreRegisteredAndRemovedAllTheSame) {
-    ScopedImportHook<decltype(&CoCreateInstance)> hook(
-        "ole32.dll", "CoCreateInstance",
-        [](REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID*) -> HRESULT { return REGDB_E_CLASSNOTREG; });
-    ASSERT_TRUE(hook.installed());
-    EXPECT_EQ(AMovieDllRegisterServer2(TRUE), REGDB_E_CLASSNOTREG);
-    EXPECT_TRUE(exists(kLastKey));
-    EXPECT_EQ(AMovieDllRegisterServer2(FALSE), REGDB_E_CLASSNOTREG);
-    EXPECT_FALSE(exists(kSourceKey));
-    EXPECT_FALSE(exists(kLastKey));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// The source's worker: samples, end of stream, errors, exceptions, and ending in every case.
+// A source whose stream is filled by a thread from elsewhere: stopping it, and what a receiver may ask meanwhile.
 #include "tests/com/baseclasses_fixture.h"
 #include "tests/support/process_counts.h"
 
@@ -24,115 +24,11 @@ TEST_F(SourceTest, SamplesThenEndOfStreamReachTheReceiver) {
     ASSERT_EQ(m_source->Run(0), S_OK);
     ASSERT_TRUE(waitUntil([&] { return in().m_eos == 1; }));
     EXPECT_EQ(in().m_receive.calls, 50);
-    EXPECT_EQ(out().m_threadCreate.calls, 1);
     EXPECT_EQ(m_source->Stop(), S_OK);
-    EXPECT_EQ(out().m_threadDestroy.calls, 1);
     EXPECT_EQ(m_graph.m_events, 0) << "completion is the renderer's to say";
 }
 
-TEST_F(SourceTest, ReceiverThatWantsNoMoreEndsTheDeliveryWithoutAnEvent) {
-    out().m_samplesToMake = 1000000;
-    in().m_receive.result = S_FALSE;
-    ASSERT_EQ(m_source->Run(0), S_OK);
-    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls == 1; }));
-    EXPECT_EQ(m_source->Stop(), S_OK);
-    EXPECT_EQ(in().m_receive.calls, 1);
-    EXPECT_EQ(in().m_eos, 0);
-    EXPECT_EQ(m_graph.m_events, 0);
-}
-
-TEST_F(SourceTest, FailingOrThrowingFillEndsTheStreamAndAbortsTheGraph) {
-    struct Case {
-        HRESULT result;
-        int throws;
-        HRESULT seen;
-    };
-    int round = 0;
-    for (const Case& c : {Case{E_ABORT, 0, E_ABORT}, Case{S_OK, 1, E_UNEXPECTED}, Case{S_OK, 2, E_OUTOFMEMORY}}) {
-        ++round;
-        out().m_fill.result = c.result;
-        out().m_fill.throws = c.throws;
-        ASSERT_EQ(m_source->Run(0), S_OK);
-        ASSERT_TRUE(waitUntil([&] { return m_graph.m_events == round; }));
-        EXPECT_EQ(m_graph.m_code, EC_ERRORABORT);
-        EXPECT_EQ(m_graph.m_first, c.seen);
-        EXPECT_EQ(in().m_eos, round) << "the receiver must not wait for ever";
-        EXPECT_EQ(m_source->Stop(), S_OK);
-        IMemAllocator* allocator = out().m_pAllocator;
-        ASSERT_EQ(allocator->Commit(), S_OK);
-        Ref<IMediaSample> both[2];
-        for (auto& sample : both)
-            EXPECT_EQ(allocator->GetBuffer(sample.put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK) << "no buffer is lost";
-        for (auto& sample : both)
-            sample.reset();
-        ASSERT_EQ(allocator->Decommit(), S_OK);
-    }
-}
-
-TEST_F(SourceTest, WorkerThatCannotBePreparedMakesPauseFail) {
-    out().m_threadCreate.result = E_ACCESSDENIED;
-    EXPECT_EQ(m_source->Pause(), E_ACCESSDENIED);
-    EXPECT_EQ(stateOf(m_source), State_Stopped);
-    EXPECT_FALSE(out().ThreadExists());
-    EXPECT_EQ(out().m_threadDestroy.calls, 1);
-    IMediaSample* sample = nullptr;
-    EXPECT_EQ(out().GetDeliveryBuffer(&sample, nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
-    out().m_threadCreate.result = S_OK;
-    EXPECT_EQ(m_source->Pause(), S_OK);
-}
-
-TEST_F(SourceTest, WorkerThatThrowsBeforeItAnswersMakesPauseFailAndNotHang) {
-    out().m_threadCreate.throws = 1;
-    EXPECT_EQ(m_source->Pause(), E_FAIL);
-    EXPECT_FALSE(out().ThreadExists());
-    EXPECT_EQ(stateOf(m_source), State_Stopped);
-    out().m_threadCreate.throws = 0;
-    EXPECT_EQ(m_source->Pause(), S_OK) << "the next worker starts afresh";
-}
-
-TEST_F(SourceTest, WorkerThatDiedIsReportedByStopAndGoneAfterwards) {
-    out().m_startPlay.throws = 1;
-    ASSERT_EQ(m_source->Pause(), S_OK) << "it dies after its answer";
-    EXPECT_EQ(m_source->Stop(), E_FAIL);
-    EXPECT_FALSE(out().ThreadExists());
-    out().m_startPlay.throws = 0;
-    EXPECT_EQ(m_source->Pause(), S_OK);
-}
-
-TEST_F(SourceTest, WorkerThatThrowsAtItsEndIsGoneAfterStop) {
-    out().m_threadDestroy.throws = 1;
-    ASSERT_EQ(m_source->Pause(), S_OK);
-    EXPECT_EQ(m_source->Stop(), E_FAIL);
-    EXPECT_FALSE(out().ThreadExists());
-    out().m_threadDestroy.throws = 0;
-}
-
-TEST_F(SourceTest, WorkerIsPreparedFirstAndAnswersWhatItDoesNotKnow) {
-    ASSERT_EQ(out().m_pAllocator->Commit(), S_OK);
-    ASSERT_TRUE(out().Create());
-    EXPECT_EQ(static_cast<CSourceStream&>(out()).Run(), E_UNEXPECTED);
-    EXPECT_EQ(out().Exit(), E_UNEXPECTED);
-    EXPECT_EQ(out().m_threadCreate.calls, 0);
-    EXPECT_EQ(out().Init(), S_OK);
-    EXPECT_EQ(out().Init(), E_NOTIMPL) << "once";
-    EXPECT_EQ(out().m_threadCreate.calls, 1);
-    out().m_samplesToMake = 1 << 30;
-    EXPECT_EQ(static_cast<CSourceStream&>(out()).Run(), S_OK);
-    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls > 10; }));
-    EXPECT_EQ(HRESULT(out().CallWorker(99)), E_NOTIMPL) << "also while it delivers, which that ends";
-    EXPECT_EQ(out().m_startPlay.calls, 1);
-    EXPECT_EQ(out().Pause(), S_OK);
-    EXPECT_TRUE(waitUntil([&] { return out().m_startPlay.calls == 2; }));
-    ASSERT_EQ(out().m_pAllocator->Decommit(), S_OK);
-    EXPECT_EQ(out().Stop(), S_OK);
-    EXPECT_EQ(out().m_threadDestroy.calls, 0);
-    EXPECT_EQ(out().Exit(), S_OK);
-    EXPECT_EQ(out().m_threadDestroy.calls, 1);
-    out().Close();
-    EXPECT_FALSE(out().ThreadExists());
-}
-
-TEST_F(SourceTest, StopFreesAWorkerThatWaitsForABuffer) {
+TEST_F(SourceTest, StopFreesAThreadThatWaitsForABuffer) {
     Ref<IMediaSample> kept[2];
     std::atomic<int> filled{0};
     out().m_samplesToMake = 1000;
@@ -150,7 +46,7 @@ TEST_F(SourceTest, StopFreesAWorkerThatWaitsForABuffer) {
     EXPECT_FALSE(out().ThreadExists());
 }
 
-TEST_F(SourceTest, WorkerGoesOnWhenADecommittedAllocatorIsCommittedAgain) {
+TEST_F(SourceTest, StreamGoesOnWhenADecommittedAllocatorIsCommittedAgain) {
     out().m_samplesToMake = 1 << 30;
     ASSERT_EQ(m_source->Run(0), S_OK);
     ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls > 10; }));
@@ -162,34 +58,6 @@ TEST_F(SourceTest, WorkerGoesOnWhenADecommittedAllocatorIsCommittedAgain) {
     ASSERT_EQ(out().m_pAllocator->Commit(), S_OK);
     const int seen = in().m_receive.calls;
     EXPECT_TRUE(waitUntil([&] { return in().m_receive.calls > seen + 10; }));
-}
-
-TEST_F(SourceTest, FilterThatIsLetGoWhileItRunsEndsItsWorkers) {
-    const int destroyed = TestSource::destroyed;
-    auto* source = new TestSource;
-    source->AddRef();
-    auto* sink = new TestSink;
-    sink->AddRef();
-    source->stream().m_samplesToMake = 1 << 30;
-    ASSERT_EQ(source->stream().Connect(&sink->m_input, nullptr), S_OK);
-    ASSERT_EQ(source->Run(0), S_OK);
-    ASSERT_TRUE(waitUntil([&] { return sink->m_input.m_receive.calls > 10; }));
-    EXPECT_EQ(sink->m_input.Disconnect(), S_OK) << "the one side only";
-    EXPECT_EQ(source->Release(), 0u);
-    EXPECT_EQ(TestSource::destroyed, destroyed + 1);
-    EXPECT_EQ(sink->Release(), 0u) << "the source held the receiver until then";
-}
-
-TEST_F(SourceTest, PauseToRunKeepsTheWorker) {
-    out().m_samplesToMake = 1 << 30;
-    ASSERT_EQ(m_source->Pause(), S_OK);
-    ASSERT_EQ(m_source->Run(0), S_OK);
-    ASSERT_EQ(m_source->Pause(), S_OK);
-    EXPECT_EQ(out().m_threadCreate.calls, 1);
-    EXPECT_EQ(out().Pause(), S_OK) << "a running loop answers and goes on";
-    const int seen = in().m_receive.calls;
-    EXPECT_TRUE(waitUntil([&] { return in().m_receive.calls > seen + 10; }));
-    EXPECT_EQ(out().m_startPlay.calls, 1);
 }
 
 TEST_F(SourceTest, StoppedAtAnyMomentItLeavesNoThreadAndNoHandle) {
@@ -208,34 +76,94 @@ TEST_F(SourceTest, StoppedAtAnyMomentItLeavesNoThreadAndNoHandle) {
     EXPECT_LE(after.handles, before.handles);
 }
 
-/// As its author writes it who has one type only.
-class PlainStream : public CSourceStream {
-public:
-    PlainStream(HRESULT* phr, CSource* filter) : CSourceStream(NAME("stream"), phr, filter, L"Plain") {}
-    using CSourceStream::GetMediaType;
-    HRESULT GetMediaType(CMediaType* type) override {
-        const HRESULT hr = m_type.take();
-        if (SUCCEEDED(hr)) *type = testType(1);
-        return hr;
-    }
-    HRESULT DecideBufferSize(IMemAllocator*, ALLOCATOR_PROPERTIES*) override { return E_UNEXPECTED; }
-    HRESULT FillBuffer(IMediaSample*) override { return S_FALSE; }
-    Step m_type;
-};
+TEST_F(SourceTest, ReceiverThatAsksFromInsideReceiveDoesNotWaitForStop) {
+    Ref<IReferenceClock> clock;
+    ASSERT_EQ(CoCreateInstance(CLSID_SystemClock, nullptr, CLSCTX_INPROC_SERVER, IID_IReferenceClock, clock.putVoid()),
+              S_OK);
+    ASSERT_EQ(m_source->SetSyncSource(clock.get()), S_OK);
+    out().m_samplesToMake = 1 << 30;
+    std::atomic<int> asked{0};
+    std::atomic<LONGLONG> longestMs{0};
+    in().m_onReceive = [&] {
+        if (asked != 0 || !waitUntil([&] { return out().m_stopping.load(); })) return;
+        const auto expect = [&](HRESULT expected, const char* call, const std::function<HRESULT()>& question) {
+            const ULONGLONG begin = GetTickCount64();
+            EXPECT_EQ(question(), expected) << call;
+            longestMs = std::max(longestMs.load(), LONGLONG(GetTickCount64() - begin));
+        };
+        expect(S_OK, "ConnectionMediaType", [&] {
+            CMediaType type;
+            const HRESULT hr = out().ConnectionMediaType(&type);
+            EXPECT_TRUE(type == testType(0));
+            return hr;
+        });
+        expect(S_OK, "ConnectedTo", [&] { return out().ConnectedTo(Ref<IPin>().put()); });
+        expect(S_FALSE, "QueryAccept",
+               [&] { return out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))); });
+        expect(VFW_E_ENUM_OUT_OF_SYNC, "EnumMediaTypes", [&] {
+            Ref<IEnumMediaTypes> types;
+            EXPECT_EQ(out().EnumMediaTypes(types.put()), S_OK);
+            AM_MEDIA_TYPE* type = nullptr;
+            return types->Next(1, &type, nullptr);
+        });
+        expect(S_OK, "QueryPinInfo", [&] {
+            PIN_INFO info{};
+            const HRESULT hr = out().QueryPinInfo(&info);
+            info.pFilter->Release();
+            return hr;
+        });
+        expect(S_OK, "QueryDirection", [&] {
+            PIN_DIRECTION direction;
+            return out().QueryDirection(&direction);
+        });
+        expect(S_OK, "QueryId", [&] {
+            LPWSTR id = nullptr;
+            const HRESULT hr = out().QueryId(&id);
+            CoTaskMemFree(id);
+            return hr;
+        });
+        expect(S_OK, "EnumPins", [&] {
+            Ref<IEnumPins> pins;
+            EXPECT_EQ(m_source->EnumPins(pins.put()), S_OK);
+            return pins->Next(1, Ref<IPin>().put(), nullptr);
+        });
+        expect(S_OK, "FindPin", [&] { return m_source->FindPin(L"1", Ref<IPin>().put()); });
+        expect(S_OK, "GetState", [&] {
+            FILTER_STATE state;
+            return m_source->GetState(1000, &state);
+        });
+        expect(S_OK, "GetSyncSource", [&] { return m_source->GetSyncSource(Ref<IReferenceClock>().put()); });
+        expect(S_OK, "QueryFilterInfo", [&] {
+            FILTER_INFO info{};
+            const HRESULT hr = m_source->QueryFilterInfo(&info);
+            if (info.pGraph) info.pGraph->Release();
+            return hr;
+        });
+        expect(S_OK, "NotifyEvent", [&] { return m_source->NotifyEvent(EC_USER, 0, 0); });
+        EXPECT_TRUE(m_source->IsActive());
+        ++asked;
+    };
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return out().m_fill.calls > 0; }));
+    const ULONGLONG begin = GetTickCount64();
+    EXPECT_EQ(m_source->Stop(), S_OK);
+    EXPECT_LT(GetTickCount64() - begin, 500u);
+    ASSERT_EQ(asked, 1);
+    EXPECT_LT(longestMs, 200);
+    ASSERT_EQ(m_source->SetSyncSource(nullptr), S_OK);
+}
 
-TEST_F(SourceTest, StreamOfOneTypeOffersAndAcceptsThatOne) {
-    auto* plain = new PlainStream(&m_source->m_created, m_source);
-    CMediaType type;
-    EXPECT_EQ(plain->GetMediaType(-1, &type), E_INVALIDARG);
-    EXPECT_EQ(plain->GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
-    EXPECT_EQ(plain->m_type.calls, 0);
-    EXPECT_EQ(plain->GetMediaType(0, &type), S_OK);
-    EXPECT_TRUE(type == testType(1));
-    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))), S_OK);
-    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(0))), S_FALSE);
-    plain->m_type.result = E_ABORT;
-    EXPECT_EQ(plain->CheckMediaType(&static_cast<const CMediaType&>(testType(1))), E_ABORT);
-    EXPECT_EQ(plain->QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1))), S_FALSE);
+TEST_F(SourceTest, ReceiverMayAskForAnotherTypeWhileTheStreamRuns) {
+    out().m_samplesToMake = 1 << 30;
+    std::atomic<HRESULT> accepted{E_PENDING}, refused{E_PENDING};
+    in().m_onReceive = [&] {
+        accepted = out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(1)));
+        refused = out().QueryAccept(&static_cast<const AM_MEDIA_TYPE&>(testType(7)));
+    };
+    ASSERT_EQ(m_source->Run(0), S_OK);
+    ASSERT_TRUE(waitUntil([&] { return in().m_receive.calls > 0; }));
+    EXPECT_EQ(accepted, S_OK);
+    EXPECT_EQ(refused, S_FALSE);
 }
 
 TEST_F(SourceTest, PlacesOfTwoFiguresAreFound) {

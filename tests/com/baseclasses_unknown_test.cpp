@@ -37,8 +37,7 @@ protected:
 };
 
 TEST_F(IdentityTest, FilterIsOneObjectBehindAllItsInterfaces) {
-    expectOneObject(m_source->GetOwner(),
-                    {IID_IUnknown, IID_IPersist, IID_IMediaFilter, IID_IBaseFilter, IID_IAMovieSetup});
+    expectOneObject(m_source->GetOwner(), {IID_IUnknown, IID_IPersist, IID_IMediaFilter, IID_IBaseFilter});
 }
 
 TEST_F(IdentityTest, PinIsOneObjectBehindAllItsInterfaces) {

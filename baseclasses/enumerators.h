@@ -1,0 +1,14 @@
+// Enumerators of a filter's pins and of a pin's media types.
+#pragma once
+
+#include "pin.h"
+
+namespace kestra::com {
+
+/// Once the pins have changed it is out of sync until Reset. Holds the filter. One thread at a time; no lock.
+/// @return the caller's reference. Throws std::bad_alloc and whatever the filter throws
+IEnumPins* enumerate(CBaseFilter& filter);
+/// Likewise; holds the pin.
+IEnumMediaTypes* enumerate(CBasePin& pin);
+
+} // namespace kestra::com
