@@ -1,3 +1,4 @@
+// What the module enters with the system, and takes back. Nothing here depends on how the base classes go about it.
 #include "server/registration.h"
 
 #include "capture/audio_filter.h"
@@ -9,6 +10,10 @@
 #include <ks.h>
 
 #include <ksmedia.h>
+
+#include <cwchar>
+#include <exception>
+#include <thread>
 
 namespace kestra {
 namespace {
@@ -45,12 +50,41 @@ HRESULT openMapper(ComRef<IFilterMapper2>& mapper) {
                             reinterpret_cast<void**>(mapper.out()));
 }
 
-/// This module's path, by the system's code page as its name was asked for.
+/// This module's path. The system's code page, by which its name is asked for first, may lack a character of it.
 HRESULT modulePath(wchar_t (&path)[MAX_PATH]) {
     char narrow[MAX_PATH];
     if (GetModuleFileNameA(g_hInst, narrow, MAX_PATH) == 0) return HRESULT_FROM_WIN32(GetLastError());
     narrow[MAX_PATH - 1] = '\0';
     if (MultiByteToWideChar(CP_ACP, 0, narrow, -1, path, MAX_PATH) == 0) return HRESULT_FROM_WIN32(GetLastError());
+    wchar_t exact[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(g_hInst, exact, MAX_PATH);
+    if (length > 0 && length < MAX_PATH) std::wmemcpy(path, exact, length + 1);
+    return S_OK;
+}
+
+/// Has the base classes write or remove the classes' keys. On a thread of its own: the platform's initialise COM for
+/// themselves and end it even where that was refused, which a caller in a multithreaded apartment would have to pay.
+HRESULT runFrameworksRegistration(BOOL registering) {
+    HRESULT hr = E_UNEXPECTED;
+    try {
+        std::thread([&] { hr = AMovieDllRegisterServer2(registering); }).join();
+    } catch (const std::exception&) { // no thread
+        return E_OUTOFMEMORY;
+    }
+    return hr;
+}
+
+/// Writes the path into the classes' keys: the base classes may know it by the code page only.
+HRESULT writeServerPath(const wchar_t* path) {
+    for (int i = 0; i < g_cTemplates; ++i) {
+        wchar_t key[] = L"CLSID\\{00000000-0000-0000-0000-000000000000}\\InprocServer32";
+        constexpr int kClassAt = 6, kClassLength = 38;
+        StringFromGUID2(*g_Templates[i].m_ClsID, key + kClassAt, kClassLength + 1);
+        key[kClassAt + kClassLength] = L'\\'; // where the text's end was written
+        const auto bytes = static_cast<DWORD>((std::wcslen(path) + 1) * sizeof *path);
+        const LSTATUS status = RegSetKeyValueW(HKEY_CLASSES_ROOT, key, nullptr, REG_SZ, path, bytes);
+        if (status != ERROR_SUCCESS) return HRESULT_FROM_WIN32(status);
+    }
     return S_OK;
 }
 
@@ -73,7 +107,8 @@ HRESULT registerModule() noexcept {
         ComRef<ITypeLib> library;
         LoadTypeLibEx(path, REGKIND_REGISTER, library.out());
     }
-    return AMovieDllRegisterServer2(TRUE);
+    const HRESULT written = runFrameworksRegistration(TRUE);
+    return FAILED(written) ? written : writeServerPath(path);
 }
 
 HRESULT unregisterModule() noexcept {
@@ -96,7 +131,7 @@ HRESULT unregisterModule() noexcept {
             UnRegisterTypeLib(copy.guid, copy.wMajorVerNum, copy.wMinorVerNum, copy.lcid, copy.syskind);
         }
     }
-    return AMovieDllRegisterServer2(FALSE);
+    return runFrameworksRegistration(FALSE);
 }
 
 } // namespace kestra

@@ -25,14 +25,14 @@ struct FilterData {
 
 struct Class {
     const wchar_t* clsid;
-    const wchar_t* name; ///< null: none
+    const wchar_t* name; ///< empty: the key's value is there, and empty
 };
 constexpr Class kClasses[] = {
     {L"{53F0624A-8497-4A4C-9451-011C49B274FA}", L"Kestra Capture Video"},
     {L"{47BAFEE0-4F9B-4115-AA9F-8964A23B53E9}", L"Kestra Capture Audio"},
-    {L"{8A2C2A69-416A-4DA2-B983-A7EC331515F4}", nullptr},
-    {L"{775AF2A3-0280-40F2-BA54-7EB3AECC5BBD}", nullptr},
-    {L"{09720913-2313-4CB3-A488-956D0260C606}", nullptr},
+    {L"{8A2C2A69-416A-4DA2-B983-A7EC331515F4}", L""},
+    {L"{775AF2A3-0280-40F2-BA54-7EB3AECC5BBD}", L""},
+    {L"{09720913-2313-4CB3-A488-956D0260C606}", L""},
 };
 
 struct Source {
@@ -179,9 +179,7 @@ TEST_F(Registration, EveryClassHasItsKeysAndTheSystemFindsIt) {
     ASSERT_EQ(m_module.registerServer(), S_OK);
     for (const Class& entry : kClasses) {
         const std::wstring key = std::wstring(L"CLSID\\") + entry.clsid;
-        if (entry.name) {
-            EXPECT_EQ(classesValue(key, nullptr), entry.name);
-        }
+        EXPECT_EQ(classesValue(key, nullptr), entry.name);
         wchar_t path[MAX_PATH];
         ASSERT_GT(GetModuleFileNameW(m_module.handle(), path, MAX_PATH), 0u);
         EXPECT_EQ(lstrcmpiW(classesValue(key + L"\\InprocServer32", nullptr).c_str(), path), 0);
@@ -307,6 +305,31 @@ TEST_F(Registration, WithoutItsOwnPathNoKeyIsWritten) {
     EXPECT_FALSE(classesKeyExists(std::wstring(L"CLSID\\") + kClasses[0].clsid));
     EXPECT_EQ(m_module.unregisterServer(), HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND));
     EXPECT_FALSE(findSource(kSources[0].category, kSources[0].name));
+}
+
+TEST_F(Registration, FolderThatTheCodePageCannotNameIsRegisteredAsItIs) {
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    const std::wstring folder = std::wstring(temp) + L"Kestra \x9332\x753B \x0416",
+                       file = folder + L"\\KestraCapture.dll";
+    char narrow[MAX_PATH];
+    BOOL lossy = FALSE;
+    WideCharToMultiByte(CP_ACP, 0, folder.c_str(), -1, narrow, MAX_PATH, nullptr, &lossy);
+    ASSERT_TRUE(lossy) << "this system's code page has every character";
+    CreateDirectoryW(folder.c_str(), nullptr);
+    ASSERT_TRUE(CopyFileW(KESTRA_MODULE, file.c_str(), FALSE));
+    {
+        const ComModule module(file.c_str());
+        ASSERT_NE(module.handle(), nullptr);
+        EXPECT_EQ(module.registerServer(), S_OK);
+        for (const Class& entry : kClasses)
+            EXPECT_EQ(classesValue(std::wstring(L"CLSID\\") + entry.clsid + L"\\InprocServer32", nullptr), file);
+        EXPECT_EQ(classesValue(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0\\0\\win64", nullptr), file);
+        EXPECT_EQ(module.unregisterServer(), S_OK);
+        EXPECT_FALSE(classesKeyExists(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0"));
+    }
+    EXPECT_TRUE(DeleteFileW(file.c_str()));
+    EXPECT_TRUE(RemoveDirectoryW(folder.c_str()));
 }
 
 TEST_F(Registration, UnloadableTypeLibraryIsNoFailure) {
