@@ -1,0 +1,19 @@
+// The words of documented.inc, until it is included again. On purpose without a guard.
+#undef CLASS0
+#undef CLASS1
+#undef CLASS2
+#undef CLASS3
+#undef END
+#undef PROTECTED
+#undef IUNKNOWN
+#undef CONSTRUCTOR
+#undef DESTRUCTOR
+#undef METHOD
+#undef CONST_METHOD
+#undef OPERATOR
+#undef STATIC
+#undef VIRTUAL
+#undef ABSTRACT
+#undef MEMBER
+#undef VARIABLE
+#undef FUNCTION
