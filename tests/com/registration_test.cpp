@@ -324,7 +324,8 @@ TEST_F(Registration, FolderThatTheCodePageCannotNameIsRegisteredAsItIs) {
         EXPECT_EQ(module.registerServer(), S_OK);
         for (const Class& entry : kClasses)
             EXPECT_EQ(classesValue(std::wstring(L"CLSID\\") + entry.clsid + L"\\InprocServer32", nullptr), file);
-        EXPECT_EQ(classesValue(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0\\0\\win64", nullptr), file);
+        // The system may put its sign for long paths before it.
+        EXPECT_TRUE(classesValue(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0\\0\\win64", nullptr).ends_with(file));
         EXPECT_EQ(module.unregisterServer(), S_OK);
         EXPECT_FALSE(classesKeyExists(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0"));
     }
