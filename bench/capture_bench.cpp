@@ -1,6 +1,6 @@
 // The video pin's frame callback, from the raw frame to the receiver's Receive, beside the best plain copy of as many
-// bytes into buffers of the same allocator, in one run: 1080p, frames and samples cold. Needs a simulated card for the
-// filter's creation; the frames are this program's.
+// bytes into buffers of the same allocator, in one run: 1080p, frames and samples cold; five rounds, and their spread.
+// Needs a simulated card for the filter's creation; the frames are this program's.
 #include "bench/decode_frames.h"
 #include "capture/com_ref.h"
 #include "capture/trace.h"
@@ -23,7 +23,7 @@ namespace {
 using namespace kestra;
 using namespace kestra::bench;
 
-constexpr int kFrames = 1200;
+constexpr int kFrames = 1500, kRounds = 5;
 constexpr long kHeldBytes = 300 << 20;
 
 TarnisFrameCallback g_callback;
@@ -42,16 +42,6 @@ extern "C" uint32_t __wrap_TARNIS_StartGrab(TARNIS_HANDLE, int8_t, uint32_t, Tar
 }
 
 namespace {
-
-/// Milliseconds of the two debugger lines that the callback leaves for each frame.
-double traceMs() {
-    constexpr int kLines = 2000;
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < kLines; ++i)
-        trace(L"CKestraStream->SDIGrabVideoCallback->start");
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    return 2 * took.count() / kLines;
-}
 
 /// Accepts everything and keeps so many samples that each is cold when it comes again.
 class ColdSink : public IPin, public IMemInputPin {
@@ -131,23 +121,26 @@ void copyStreamed(uint8_t* to, const uint8_t* from, size_t bytes) {
     _mm_sfence();
 }
 
+double medianOf(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+}
+
 struct Way {
-    const char* name;
-    void (*copy)(uint8_t* to, const uint8_t* from, size_t bytes); ///< null: the pin's callback
+    enum Kind { Callback, DebuggerLines, Copy } kind;
+    void (*copy)(uint8_t* to, const uint8_t* from, size_t bytes) = nullptr;
     std::vector<double> milliseconds{};
-    double median() {
-        std::nth_element(milliseconds.begin(), milliseconds.begin() + milliseconds.size() / 2, milliseconds.end());
-        return milliseconds[milliseconds.size() / 2];
-    }
+    double median() const { return medianOf(milliseconds); }
 };
 
 struct Format {
     const char* name;
     DWORD index;
     uint32_t rawBytesPerPixel, sampleBytesPerPixel;
+    std::vector<double> ratios{}; ///< of each round, without the debugger lines
 };
 
-bool measure(const Format& format) {
+bool measure(Format& format) {
     constexpr wchar_t kSettings[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow";
     RegSetKeyValueW(HKEY_CURRENT_USER, kSettings, L"VideoFormat", REG_DWORD, &format.index, sizeof format.index);
     HRESULT hr = S_OK;
@@ -176,16 +169,23 @@ bool measure(const Format& format) {
     for (size_t i = 0; i < kHeldBytes / rawBytes + 1; ++i)
         raws.emplace_back(std::max(rawBytes, copyBytes));
 
-    Way ways[] = {{"callback", nullptr}, {"memcpy", copyMemcpy}, {"rep movsb", copyString}, {"streamed", copyStreamed}};
+    Way ways[] = {{Way::Callback},
+                  {Way::DebuggerLines},
+                  {Way::Copy, copyMemcpy},
+                  {Way::Copy, copyString},
+                  {Way::Copy, copyStreamed}};
     for (int frame = 0; frame < kFrames; ++frame) {
         const Block& raw = raws[static_cast<size_t>(frame) % raws.size()];
-        Way& way = ways[frame % 4];
+        Way& way = ways[static_cast<size_t>(frame) % std::size(ways)];
         const auto begin = std::chrono::steady_clock::now();
-        if (!way.copy) {
+        if (way.kind == Way::Callback) {
             TarnisFrameInfo info{};
             info.lpRawBuffer = raw.data();
             info.bufferSize = static_cast<uint32_t>(rawBytes);
             g_callback(g_context, &info);
+        } else if (way.kind == Way::DebuggerLines) { // as many as the callback leaves for each frame
+            trace(L"CKestraStream->SDIGrabVideoCallback->start");
+            trace(L"CKestraStream->SDIGrabVideoCallback->S_OK");
         } else {
             ComRef<IMediaSample> sample;
             BYTE* to = nullptr;
@@ -200,13 +200,15 @@ bool measure(const Format& format) {
     sink.letGo();
     filter->Stop();
     pin->Disconnect();
-    const double ours = ways[0].median();
-    const double best = std::min({ways[1].median(), ways[2].median(), ways[3].median()});
+    const double ours = ways[0].median(), lines = ways[1].median();
+    const double best = std::min({ways[2].median(), ways[3].median(), ways[4].median()});
+    format.ratios.push_back((ours - lines) / best);
     std::printf(
-        "  %-6s callback %6.3f ms   memcpy %6.3f   rep movsb %6.3f   streamed %6.3f   callback / best copy %.2f, "
-        "without its debugger lines %.2f\n",
-        format.name, ours, ways[1].median(), ways[2].median(), ways[3].median(), ours / best,
-        (ours - traceMs()) / best);
+        "  %-6s callback %6.3f ms, of which debugger lines %.3f   memcpy %6.3f   rep movsb %6.3f   streamed %6.3f   "
+        "callback / best copy %.2f, without its debugger lines %.2f\n",
+        format.name, ours, lines, ways[2].median(), ways[3].median(), ways[4].median(), ours / best,
+        format.ratios.back());
+    std::fflush(stdout);
     return true;
 }
 
@@ -215,10 +217,16 @@ bool measure(const Format& format) {
 int main() {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     simcard::CardControl(0).reset();
-    constexpr Format kFormats[] = {{"YUY2", 0, 2, 2}, {"RGB24", 1, 3, 3}, {"UYVY", 2, 2, 2}, {"RGB32", 3, 3, 4}};
+    Format formats[] = {{"YUY2", 0, 2, 2}, {"RGB24", 1, 3, 3}, {"UYVY", 2, 2, 2}, {"RGB32", 3, 3, 4}};
     bool good = true;
-    for (const Format& format : kFormats)
-        good = measure(format) && good;
+    for (int round = 0; round < kRounds; ++round)
+        for (Format& format : formats)
+            good = measure(format) && good;
+    for (const Format& format : formats)
+        if (!format.ratios.empty())
+            std::printf("  %-6s callback without its debugger lines / best copy: %.2f to %.2f, median %.2f\n",
+                        format.name, *std::min_element(format.ratios.begin(), format.ratios.end()),
+                        *std::max_element(format.ratios.begin(), format.ratios.end()), medianOf(format.ratios));
     CoUninitialize();
     return good ? 0 : 1;
 }

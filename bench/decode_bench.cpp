@@ -3,19 +3,18 @@
 #include "bench/decode_frames.h"
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
+#include "decode/parallel.h"
 
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
-#include <omp.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/cpu.h>
 #include <libswscale/swscale.h>
 }
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -28,6 +27,19 @@ namespace {
 
 using namespace kestra;
 using namespace kestra::bench;
+
+/// Which instructions peers may use, as their own switches take it: those of a kernel set of ours, or all.
+struct PeerMask {
+    const char* set; ///< its name; null: all
+    int libyuv, libavcodec;
+};
+constexpr int kYuvSse41 = libyuv::kCpuHasX86 | libyuv::kCpuHasSSE2 | libyuv::kCpuHasSSSE3 | libyuv::kCpuHasSSE41;
+constexpr int kAvSse41 = AV_CPU_FLAG_MMX | AV_CPU_FLAG_MMXEXT | AV_CPU_FLAG_SSE | AV_CPU_FLAG_SSE2 | AV_CPU_FLAG_SSE3 |
+                         AV_CPU_FLAG_SSSE3 | AV_CPU_FLAG_SSE4;
+constexpr PeerMask kPeerMasks[] = {
+    {"sse4.1", kYuvSse41, kAvSse41},
+    {"avx2", kYuvSse41 | libyuv::kCpuHasAVX | libyuv::kCpuHasAVX2, kAvSse41 | AV_CPU_FLAG_AVX | AV_CPU_FLAG_AVX2},
+    {nullptr, -1, -1}};
 
 constexpr const char* kLayouts[] = {"10-bit", "8-bit", "rgb24"};
 
@@ -75,13 +87,15 @@ void yuy2WholeFrame(FrameSet& frames) {
 /// v210 holds the same samples in the same number of bytes, four words of 32 bits for six pixels.
 class V210 {
 public:
-    explicit V210(Size size) {
+    V210(Size size, int cpuFlags) {
+        av_force_cpu_flags(cpuFlags); // the decoder chooses its code when it is opened
         const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_V210);
         m_context = avcodec_alloc_context3(codec);
         m_context->width = size.width;
         m_context->height = size.height;
         m_context->thread_count = 1;
         if (avcodec_open2(m_context, codec, nullptr) < 0) throw std::runtime_error("no v210 decoder");
+        av_force_cpu_flags(-1);
         m_packet = av_packet_alloc();
         m_frame = av_frame_alloc();
         m_argb.resize(size_t{4} * size.width * size.height);
@@ -171,18 +185,20 @@ public:
 
 struct Row {
     std::string name;
-    bool ours;
+    const char* ours; ///< our kernel set's name; null: a peer
+    const char* mask; ///< the set whose instructions a peer was held to
 };
 
-void add(const Case& c, const std::string& row, const KernelSet& set, Work work) {
+void add(const Case& c, const std::string& row, const KernelSet& set, int libyuvMask, Work work) {
     static std::map<std::string, std::shared_ptr<FrameSet>> sets; // made once, shared by all rows of a case
     const std::string setKey = std::to_string(c.selector) + "/" + std::to_string(c.size.width) + (c.cold ? "c" : "h");
     auto& frames = sets[setKey];
     if (!frames) frames = std::make_shared<FrameSet>(c.selector, c.size, c.cold);
     benchmark::RegisterBenchmark((c.key() + "|" + row).c_str(),
-                                 [c, &set, work, frames](benchmark::State& state) {
+                                 [c, &set, libyuvMask, work, frames](benchmark::State& state) {
                                      useKernels(set);
-                                     omp_set_num_threads(c.threads);
+                                     g_sharing = c.threads == 1 ? Sharing::Never : Sharing::Always;
+                                     libyuv::MaskCpuFlags(libyuvMask);
                                      for (auto _ : state) {
                                          frames->advance();
                                          work(*frames);
@@ -193,64 +209,36 @@ void add(const Case& c, const std::string& row, const KernelSet& set, Work work)
 }
 
 std::vector<Row> addCase(const Case& c) {
-    std::vector<Row> rows{{"memcpy", false}};
-    add(c, "memcpy", kPlainKernels, copyOnce);
-    const auto peer = [&](const char* name, Work work) {
-        rows.push_back({name, false});
-        add(c, name, kPlainKernels, std::move(work));
+    std::vector<Row> rows{{"memcpy", nullptr, nullptr}};
+    add(c, "memcpy", kPlainKernels, -1, copyOnce);
+    const auto peer = [&](const std::string& name, const PeerMask& mask, Work work) {
+        rows.push_back({name + (mask.set ? std::string(", ") + mask.set : ""), nullptr, mask.set});
+        add(c, rows.back().name, kPlainKernels, mask.libyuv, std::move(work));
     };
-    if (c.threads == 1) {
+    for (const PeerMask& mask : kPeerMasks) {
+        if (c.threads != 1) break;
         if (c.selector == TARNIS_OUTPUT_YUV422_8) {
-            peer("libyuv YUY2, by lines", yuy2ByLines);
-            peer("libyuv YUY2, by frames", yuy2WholeFrame);
+            peer("libyuv YUY2, by lines", mask, yuy2ByLines);
+            if (!mask.set) peer("libyuv YUY2, by frames", mask, yuy2WholeFrame);
         } else if (c.selector == TARNIS_OUTPUT_YUV422_10) {
-            const auto v210 = std::make_shared<V210>(c.size);
+            const auto v210 = std::make_shared<V210>(c.size, mask.libavcodec);
+            peer("libavcodec v210 + libyuv", mask, [v210](FrameSet& frames) { (*v210)(frames); });
             const auto y210 = std::make_shared<Y210>(c.size);
-            peer("libavcodec v210 + libyuv", [v210](FrameSet& frames) { (*v210)(frames); });
-            peer("libswscale y210", [y210](FrameSet& frames) { (*y210)(frames); });
+            if (!mask.set) peer("libswscale y210", mask, [y210](FrameSet& frames) { (*y210)(frames); });
         } else {
-            peer("libyuv CopyPlane", copyPlane);
+            peer("libyuv CopyPlane", mask, copyPlane);
         }
     }
     for (const KernelSet* set : kKernelSets) {
-        if (!set->runsHere()) continue;
-        rows.push_back({std::string("ours ") + set->name, true});
-        add(c, rows.back().name, *set, decodeOnce);
+        if (!set->runsHere() || (c.threads != 1 && set != &kernels())) continue;
+        rows.push_back({std::string("ours ") + set->name, set->name, nullptr});
+        add(c, rows.back().name, *set, -1, decodeOnce);
     }
-    if (c.cold && c.size.width == kHd.width) {
-        rows.push_back({"ours best, and one read", true});
-        add(c, rows.back().name, kernels(), decodeAndRead);
+    if (c.cold && c.threads == 1 && c.size.width == kHd.width) {
+        rows.push_back({"ours best, and one read", kernels().name, nullptr});
+        add(c, rows.back().name, kernels(), -1, decodeAndRead);
     }
     return rows;
-}
-
-/// Calls beside busy threads: what a partner thread that is preempted costs.
-void besideBusyThreads(int busy) {
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> neighbours;
-    for (int i = 0; i < busy; ++i)
-        neighbours.emplace_back([&] {
-            while (!stop) {
-            }
-        });
-    for (const uint32_t selector : {0u, 1u, 2u}) {
-        FrameSet frames(selector, kHd, true);
-        omp_set_num_threads(static_cast<int>(std::thread::hardware_concurrency()));
-        std::vector<double> times;
-        for (int i = 0; i < 600; ++i) {
-            frames.advance();
-            const auto begin = std::chrono::steady_clock::now();
-            decodeOnce(frames);
-            times.push_back(
-                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
-        }
-        std::sort(times.begin(), times.end());
-        std::printf("  %-7s 1080p  p50 %7.3f ms   p99 %7.3f ms   (one frame at 60 Hz: 16.667 ms)\n", kLayouts[selector],
-                    times[times.size() / 2], times[times.size() * 99 / 100]);
-    }
-    stop = true;
-    for (std::thread& neighbour : neighbours)
-        neighbour.join();
 }
 
 } // namespace
@@ -258,36 +246,45 @@ void besideBusyThreads(int busy) {
 int main(int argc, char** argv) {
     std::vector<char*> arguments(argv, argv + argc);
     std::string defaults[] = {"--benchmark_repetitions=7", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_min_time=0.06"};
+                              "--benchmark_min_time=0.04"};
     for (std::string& text : defaults)
         arguments.insert(arguments.begin() + 1, text.data());
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
     const int all = static_cast<int>(std::thread::hardware_concurrency());
     std::vector<std::pair<Case, std::vector<Row>>> cases;
-    for (const bool cold : {true, false})
+    for (const uint32_t selector : {1u, 0u, 2u}) {
         for (const Size size : {kHd, kUhd})
-            for (const uint32_t selector : {1u, 0u, 2u})
-                for (const int threads : {1, all}) {
-                    const Case c{selector, size, cold, threads};
-                    cases.emplace_back(c, addCase(c));
-                }
+            for (const int threads : {1, all})
+                cases.emplace_back(Case{selector, size, true, threads}, std::vector<Row>());
+        cases.emplace_back(Case{selector, kHd, false, 1}, std::vector<Row>());
+    }
+    for (auto& [c, rows] : cases)
+        rows = addCase(c);
     Medians medians;
     benchmark::RunSpecifiedBenchmarks(&medians);
     for (const auto& [c, rows] : cases) {
         const auto ms = [&, &key = c](const std::string& row) { return medians.ms[key.key() + "|" + row]; };
-        double best = 0;
-        for (const Row& row : rows)
-            if (!row.ours && row.name != "memcpy" && (best == 0 || ms(row.name) < best)) best = ms(row.name);
-        std::printf("\n%s\n  %-28s %9s %12s %12s\n", c.key().c_str(), "", "ms/frame", "of memcpy", "of best peer");
+        if (ms("memcpy") == 0) continue; // filtered out
+        /// The fastest peer that may use what a set of that name has, or all.
+        const auto bestPeer = [&, &all = rows](const char* set) {
+            double best = 0;
+            for (const Row& row : all)
+                if (const bool same = set ? row.mask && std::strcmp(row.mask, set) == 0 : !row.mask;
+                    same && !row.ours && row.name != "memcpy" && ms(row.name) != 0 &&
+                    (best == 0 || ms(row.name) < best))
+                    best = ms(row.name);
+            return best;
+        };
+        std::printf("\n%s\n  %-34s %9s %12s %12s %22s\n", c.key().c_str(), "", "ms/frame", "of memcpy", "of best peer",
+                    "of peer with that set");
         for (const Row& row : rows) {
             if (ms(row.name) == 0) continue;
-            std::printf("  %-28s %9.3f %12.2f", row.name.c_str(), ms(row.name), ms("memcpy") / ms(row.name));
-            if (best != 0) std::printf(" %12.2f", best / ms(row.name));
+            std::printf("  %-34s %9.3f %12.2f", row.name.c_str(), ms(row.name), ms("memcpy") / ms(row.name));
+            if (const double best = bestPeer(nullptr)) std::printf(" %12.2f", best / ms(row.name));
+            if (const double best = row.ours ? bestPeer(row.ours) : 0) std::printf(" %22.2f", best / ms(row.name));
             std::printf("\n");
         }
     }
-    std::printf("\nall threads, beside one busy thread\n");
-    besideBusyThreads(1);
     return 0;
 }

@@ -3,14 +3,11 @@
 #include "bench/decode_frames.h"
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
+#include "decode/parallel.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-
-#ifdef _OPENMP
-#include <omp.h>
-#endif
 
 namespace {
 
@@ -35,9 +32,7 @@ double microsecondsPerLine(FrameSet& frames) {
 } // namespace
 
 int main() {
-#ifdef _OPENMP
-    omp_set_num_threads(1);
-#endif
+    g_sharing = Sharing::Never;
     constexpr const char* kNames[] = {"10-bit", "8-bit", "rgb24"};
     for (uint32_t selector = 0; selector < 3; ++selector) {
         FrameSet cached(selector, {1920, 64}, false), cold(selector, kHd, true);

@@ -3,9 +3,9 @@
 #include "bench/decode_frames.h"
 #include "capture/frame_writer.h"
 #include "decode/kernel_set.h"
+#include "decode/parallel.h"
 
 #include <libyuv.h>
-#include <omp.h>
 
 extern "C" {
 #include <libswscale/swscale.h>
@@ -104,7 +104,7 @@ std::vector<Way> copyAndOurs(Frames& frames) {
 } // namespace
 
 int main() {
-    omp_set_num_threads(1);
+    g_sharing = Sharing::Never;
     constexpr int kRgbLine = kWidth * 3, kYuvLine = kWidth * 2, kArgbLine = kWidth * 4;
     constexpr int kFlipped = -static_cast<int>(kHeight);
     {

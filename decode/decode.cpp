@@ -26,7 +26,6 @@ struct Lines {
     Byte* first;
     ptrdiff_t stepBytes;
     Byte* operator[](uint32_t line) const noexcept { return first + stepBytes * static_cast<ptrdiff_t>(line); }
-    Lines from(uint32_t line, ptrdiff_t step) const noexcept { return {(*this)[line], step}; }
 };
 
 struct Frame {
@@ -34,52 +33,42 @@ struct Frame {
     bool interlaced;        ///< the second field follows the first
     Lines<const uint8_t> raw;
     Lines<uint8_t> rgb;
+    bool streamed() const noexcept { return uint64_t{3} * width * height >= kStreamedBytes; }
 };
-
-void convertLines(const LineConversion& conversion, uint32_t lines, uint32_t pairs, Lines<const uint8_t> raw,
-                  Lines<uint8_t> rgb) {
-    const ConvertLine convert = convertLineFor(conversion);
-    const bool streamed = uint64_t{6} * pairs * lines >= kStreamedBytes;
-    const uint64_t bytes = uint64_t{lines} * (static_cast<uint64_t>(std::llabs(raw.stepBytes)) + 6ull * pairs);
-    forEachBlock(lines, bytes, [&](uint32_t first, uint32_t count) {
-        for (uint32_t i = first; i < first + count; ++i) {
-            uint8_t* out = rgb[i];
-            const auto next = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(rgb.stepBytes);
-            convert(conversion, raw[i], out, pairs, streamed ? nullptr : reinterpret_cast<const uint8_t*>(next));
-        }
-        if (streamed) _mm_sfence(); // every store is seen before the end of the loop is
-    });
-}
 
 /// 4:2:2 of either depth, fields woven.
 void convertFrame(const Frame& frame, SampleDepth depth) {
     const ColorTables& tables = defaultTables(depth);
     const LineConversion conversion{tables, tables.builtFrom};
-    const uint32_t pairs = frame.width / 2;
-    if (!frame.interlaced) return convertLines(conversion, frame.height, pairs, frame.raw, frame.rgb);
-    const uint32_t first = firstFieldLines(frame.height);
-    const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
-    convertLines(conversion, first, pairs, frame.raw, frame.rgb.from(0, twoLines));
-    convertLines(conversion, frame.height - first, pairs, frame.raw.from(first, frame.raw.stepBytes),
-                 frame.rgb.from(1, twoLines));
+    const ConvertLine convert = convertLineFor(conversion);
+    const uint32_t pairs = frame.width / 2, secondField = firstFieldLines(frame.height);
+    const ptrdiff_t toNext = frame.rgb.stepBytes * (frame.interlaced ? 2 : 1);
+    const bool streamed = frame.streamed();
+    const uint64_t picosecondsPerPixel =
+        depth == SampleDepth::Bits10 ? kernels().picosecondsPerPixel10Bit : kernels().picosecondsPerPixel8Bit;
+    forEachBlock(frame.height, picosecondsPerPixel * frame.width * frame.height / 1000,
+                 [&](uint32_t first, uint32_t count) {
+                     for (uint32_t r = first; r < first + count; ++r) {
+                         uint8_t* out = frame.rgb[frame.interlaced ? wovenLine(r, secondField) : r];
+                         const auto next = reinterpret_cast<uintptr_t>(out) + static_cast<uintptr_t>(toNext);
+                         convert(conversion, frame.raw[r], out, pairs,
+                                 streamed ? nullptr : reinterpret_cast<const uint8_t*>(next)); // a hint only
+                     }
+                     if (streamed) _mm_sfence(); // every store is seen before the end of the loop is
+                 });
 }
 
-/// Lines of 24-bit RGB as they are.
-void copyLines(uint32_t lines, uint32_t width, Lines<const uint8_t> raw, Lines<uint8_t> rgb) {
-    const bool streamed = uint64_t{3} * width * lines >= kStreamedBytes;
-    forEachBlock(lines, uint64_t{lines} * width * 6, [&](uint32_t first, uint32_t count) {
-        copyRegionC3(raw[first], raw.stepBytes, rgb[first], rgb.stepBytes,
-                     {static_cast<int32_t>(width), static_cast<int32_t>(count)}, streamed);
-    });
-}
-
+/// 24-bit RGB as it is, fields woven: on this thread, for the memory is what it waits for.
 void copyFrame(const Frame& frame) {
-    if (!frame.interlaced) return copyLines(frame.height, frame.width, frame.raw, frame.rgb);
-    // Both fields have height / 2 lines here: the last raw line of an odd height is not copied.
+    const auto copy = [&](uint32_t from, uint32_t to, ptrdiff_t step, uint32_t lines) {
+        copyRegionC3(frame.raw[from], frame.raw.stepBytes, frame.rgb[to], step,
+                     {static_cast<int32_t>(frame.width), static_cast<int32_t>(lines)}, frame.streamed());
+    };
+    if (!frame.interlaced) return copy(0, 0, frame.rgb.stepBytes, frame.height);
+    // Both fields have as many lines here: the last raw line of an odd height is not copied.
     const uint32_t fieldLines = equalFieldLines(frame.height);
-    const ptrdiff_t twoLines = 2 * frame.rgb.stepBytes;
-    copyLines(fieldLines, frame.width, frame.raw, frame.rgb.from(0, twoLines));
-    copyLines(fieldLines, frame.width, frame.raw.from(fieldLines, frame.raw.stepBytes), frame.rgb.from(1, twoLines));
+    copy(0, 0, 2 * frame.rgb.stepBytes, fieldLines);
+    copy(fieldLines, 1, 2 * frame.rgb.stepBytes, fieldLines);
 }
 
 uint32_t refused(int line, const wchar_t* text) noexcept {

@@ -1,5 +1,5 @@
-// Interleaving of a register of pairs to B, G, R in every 128-bit lane, and the places of 10-bit samples there: what
-// the SSE4.1 and AVX2 kernels share. Private to decode/.
+// Interleaving of a register of pairs to B, G, R in every 128-bit lane, and the places of samples there: what the
+// SSE4.1 and AVX2 kernels share. Private to decode/.
 //
 // A lane of eight pairs becomes 24 words: B0 G0, R0 B1, G1 R1 of each pair. Word 3 n + k of the 24 is the k-th of pair
 // n; for one k no two of them belong to the same word modulo 8, so one shuffle of the bytes of all the k-th words puts
@@ -7,7 +7,7 @@
 // third word from each of the three, which a blend with an immediate mask does.
 #pragma once
 
-#include "decode/yuv_arithmetic.h"
+#include "decode/line_template.h"
 
 #include <array>
 #include <cstddef>
@@ -78,5 +78,39 @@ constexpr size_t groupOffset(size_t group) {
 constexpr size_t groupByte(size_t group) {
     return 8 * (8 * group / 6);
 }
+
+/// The two kernels but for what each set does in its own way: to unpack groups, and to put lanes in their order.
+template <class Ops>
+struct LaneKernel {
+    using Set = Ops;
+    using Terms = PairTerms<Ops>;
+    static constexpr uint32_t kBlockPairs = Ops::kBytes / 2;
+};
+
+template <class Ops>
+struct LaneKernel8Bit : Lines8Bit, LaneKernel<Ops> {
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples8Bit<Ops> samples(const uint8_t* raw) {
+        // Loads two bytes off in place of shifts: the words beside each other change places with them.
+        return {Ops::oddFromSecond(Ops::load(raw), Ops::load(raw + Ops::kBytes - 2)),
+                Ops::oddFromSecond(Ops::load(raw + 2), Ops::load(raw + Ops::kBytes))};
+    }
+    static KESTRA_INLINE PairTerms<Ops> terms(const Samples8Bit<Ops>& samples) { return pairTerms8<Ops>(samples); }
+};
+
+template <class Ops>
+struct LaneKernel10Bit : Lines10Bit, LaneKernel<Ops> {
+    template <size_t kPhase>
+    static KESTRA_INLINE Samples10Bit<Ops> samples(const uint8_t* raw) {
+        using Vec = typename Ops::Vec;
+        constexpr size_t kGroup = LaneKernel<Ops>::kBlockPairs / 2 * kPhase;
+        const Vec v0 = Ops::template unpack<kGroup>(raw), v1 = Ops::template unpack<kGroup + 1>(raw);
+        const Vec v2 = Ops::template unpack<kGroup + 2>(raw), v3 = Ops::template unpack<kGroup + 3>(raw);
+        const Vec y01 = Ops::low32(v0, v1), c01 = Ops::high32(v0, v1), y23 = Ops::low32(v2, v3),
+                  c23 = Ops::high32(v2, v3);
+        return {Ops::low64(y01, y23), Ops::low64(c01, c23), Ops::high64(y01, y23), Ops::high64(c01, c23)};
+    }
+    static KESTRA_INLINE PairTerms<Ops> terms(const Samples10Bit<Ops>& samples) { return pairTerms10<Ops>(samples); }
+};
 
 } // namespace kestra

@@ -47,6 +47,8 @@ struct KernelSet {
     /// The plain set's read the tables. All others compute the entries of the default tables, and are for tables whose
     /// arithmeticIsExact, and limits 0..255, only: ask convertLineFor.
     ConvertLine convertLine8Bit, convertLine10Bit;
+    /// What a conversion takes of one thread, frames out of the cache: whether it is shared follows from it.
+    uint32_t picosecondsPerPixel8Bit, picosecondsPerPixel10Bit;
     SampleLine copyLine; ///< as it is
     SampleLine swapLine; ///< the two bytes of every 16-bit word swapped (Y Cb Y Cr becomes Cb Y Cr Y); no odd last byte
     SampleLine expandLine; ///< three bytes a pixel become four, the fourth 0; `bytes` is that of whole pixels

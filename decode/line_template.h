@@ -1,22 +1,44 @@
 // The line conversion's loop, written once for every instruction set. Private to decode/.
 //
 // A `Kernel` converts blocks of a line in three steps, so that those of neighbouring blocks can be done in turn:
+//   Set                   its registers, see yuv_arithmetic.h
+//   Lines8Bit, Lines10Bit  the layout of the line is a base
 //   kBlockPairs           pairs in a block
-//   kPhases               after so many blocks the next begins with a whole raw word again: 1 or 3
-//   kUnitPairs            a first block may begin at every multiple of so many pairs
-//   kAlignment            of streaming stores, in bytes
-//   rawByte(pair)         where in the line the raw bytes of that pair, a multiple of kUnitPairs, begin
 //   samples<kPhase>(raw)  reads block kPhase of the kPhases that begin at `raw`
 //   terms(samples)        what its pixels' sums are made of
 //   finish<Store>(rgb, terms)  sums, limits and writes; Store::put stores a register
-//   Cached, Streaming     the two kinds of Store
-//   plain                 the kernel for lines shorter than a block, and for what is over
 #pragma once
 
 #include "decode/plain_lines.h"
 #include "decode/yuv_arithmetic.h"
 
 namespace kestra {
+
+struct Lines8Bit {
+    /// After so many blocks the next begins with a whole raw word again.
+    static constexpr uint32_t kPhases = 1;
+    /// The first block of a run may begin at every multiple of so many pairs.
+    static constexpr uint32_t kUnitPairs = 1;
+    /// Where the raw bytes of a pair, a multiple of kUnitPairs, begin.
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{4} * pair; }
+    /// For lines shorter than a block, and for what is over.
+    static constexpr ConvertLine plain = convertLine8BitPlain;
+};
+
+struct Lines10Bit {
+    static constexpr uint32_t kPhases = 3, kUnitPairs = 6; // four words
+    static constexpr size_t rawByte(uint32_t pair) { return size_t{32} * (pair / 6); }
+    static constexpr ConvertLine plain = convertLine10BitPlain;
+};
+
+template <class Ops>
+struct Cached {
+    static KESTRA_INLINE void put(uint8_t* p, typename Ops::Vec v) { Ops::store(p, v); }
+};
+template <class Ops>
+struct Streaming {
+    static KESTRA_INLINE void put(uint8_t* p, typename Ops::Vec v) { Ops::stream(p, v); }
+};
 
 template <class Kernel, class Store, size_t kPhase>
 KESTRA_INLINE void convertBlock(const uint8_t* raw, uint8_t* rgb) {
@@ -72,7 +94,7 @@ template <class Kernel>
 KESTRA_INLINE uint32_t alignedPair(const uint8_t* rgb) {
     uint32_t pair = 0;
     while (pair <= Kernel::kBlockPairs &&
-           (reinterpret_cast<uintptr_t>(rgb) + size_t{6} * pair) % Kernel::kAlignment != 0)
+           (reinterpret_cast<uintptr_t>(rgb) + size_t{6} * pair) % Kernel::Set::kBytes != 0)
         pair += Kernel::kUnitPairs;
     return pair;
 }
@@ -80,15 +102,15 @@ KESTRA_INLINE uint32_t alignedPair(const uint8_t* rgb) {
 template <class Kernel>
 void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs,
                  const uint8_t* nextLine) {
-    using Cached = typename Kernel::Cached;
+    using Ops = typename Kernel::Set;
     constexpr uint32_t kBlock = Kernel::kBlockPairs, kUnit = Kernel::kUnitPairs, kRun = kBlock * Kernel::kPhases;
     if (pairs < kBlock) return Kernel::plain(conversion, raw, rgb, pairs, nextLine);
     uint32_t done = 0;
     if (const uint32_t first = alignedPair<Kernel>(rgb); !nextLine && first <= kBlock) {
-        if (first != 0) convertBlock<Kernel, Cached, 0>(raw, rgb);
-        done = convertBlocks<Kernel, typename Kernel::Streaming>(raw, rgb, first, pairs, [](uint32_t) {});
+        if (first != 0) convertBlock<Kernel, Cached<Ops>, 0>(raw, rgb);
+        done = convertBlocks<Kernel, Streaming<Ops>>(raw, rgb, first, pairs, [](uint32_t) {});
     } else {
-        done = convertBlocks<Kernel, Cached>(raw, rgb, 0, pairs, [&](uint32_t pair) {
+        done = convertBlocks<Kernel, Cached<Ops>>(raw, rgb, 0, pairs, [&](uint32_t pair) {
             if (nextLine)
                 for (uint32_t byte = 0; byte < 6 * kRun; byte += 64)
                     __builtin_prefetch(nextLine + size_t{6} * pair + byte, 1);
@@ -96,7 +118,7 @@ void convertLine(const LineConversion& conversion, const uint8_t* raw, uint8_t* 
     }
     if (done == pairs) return;
     const uint32_t last = (pairs - kBlock) / kUnit * kUnit; // partly once more
-    convertBlock<Kernel, Cached, 0>(raw + Kernel::rawByte(last), rgb + size_t{6} * last);
+    convertBlock<Kernel, Cached<Ops>, 0>(raw + Kernel::rawByte(last), rgb + size_t{6} * last);
     const uint32_t rest = (last + kBlock) / kUnit * kUnit;
     if (last + kBlock < pairs)
         Kernel::plain(conversion, raw + Kernel::rawByte(rest), rgb + size_t{6} * rest, pairs - rest, nullptr);

@@ -1,5 +1,7 @@
 #include "decode/parallel.h"
 
+std::atomic<kestra::Sharing> kestra::g_sharing{kestra::Sharing::WhereItPays};
+
 #if defined(_WIN32) && defined(_OPENMP)
 #include "win32/module.h"
 

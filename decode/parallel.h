@@ -1,7 +1,8 @@
-// The decoder's parallel loop over lines: OpenMP, static scheduling, one contiguous block of lines for each thread of
-// the default team. Private to decode/.
+// The decoder's loop over lines, shared with the threads of the OpenMP team where that pays: static scheduling, one
+// contiguous block of lines for each. Private to decode/.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #ifdef _OPENMP
@@ -10,20 +11,26 @@
 
 namespace kestra {
 
+/// From which time of one thread on a loop is shared: the start and the end of a parallel region, and the wait for a
+/// helper that the system has put aside, cost more below. Measured with paced streams (bench/decode_pace.cpp; figures
+/// in docs/decoder.md).
+constexpr uint64_t kSharedNanoseconds = 6'000'000;
+
+enum class Sharing { WhereItPays, Never, Always };
+/// For tests and benchmarks.
+extern std::atomic<Sharing> g_sharing;
+
 /// Keeps the module in its process from the first parallel loop on. The OpenMP runtime keeps a pool of threads for each
 /// thread that ran such a loop; unloading the module under them would crash the process.
 void keepModule() noexcept;
 
-/// From how many bytes read and written on a loop is shared with other threads. Below, the start and the end of a
-/// parallel region cost more than the others save.
-constexpr uint64_t kParallelBytes = 3u << 20;
-
 /// Calls block(first, count) on each thread for its lines, which altogether are 0..lines-1.
-/// @param bytes what the loop reads and writes altogether
+/// @param nanoseconds  what one thread is expected to take
 template <class Block>
-void forEachBlock(uint32_t lines, uint64_t bytes, Block block) {
+void forEachBlock(uint32_t lines, uint64_t nanoseconds, Block block) {
 #ifdef _OPENMP
-    if (bytes >= kParallelBytes) {
+    const Sharing sharing = g_sharing.load(std::memory_order_relaxed);
+    if (sharing == Sharing::Always || (sharing == Sharing::WhereItPays && nanoseconds >= kSharedNanoseconds)) {
         keepModule();
 #pragma omp parallel
         {
@@ -35,7 +42,7 @@ void forEachBlock(uint32_t lines, uint64_t bytes, Block block) {
         return;
     }
 #else
-    (void)bytes;
+    (void)nanoseconds;
 #endif
     block(0, lines);
 }

@@ -19,8 +19,8 @@ bench_device() {
 }
 
 bench_decode() {
-    build_preset native decode_bench decode_time
-    build_preset windows decode_time
+    build_preset native decode_bench decode_time decode_pace
+    build_preset windows decode_time decode_pace
     step "decoder (native), beside memcpy, libyuv, libavcodec and libswscale"
     "$root/build/native/bench/decode_bench"
     session_start
@@ -31,6 +31,10 @@ bench_decode() {
     paste -d ' ' <(printf '%s\n' "$native") <(printf '%s\n' "$through_wine") |
         awk '{ printf "  %-7s %-7s in the cache: native %6.3f  Wine %6.3f  ratio %.2f    cold: native %6.3f  Wine %6.3f  ratio %.2f\n",
                       $1, $2, $3, $7, $7 / $3, $4, $8, $8 / $4 }'
+    step "a paced stream (native): 300 frames at 60 Hz, one thread and the team"
+    "$root/build/native/bench/decode_pace"
+    step "the same through Wine"
+    "$root/tools/run-windows" "$root/build/windows/bench/decode_pace.exe"
 }
 
 bench_capture() {

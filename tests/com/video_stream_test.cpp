@@ -343,7 +343,7 @@ TEST_F(VideoStream, ModuleThatIsUnloadedWhileAReceiverBlocksStaysForItsThread) {
 }
 
 TEST_F(VideoStream, ModuleCanBeUnloadedAfterUseInEveryFormat) {
-    for (const int format : {0, 2, 3, 1}) { // RGB24 last: its threads keep the module
+    for (const int format : {0, 1, 2, 3}) {
         connect(format);
         ASSERT_EQ(m_filter->Run(0), S_OK);
         ASSERT_TRUE(receives(3));
@@ -353,7 +353,7 @@ TEST_F(VideoStream, ModuleCanBeUnloadedAfterUseInEveryFormat) {
         m_filter = ComRef<IBaseFilter>();
         EXPECT_EQ(m_module.canUnloadNow(), S_OK);
         m_module.unload();
-        EXPECT_EQ(m_module.isInMemory(), format == 1);
+        EXPECT_FALSE(m_module.isInMemory()) << "format " << format;
         // A thread that were left in the module's code would fall now.
         if (longRun()) std::this_thread::sleep_for(std::chrono::seconds(10));
         m_module.load();

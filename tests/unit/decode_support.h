@@ -2,6 +2,7 @@
 #pragma once
 
 #include "decode/kernel_set.h"
+#include "decode/parallel.h"
 #include "protocol/raw_frame.h"
 
 #include <gtest/gtest.h>
@@ -47,6 +48,18 @@ public:
 
 private:
     const KernelSet& m_before;
+};
+
+/// Shares loops always or never for the life of the object.
+class ForcedSharing {
+public:
+    explicit ForcedSharing(Sharing sharing) : m_before(g_sharing.exchange(sharing)) {}
+    ~ForcedSharing() { g_sharing = m_before; }
+    ForcedSharing(const ForcedSharing&) = delete;
+    ForcedSharing& operator=(const ForcedSharing&) = delete;
+
+private:
+    const Sharing m_before;
 };
 
 /// Bytes that end where the next page cannot be touched (or begin where the one before cannot): whoever reads or writes

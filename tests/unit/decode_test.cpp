@@ -414,6 +414,7 @@ TEST_P(DecodeWithEverySet, LargeOddWidthsMatchTheReference) {
 
 TEST_P(DecodeWithEverySet, WholeFramesOnSeveralThreadsMatchTheReference) {
     const ForcedKernels forced(*GetParam());
+    const ForcedSharing always(Sharing::Always);
     for (const uint32_t selector : {0u, 1u, 2u})
         for (const bool interlaced : {false, true}) {
             compareWithReference(cameraData(selector, 1920, 1080, interlaced), true, 0, 0, true, 9);
