@@ -30,7 +30,7 @@ constexpr uint32_t kWidth = kHd.width, kHeight = kHd.height;
 /// Raw frames and samples of one format, more than any cache holds.
 class Frames {
 public:
-    Frames(uint32_t selector, VideoFormat format, uint32_t sampleBytesPerPixel) : m_format(format) {
+    Frames(uint32_t selector, SampleWriter write, uint32_t sampleBytesPerPixel) : m_write(write) {
         m_camera.outputSelector = selector;
         m_camera.status.width = kWidth;
         m_camera.status.height = kHeight;
@@ -47,13 +47,13 @@ public:
     void advance() { m_next = (m_next + 1) % count(); }
     const uint8_t* raw() const { return m_raw[m_next].data(); }
     uint8_t* sample() const { return m_samples[m_next].data(); }
-    void ours() { writeSample(m_format, m_camera, raw(), m_rawBytes, sample(), m_sampleBytes); }
+    void ours() { m_write(m_camera, raw(), m_rawBytes, sample(), m_sampleBytes); }
     void plainCopy() { std::memcpy(m_copies[m_next].data() + copyBytes(), m_copies[m_next].data(), copyBytes()); }
 
 private:
     size_t copyBytes() const { return (size_t{m_rawBytes} + m_sampleBytes) / 2; }
 
-    const VideoFormat m_format;
+    const SampleWriter m_write;
     TarnisCameraData m_camera{};
     uint32_t m_rawBytes = 0, m_sampleBytes = 0;
     std::vector<Block> m_raw, m_samples, m_copies;
@@ -108,7 +108,7 @@ int main() {
     constexpr int kRgbLine = kWidth * 3, kYuvLine = kWidth * 2, kArgbLine = kWidth * 4;
     constexpr int kFlipped = -static_cast<int>(kHeight);
     {
-        Frames frames(TARNIS_OUTPUT_YUV422_8, kUyvy, 2);
+        Frames frames(TARNIS_OUTPUT_YUV422_8, writeUyvy, 2);
         auto ways = copyAndOurs(frames);
         ways.push_back({"libyuv ARGBShuffle",
                         [&] {
@@ -120,7 +120,7 @@ int main() {
         compare("YUY2 to UYVY", frames, std::move(ways));
     }
     {
-        Frames frames(TARNIS_OUTPUT_RGB24, kRgb32, 4);
+        Frames frames(TARNIS_OUTPUT_RGB24, writeRgb32, 4);
         auto ways = copyAndOurs(frames);
         ways.push_back(
             {"libyuv RGB24ToARGB",
@@ -141,7 +141,7 @@ int main() {
         compare("RGB24 to flipped RGB32", frames, std::move(ways));
     }
     {
-        Frames frames(TARNIS_OUTPUT_RGB24, kRgb24, 3);
+        Frames frames(TARNIS_OUTPUT_RGB24, writeRgb24, 3);
         auto ways = copyAndOurs(frames);
         ways.push_back(
             {"libyuv CopyPlane",

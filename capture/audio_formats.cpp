@@ -16,31 +16,27 @@ constexpr DWORD kSamplesPerSecond = 48000;
 constexpr WORD kChannels = 2;
 constexpr int32_t kUnknownRate = 25; // frames per second, where the card tells none
 
-WAVEFORMATEX waveFormat(WORD tag, WORD bits, WORD extraBytes) noexcept {
-    const auto block = static_cast<WORD>(kChannels * bits / 8);
-    return {tag, kChannels, kSamplesPerSecond, kSamplesPerSecond * block, block, bits, extraBytes};
-}
-
 } // namespace
 
-HRESULT makeAudioType(AudioFormat format, CMediaType& type) {
+const AudioFormat kAudioFormats[2] = {{16, sizeof(WAVEFORMATEX), 1}, {24, sizeof(WAVEFORMATEXTENSIBLE), 0}};
+
+HRESULT makeAudioType(const AudioFormat& format, CMediaType& type) {
     static_assert(sizeof(WAVEFORMATEX) == 18 && sizeof(WAVEFORMATEXTENSIBLE) == 40);
+    FreeMediaType(type); // which may be one that was made before
     type.InitMediaType();
-    if (format == kAudio24) {
-        auto* block = reinterpret_cast<WAVEFORMATEXTENSIBLE*>(type.AllocFormatBuffer(sizeof(WAVEFORMATEXTENSIBLE)));
-        if (!block) return E_OUTOFMEMORY;
-        *block = {};
-        block->Format = waveFormat(WAVE_FORMAT_EXTENSIBLE, 24, sizeof(WAVEFORMATEXTENSIBLE) - sizeof(WAVEFORMATEX));
-        block->Samples.wValidBitsPerSample = 24;
-        block->dwChannelMask = SPEAKER_FRONT_LEFT | SPEAKER_FRONT_RIGHT;
-        block->SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
-        type.SetSampleSize(3);
-    } else {
-        auto* block = reinterpret_cast<WAVEFORMATEX*>(type.AllocFormatBuffer(sizeof(WAVEFORMATEX)));
-        if (!block) return E_OUTOFMEMORY;
-        *block = waveFormat(WAVE_FORMAT_PCM, 16, 0);
-        type.SetSampleSize(2); // one sample of one channel on purpose, as above: not the block alignment
+    auto* wave = reinterpret_cast<WAVEFORMATEX*>(type.AllocFormatBuffer(format.blockBytes));
+    if (!wave) return E_OUTOFMEMORY;
+    const auto align = static_cast<WORD>(kChannels * format.bits / 8);
+    *wave = {WAVE_FORMAT_PCM, kChannels, kSamplesPerSecond, kSamplesPerSecond * align, align, format.bits, 0};
+    if (format.blockBytes == sizeof(WAVEFORMATEXTENSIBLE)) {
+        auto* extensible = reinterpret_cast<WAVEFORMATEXTENSIBLE*>(wave);
+        wave->wFormatTag = WAVE_FORMAT_EXTENSIBLE;
+        wave->cbSize = sizeof(WAVEFORMATEXTENSIBLE) - sizeof(WAVEFORMATEX);
+        extensible->Samples.wValidBitsPerSample = format.bits;
+        extensible->dwChannelMask = SPEAKER_FRONT_LEFT | SPEAKER_FRONT_RIGHT;
+        extensible->SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
     }
+    type.SetSampleSize(format.bits / 8u); // one sample of one channel on purpose: not the block alignment
     type.SetType(&MEDIATYPE_Audio);
     type.SetSubtype(&MEDIASUBTYPE_PCM);
     type.SetFormatType(&FORMAT_WaveFormatEx);
@@ -53,9 +49,9 @@ const PCMWAVEFORMAT* waveFormatOf(const AM_MEDIA_TYPE& type) noexcept {
     return reinterpret_cast<const PCMWAVEFORMAT*>(type.pbFormat);
 }
 
-AudioFormat audioFormatOf(const AM_MEDIA_TYPE& type) noexcept {
+uint32_t audioIndexOf(const AM_MEDIA_TYPE& type) noexcept {
     const PCMWAVEFORMAT* format = waveFormatOf(type);
-    return format && format->wBitsPerSample == 24 ? kAudio24 : kAudio16;
+    return format && format->wBitsPerSample == kAudioFormats[1].bits ? 1 : 0;
 }
 
 bool matchesAudioType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered) noexcept {
@@ -64,11 +60,6 @@ bool matchesAudioType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered)
     return wanted.majortype == offered.majortype && wanted.subtype == offered.subtype &&
            wanted.formattype == offered.formattype && wantedFormat && offeredFormat &&
            wantedFormat->wf.nSamplesPerSec == offeredFormat->wf.nSamplesPerSec;
-}
-
-int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept {
-    const uint32_t rate = framesOfRate(reportedRate(status), status.interlaced == 1);
-    return rate == 0 ? kUnknownRate : static_cast<int32_t>(rate);
 }
 
 long audioBufferBytes(const TarnisCameraStatus& status, uint32_t bytesPerSecond) noexcept {

@@ -1,4 +1,5 @@
-// The media types that the audio pin offers, and how much sound belongs to a frame. No state; any thread.
+// The formats that the audio pin offers, their media types, and how much sound belongs to a frame. No state; any
+// thread.
 #pragma once
 
 #include "protocol/records.h"
@@ -9,23 +10,26 @@
 
 namespace kestra {
 
-/// The audio formats of the pin, as "AudioFormat" stores them: 48000 Hz, two channels.
-enum AudioFormat : uint32_t { kAudio16 = 0, kAudio24 = 1, kAudioFormats = 2 };
+/// What tells one format from another; all have 48000 Hz and two channels.
+struct AudioFormat {
+    WORD bits;
+    ULONG blockBytes;      ///< of a WAVEFORMATEX or a WAVEFORMATEXTENSIBLE
+    uint32_t sampleFormat; ///< what the card calls it
+};
+/// By index, as "AudioFormat" stores it.
+extern const AudioFormat kAudioFormats[2];
 
 /// Makes the complete media type of one format. @return E_OUTOFMEMORY without memory for the format block
-HRESULT makeAudioType(AudioFormat format, CMediaType& type);
+HRESULT makeAudioType(const AudioFormat& format, CMediaType& type);
 
 /// The format block as far as a PCMWAVEFORMAT goes; null if the block is shorter than that.
 const PCMWAVEFORMAT* waveFormatOf(const AM_MEDIA_TYPE& type) noexcept;
 
-/// 24 bits if the format block says so, else 16.
-AudioFormat audioFormatOf(const AM_MEDIA_TYPE& type) noexcept;
+/// The index that a type's format block stands for: of 24 bits if it says so, else of 16.
+uint32_t audioIndexOf(const AM_MEDIA_TYPE& type) noexcept;
 
 /// True if the two agree in major type, subtype, format type and sample rate. The depths are not compared.
 bool matchesAudioType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered) noexcept;
-
-/// Frames per second in which a channel's sound arrives: one block a frame. 25 without a known rate.
-int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept;
 
 /// Bytes of a buffer that takes the sound of one frame, in a stream of so many bytes a second.
 long audioBufferBytes(const TarnisCameraStatus& status, uint32_t bytesPerSecond) noexcept;

@@ -1,37 +1,124 @@
-// The audio pin's formats: what it offers, accepts and remembers.
 #include "capture/audio_stream.h"
 
 #include "capture/audio_filter.h"
-#include "capture/cleared_flag.h"
-#include "capture/com_ref.h"
+#include "capture/audio_formats.h"
 #include "capture/module_state.h"
-#include "capture/pin_category.h"
-#include "capture/settings.h"
 #include "capture/trace.h"
+#include "capture/video_stream.h"
 
+#include <algorithm>
 #include <cstring>
-#include <new>
+#include <iterator>
 
 using namespace kestra;
 
 namespace {
 
-constexpr wchar_t kAudioFormatValue[] = L"AudioFormat";
-constexpr int kCapabilities = kAudioFormats;
+constexpr PinKind kKind = {
+    .texts = {.connect = {.start = L"CKestraAudioStream->Connect->start",
+                          .alreadyConnected = L"CKestraAudioStream->Connect->VFW_E_ALREADY_CONNECTED",
+                          .notStopped = L"CKestraAudioStream->Connect->VFW_E_NOT_STOPPED",
+                          .failed = L"CKestraAudioStream->Connect->FAILED(hr)",
+                          .done = L"CKestraAudioStream->Connect->S_OK"},
+              // The lines of this method name CheckMediaType: kept so.
+              .getMediaType = {.start = L"CKestraAudioStream->CheckMediaType->start",
+                               .noMoreItems = L"CKestraAudioStream->CheckMediaType->VFW_S_NO_MORE_ITEMS",
+                               .noMemory = L"CKestraAudioStream->CheckMediaType->E_OUTOFMEMORY",
+                               .done = L"CKestraAudioStream->CheckMediaType->S_OK"},
+              .checkMediaType = {.start = L"CKestraAudioStream->CheckMediaType->start",
+                                 .failed = L"CKestraAudioStream->CheckMediaType->E_FAIL",
+                                 .done = L"CKestraAudioStream->CheckMediaType->S_OK"},
+              .setFormat = {.start = L"CKestraAudioStream->SetFormat->start",
+                            .notStopped = L"CKestraAudioStream->SetFormat->VFW_E_NOT_STOPPED",
+                            .invalid = L"CKestraAudioStream->SetFormat->VFW_E_INVALIDMEDIATYPE",
+                            .noMemory = L"CKestraAudioStream->SetFormat->E_OUTOFMEMORY",
+                            .notReconnected = L"CKestraAudioStream->SetFormat->ReconnectPin->VFW_E_INVALIDMEDIATYPE",
+                            .done = L"CKestraAudioStream->SetFormat->S_OK"},
+              .getStreamCaps = {.start = L"CKestraAudioStream->GetStreamCaps->start",
+                                .none = L"CKestraAudioStream->GetStreamCaps->S_FALSE",
+                                .failed = L"CKestraAudioStream->GetStreamCaps->FAILED(hr)",
+                                .done = L"CKestraAudioStream->GetStreamCaps->S_OK"},
+              .getFormat = {.start = L"CKestraAudioStream->GetFormat->start",
+                            .done = L"CKestraAudioStream->GetFormat->S_OK"},
+              .getNumberOfCapabilities = {.start = L"CKestraAudioStream->GetNumberOfCapabilities->start",
+                                          .done = L"CKestraAudioStream->GetNumberOfCapabilities->S_OK"},
+              .getPages = {.start = L"CKestraAudioStream->GetPages->start",
+                           .done = L"CKestraAudioStream->GetPages->S_OK"},
+              .decideBufferSize = {.start = L"CKestraAudioStream->DecideBufferSize->start",
+                                   .failed = L"CKestraAudioStream->DecideBufferSize->FAILED(hr)",
+                                   .done = L"CKestraAudioStream->DecideBufferSize->NOERROR"},
+              .active = {.start = L"CKestraAudioStream->Active->start",
+                         .isActive = L"CKestraAudioStream->Active->m_pFilter->IsActive()",
+                         .notConnected = L"CKestraAudioStream->Active->!IsConnected()",
+                         .failed = L"CKestraAudioStream->Active->FAILED(hr)",
+                         .noAccess = L"CKestraAudioStream->Active->TARNIS_GetDMAAccess",
+                         .notStarted = L"CKestraAudioStream->Active->TARNIS_StartGrab",
+                         .done = L"CKestraAudioStream->Active->S_OK"},
+              .inactive = {.start = L"CKestraAudioStream->Inactive->start",
+                           .notConnected = L"CKestraAudioStream->Inactive->!IsConnected()",
+                           .failed = L"CKestraAudioStream->Inactive->FAILED(hr)",
+                           .done = L"CKestraAudioStream->Inactive->NOERROR"}},
+    .matches = matchesAudioType,
+    .indexOf = audioIndexOf,
+    .setting = L"AudioFormat",
+    .formats = std::size(kAudioFormats),
+    .capabilityBytes = sizeof(AUDIO_STREAM_CONFIG_CAPS),
+    .page = CLSID_KestraAudioPropertyPage,
+    .port = 1};
+static_assert(kKind.formats == 2 && kKind.capabilityBytes == 52);
+
+// The lines of the statuses and of the missing frame carry the video pin's class name: kept so.
+constexpr FrameTexts kFrameTexts = {.start = L"CKestraAudioStream->SDIGrabAudioCallback->start",
+                                    .notActive = L"CKestraAudioStream->SDIGrabAudioCallback->!m_pFilter->IsActive()",
+                                    .disconnected = L"CKestraAudioStream->SDIGrabAudioCallback->DMA_STATUS_DICONNECTED",
+                                    .dropped = L"CKestraStream->SDIGrabAudioCallback->DMA_STATUS_FRAME_DROPED",
+                                    .overrun = L"CKestraStream->SDIGrabAudioCallback->DMA_STATUS_FIFO_OVERRUN",
+                                    .aborted = L"CKestraStream->SDIGrabAudioCallback->DMA_STATUS_ABORTED",
+                                    .noFrame = L"CKestraStream->SDIGrabAudioCallback->pFrameInfo->lpRawBuffer == NULL",
+                                    .noBuffer = L"CKestraAudioStream->SDIGrabAudioCallback->GetDeliveryBuffer",
+                                    .notDelivered = L"CKestraAudioStream->SDIGrabAudioCallback->Deliver",
+                                    .done = L"CKestraAudioStream->SDIGrabAudioCallback->S_OK",
+                                    .notDeliveredIsDone = false};
+
+class AudioRun final : public CaptureRun {
+public:
+    AudioRun(Receiver receiver, State state, const AudioFormat& format, uint32_t bytesPerSecond)
+        : CaptureRun(kFrameTexts, std::move(receiver), state), m_bytesPerSecond(bytesPerSecond) {
+        camera.extra = format.sampleFormat;
+    }
+
+protected:
+    // Of a lost device the video pin tells.
+    bool fill(IMediaSample& sample, const TarnisFrameInfo& block) override {
+        BYTE* pBuffer = nullptr;
+        if (FAILED(sample.GetPointer(&pBuffer)) || !pBuffer) {
+            trace(L"CKestraAudioStream->SDIGrabAudioCallback->GetPointer");
+            return false;
+        }
+        // The connection's type says how much: a receiver may have agreed on more than its buffer holds or the card
+        // made.
+        const uint32_t wanted = m_bytesPerSecond / static_cast<uint32_t>(rate.load());
+        const uint32_t bytes = std::min(wanted, static_cast<uint32_t>(std::max(sample.GetSize(), 0L)));
+        const uint32_t made = std::min(bytes, block.bufferSize);
+        sample.SetActualDataLength(static_cast<long>(bytes));
+        std::memcpy(pBuffer, block.lpRawBuffer, made);
+        std::memset(pBuffer + made, 0, bytes - made);
+        return true;
+    }
+
+private:
+    const uint32_t m_bytesPerSecond;
+};
 
 } // namespace
 
+std::atomic<bool> CKestraAudioStream::m_bactive{false};
+
 CKestraAudioStream::CKestraAudioStream(HRESULT* phr, CKestraAudioCapture* pFilter)
-    : CSourceStream(NAME("Audio Capture"), phr, pFilter, L"Audio Capture"), m_capture(pFilter) {
+    : CapturePin(NAME("Audio Capture"), phr, pFilter, L"Audio Capture", kKind) {
     trace(L"CKestraAudioStream->Constructor->start");
-    m_audioFormat = readSetting(kAudioFormatValue).value_or(kAudio16);
-    if (m_audioFormat >= kAudioFormats) m_audioFormat = kAudio16;
     trace(L"CKestraAudioStream->Constructor->end");
-    try {
-        audioPins.add(this);
-    } catch (const std::bad_alloc&) {
-        if (phr) *phr = E_OUTOFMEMORY;
-    }
+    if (!audioPins.add(this) && phr) *phr = E_OUTOFMEMORY;
 }
 
 CKestraAudioStream::~CKestraAudioStream() {
@@ -40,156 +127,35 @@ CKestraAudioStream::~CKestraAudioStream() {
 }
 
 HRESULT STDMETHODCALLTYPE CKestraAudioStream::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
-    if (riid == IID_IKsPropertySet) return GetInterface(static_cast<IKsPropertySet*>(this), ppv);
-    if (riid == IID_IAMStreamConfig) return GetInterface(static_cast<IAMStreamConfig*>(this), ppv);
-    if (riid == IID_ISpecifyPropertyPages) return GetInterface(static_cast<ISpecifyPropertyPages*>(this), ppv);
     if (riid == IID_IKestraAudioPropertyPage) return GetInterface(static_cast<IKestraAudioPropertyPage*>(this), ppv);
     if (riid == IID_IAMBufferNegotiation) return GetInterface(static_cast<IAMBufferNegotiation*>(this), ppv);
-    return CSourceStream::NonDelegatingQueryInterface(riid, ppv);
+    return CapturePin::NonDelegatingQueryInterface(riid, ppv);
 }
 
-STDMETHODIMP CKestraAudioStream::Set(REFGUID, DWORD, void*, DWORD, void*, DWORD) {
-    return E_NOTIMPL;
+HRESULT CKestraAudioStream::makeType(uint32_t index, CMediaType& type) {
+    return makeAudioType(kAudioFormats[index], type);
 }
 
-STDMETHODIMP CKestraAudioStream::Get(REFGUID guidPropSet, DWORD dwPropID, void*, DWORD, void* pPropData,
-                                     DWORD cbPropData, DWORD* pcbReturned) {
-    return getPinCategory(guidPropSet, dwPropID, pPropData, cbPropData, pcbReturned);
-}
-
-STDMETHODIMP CKestraAudioStream::QuerySupported(REFGUID guidPropSet, DWORD dwPropID, DWORD* pTypeSupport) {
-    return queryPinCategory(guidPropSet, dwPropID, pTypeSupport);
-}
-
-// Its lines name CheckMediaType: kept so.
-HRESULT CKestraAudioStream::GetMediaType(int iPosition, CMediaType* pmt) {
-    trace(L"CKestraAudioStream->CheckMediaType->start");
-    if (iPosition >= kCapabilities)
-        return traced(L"CKestraAudioStream->CheckMediaType->VFW_S_NO_MORE_ITEMS", VFW_S_NO_MORE_ITEMS);
-    if (m_formatSet) { // before the lock, and whatever the position
-        if (!pmt) return E_POINTER;
-        const HRESULT copied = pmt->Set(m_setFormat);
-        if (FAILED(copied)) return traced(L"CKestraAudioStream->CheckMediaType->E_OUTOFMEMORY", E_OUTOFMEMORY);
-        return traced(L"CKestraAudioStream->CheckMediaType->S_OK", S_OK);
-    }
-    CAutoLock lock(m_pFilter->pStateLock());
-    if (!pmt) return E_POINTER;
-    if (FAILED(makeAudioType(iPosition == 1 ? kAudio24 : kAudio16, *pmt)))
-        return traced(L"CKestraAudioStream->CheckMediaType->E_OUTOFMEMORY", E_OUTOFMEMORY);
-    return traced(L"CKestraAudioStream->CheckMediaType->S_OK", S_OK);
-}
-
-HRESULT CKestraAudioStream::CheckMediaType(const CMediaType* pmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraAudioStream->CheckMediaType->start");
-    if (!pmt) return E_POINTER;
-    TarnisCameraStatus status{};
-    if (TARNIS_GetCameraStatus(m_hGrabber, m_port, &status) != TARNIS_SUCCESS)
-        return traced(L"CKestraAudioStream->CheckMediaType->VFW_E_NO_CAPTURE_HARDWARE", VFW_E_NO_CAPTURE_HARDWARE);
-    bool matches = false;
-    if (m_formatSet) {
-        matches = matchesAudioType(*pmt, m_setFormat);
-    } else {
-        CMediaType offered;
-        for (int position = 0; !matches && GetMediaType(position, &offered) == S_OK; ++position)
-            matches = matchesAudioType(*pmt, offered);
-    }
-    return matches ? traced(L"CKestraAudioStream->CheckMediaType->S_OK", S_OK)
-                   : traced(L"CKestraAudioStream->CheckMediaType->E_FAIL", E_FAIL);
-}
-
-STDMETHODIMP CKestraAudioStream::SetFormat(AM_MEDIA_TYPE* pmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraAudioStream->SetFormat->start");
-    if (!pmt) return E_POINTER;
-    if (m_pFilter->IsActive()) return traced(L"CKestraAudioStream->SetFormat->VFW_E_NOT_STOPPED", VFW_E_NOT_STOPPED);
-    HRESULT copied = S_OK;
-    const CMediaType wanted(*pmt, &copied);
-    const bool before = m_formatSet;
-    m_formatSet = false;
-    if (SUCCEEDED(copied) && FAILED(CheckMediaType(&wanted))) {
-        m_formatSet = before;
-        return traced(L"CKestraAudioStream->SetFormat->VFW_E_INVALIDMEDIATYPE", VFW_E_INVALIDMEDIATYPE);
-    }
-    if (FAILED(copied) || FAILED(m_setFormat.Set(wanted)))
-        return traced(L"CKestraAudioStream->SetFormat->E_OUTOFMEMORY", E_OUTOFMEMORY);
-    m_formatSet = true;
-    if (IsConnected() && FAILED(m_pFilter->ReconnectPin(this, pmt)))
-        return traced(L"CKestraAudioStream->SetFormat->ReconnectPin->VFW_E_INVALIDMEDIATYPE", VFW_E_INVALIDMEDIATYPE);
-    m_audioFormat = audioFormatOf(m_setFormat);
-    writeSetting(kAudioFormatValue, m_audioFormat);
-    return traced(L"CKestraAudioStream->SetFormat->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraAudioStream::GetFormat(AM_MEDIA_TYPE** ppmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraAudioStream->GetFormat->start");
-    if (!ppmt) return E_POINTER;
-    *ppmt = nullptr;
-    m_audioFormat = readSetting(kAudioFormatValue).value_or(kAudio16);
-    if (m_audioFormat >= kAudioFormats) m_audioFormat = kAudio16;
-    if (IsConnected()) {
-        *ppmt = CreateMediaType(&m_mt);
-    } else if (m_formatSet) {
-        *ppmt = CreateMediaType(&m_setFormat);
-    } else {
-        CMediaType type;
-        const HRESULT hr = GetMediaType(static_cast<int>(m_audioFormat), &type);
-        if (FAILED(hr)) return hr;
-        *ppmt = CreateMediaType(&type);
-    }
-    if (!*ppmt) return E_OUTOFMEMORY;
-    return traced(L"CKestraAudioStream->GetFormat->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraAudioStream::GetNumberOfCapabilities(int* piCount, int* piSize) {
-    trace(L"CKestraAudioStream->GetNumberOfCapabilities->start");
-    if (!piCount || !piSize) return E_POINTER;
-    *piCount = kCapabilities;
-    *piSize = sizeof(AUDIO_STREAM_CONFIG_CAPS);
-    static_assert(sizeof(AUDIO_STREAM_CONFIG_CAPS) == 52);
-    return traced(L"CKestraAudioStream->GetNumberOfCapabilities->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraAudioStream::GetStreamCaps(int iIndex, AM_MEDIA_TYPE** ppmt, BYTE* pSCC) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraAudioStream->GetStreamCaps->start");
-    if (iIndex >= kCapabilities) return traced(L"CKestraAudioStream->GetStreamCaps->S_FALSE", S_FALSE);
-    if (!ppmt || !pSCC) return E_POINTER;
-    *ppmt = nullptr;
-    CMediaType type;
-    {
-        const ClearedFlag ownFormats(m_formatSet); // each index describes its own format, also after SetFormat
-        const HRESULT hr = GetMediaType(iIndex, &type);
-        if (FAILED(hr)) return traced(L"CKestraAudioStream->GetStreamCaps->FAILED(hr)", hr);
-    }
-    *ppmt = CreateMediaType(&type);
-    if (!*ppmt) return traced(L"CKestraAudioStream->GetStreamCaps->FAILED(hr)", E_OUTOFMEMORY);
+void CKestraAudioStream::describe(const CMediaType&, BYTE* capabilities) const {
     AUDIO_STREAM_CONFIG_CAPS caps{};
     caps.guid = MEDIATYPE_Audio; // the major type on purpose, where others have the format type
     caps.MinimumChannels = caps.MaximumChannels = 2;
     caps.MinimumBitsPerSample = 16;
     caps.MaximumBitsPerSample = 24;
     caps.MinimumSampleFrequency = caps.MaximumSampleFrequency = 48000;
-    std::memcpy(pSCC, &caps, sizeof caps);
-    return traced(L"CKestraAudioStream->GetStreamCaps->S_OK", S_OK);
+    std::memcpy(capabilities, &caps, sizeof caps);
 }
 
-STDMETHODIMP CKestraAudioStream::GetPages(CAUUID* pPages) {
-    trace(L"CKestraAudioStream->GetPages->start");
-    if (!pPages) return E_POINTER;
-    *pPages = {};
-    pPages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)));
-    if (!pPages->pElems) return E_OUTOFMEMORY;
-    pPages->cElems = 1;
-    pPages->pElems[0] = CLSID_KestraAudioPropertyPage;
-    return traced(L"CKestraAudioStream->GetPages->S_OK", S_OK);
+HRESULT CKestraAudioStream::checkCard() {
+    TarnisCameraStatus status{};
+    if (TARNIS_GetCameraStatus(m_hGrabber, m_kind.port, &status) == TARNIS_SUCCESS) return S_OK;
+    return traced(L"CKestraAudioStream->CheckMediaType->VFW_E_NO_CAPTURE_HARDWARE", VFW_E_NO_CAPTURE_HARDWARE);
 }
 
 STDMETHODIMP CKestraAudioStream::get_BitDepth(unsigned char* index) {
     CAutoLock lock(m_pFilter->pStateLock());
     if (!index) return E_POINTER;
-    *index = static_cast<unsigned char>(m_audioFormat);
+    *index = static_cast<unsigned char>(m_format);
     return S_OK;
 }
 
@@ -207,11 +173,7 @@ STDMETHODIMP CKestraAudioStream::put_BitDepth(unsigned char index) {
     const bool wasActive = m_pFilter->IsActive() != FALSE;
     if (wasActive) control->Stop();
     CMediaType type;
-    {
-        CAutoLock lock(m_pFilter->pStateLock());
-        const ClearedFlag ownFormats(m_formatSet);
-        hr = GetMediaType(index, &type);
-    }
+    hr = offer(index, &type, nullptr);
     if (SUCCEEDED(hr)) hr = SetFormat(&type); // an empty type, of an index that there is not, is refused there
     if (FAILED(hr)) return traced(L"CKestraAudioStream->put_BitDepth->SetFormat", hr);
     if (wasActive) control->Run(); // also when it had been paused
@@ -232,23 +194,60 @@ STDMETHODIMP CKestraAudioStream::GetAllocatorProperties(ALLOCATOR_PROPERTIES* pp
     return traced(L"CKestraAudioStream->GetAllocatorProperties->S_OK", S_OK);
 }
 
-HRESULT CKestraAudioStream::SetMediaType(const CMediaType* pmt) {
-    const HRESULT hr = CSourceStream::SetMediaType(pmt);
-    const PCMWAVEFORMAT* format = waveFormatOf(*pmt);
-    if (SUCCEEDED(hr) && format) m_bytesPerSecond = format->wf.nAvgBytesPerSec;
-    return hr;
+uint32_t CKestraAudioStream::promisedBytesPerSecond() const {
+    const PCMWAVEFORMAT* format = waveFormatOf(m_mt);
+    return format ? format->wf.nAvgBytesPerSec : 0;
 }
 
-HRESULT CKestraAudioStream::DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* pProp) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraAudioStream->DecideBufferSize->start");
-    if (!pAlloc || !pProp) return E_POINTER;
+void CKestraAudioStream::requestBuffers(ALLOCATOR_PROPERTIES& properties) {
     TarnisCameraStatus status{};
-    TARNIS_GetCameraStatus(m_hGrabber, m_port, &status);
-    pProp->cBuffers = 1;
-    pProp->cbBuffer = audioBufferBytes(status, m_bytesPerSecond);
-    ALLOCATOR_PROPERTIES actual{};
-    const HRESULT hr = pAlloc->SetProperties(pProp, &actual);
-    if (FAILED(hr)) return traced(L"CKestraAudioStream->DecideBufferSize->FAILED(hr)", hr);
-    return traced(L"CKestraAudioStream->DecideBufferSize->NOERROR", S_OK);
+    TARNIS_GetCameraStatus(m_hGrabber, m_kind.port, &status);
+    properties.cBuffers = 1;
+    properties.cbBuffer = audioBufferBytes(status, promisedBytesPerSecond());
+}
+
+/// The input may have changed since the buffers were agreed on: a slower one makes larger blocks. An allocator that
+/// refuses keeps its buffers, and the blocks are cut to them.
+void CKestraAudioStream::fitBuffers(const TarnisCameraStatus& status) {
+    ALLOCATOR_PROPERTIES properties{}, actual{};
+    const long wanted = audioBufferBytes(status, promisedBytesPerSecond());
+    if (FAILED(m_pAllocator->GetProperties(&properties)) || properties.cbBuffer >= wanted) return;
+    properties.cbBuffer = wanted;
+    m_pAllocator->Decommit();
+    m_pAllocator->SetProperties(&properties, &actual);
+    m_pAllocator->Commit();
+}
+
+HRESULT CKestraAudioStream::begin() {
+    TarnisCameraStatus status{};
+    const bool joins = m_bactive;
+    if (joins) {
+        trace(L"CKestraAudioStream->Active->m_bactive");
+        TARNIS_GetCameraStatus(m_hGrabber, m_kind.port, &status);
+        GetOwner()->AddRef(); // until takeBack
+        ++m_joins;
+    } else {
+        // Locking a picture's buffers takes longer than a frame: sound that had begun by then would be ahead of it.
+        if (IFilterGraph* graph = m_pFilter->GetFilterGraph())
+            videoPins.forEach([graph](CKestraStream& pin) { pin.prepareFor(graph); });
+        const HRESULT hr = startRun();
+        if (FAILED(hr)) return hr;
+        m_bactive = true;
+        status = m_run->camera.status;
+    }
+    if (joins && m_run) m_run->rate = framesPerSecond(status);
+    fitBuffers(status);
+    return joins ? S_OK : traced(m_kind.texts.active.done, S_OK);
+}
+
+std::shared_ptr<CaptureRun> CKestraAudioStream::makeRun(CaptureRun::Receiver receiver, CaptureRun::State state) const {
+    return std::make_shared<AudioRun>(std::move(receiver), state, kAudioFormats[audioIndexOf(m_mt)],
+                                      promisedBytesPerSecond());
+}
+
+void CKestraAudioStream::takeBack() {
+    CapturePin::takeBack();
+    m_bactive = false;
+    for (; m_joins > 0; --m_joins)
+        GetOwner()->Release(); // of begin
 }

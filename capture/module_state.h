@@ -1,49 +1,48 @@
 // What the filters of one module share.
 #pragma once
 
-#include <streams.h>
-
-#include <atomic>
+#include <algorithm>
 #include <mutex>
+#include <new>
 #include <vector>
 
 class CKestraStream;
+class CKestraAudioStream;
 
 namespace kestra {
 
-/// How many filters there are, for their trace lines.
-extern std::atomic<LONG> filterInstances;
-
-/// False from the end of a successful activation of the video pin to its deactivation.
-extern std::atomic<bool> videoStopped;
-
-/// The audio pins of this module, which the video pin starts along with itself. Any thread.
-class AudioPins {
+/// The pins of one kind: those of sound, which a video pin starts along with itself, and those of the picture, which an
+/// audio pin has get ready. Any thread.
+template <class Pin>
+class PinList {
 public:
-    void add(CBasePin* pin);
-    void remove(CBasePin* pin) noexcept;
-    /// Calls Active on every pin, in the order in which they were added; results are ignored.
-    void activateAll() noexcept;
+    /// @return false without memory
+    bool add(Pin* pin) noexcept {
+        try {
+            const std::lock_guard lock(m_mutex);
+            m_pins.push_back(pin);
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    void remove(Pin* pin) noexcept {
+        const std::lock_guard lock(m_mutex);
+        m_pins.erase(std::remove(m_pins.begin(), m_pins.end(), pin), m_pins.end());
+    }
+    /// In the order in which they were added; none of them goes meanwhile.
+    template <class Action>
+    void forEach(Action action) {
+        const std::lock_guard lock(m_mutex);
+        for (Pin* pin : m_pins)
+            action(*pin);
+    }
 
 private:
     std::mutex m_mutex;
-    std::vector<CBasePin*> m_pins;
+    std::vector<Pin*> m_pins;
 };
-extern AudioPins audioPins;
-
-/// The video pins of this module. Any thread.
-class VideoPins {
-public:
-    void add(CKestraStream* pin);
-    void remove(CKestraStream* pin) noexcept;
-    /// Lets the pins of a graph get their buffers ready for a start that is near, so that sound which starts now is not
-    /// ahead of the picture by the time that takes.
-    void prepare(IFilterGraph* graph) noexcept;
-
-private:
-    std::mutex m_mutex;
-    std::vector<CKestraStream*> m_pins;
-};
-extern VideoPins videoPins;
+inline PinList<CKestraAudioStream> audioPins;
+inline PinList<CKestraStream> videoPins;
 
 } // namespace kestra

@@ -1,7 +1,7 @@
 // The video capture filter: one card, one pin.
 #pragma once
 
-#include "capture/activity.h"
+#include "capture/capture_filter.h"
 #include "capture/color_controls.h"
 #include "capture/color_interfaces.h"
 #include "capture/white_balance.h"
@@ -13,7 +13,7 @@
 
 class CKestraStream;
 
-class CKestraCapture : public CSource, public ISpecifyPropertyPages {
+class CKestraCapture : public CaptureFilter, public ISpecifyPropertyPages {
 public:
     DECLARE_IUNKNOWN
 
@@ -26,17 +26,6 @@ public:
     // ISpecifyPropertyPages: the converter's page and the gain and offset page.
     STDMETHODIMP GetPages(CAUUID* pPages) override;
 
-    STDMETHODIMP Pause() override;
-    STDMETHODIMP Run(REFERENCE_TIME tStart) override;
-    STDMETHODIMP Stop() override;
-    // One pin, whatever the pin's deliveries left in m_iPins.
-    int GetPinCount() override { return 1; }
-    CBasePin* GetPin(int n) override;
-
-    kestra::Activity& activity() { return m_activity; }
-    /// The pin leaves a failed delivery's result here, where the base class keeps its number of pins.
-    void storeDeliveryResult(HRESULT hr) { m_iPins = hr; }
-
     kestra::ColorControls& colors() { return m_colors; }
     /// True if the pin delivers RGB, made by the card's converter. Any thread.
     bool isRgbOut();
@@ -45,13 +34,9 @@ public:
 
 private:
     CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr);
-    void noteActivity();
 
     CKestraStream* m_stream = nullptr; // the base class owns it
-    uint32_t m_cards = 0;
-    TARNIS_HANDLE m_grabber = nullptr;
     kestra::ColorControls m_colors;
     kestra::ColorInterfaces m_interfaces{*this, *this};
     TarnisCameraData m_cameraData{}; ///< of the last analysis; under the state lock
-    kestra::Activity m_activity;
 };

@@ -5,23 +5,17 @@
 #include <dvdmedia.h>
 
 #include <cmath>
+#include <iterator>
 
 namespace kestra {
 namespace {
 
 constexpr REFERENCE_TIME kSecond = 10'000'000;
 
-struct Layout {
-    WORD bitCount;
-    DWORD compression;
-    bool secondHeader; ///< VIDEOINFOHEADER2
-};
 constexpr DWORD fourcc(const char (&text)[5]) {
     return DWORD(uint8_t(text[0])) | DWORD(uint8_t(text[1])) << 8 | DWORD(uint8_t(text[2])) << 16 |
            DWORD(uint8_t(text[3])) << 24;
 }
-constexpr Layout kLayouts[kVideoFormats] = {
-    {16, fourcc("YUY2"), false}, {24, BI_RGB, false}, {16, fourcc("UYVY"), true}, {32, BI_RGB, true}};
 
 /// The least n from 2 on for which n * height / width is whole, and that product.
 void pictureAspect(uint32_t width, uint32_t height, DWORD& x, DWORD& y) noexcept {
@@ -39,17 +33,40 @@ void pictureAspect(uint32_t width, uint32_t height, DWORD& x, DWORD& y) noexcept
     y = height;
 }
 
-void fillBitmapHeader(BITMAPINFOHEADER& header, const Layout& layout, const PictureTiming& timing) noexcept {
+void fillBitmapHeader(BITMAPINFOHEADER& header, const VideoFormat& format, const PictureTiming& timing) noexcept {
     header.biSize = sizeof header;
     header.biWidth = static_cast<LONG>(timing.width);
     header.biHeight = static_cast<LONG>(timing.height);
     header.biPlanes = 1;
-    header.biBitCount = layout.bitCount;
-    header.biCompression = layout.compression;
+    header.biBitCount = format.bitCount;
+    header.biCompression = format.compression;
     header.biSizeImage = GetBitmapSize(&header);
 }
 
+/// Makes a block of either kind, as far as the two are alike. @return null without memory
+template <class Block>
+Block* makeBlock(const VideoFormat& format, const PictureTiming& timing, CMediaType& type) noexcept {
+    auto* block = reinterpret_cast<Block*>(type.AllocFormatBuffer(sizeof(Block)));
+    if (!block) return nullptr;
+    *block = {};
+    fillBitmapHeader(block->bmiHeader, format, timing);
+    const GUID subtype = GetBitmapSubtype(&block->bmiHeader);
+    type.SetSubtype(&subtype);
+    type.SetSampleSize(block->bmiHeader.biSizeImage);
+    block->dwBitRate = timing.bitRate(block->bmiHeader.biSizeImage);
+    block->AvgTimePerFrame = timing.averageTimePerFrame();
+    return block;
+}
+
 } // namespace
+
+// clang-format off
+const VideoFormat kVideoFormats[4] = {
+    {MEDIASUBTYPE_YUY2,  FORMAT_VideoInfo,  16, fourcc("YUY2"), TARNIS_OUTPUT_YUV422_8, writeYuy2},
+    {MEDIASUBTYPE_RGB24, FORMAT_VideoInfo,  24, BI_RGB,         TARNIS_OUTPUT_RGB24,    writeRgb24},
+    {MEDIASUBTYPE_UYVY,  FORMAT_VideoInfo2, 16, fourcc("UYVY"), TARNIS_OUTPUT_YUV422_8, writeUyvy},
+    {MEDIASUBTYPE_RGB32, FORMAT_VideoInfo2, 32, BI_RGB,         TARNIS_OUTPUT_RGB24,    writeRgb32}};
+// clang-format on
 
 REFERENCE_TIME PictureTiming::averageTimePerFrame() const noexcept {
     const uint32_t framesPerSecond = framesOfRate(frameRate, interlaced);
@@ -67,37 +84,21 @@ PictureTiming timingOf(const TarnisCameraStatus& status) noexcept {
     return timing;
 }
 
-HRESULT makeVideoType(VideoFormat format, const PictureTiming& timing, CMediaType& type) {
-    const Layout& layout = kLayouts[format];
+HRESULT makeVideoType(const VideoFormat& format, const PictureTiming& timing, CMediaType& type) {
+    FreeMediaType(type); // which may be one that was made before
     type.InitMediaType();
-    BITMAPINFOHEADER* header = nullptr;
-    if (layout.secondHeader) {
-        auto* block = reinterpret_cast<VIDEOINFOHEADER2*>(type.AllocFormatBuffer(sizeof(VIDEOINFOHEADER2)));
+    if (format.formatType == FORMAT_VideoInfo2) {
+        auto* block = makeBlock<VIDEOINFOHEADER2>(format, timing, type);
         if (!block) return E_OUTOFMEMORY;
-        *block = {};
-        header = &block->bmiHeader;
-        fillBitmapHeader(*header, layout, timing);
-        block->rcSource = block->rcTarget = {0, 0, header->biWidth, header->biHeight};
+        block->rcSource = block->rcTarget = {0, 0, block->bmiHeader.biWidth, block->bmiHeader.biHeight};
         block->dwInterlaceFlags = timing.interlaced ? AMINTERLACE_IsInterlaced : 0;
         pictureAspect(timing.width, timing.height, block->dwPictAspectRatioX, block->dwPictAspectRatioY);
-        block->dwBitRate = timing.bitRate(header->biSizeImage);
-        block->AvgTimePerFrame = timing.averageTimePerFrame();
-        type.SetFormatType(&FORMAT_VideoInfo2);
-    } else {
-        auto* block = reinterpret_cast<VIDEOINFOHEADER*>(type.AllocFormatBuffer(sizeof(VIDEOINFOHEADER)));
-        if (!block) return E_OUTOFMEMORY;
-        *block = {};
-        header = &block->bmiHeader;
-        fillBitmapHeader(*header, layout, timing);
-        block->dwBitRate = timing.bitRate(header->biSizeImage);
-        block->AvgTimePerFrame = timing.averageTimePerFrame();
-        type.SetFormatType(&FORMAT_VideoInfo);
+    } else if (!makeBlock<VIDEOINFOHEADER>(format, timing, type)) {
+        return E_OUTOFMEMORY;
     }
-    const GUID subtype = GetBitmapSubtype(header);
     type.SetType(&MEDIATYPE_Video);
-    type.SetSubtype(&subtype);
+    type.SetFormatType(&format.formatType);
     type.SetTemporalCompression(FALSE);
-    type.SetSampleSize(header->biSizeImage);
     return S_OK;
 }
 
@@ -110,18 +111,23 @@ const BITMAPINFOHEADER* bitmapHeaderOf(const AM_MEDIA_TYPE& type) noexcept {
                                                     : &reinterpret_cast<VIDEOINFOHEADER2*>(type.pbFormat)->bmiHeader;
 }
 
-VideoFormat videoFormatOf(const AM_MEDIA_TYPE& type) noexcept {
+uint32_t videoIndexOf(const AM_MEDIA_TYPE& type) noexcept {
     const BITMAPINFOHEADER* header = bitmapHeaderOf(type);
-    switch (header ? header->biBitCount : 0) {
-    case 16:
-        return type.formattype == FORMAT_VideoInfo ? kYuy2 : kUyvy;
-    case 24:
-        return kRgb24;
-    case 32:
-        return kRgb32;
-    default:
-        return kYuy2;
+    for (uint32_t i = 0; header && i < std::size(kVideoFormats); ++i) {
+        const VideoFormat& format = kVideoFormats[i];
+        // One depth has two formats, which their blocks tell apart.
+        if (header->biBitCount == format.bitCount &&
+            (format.compression == BI_RGB ||
+             (type.formattype == FORMAT_VideoInfo) == (format.formatType == FORMAT_VideoInfo)))
+            return i;
     }
+    return 0;
+}
+
+const VideoFormat& promisedFormat(const AM_MEDIA_TYPE& type) noexcept {
+    for (const VideoFormat& format : kVideoFormats)
+        if (type.subtype == format.subtype) return format;
+    return kVideoFormats[videoIndexOf(type)];
 }
 
 bool matchesVideoType(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered) noexcept {

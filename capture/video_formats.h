@@ -1,4 +1,4 @@
-// The media types that the video pin offers. No state; any thread.
+// The formats that the video pin offers, and their media types. No state; any thread.
 #pragma once
 
 #include "capture/frame_writer.h"
@@ -6,6 +6,18 @@
 #include <streams.h>
 
 namespace kestra {
+
+/// Everything that tells one format from another; to add one is to add its row, and its writer.
+struct VideoFormat {
+    const GUID& subtype;
+    const GUID& formatType; ///< FORMAT_VideoInfo or FORMAT_VideoInfo2, whose samples name the first field
+    WORD bitCount;
+    DWORD compression;
+    uint32_t outputSelector; ///< TarnisOutputSelector of the frames
+    SampleWriter write;
+};
+/// By index, as "VideoFormat" stores it.
+extern const VideoFormat kVideoFormats[4];
 
 /// Size and rate of the pictures that a card's input gives; without a signal 1280 x 720, progressive, 60 a second.
 struct PictureTiming {
@@ -18,13 +30,15 @@ struct PictureTiming {
 PictureTiming timingOf(const TarnisCameraStatus& status) noexcept;
 
 /// Makes the complete media type of one format. @return E_OUTOFMEMORY without memory for the format block
-HRESULT makeVideoType(VideoFormat format, const PictureTiming& timing, CMediaType& type);
+HRESULT makeVideoType(const VideoFormat& format, const PictureTiming& timing, CMediaType& type);
 
 /// The bitmap header of a VIDEOINFOHEADER or VIDEOINFOHEADER2 block; null if the block is too short for it.
 const BITMAPINFOHEADER* bitmapHeaderOf(const AM_MEDIA_TYPE& type) noexcept;
 
-/// The format that a type's depth and format block stand for; what fits none is YUY2.
-VideoFormat videoFormatOf(const AM_MEDIA_TYPE& type) noexcept;
+/// The index that a type's depth and format block stand for; what fits none is YUY2.
+uint32_t videoIndexOf(const AM_MEDIA_TYPE& type) noexcept;
+/// What a receiver that agreed on this type expects: its subtype decides, whatever its block says; without one, that.
+const VideoFormat& promisedFormat(const AM_MEDIA_TYPE& type) noexcept;
 
 /// True if the two agree in major type, subtype (an empty one agrees with any) and format type. Frame sizes, rates and
 /// depths are not compared.

@@ -1,38 +1,158 @@
-// The video pin's formats: what it offers, accepts and remembers.
 #include "capture/video_stream.h"
 
-#include "capture/cleared_flag.h"
+#include "capture/audio_stream.h"
 #include "capture/module_state.h"
-#include "capture/pin_category.h"
-#include "capture/settings.h"
 #include "capture/trace.h"
 #include "capture/video_filter.h"
 #include "capture/video_formats.h"
+#include "log/log.h"
+#include "protocol/raw_frame.h"
 
+#include <dvdmedia.h>
+
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 using namespace kestra;
 
 namespace {
 
-constexpr wchar_t kVideoFormatValue[] = L"VideoFormat";
+constexpr LogUnit kUnit{"\"Video Stream\"", L".\\video_stream.cpp"};
+constexpr DWORD kFieldOneFirst = 4; // AM_VIDEO_FLAG_FIELD1FIRST
+
+/// The system's page of a video stream's format.
 constexpr CLSID kStreamFormatPage = {0x71F96467, 0x78F3, 0x11D0, {0xA1, 0x8C, 0x00, 0xA0, 0xC9, 0x11, 0x89, 0x56}};
-constexpr int kCapabilities = 4;
+
+constexpr PinKind kKind = {
+    .texts = {.connect = {.start = L"CKestraStream->Connect->start",
+                          .alreadyConnected = L"CKestraStream->Connect->VFW_E_ALREADY_CONNECTED",
+                          .notStopped = L"CKestraStream->Connect->VFW_E_NOT_STOPPED",
+                          .failed = L"CKestraStream->Connect->FAILED(hr)",
+                          .done = L"CKestraStream->Connect->NOERROR"},
+              .getMediaType = {.start = L"CKestraStream->GetMediaType->start",
+                               .noMoreItems = L"CKestraStream->GetMediaType->VFW_S_NO_MORE_ITEMS",
+                               .noMemory = L"CKestraStream->GetMediaType->E_OUTOFMEMORY",
+                               .done = L"CKestraStream->GetMediaType->S_OK"},
+              .checkMediaType = {.start = L"CKestraStream->CheckMediaType->start",
+                                 .failed = L"CKestraStream->CheckMediaType->E_FAIL",
+                                 .done = L"CKestraStream->CheckMediaType->S_OK"},
+              .setFormat = {.start = L"CKestraStream->setFormat->start", // the lower-case "set" is this method's alone
+                            .notStopped = L"CKestraStream->setFormat->VFW_E_NOT_STOPPED",
+                            .invalid = L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE",
+                            .noMemory = L"CKestraStream->setFormat->E_OUTOFMEMORY",
+                            .notReconnected = L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE",
+                            .done = L"CKestraStream->setFormat->S_OK"},
+              .getStreamCaps = {.start = L"CKestraStream->GetStreamCaps->start",
+                                .none = nullptr,
+                                .failed = L"CKestraStream->GetStreamCaps->FAILED(hr)",
+                                .done = L"CKestraStream->GetStreamCaps->S_OK"},
+              .getFormat = {.start = L"CKestraStream->GetFormat->start", .done = L"CKestraStream->GetFormat->S_OK"},
+              .getNumberOfCapabilities = {.start = L"CKestraStream->GetNumberOfCapabilities->start",
+                                          .done = L"CKestraStream->GetNumberOfCapabilities->S_OK"},
+              .getPages = {.start = L"CKestraStream->GetPages->start", .done = L"CKestraStream->GetPages->S_OK"},
+              .decideBufferSize = {.start = L"CKestraStream->DecideBufferSize->start",
+                                   .failed = L"CKestraStream->DecideBufferSize->FAILED(hr)",
+                                   .done = L"CKestraStream->DecideBufferSize->S_OK"},
+              .active = {.start = L"CKestraStream->Active->start",
+                         .isActive = L"CKestraStream->Active->m_pFilter->IsActive()",
+                         .notConnected = L"CKestraStream->Active->!IsConnected()",
+                         .failed = L"CKestraStream->Active->FAILED(hr)",
+                         .noAccess = L"CKestraStream->Active->E_UNEXPECTED",
+                         .notStarted = L"CKestraStream->Active->E_UNEXPECTED",
+                         .done = L"CKestraStream->Active->NOERROR"},
+              .inactive = {.start = L"CKestraStream->Inactive->start",
+                           .notConnected = L"CKestraStream->Inactive->!IsConnected()",
+                           .failed = L"CKestraStream->Inactive->FAILED(hr)",
+                           .done = L"CKestraStream->Inactive->NOERROR"}},
+    .matches = matchesVideoType,
+    .indexOf = videoIndexOf,
+    .setting = L"VideoFormat",
+    .formats = std::size(kVideoFormats),
+    .capabilityBytes = sizeof(VIDEO_STREAM_CONFIG_CAPS),
+    .page = kStreamFormatPage,
+    .port = 0};
+static_assert(kKind.formats == 4 && kKind.capabilityBytes == 128);
+
+constexpr FrameTexts kFrameTexts = {.start = L"CKestraStream->SDIGrabVideoCallback->start",
+                                    .notActive = L"CKestraStream->SDIGrabVideoCallback->!m_pFilter->IsActive()",
+                                    .disconnected = L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_DICONNECTED",
+                                    .dropped = L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_FRAME_DROPED",
+                                    .overrun = L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_FIFO_OVERRUN",
+                                    .aborted = L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_ABORTED",
+                                    .noFrame = L"CKestraStream->SDIGrabVideoCallback->pFrameInfo->lpRawBuffer == NULL",
+                                    .noBuffer = L"CKestraStream->SDIGrabVideoCallback->GetDeliveryBuffer",
+                                    .notDelivered = L"CKestraStream->SDIGrabVideoCallback->Deliver",
+                                    .done = L"CKestraStream->SDIGrabVideoCallback->S_OK",
+                                    .notDeliveredIsDone = true};
+
+class VideoRun final : public CaptureRun {
+public:
+    VideoRun(Receiver receiver, State state, const VideoFormat& format, long promisedBytes)
+        : CaptureRun(kFrameTexts, std::move(receiver), state), m_format(format), m_promisedBytes(promisedBytes) {
+        camera.outputSelector = format.outputSelector;
+    }
+
+protected:
+    bool fill(IMediaSample& sample, const TarnisFrameInfo& frame) override {
+        if (camera.status.interlaced == 1 && m_format.formatType == FORMAT_VideoInfo2) nameFirstField(sample);
+        // Whatever the allocator says, no more than its memory.
+        const long length = std::max(0L, std::min(sample.GetActualDataLength(), sample.GetSize()));
+        const auto bytes = static_cast<uint32_t>(length);
+        if (sampleLineBytes(bytes, camera.status.height) < rawLineBytes(camera.outputSelector, camera.status.width)) {
+            trace(L"CKestraStream->SDIGrabVideoCallback->SetActualDataLength");
+            tellMisfit(frame.bufferSize, bytes, L"delivered");
+            sample.SetActualDataLength(std::min(m_promisedBytes, sample.GetSize()));
+            return false;
+        }
+        BYTE* pBuffer = nullptr;
+        if (FAILED(sample.GetPointer(&pBuffer)) || !pBuffer) {
+            trace(L"CKestraStream->SDIGrabVideoCallback->!pBuffer");
+            return false;
+        }
+        sample.SetActualDataLength(length);
+        if (!m_format.write(camera, static_cast<const uint8_t*>(frame.lpRawBuffer), frame.bufferSize, pBuffer, bytes))
+            tellMisfit(frame.bufferSize, bytes, L"shown");
+        return true;
+    }
+    void inputLost(CaptureFilter& filter) override {
+        const auto parameter = reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(&filter));
+        // Twice on purpose: hosts must see the card go and come back.
+        filter.NotifyEvent(EC_DEVICE_LOST, parameter, 0);
+        filter.NotifyEvent(EC_DEVICE_LOST, parameter, 1);
+    }
+
+private:
+    static void nameFirstField(IMediaSample& sample) {
+        ComRef<IMediaSample2> second;
+        AM_SAMPLE2_PROPERTIES properties{};
+        auto* bytes = reinterpret_cast<BYTE*>(&properties);
+        if (FAILED(sample.QueryInterface(IID_IMediaSample2, reinterpret_cast<void**>(second.out()))) ||
+            FAILED(second->GetProperties(sizeof properties, bytes)))
+            return;
+        properties.dwTypeSpecificFlags = kFieldOneFirst;
+        second->SetProperties(sizeof properties, bytes);
+    }
+    /// Once a run: a person who sees no picture finds the reason in the log.
+    void tellMisfit(uint32_t frameBytes, uint32_t sampleBytes, const wchar_t* notDone) {
+        if (m_misfitTold.exchange(true)) return;
+        KESTRA_LOG(kUnit, "SDIGrabVideoCallback", LOG_WARNING, sampleBytes,
+                   L"Frames of %ux%u, %u bytes, do not fit the connection's samples of %u bytes: they are not %ls",
+                   unsigned{camera.status.width}, unsigned{camera.status.height}, frameBytes, sampleBytes, notDone);
+    }
+
+    const VideoFormat& m_format;
+    const long m_promisedBytes;
+    std::atomic<bool> m_misfitTold = false;
+};
 
 } // namespace
 
 CKestraStream::CKestraStream(HRESULT* phr, CKestraCapture* pFilter)
-    : CSourceStream(NAME("Video Capture"), phr, pFilter, L"Video Capture"),
-      m_capture(pFilter),
-      m_colors(*this, *pFilter) {
+    : CapturePin(NAME("Video Capture"), phr, pFilter, L"Video Capture", kKind), m_colors(*this, *pFilter) {
     trace(L"CKestraStream->Constructor");
-    if (const auto persisted = readSetting(kVideoFormatValue)) m_videoFormat = *persisted;
-    try {
-        videoPins.add(this);
-    } catch (const std::bad_alloc&) {
-        if (phr) *phr = E_OUTOFMEMORY;
-    }
+    if (!videoPins.add(this) && phr) *phr = E_OUTOFMEMORY;
 }
 
 CKestraStream::~CKestraStream() {
@@ -41,129 +161,17 @@ CKestraStream::~CKestraStream() {
 }
 
 HRESULT STDMETHODCALLTYPE CKestraStream::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
-    if (riid == IID_IKsPropertySet) return GetInterface(static_cast<IKsPropertySet*>(this), ppv);
-    if (riid == IID_IAMStreamConfig) return GetInterface(static_cast<IAMStreamConfig*>(this), ppv);
-    if (riid == IID_ISpecifyPropertyPages) return GetInterface(static_cast<ISpecifyPropertyPages*>(this), ppv);
     if (IUnknown* found = m_colors.find(riid)) return GetInterface(found, ppv);
-    return CSourceStream::NonDelegatingQueryInterface(riid, ppv);
+    return CapturePin::NonDelegatingQueryInterface(riid, ppv);
 }
 
-STDMETHODIMP CKestraStream::Set(REFGUID, DWORD, void*, DWORD, void*, DWORD) {
-    return E_NOTIMPL;
-}
-
-STDMETHODIMP CKestraStream::Get(REFGUID guidPropSet, DWORD dwPropID, void*, DWORD, void* pPropData, DWORD cbPropData,
-                                DWORD* pcbReturned) {
-    return getPinCategory(guidPropSet, dwPropID, pPropData, cbPropData, pcbReturned);
-}
-
-STDMETHODIMP CKestraStream::QuerySupported(REFGUID guidPropSet, DWORD dwPropID, DWORD* pTypeSupport) {
-    return queryPinCategory(guidPropSet, dwPropID, pTypeSupport);
-}
-
-HRESULT CKestraStream::GetMediaType(int iPosition, CMediaType* pmt) {
-    trace(L"CKestraStream->GetMediaType->start");
-    if (iPosition >= kCapabilities)
-        return traced(L"CKestraStream->GetMediaType->VFW_S_NO_MORE_ITEMS", VFW_S_NO_MORE_ITEMS);
-    if (m_formatSet) { // before the lock, and whatever the position
-        if (!pmt) return E_POINTER;
-        const HRESULT copied = pmt->Set(m_setFormat);
-        if (FAILED(copied)) return traced(L"CKestraStream->GetMediaType->E_OUTOFMEMORY", E_OUTOFMEMORY);
-        return traced(L"CKestraStream->GetMediaType->S_OK", S_OK);
-    }
-    CAutoLock lock(m_pFilter->pStateLock());
-    if (!pmt) return E_POINTER;
+HRESULT CKestraStream::makeType(uint32_t index, CMediaType& type) {
     TarnisCameraStatus status{};
-    TARNIS_GetCameraStatus(m_hGrabber, m_port, &status);
-    const auto format = static_cast<VideoFormat>(iPosition < 0 ? 0 : iPosition);
-    if (FAILED(makeVideoType(format, timingOf(status), *pmt)))
-        return traced(L"CKestraStream->GetMediaType->E_OUTOFMEMORY", E_OUTOFMEMORY);
-    return traced(L"CKestraStream->GetMediaType->S_OK", S_OK);
+    TARNIS_GetCameraStatus(m_hGrabber, m_kind.port, &status);
+    return makeVideoType(kVideoFormats[index], timingOf(status), type);
 }
 
-HRESULT CKestraStream::CheckMediaType(const CMediaType* pmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    if (!pmt) return E_POINTER;
-    trace(L"CKestraStream->CheckMediaType->start");
-    bool matches = false;
-    if (m_formatSet) {
-        matches = matchesVideoType(*pmt, m_setFormat);
-    } else {
-        CMediaType offered;
-        for (int position = 0; !matches && GetMediaType(position, &offered) == S_OK; ++position)
-            matches = matchesVideoType(*pmt, offered);
-    }
-    return matches ? traced(L"CKestraStream->CheckMediaType->S_OK", S_OK)
-                   : traced(L"CKestraStream->CheckMediaType->E_FAIL", E_FAIL);
-}
-
-STDMETHODIMP CKestraStream::SetFormat(AM_MEDIA_TYPE* pmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraStream->setFormat->start"); // the lower-case "set" is this method's alone
-    if (!pmt) return E_POINTER;
-    if (m_pFilter->IsActive()) return traced(L"CKestraStream->setFormat->VFW_E_NOT_STOPPED", VFW_E_NOT_STOPPED);
-    HRESULT copied = S_OK;
-    const CMediaType wanted(*pmt, &copied);
-    const bool before = m_formatSet;
-    m_formatSet = false;
-    if (SUCCEEDED(copied) && FAILED(CheckMediaType(&wanted))) {
-        m_formatSet = before;
-        return traced(L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE", VFW_E_INVALIDMEDIATYPE);
-    }
-    if (FAILED(copied) || FAILED(m_setFormat.Set(wanted)))
-        return traced(L"CKestraStream->setFormat->E_OUTOFMEMORY", E_OUTOFMEMORY);
-    m_formatSet = true;
-    if (IsConnected() && FAILED(m_pFilter->ReconnectPin(this, pmt)))
-        return traced(L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE", VFW_E_INVALIDMEDIATYPE);
-    m_videoFormat = videoFormatOf(m_setFormat);
-    writeSetting(kVideoFormatValue, m_videoFormat);
-    return traced(L"CKestraStream->setFormat->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraStream::GetFormat(AM_MEDIA_TYPE** ppmt) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraStream->GetFormat->start");
-    if (!ppmt) return E_POINTER;
-    *ppmt = nullptr;
-    m_videoFormat = readSetting(kVideoFormatValue).value_or(0);
-    if (m_videoFormat >= kVideoFormats) m_videoFormat = 0;
-    if (IsConnected()) {
-        *ppmt = CreateMediaType(&m_mt);
-    } else if (m_formatSet) {
-        *ppmt = CreateMediaType(&m_setFormat);
-    } else {
-        CMediaType type;
-        const HRESULT hr = GetMediaType(static_cast<int>(m_videoFormat), &type);
-        if (FAILED(hr)) return hr;
-        *ppmt = CreateMediaType(&type);
-    }
-    if (!*ppmt) return E_OUTOFMEMORY;
-    return traced(L"CKestraStream->GetFormat->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraStream::GetNumberOfCapabilities(int* piCount, int* piSize) {
-    trace(L"CKestraStream->GetNumberOfCapabilities->start");
-    if (!piCount || !piSize) return E_POINTER;
-    *piCount = kCapabilities;
-    *piSize = sizeof(VIDEO_STREAM_CONFIG_CAPS);
-    static_assert(sizeof(VIDEO_STREAM_CONFIG_CAPS) == 128);
-    return traced(L"CKestraStream->GetNumberOfCapabilities->S_OK", S_OK);
-}
-
-STDMETHODIMP CKestraStream::GetStreamCaps(int iIndex, AM_MEDIA_TYPE** ppmt, BYTE* pSCC) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraStream->GetStreamCaps->start");
-    if (iIndex >= kCapabilities) return S_FALSE;
-    if (!ppmt || !pSCC) return E_POINTER;
-    *ppmt = nullptr;
-    CMediaType type;
-    {
-        const ClearedFlag ownFormats(m_formatSet); // each index describes its own format, also after SetFormat
-        const HRESULT hr = GetMediaType(iIndex, &type);
-        if (FAILED(hr)) return traced(L"CKestraStream->GetStreamCaps->FAILED(hr)", hr);
-    }
-    *ppmt = CreateMediaType(&type);
-    if (!*ppmt) return traced(L"CKestraStream->GetStreamCaps->FAILED(hr)", E_OUTOFMEMORY);
+void CKestraStream::describe(const CMediaType& type, BYTE* capabilities) const {
     VIDEO_STREAM_CONFIG_CAPS caps{};
     const BITMAPINFOHEADER* header = bitmapHeaderOf(type);
     caps.guid = type.formattype;
@@ -171,29 +179,43 @@ STDMETHODIMP CKestraStream::GetStreamCaps(int iIndex, AM_MEDIA_TYPE** ppmt, BYTE
         caps.MaxOutputSize = {header->biWidth, header->biHeight};
     // Both headers open alike.
     caps.MinFrameInterval = caps.MaxFrameInterval = reinterpret_cast<VIDEOINFOHEADER*>(type.pbFormat)->AvgTimePerFrame;
-    std::memcpy(pSCC, &caps, sizeof caps);
-    return traced(L"CKestraStream->GetStreamCaps->S_OK", S_OK);
+    std::memcpy(capabilities, &caps, sizeof caps);
 }
 
-STDMETHODIMP CKestraStream::GetPages(CAUUID* pPages) {
-    trace(L"CKestraStream->GetPages->start");
-    if (!pPages) return E_POINTER;
-    *pPages = {};
-    pPages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(GUID)));
-    if (!pPages->pElems) return E_OUTOFMEMORY;
-    pPages->cElems = 1;
-    pPages->pElems[0] = kStreamFormatPage;
-    return traced(L"CKestraStream->GetPages->S_OK", S_OK);
+void CKestraStream::requestBuffers(ALLOCATOR_PROPERTIES& properties) {
+    if (properties.cBuffers == 0) properties.cBuffers = 2;
+    properties.cbBuffer = static_cast<long>(m_mt.GetSampleSize());
 }
 
-HRESULT CKestraStream::DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* pProp) {
-    CAutoLock lock(m_pFilter->pStateLock());
-    trace(L"CKestraStream->DecideBufferSize->start");
-    if (!pAlloc || !pProp) return E_POINTER;
-    if (pProp->cBuffers == 0) pProp->cBuffers = 2;
-    pProp->cbBuffer = static_cast<long>(m_mt.GetSampleSize());
-    ALLOCATOR_PROPERTIES actual{};
-    const HRESULT hr = pAlloc->SetProperties(pProp, &actual);
-    if (FAILED(hr)) return traced(L"CKestraStream->DecideBufferSize->FAILED(hr)", hr);
-    return traced(L"CKestraStream->DecideBufferSize->S_OK", S_OK);
+bool CKestraStream::isRgbOut() const {
+    const VideoFormat& format = m_Connected ? promisedFormat(m_mt) : kVideoFormats[m_format];
+    return format.outputSelector == TARNIS_OUTPUT_RGB24;
+}
+
+const TarnisCameraData* CKestraStream::cameraData() const {
+    return m_run && !m_run->hasEnded() ? &m_run->camera : nullptr;
+}
+
+void CKestraStream::prepareFor(const IFilterGraph* graph) noexcept {
+    CRITICAL_SECTION& lock = m_pFilter->pStateLock()->m_CritSec;
+    if (!TryEnterCriticalSection(&lock)) return;
+    if (m_pFilter->GetFilterGraph() == graph && IsConnected() && !hasBegun() &&
+        TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) == TARNIS_SUCCESS) {
+        TarnisCameraData camera{};
+        camera.outputSelector = promisedFormat(m_mt).outputSelector;
+        noexp_TARNIS_Prepare(m_hGrabber, m_kind.port, &camera); // a start that finds the same has no more to do
+        TARNIS_ReleaseDMAAccess(m_hGrabber, m_kind.port);
+    }
+    LeaveCriticalSection(&lock);
+}
+
+HRESULT CKestraStream::begin() {
+    audioPins.forEach([](CKestraAudioStream& pin) { pin.Active(); }); // what they answer is theirs
+    const HRESULT hr = startRun();
+    return FAILED(hr) ? hr : traced(m_kind.texts.active.done, S_OK);
+}
+
+std::shared_ptr<CaptureRun> CKestraStream::makeRun(CaptureRun::Receiver receiver, CaptureRun::State state) const {
+    return std::make_shared<VideoRun>(std::move(receiver), state, promisedFormat(m_mt),
+                                      static_cast<long>(m_mt.GetSampleSize()));
 }

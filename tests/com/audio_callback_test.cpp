@@ -5,9 +5,14 @@
 #include "capture/module_state.h"
 #include "tests/com/com_module.h"
 #include "tests/com/sink_filter.h"
+#include "tests/com/test_allocator.h"
 #include "tests/support/card_fixture.h"
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/registry_sandbox.h"
+
+#include <mmreg.h>
+
+#include <thread>
 
 namespace kestra::test {
 namespace {
@@ -35,6 +40,7 @@ extern "C" uint32_t __wrap_TARNIS_StartGrab(TARNIS_HANDLE, int8_t, uint32_t, Tar
 
 namespace {
 
+constexpr wchar_t kSettings[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow";
 const std::wstring kCallback = L"CKestraAudioStream->SDIGrabAudioCallback->";
 
 class AudioCallback : public CardTest {
@@ -53,7 +59,7 @@ protected:
         CardTest::TearDown();
     }
     void makeFilter(int format) {
-        m_registry.setDword(L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow", L"AudioFormat", DWORD(format));
+        m_registry.setDword(kSettings, L"AudioFormat", DWORD(format));
         HRESULT hr = S_OK;
         CUnknown* made = CKestraAudioCapture::CreateInstance(nullptr, &hr);
         ASSERT_NE(made, nullptr);
@@ -134,7 +140,8 @@ TEST_F(AudioCallback, BlockForNobodyIsPassedOver) {
     EXPECT_EQ(written(DMA_STATUS_DICONNECTED, {}), startAnd(kCallback + L"!m_pFilter->IsActive()"));
     disconnect();
     ASSERT_EQ(m_filter->Run(0), S_OK);
-    EXPECT_EQ(written(DMA_STATUS_GOOD, m_sound), startAnd(kCallback + L"S_OK")) << "not connected";
+    EXPECT_EQ(written(DMA_STATUS_GOOD, m_sound), startAnd(kCallback + L"!m_pFilter->IsActive()"))
+        << "of a run that is over, though the filter runs";
     EXPECT_EQ(m_sink->pin.received, 0);
 }
 
@@ -197,8 +204,7 @@ TEST_F(AudioCallback, RateFollowsTheInput) {
         ASSERT_EQ(samples.size(), 2u);
         EXPECT_EQ(samples[0].start, 0);
         EXPECT_EQ(samples[1].start, 10'000'000 / example.framesPerSecond);
-        EXPECT_EQ(samples[1].bytes.size(), std::min<size_t>(192000 / example.framesPerSecond, 3200))
-            << "no more than the buffer that was agreed on holds";
+        EXPECT_EQ(samples[1].bytes.size(), 192000 / example.framesPerSecond) << "the buffers have grown with the need";
     }
 }
 
@@ -209,6 +215,94 @@ TEST_F(AudioCallback, SampleFormatIsOneFor16Bits) {
     disconnect();
     run(1);
     EXPECT_EQ(g_grab.extra, 0u);
+}
+
+TEST_F(AudioCallback, ValueThatAnotherProcessStoresChangesNoBlock) {
+    for (const int chosen : {0, 1}) {
+        SCOPED_TRACE(chosen);
+        run(chosen);
+        const uint32_t sampleFormat = chosen == 0 ? 1 : 0;
+        m_registry.setDword(kSettings, L"AudioFormat", chosen == 0 ? 1 : 0);
+        const auto getFormat = [&] {
+            AM_MEDIA_TYPE* type = nullptr;
+            ASSERT_EQ(query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig)->GetFormat(&type), S_OK);
+            EXPECT_EQ(reinterpret_cast<WAVEFORMATEX*>(type->pbFormat)->wBitsPerSample, chosen == 0 ? 16 : 24);
+            DeleteMediaType(type);
+        };
+        getFormat();
+        ASSERT_EQ(m_filter->Stop(), S_OK);
+        getFormat();
+        g_grab.extra = 99;
+        ASSERT_EQ(m_filter->Run(0), S_OK) << "of the same connection";
+        EXPECT_EQ(g_grab.extra, sampleFormat);
+        m_filter->Stop();
+        disconnect();
+    }
+}
+
+TEST_F(AudioCallback, LateBlockKeepsItsOwnRunAndItsReceiver) {
+    run();
+    const HANDLE gate = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_sink->pin.blockUntil = gate;
+    const Intercepted first = g_grab;
+    std::thread late([&] {
+        TarnisFrameInfo info{};
+        info.lpRawBuffer = m_sound.data();
+        info.bufferSize = static_cast<uint32_t>(m_sound.size());
+        first.callback(first.context, &info);
+    });
+    EXPECT_TRUE(waitUntil([&] { return m_sink->pin.insideReceive == 1; }));
+    m_sink->pin.blockUntil = nullptr;
+    TestAllocator allocator; // the other one's only buffer is held
+    ASSERT_EQ(m_filter->Stop(), S_OK);
+    disconnect();
+    m_sink->pin.allocator = &allocator;
+    ASSERT_EQ(m_pin->Connect(&m_sink->pin, nullptr), S_OK);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    block(DMA_STATUS_GOOD, m_sound);
+    SetEvent(gate);
+    late.join();
+    CloseHandle(gate);
+    block(DMA_STATUS_GOOD, m_sound);
+    const auto samples = m_sink->pin.samples();
+    ASSERT_EQ(samples.size(), 3u);
+    EXPECT_EQ(samples[0].start, 0);
+    EXPECT_EQ(samples[2].start, 166666) << "the late block was not of this run";
+    m_filter->Stop();
+    disconnect();
+    m_sink->pin.allocator = nullptr;
+}
+
+TEST_F(AudioCallback, AllocatorThatRefusesToGrowHasItsBlocksCut) {
+    TestAllocator allocator;
+    m_sink->pin.allocator = &allocator;
+    connect();
+    g_grab.status.frameRate = 30;
+    allocator.setPropertiesResult = VFW_E_BUFFERS_OUTSTANDING;
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    block(DMA_STATUS_GOOD, std::vector<uint8_t>(6400, 0x55));
+    ASSERT_EQ(m_sink->pin.received, 1);
+    EXPECT_EQ(m_sink->pin.samples()[0].bytes, std::vector<uint8_t>(3200, 0x55));
+    m_filter->Stop();
+    disconnect();
+    m_sink->pin.allocator = nullptr;
+}
+
+TEST_F(AudioCallback, TypeWithALengthButNoBlockIsNoType) {
+    makeFilter(1);
+    AM_MEDIA_TYPE type{};
+    type.majortype = MEDIATYPE_Audio;
+    type.subtype = MEDIASUBTYPE_PCM;
+    type.formattype = FORMAT_WaveFormatEx;
+    type.cbFormat = sizeof(WAVEFORMATEX);
+    m_trace.clear();
+    EXPECT_EQ(query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig)->SetFormat(&type), VFW_E_INVALIDMEDIATYPE);
+    EXPECT_EQ(lines(L"CKestraAudioStream->SetFormat->VFW_E_INVALIDMEDIATYPE"), 1);
+    CMediaType offered;
+    ASSERT_EQ(m_stream->GetMediaType(0, &offered), S_OK);
+    EXPECT_EQ(reinterpret_cast<WAVEFORMATEX*>(offered.pbFormat)->wBitsPerSample, 24) << "the set format stays";
+    EXPECT_EQ(m_pin->Connect(&m_sink->pin, &type), VFW_E_INVALIDMEDIATYPE);
+    EXPECT_EQ(lines(L"CKestraAudioStream->Connect->FAILED(hr)"), 1);
 }
 
 TEST_F(AudioCallback, SecondActivationOnlyReadsTheRateAgain) {
@@ -261,17 +355,21 @@ TEST_F(AudioCallback, NullArgumentsAreRefusedAndTheOddPositionsServed) {
     EXPECT_EQ(type.FormatLength(), 18u);
 }
 
+void activateAll() {
+    audioPins.forEach([](CKestraAudioStream& pin) { pin.Active(); });
+}
+
 TEST_F(AudioCallback, PinIsListedFromItsConstructionToItsEnd) {
-    audioPins.activateAll();
+    activateAll();
     EXPECT_EQ(lines(L"CKestraAudioStream->Active->start"), 0);
     makeFilter(0);
     m_trace.clear();
-    audioPins.activateAll();
+    activateAll();
     EXPECT_EQ(lines(L"CKestraAudioStream->Active->start"), 1);
     m_pin = ComRef<IPin>();
     m_filter = ComRef<IBaseFilter>();
     m_trace.clear();
-    audioPins.activateAll();
+    activateAll();
     EXPECT_TRUE(m_trace.lines().empty());
 }
 

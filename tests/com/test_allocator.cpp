@@ -36,8 +36,13 @@ public:
     STDMETHODIMP SetSyncPoint(BOOL set) override { return m_inner->SetSyncPoint(set); }
     STDMETHODIMP IsPreroll() override { return m_inner->IsPreroll(); }
     STDMETHODIMP SetPreroll(BOOL set) override { return m_inner->SetPreroll(set); }
-    STDMETHODIMP_(long) GetActualDataLength() override { return m_inner->GetActualDataLength(); }
-    STDMETHODIMP SetActualDataLength(long length) override { return m_inner->SetActualDataLength(length); }
+    STDMETHODIMP_(long) GetActualDataLength() override {
+        return !m_written && m_owner.claimedLength != 0 ? m_owner.claimedLength.load() : m_inner->GetActualDataLength();
+    }
+    STDMETHODIMP SetActualDataLength(long length) override {
+        m_written = true;
+        return m_inner->SetActualDataLength(length);
+    }
     STDMETHODIMP GetMediaType(AM_MEDIA_TYPE** type) override { return m_inner->GetMediaType(type); }
     STDMETHODIMP SetMediaType(AM_MEDIA_TYPE* type) override { return m_inner->SetMediaType(type); }
     STDMETHODIMP IsDiscontinuity() override { return m_inner->IsDiscontinuity(); }
@@ -48,6 +53,7 @@ public:
 private:
     ComRef<IMediaSample> m_inner;
     TestAllocator& m_owner;
+    bool m_written = false;
     std::atomic<long> m_references{1};
 };
 
@@ -68,6 +74,7 @@ STDMETHODIMP TestAllocator::GetBuffer(IMediaSample** sample, REFERENCE_TIME* sta
     const HRESULT hr = m_inner->GetBuffer(&inner, start, end, flags);
     if (FAILED(hr)) return hr;
     ++buffersGiven;
+    if (attached) inner->SetMediaType(attached);
     *sample = new WatchedSample(inner, *this);
     return S_OK;
 }

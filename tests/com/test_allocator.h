@@ -25,6 +25,8 @@ public:
     // A failure here is what the method returns instead of doing its work.
     std::atomic<HRESULT> setPropertiesResult{S_OK}, commitResult{S_OK}, decommitResult{S_OK}, getBufferResult{S_OK};
     std::atomic<bool> withoutMemory{false}; ///< samples have no pointer
+    std::atomic<long> claimedLength{0};     ///< what samples say is their length, whatever their size; 0: the truth
+    AM_MEDIA_TYPE* attached = nullptr;      ///< to every sample that it gives
     std::atomic<int> buffersGiven{0}, buffersReturned{0};
     long references() const { return m_references; }
 

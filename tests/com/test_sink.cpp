@@ -92,6 +92,7 @@ STDMETHODIMP TestSink::NotifyAllocator(IMemAllocator*, BOOL) {
 
 STDMETHODIMP TestSink::Receive(IMediaSample* sample) {
     ++insideReceive;
+    if (onReceive) onReceive(sample);
     if (const HANDLE event = blockUntil) WaitForSingleObject(event, 30000);
     BYTE* data = nullptr;
     sample->GetPointer(&data);

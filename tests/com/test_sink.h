@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace kestra::test {
@@ -36,8 +37,10 @@ public:
     std::atomic<HANDLE> blockUntil{nullptr}; ///< Receive waits for this event
     std::atomic<long> leaveActualLength{0};  ///< what Receive sets as each sample's length; 0: nothing
     std::function<bool(const AM_MEDIA_TYPE&)> accepts;
-    IMemAllocator* allocator = nullptr; ///< what it offers; null: none of its own
-    size_t keep = 4;                    ///< samples whose bytes are kept
+    std::function<void(IMediaSample*)> onReceive;     ///< the first that Receive does
+    std::optional<ALLOCATOR_PROPERTIES> requirements; ///< of the buffers; none: it has none
+    IMemAllocator* allocator = nullptr;               ///< what it offers; null: none of its own
+    size_t keep = 4;                                  ///< samples whose bytes are kept
 
     // What it saw.
     std::atomic<int> received{0}, endOfStreams{0}, insideReceive{0};
@@ -68,7 +71,10 @@ public:
 
     STDMETHODIMP GetAllocator(IMemAllocator** own) override;
     STDMETHODIMP NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) override;
-    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
+    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
+        if (requirements) *properties = *requirements;
+        return requirements ? S_OK : E_NOTIMPL;
+    }
     STDMETHODIMP Receive(IMediaSample* sample) override;
     STDMETHODIMP ReceiveMultiple(IMediaSample** samples, long count, long* processed) override;
     STDMETHODIMP ReceiveCanBlock() override { return S_OK; }

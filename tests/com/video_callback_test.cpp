@@ -1,10 +1,16 @@
 // The video pin with the grab engine's frames made by the test: every branch of the frame callback, a receiver's
 // allocator that fails, and memory that is not there. The filter's code is linked into the test.
 #include "capture/video_filter.h"
+#include "capture/video_formats.h"
 #include "capture/video_stream.h"
 #include "tests/com/test_allocator.h"
 #include "tests/com/video_test.h"
+#include "tests/support/recording_output.h"
 #include "tests/support/scoped_import_hook.h"
+
+#include <algorithm>
+#include <climits>
+#include <thread>
 
 CFactoryTemplate g_Templates[1]; // this program makes its filter itself
 int g_cTemplates = 0;
@@ -60,17 +66,24 @@ protected:
         EXPECT_EQ(m_allocator.buffersGiven, m_allocator.buffersReturned) << "a sample was kept";
         CardTest::TearDown();
     }
-    void makeFilter(int format) {
-        m_registry.setDword(kSettings, L"VideoFormat", DWORD(format));
+    static ComRef<IBaseFilter> newFilter() {
         HRESULT hr = S_OK;
         CUnknown* made = CKestraCapture::CreateInstance(nullptr, &hr);
-        ASSERT_NE(made, nullptr);
-        ASSERT_EQ(hr, S_OK);
+        ComRef<IBaseFilter> filter;
+        EXPECT_EQ(hr, S_OK);
+        if (!made) return filter;
         made->NonDelegatingAddRef();
-        ASSERT_EQ(made->NonDelegatingQueryInterface(IID_IBaseFilter, reinterpret_cast<void**>(m_filter.out())), S_OK);
+        made->NonDelegatingQueryInterface(IID_IBaseFilter, reinterpret_cast<void**>(filter.out()));
         made->NonDelegatingRelease();
+        return filter;
+    }
+    void makeFilter(int format) {
+        m_registry.setDword(kSettings, L"VideoFormat", DWORD(format));
+        m_filter = newFilter();
+        ASSERT_TRUE(m_filter);
         m_pin = onlyPin(m_filter.get());
         m_stream = static_cast<CKestraStream*>(m_pin.get());
+        m_capture = static_cast<CKestraCapture*>(m_filter.get());
     }
     void connect(int format = 0) {
         makeFilter(format);
@@ -105,6 +118,7 @@ protected:
     ComRef<IBaseFilter> m_filter;
     ComRef<IPin> m_pin;
     CKestraStream* m_stream = nullptr;
+    CKestraCapture* m_capture = nullptr;
 };
 
 TEST_F(VideoCallback, GoodFrameIsDeliveredAndLeavesTwoLines) {
@@ -152,14 +166,14 @@ TEST_F(VideoCallback, LateFrameOfAStoppedFilterIsNamed) {
     EXPECT_EQ(m_trace.lines().size(), 2u);
 }
 
-TEST_F(VideoCallback, FrameOfAPinThatIsNotConnectedOnlySaysSo) {
+TEST_F(VideoCallback, LateFrameOfAnEndedRunIsNamedThoughItsFilterRuns) {
     run();
     ASSERT_EQ(m_filter->Stop(), S_OK);
     disconnect();
     ASSERT_EQ(m_filter->Run(0), S_OK);
     m_trace.clear();
     frame(DMA_STATUS_GOOD, m_grey);
-    EXPECT_EQ(callbackLines(L"S_OK"), 1);
+    EXPECT_EQ(callbackLines(L"!m_pFilter->IsActive()"), 1);
     EXPECT_EQ(m_sink.received, 0);
 }
 
@@ -238,18 +252,307 @@ TEST_F(VideoCallback, RateOfTheTimeStampsFollowsTheSignal) {
     }
 }
 
-TEST_F(VideoCallback, FrameOfAnUnlikelySizeIsBlackInRgb24Only) {
-    run(1);
-    const size_t whole = size_t{kWidth} * kHeight * 3;
-    const auto brightness = [this](size_t rawBytes) {
-        m_sink.forget();
-        frame(DMA_STATUS_GOOD, std::vector<uint8_t>(rawBytes, 0xEE));
+TEST_F(VideoCallback, ShortFrameShowsTheLinesThatItHas) {
+    constexpr int kBytesPerPixel[] = {2, 3, 2, 3};
+    for (const int format : {0, 1, 2, 3}) {
+        SCOPED_TRACE(format);
+        run(format);
+        const size_t line = size_t{kWidth} * static_cast<size_t>(kBytesPerPixel[format]);
+        frame(DMA_STATUS_GOOD, std::vector<uint8_t>(line * kHeight - 1, 0x55));
         const auto samples = m_sink.samples();
-        return samples.size() == 1 ? *std::max_element(samples[0].bytes.begin(), samples[0].bytes.end()) : -1;
+        ASSERT_EQ(samples.size(), 1u);
+        const std::vector<uint8_t>& bytes = samples[0].bytes;
+        const size_t sampleLine = bytes.size() / kHeight;
+        EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 0x55), std::ptrdiff_t(line * (kHeight - 1)));
+        EXPECT_EQ(bytes[format % 2 == 1 ? 0 : (kHeight - 1) * sampleLine], 0) << "the last line alone is black";
+        EXPECT_EQ(bytes[3 * sampleLine], 0x55);
+        m_filter->Stop();
+        disconnect();
+        m_sink.forget();
+    }
+}
+
+TEST_F(VideoCallback, ValueThatAnotherProcessStoresChangesNoFrame) {
+    for (const int chosen : {0, 1, 2, 3})
+        for (const DWORD stored : {0u, 1u, 2u, 3u, 7u}) {
+            SCOPED_TRACE(testing::Message() << chosen << ", and then " << stored);
+            run(chosen);
+            std::vector<uint8_t> raw(m_grey);
+            for (size_t i = 0; i < raw.size(); ++i)
+                raw[i] = static_cast<uint8_t>(i * 7);
+            frame(DMA_STATUS_GOOD, raw);
+            m_registry.setDword(kSettings, L"VideoFormat", stored);
+            const auto getFormat = [&] {
+                AM_MEDIA_TYPE* type = nullptr;
+                EXPECT_EQ(query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig)->GetFormat(&type), S_OK);
+                EXPECT_EQ(type->subtype, m_sink.mediaType.subtype) << "the connection's";
+                DeleteMediaType(type);
+            };
+            const uint32_t selector = g_grab.cameraData->outputSelector;
+            EXPECT_EQ(selector, uint32_t(chosen % 2 == 1 ? TARNIS_OUTPUT_RGB24 : TARNIS_OUTPUT_YUV422_8));
+            getFormat();
+            frame(DMA_STATUS_GOOD, raw);
+            ASSERT_EQ(m_filter->Stop(), S_OK);
+            getFormat();
+            ASSERT_EQ(m_filter->Run(0), S_OK) << "of the same connection";
+            EXPECT_EQ(g_grab.cameraData->outputSelector, selector);
+            frame(DMA_STATUS_GOOD, raw);
+            const auto samples = m_sink.samples();
+            ASSERT_EQ(samples.size(), 3u);
+            EXPECT_TRUE(samples[1].bytes == samples[0].bytes);
+            EXPECT_TRUE(samples[2].bytes == samples[0].bytes);
+            m_filter->Stop();
+            disconnect();
+            m_sink.forget();
+        }
+}
+
+TEST_F(VideoCallback, SubtypeOfTheConnectionDecidesWhateverItsBlockSays) {
+    makeFilter(0);
+    CMediaType type;
+    ASSERT_EQ(m_stream->GetMediaType(0, &type), S_OK); // YUY2, of sixteen bits
+    auto config = query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig);
+    type.SetSubtype(&MEDIASUBTYPE_RGB24);
+    type.SetSampleSize(kWidth * kHeight * 3);
+    ASSERT_EQ(config->SetFormat(&type), S_OK);
+    EXPECT_EQ(m_registry.dword(kSettings, L"VideoFormat", 99), 0u) << "as the block has it";
+    ASSERT_EQ(m_pin->Connect(&m_sink, &type), S_OK);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    EXPECT_EQ(g_grab.cameraData->outputSelector, uint32_t{TARNIS_OUTPUT_RGB24});
+    std::vector<uint8_t> raw(kWidth * 3, 0x11); // the top line, which comes last
+    raw.resize(m_grey.size(), 0x55);
+    frame(DMA_STATUS_GOOD, raw);
+    const auto samples = m_sink.samples();
+    ASSERT_EQ(samples.size(), 1u);
+    std::vector<uint8_t> expected(m_grey.size() - kWidth * 3, 0x55);
+    expected.resize(m_grey.size(), 0x11);
+    EXPECT_EQ(samples[0].bytes, expected);
+}
+
+TEST_F(VideoCallback, FramesThatDoNotFitAreToldOfOnceARun) {
+    LibraryLogCapture log;
+    const auto warnings = [&] {
+        std::vector<std::wstring> texts;
+        for (const SeenRecord& record : log.records())
+            if (record.severity == LOG_WARNING && record.functionName == "SDIGrabVideoCallback")
+                texts.push_back(record.message);
+        return texts;
     };
-    EXPECT_EQ(brightness(whole), 0xEE);
-    EXPECT_EQ(brightness(whole + 4096), 0xEE);
-    EXPECT_EQ(brightness(whole + 4097), 0);
+    connect(0);
+    g_grab.status.width = 2 * kWidth; // the input since the connection
+    for (size_t run = 1; run <= 2; ++run) {
+        ASSERT_EQ(m_filter->Run(0), S_OK);
+        for (int i = 0; i < 3; ++i)
+            frame(DMA_STATUS_GOOD, std::vector<uint8_t>(size_t{kWidth} * 2 * kHeight * 2));
+        ASSERT_EQ(m_filter->Stop(), S_OK);
+        EXPECT_EQ(warnings(), std::vector<std::wstring>(run, L"Frames of 128x8, 2048 bytes, do not fit the "
+                                                             L"connection's samples of 1024 bytes: they are not "
+                                                             L"delivered"));
+    }
+    EXPECT_EQ(callbackLines(L"SetActualDataLength"), 6);
+    EXPECT_EQ(m_sink.received, 0);
+    disconnect();
+    g_grab.status.width = kWidth;
+    run(1);
+    log.clear();
+    for (int i = 0; i < 2; ++i)
+        frame(DMA_STATUS_GOOD, std::vector<uint8_t>(size_t{kWidth} * 3 * kHeight + 4097, 0xEE));
+    EXPECT_EQ(warnings(), std::vector<std::wstring>{L"Frames of 64x8, 5633 bytes, do not fit the connection's samples "
+                                                    L"of 1536 bytes: they are not shown"});
+    ASSERT_EQ(m_sink.received, 2) << "black";
+    EXPECT_EQ(m_sink.samples()[0].bytes, std::vector<uint8_t>(kWidth * 3 * kHeight));
+}
+
+TEST_F(VideoCallback, SampleIsNeverLongerThanItsMemory) {
+    for (const int format : {0, 1, 2, 3}) {
+        SCOPED_TRACE(format);
+        m_allocator.claimedLength = 0;
+        run(format);
+        const size_t whole = size_t{kWidth} * kHeight * (format == 3 ? 4 : format == 1 ? 3 : 2);
+        for (const long claimed : {long(whole) + 1, 1000000000L, LONG_MAX}) {
+            m_allocator.claimedLength = claimed;
+            m_sink.forget();
+            frame(DMA_STATUS_GOOD, m_grey);
+            ASSERT_EQ(m_sink.received, 1);
+            EXPECT_EQ(m_sink.samples()[0].bytes.size(), whole);
+        }
+        m_allocator.claimedLength = -5;
+        frame(DMA_STATUS_GOOD, m_grey);
+        EXPECT_EQ(callbackLines(L"SetActualDataLength"), 1) << "and less than nothing is nothing";
+        m_filter->Stop();
+        disconnect();
+        m_sink.forget();
+        m_trace.clear();
+    }
+}
+
+TEST_F(VideoCallback, BuffersAreAlignedAndPrefixedAsTheReceiverWants) {
+    for (const int format : {0, 1, 2, 3}) {
+        m_sink.requirements = ALLOCATOR_PROPERTIES{3, 1, 64, 64};
+        run(format);
+        ALLOCATOR_PROPERTIES agreed{};
+        ASSERT_EQ(m_allocator.GetProperties(&agreed), S_OK);
+        EXPECT_EQ(agreed.cBuffers, 3);
+        EXPECT_EQ(agreed.cbAlign, 64);
+        EXPECT_EQ(agreed.cbPrefix, 64);
+        const long whole = kWidth * kHeight * (format == 3 ? 4 : format == 1 ? 3 : 2);
+        EXPECT_GE(agreed.cbBuffer, whole);
+        m_sink.onReceive = [](IMediaSample* sample) {
+            BYTE* data = nullptr;
+            ASSERT_EQ(sample->GetPointer(&data), S_OK);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(data) % 64, 0u);
+        };
+        frame(DMA_STATUS_GOOD, m_grey);
+        ASSERT_EQ(m_sink.received, 1);
+        const std::vector<uint8_t> bytes = m_sink.samples()[0].bytes;
+        EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 0x55), kWidth * kHeight * (format % 2 == 1 ? 3 : 2));
+        m_sink.onReceive = nullptr;
+        m_filter->Stop();
+        disconnect();
+        m_sink.forget();
+    }
+}
+
+TEST_F(VideoCallback, MediaTypeAttachedToASampleLeavesItsBytesTheConnections) {
+    run(2);
+    frame(DMA_STATUS_GOOD, m_grey);
+    CMediaType other;
+    ASSERT_EQ(makeVideoType(kVideoFormats[0], {kWidth, kHeight, 60, false}, other), S_OK);
+    m_allocator.attached = &other;
+    m_sink.onReceive = [&](IMediaSample* sample) {
+        AM_MEDIA_TYPE* attached = nullptr;
+        ASSERT_EQ(sample->GetMediaType(&attached), S_OK) << "as it came from the allocator";
+        EXPECT_EQ(attached->subtype, MEDIASUBTYPE_YUY2);
+        DeleteMediaType(attached);
+    };
+    frame(DMA_STATUS_GOOD, m_grey);
+    m_sink.onReceive = nullptr;
+    const auto samples = m_sink.samples();
+    ASSERT_EQ(samples.size(), 2u);
+    EXPECT_TRUE(samples[0].bytes == samples[1].bytes);
+}
+
+/// A frame that a receiver keeps for as long as a test wants, on a thread of its own.
+class BlockedFrame {
+public:
+    BlockedFrame(TestSink& sink, std::function<void()> bringFrame) : m_sink(sink) {
+        m_sink.blockUntil = m_gate;
+        m_thread = std::thread(std::move(bringFrame));
+        EXPECT_TRUE(waitUntil([this] { return m_sink.insideReceive == 1; }));
+        m_sink.blockUntil = nullptr;
+    }
+    ~BlockedFrame() {
+        if (m_thread.joinable()) letGo();
+        CloseHandle(m_gate);
+    }
+    void letGo() {
+        SetEvent(m_gate);
+        m_thread.join();
+    }
+
+private:
+    TestSink& m_sink;
+    const HANDLE m_gate = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::thread m_thread;
+};
+
+TEST_F(VideoCallback, LateFrameKeepsItsOwnRunAndTouchesNoOther) {
+    run();
+    const Intercepted first = g_grab;
+    BlockedFrame late(m_sink, [&] { frame(DMA_STATUS_GOOD, m_grey); });
+    ASSERT_EQ(m_filter->Stop(), S_OK);
+    ASSERT_EQ(m_filter->Run(0), S_OK);
+    frame(DMA_STATUS_GOOD, m_grey);
+    late.letGo();
+    frame(DMA_STATUS_GOOD, m_grey);
+    // Three samples, in the order of their ends: the second run's first, the late one, the second run's second.
+    const auto samples = m_sink.samples();
+    ASSERT_EQ(samples.size(), 3u);
+    EXPECT_EQ(samples[0].start, 0);
+    EXPECT_EQ(samples[2].start, 166666) << "the late frame was not of this run";
+    // Another frame of the first run finds it over, though the filter runs.
+    m_trace.clear();
+    TarnisFrameInfo info{};
+    info.lpRawBuffer = m_grey.data();
+    info.bufferSize = static_cast<uint32_t>(m_grey.size());
+    first.callback(first.context, &info);
+    EXPECT_TRUE(m_trace.lines().empty()) << "and of a run that has been replaced there is nothing to say";
+    EXPECT_EQ(m_sink.received, 3);
+}
+
+TEST_F(VideoCallback, ReceiverThatBlocksIsHeldUntilItReturnsAndSoIsTheFilter) {
+    run();
+    BlockedFrame late(m_sink, [&] { frame(DMA_STATUS_GOOD, m_grey); });
+    ASSERT_EQ(m_filter->Stop(), S_OK);
+    disconnect();
+    EXPECT_GT(m_sink.references(), 0) << "the pin and its input interface";
+    EXPECT_GT(m_allocator.references(), 0);
+    m_pin = ComRef<IPin>();
+    m_filter = ComRef<IBaseFilter>();
+    EXPECT_EQ(lines(L"CKestraCapture->Destructor->#1 "), 0);
+    late.letGo();
+    EXPECT_EQ(lines(L"CKestraCapture->Destructor->#1 "), 1) << "on the late thread";
+    EXPECT_EQ(m_sink.references(), 0);
+    m_trace.clear();
+    frame(DMA_STATUS_GOOD, m_grey); // of a filter that there is no more
+    EXPECT_TRUE(m_trace.lines().empty());
+}
+
+TEST_F(VideoCallback, StopDisconnectAndReleaseFromInsideReceive) {
+    run();
+    m_sink.onReceive = [&](IMediaSample*) {
+        EXPECT_EQ(m_filter->Stop(), S_OK);
+        disconnect();
+        m_pin = ComRef<IPin>();
+        m_filter = ComRef<IBaseFilter>();
+    };
+    frame(DMA_STATUS_GOOD, m_grey);
+    m_sink.onReceive = nullptr;
+    EXPECT_EQ(m_sink.received, 1);
+    EXPECT_EQ(lines(L"CKestraCapture->Destructor->#1 "), 1);
+    EXPECT_EQ(callbackLines(L"S_OK"), 1);
+    EXPECT_EQ(m_sink.references(), 0);
+}
+
+TEST_F(VideoCallback, PinAnswersAReceiverThatAsksFromReceiveWhileAStopWaits) {
+    run();
+    std::atomic<bool> answered{false};
+    std::thread grabbing;
+    {
+        CAutoLock stop(m_capture->pStateLock()); // as whoever stops the filter holds it
+        m_sink.onReceive = [&](IMediaSample*) {
+            LPWSTR id = nullptr;
+            PIN_INFO info{};
+            PIN_DIRECTION direction{};
+            EXPECT_EQ(m_pin->QueryAccept(&m_sink.mediaType), S_OK);
+            EXPECT_EQ(m_pin->QueryId(&id), S_OK);
+            CoTaskMemFree(id);
+            EXPECT_EQ(m_pin->QueryPinInfo(&info), S_OK);
+            if (info.pFilter) info.pFilter->Release();
+            EXPECT_EQ(m_pin->QueryDirection(&direction), S_OK);
+            answered = true;
+        };
+        grabbing = std::thread([&] { frame(DMA_STATUS_GOOD, m_grey); });
+        EXPECT_TRUE(waitUntil([&] { return answered.load(); }));
+    }
+    grabbing.join();
+    m_sink.onReceive = nullptr;
+}
+
+TEST_F(VideoCallback, PinIsFoundAndNamedAfterADeliveryThatFailed) {
+    run();
+    for (const HRESULT result : {S_FALSE, E_FAIL}) {
+        m_sink.receiveResult = result;
+        frame(DMA_STATUS_GOOD, m_grey);
+        LPWSTR id = nullptr;
+        ASSERT_EQ(m_pin->QueryId(&id), S_OK);
+        EXPECT_STREQ(id, L"1");
+        ComRef<IPin> found;
+        EXPECT_EQ(m_filter->FindPin(id, found.out()), S_OK);
+        EXPECT_EQ(found.get(), m_pin.get());
+        CoTaskMemFree(id);
+    }
+    EXPECT_EQ(m_pin->QueryId(nullptr), E_POINTER);
 }
 
 TEST_F(VideoCallback, RefusedStartsAndStopsAreNamed) {
@@ -266,6 +569,7 @@ TEST_F(VideoCallback, RefusedStartsAndStopsAreNamed) {
     g_grab.result = TARNIS_SUCCESS;
     EXPECT_EQ(m_filter->Stop(), S_OK);
 
+    m_trace.clear();
     ASSERT_EQ(m_filter->Run(0), S_OK);
     m_allocator.decommitResult = E_FAIL;
     EXPECT_EQ(m_filter->Stop(), E_FAIL);
@@ -301,58 +605,220 @@ TEST_F(VideoCallback, AllocatorThatRefusesTheSizeIsNamed) {
     EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->S_OK"), 1);
 }
 
+/// The task memory of this program: what there is, and how much of it may still be had.
+class TaskMemory {
+public:
+    TaskMemory()
+        : m_alloc("ole32.dll", "CoTaskMemAlloc",
+                  [](SIZE_T bytes) -> LPVOID {
+                      if (s_remaining == 0) return nullptr;
+                      if (s_remaining > 0) --s_remaining;
+                      ++s_blocks;
+                      return s_memory->m_alloc.original()(bytes);
+                  }),
+          m_free("ole32.dll", "CoTaskMemFree", [](LPVOID block) {
+              if (block) --s_blocks;
+              s_memory->m_free.original()(block);
+          }) {
+        s_memory = this;
+        s_remaining = -1;
+        EXPECT_TRUE(m_alloc.installed() && m_free.installed());
+    }
+    void allow(int allocations) { s_remaining = allocations; } ///< -1: all
+    long blocks() const { return s_blocks; }
+
+private:
+    static inline TaskMemory* s_memory;
+    static inline int s_remaining;
+    static inline long s_blocks;
+    ScopedImportHook<decltype(&CoTaskMemAlloc)> m_alloc;
+    ScopedImportHook<decltype(&CoTaskMemFree)> m_free;
+};
+
 TEST_F(VideoCallback, MissingMemoryIsNamedAndChangesNothing) {
-    makeFilter(0);
+    makeFilter(3);
     auto config = query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig);
     AM_MEDIA_TYPE* before = nullptr;
     ASSERT_EQ(config->GetFormat(&before), S_OK);
-    static int remaining; // allocations that still succeed
-    static ScopedImportHook<decltype(&CoTaskMemAlloc)>* hook;
-    ScopedImportHook<decltype(&CoTaskMemAlloc)> noMemory("ole32.dll", "CoTaskMemAlloc", [](SIZE_T bytes) -> LPVOID {
-        return remaining-- > 0 ? hook->original()(bytes) : nullptr;
-    });
-    ASSERT_TRUE(noMemory.installed());
-    hook = &noMemory;
+    TaskMemory memory;
+    bool formatSet = true;
+    const auto expectUnchanged = [&] {
+        memory.allow(-1);
+        AM_MEDIA_TYPE* now = nullptr;
+        CMediaType offered;
+        ASSERT_EQ(config->GetFormat(&now), S_OK);
+        ASSERT_EQ(m_stream->GetMediaType(0, &offered), S_OK);
+        EXPECT_TRUE(CMediaType(*now) == CMediaType(*before));
+        EXPECT_EQ(offered == CMediaType(*before), formatSet) << "a set format is the only one";
+        EXPECT_EQ(m_registry.dword(kSettings, L"VideoFormat", 99), 3u);
+        DeleteMediaType(now);
+    };
 
     CMediaType type;
     m_trace.clear();
-    remaining = 0;
+    memory.allow(0);
     EXPECT_EQ(m_stream->GetMediaType(0, &type), E_OUTOFMEMORY);
     EXPECT_EQ(lines(L"CKestraStream->GetMediaType->E_OUTOFMEMORY"), 1);
+    expectUnchanged();
 
     AM_MEDIA_TYPE* got = nullptr;
     VIDEO_STREAM_CONFIG_CAPS caps;
     int failures = 0;
     for (int allowed = 0; allowed < 10; ++allowed) {
-        remaining = allowed;
+        memory.allow(allowed);
         if (config->GetStreamCaps(0, &got, reinterpret_cast<BYTE*>(&caps)) == S_OK) break;
         EXPECT_EQ(got, nullptr);
         ++failures;
     }
     EXPECT_GE(failures, 2);
     EXPECT_EQ(lines(L"CKestraStream->GetStreamCaps->FAILED(hr)"), failures);
-    EXPECT_NE(got, nullptr);
+    ASSERT_NE(got, nullptr);
+    expectUnchanged();
 
-    failures = 0;
-    for (int allowed = 0; allowed < 10; ++allowed) {
-        remaining = allowed;
-        const HRESULT hr = config->SetFormat(got);
-        if (hr == S_OK) break;
-        ++failures;
-    }
-    EXPECT_GE(failures, 1);
-    EXPECT_GE(lines(L"CKestraStream->setFormat->E_OUTOFMEMORY"), 1);
+    m_trace.clear();
+    memory.allow(0);
+    EXPECT_EQ(config->SetFormat(got), E_OUTOFMEMORY);
+    EXPECT_EQ(lines(L"CKestraStream->setFormat->E_OUTOFMEMORY"), 1);
+    formatSet = false; // but for this: a format that could not be stored takes the old one's place from it
+    expectUnchanged();
+    memory.allow(1); // the copy, but no candidate to compare it with
+    EXPECT_EQ(config->SetFormat(got), VFW_E_INVALIDMEDIATYPE);
+    expectUnchanged();
 
-    remaining = 0;
+    memory.allow(0);
     AM_MEDIA_TYPE* none = nullptr;
     EXPECT_EQ(config->GetFormat(&none), E_OUTOFMEMORY);
     EXPECT_EQ(none, nullptr);
     CAUUID pages{};
     EXPECT_EQ(query<ISpecifyPropertyPages>(m_pin.get(), IID_ISpecifyPropertyPages)->GetPages(&pages), E_OUTOFMEMORY);
     EXPECT_EQ(pages.pElems, nullptr);
-    remaining = 1000;
+    LPWSTR id = nullptr;
+    EXPECT_EQ(m_pin->QueryId(&id), E_OUTOFMEMORY);
+    expectUnchanged();
+
+    m_trace.clear();
+    memory.allow(0);
+    EXPECT_EQ(m_pin->Connect(&m_sink, got), E_OUTOFMEMORY) << "and not with any type";
+    EXPECT_EQ(lines(L"CKestraStream->Connect->FAILED(hr)"), 1);
+    memory.allow(-1);
+    EXPECT_EQ(m_sink.mediaType.cbFormat, 0u) << "nothing was proposed";
     DeleteMediaType(got);
     DeleteMediaType(before);
+}
+
+TEST_F(VideoCallback, WithoutASetFormatEveryOfferedTypeIsAcceptedInAnySize) {
+    makeFilter(0);
+    auto config = query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig);
+    CMediaType types[4];
+    for (uint32_t i = 0; i < 4; ++i)
+        ASSERT_EQ(makeVideoType(kVideoFormats[i], {6, 4, 25, false}, types[i]), S_OK) << "a size that the card has not";
+    {
+        TaskMemory memory;
+        memory.allow(0);
+        EXPECT_EQ(config->SetFormat(&types[0]), E_OUTOFMEMORY);
+        memory.allow(-1);
+    }
+    for (CMediaType& type : types) {
+        EXPECT_EQ(m_pin->QueryAccept(&type), S_OK);
+        const GUID subtype = type.subtype, formatType = type.formattype;
+        type.subtype = GUID_NULL;
+        EXPECT_EQ(m_pin->QueryAccept(&type), S_OK) << "any subtype";
+        type.subtype = MEDIASUBTYPE_RGB565;
+        EXPECT_EQ(m_pin->QueryAccept(&type), S_FALSE);
+        type.subtype = subtype;
+        type.formattype = formatType == FORMAT_VideoInfo ? FORMAT_VideoInfo2 : FORMAT_VideoInfo;
+        EXPECT_EQ(m_pin->QueryAccept(&type), S_FALSE) << "another header";
+        type.formattype = formatType;
+        type.majortype = MEDIATYPE_Audio;
+        EXPECT_EQ(m_pin->QueryAccept(&type), S_FALSE);
+    }
+    EXPECT_EQ(m_pin->QueryAccept(nullptr), E_POINTER);
+}
+
+TEST_F(VideoCallback, OpenListsOfTypesAreOutOfDateAfterSetFormat) {
+    makeFilter(0);
+    ComRef<IEnumMediaTypes> types;
+    ASSERT_EQ(m_pin->EnumMediaTypes(types.out()), S_OK);
+    CMediaType rgb;
+    ASSERT_EQ(makeVideoType(kVideoFormats[3], {kWidth, kHeight, 60, false}, rgb), S_OK);
+    ASSERT_EQ(query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig)->SetFormat(&rgb), S_OK);
+    AM_MEDIA_TYPE* next = nullptr;
+    EXPECT_EQ(types->Next(1, &next, nullptr), VFW_E_ENUM_OUT_OF_SYNC);
+    ASSERT_EQ(types->Reset(), S_OK);
+    ASSERT_EQ(types->Next(1, &next, nullptr), S_OK);
+    EXPECT_EQ(next->subtype, MEDIASUBTYPE_RGB32);
+    DeleteMediaType(next);
+}
+
+TEST_F(VideoCallback, TypesAreMadeAndSetWithoutLeavingMemory) {
+    makeFilter(0);
+    auto config = query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig);
+    TaskMemory memory;
+    for (const int format : {0, 1, 2, 3}) {
+        SCOPED_TRACE(format);
+        long before = 0;
+        for (int i = 0; i < 10; ++i) {
+            if (i == 1) before = memory.blocks(); // by then this format is the set one
+            AM_MEDIA_TYPE* type = nullptr;
+            VIDEO_STREAM_CONFIG_CAPS caps;
+            ASSERT_EQ(config->GetStreamCaps(format, &type, reinterpret_cast<BYTE*>(&caps)), S_OK);
+            EXPECT_EQ(config->SetFormat(type), S_OK);
+            DeleteMediaType(type);
+            CMediaType used;
+            EXPECT_EQ(m_stream->GetMediaType(0, &used), S_OK);
+            EXPECT_EQ(m_stream->GetMediaType(0, &used), S_OK);
+            EXPECT_TRUE(newFilter());
+        }
+        EXPECT_EQ(memory.blocks(), before);
+    }
+}
+
+TEST_F(VideoCallback, TypeWithALengthButNoBlockIsNoType) {
+    makeFilter(3);
+    auto config = query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig);
+    AM_MEDIA_TYPE type{};
+    type.majortype = MEDIATYPE_Video;
+    type.subtype = MEDIASUBTYPE_RGB32;
+    type.formattype = FORMAT_VideoInfo2;
+    type.cbFormat = sizeof(VIDEOINFOHEADER2);
+    m_trace.clear();
+    EXPECT_EQ(config->SetFormat(&type), VFW_E_INVALIDMEDIATYPE);
+    EXPECT_EQ(lines(L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE"), 1);
+    EXPECT_EQ(lines(L"CKestraStream->setFormat->E_OUTOFMEMORY"), 0);
+    CMediaType offered;
+    ASSERT_EQ(m_stream->GetMediaType(0, &offered), S_OK);
+    EXPECT_EQ(offered.subtype, MEDIASUBTYPE_RGB32) << "the set format stays";
+    EXPECT_EQ(m_pin->Connect(&m_sink, &type), VFW_E_INVALIDMEDIATYPE);
+    EXPECT_EQ(lines(L"CKestraStream->Connect->FAILED(hr)"), 1);
+    EXPECT_EQ(m_sink.references(), 0);
+}
+
+TEST_F(VideoCallback, StopOfAFilterThatDidNotStartGivesEverythingBack) {
+    connect();
+    g_grab.result = TARNIS_FAILURE;
+    for (int attempt = 0; attempt < 2; ++attempt)
+        EXPECT_EQ(m_filter->Pause(), E_UNEXPECTED);
+    g_grab.result = TARNIS_SUCCESS;
+    const ComRef<IBaseFilter> other = newFilter();
+    const ComRef<IPin> otherPin = onlyPin(other.get());
+    TestSink otherSink;
+    ASSERT_EQ(otherPin->Connect(&otherSink, nullptr), S_OK);
+    EXPECT_EQ(other->Pause(), E_UNEXPECTED) << "the channel is still claimed";
+    m_trace.clear();
+    EXPECT_EQ(m_filter->Stop(), S_OK);
+    EXPECT_EQ(lines(L"CKestraStream->Inactive->NOERROR"), 1);
+    IMediaSample* sample = nullptr;
+    EXPECT_EQ(m_allocator.GetBuffer(&sample, nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
+    EXPECT_EQ(other->Pause(), S_OK);
+    EXPECT_EQ(other->Stop(), S_OK);
+    // Disconnecting does it too.
+    g_grab.result = TARNIS_FAILURE;
+    EXPECT_EQ(m_filter->Pause(), E_UNEXPECTED);
+    g_grab.result = TARNIS_SUCCESS;
+    disconnect();
+    EXPECT_EQ(other->Pause(), S_OK);
+    EXPECT_EQ(other->Stop(), S_OK);
+    otherPin->Disconnect();
 }
 
 } // namespace
