@@ -20,6 +20,9 @@ enum class Sharing { WhereItPays, Never, Always };
 /// For tests and benchmarks.
 extern std::atomic<Sharing> g_sharing;
 
+/// Whether a loop is shared that takes one thread so long.
+bool isShared(uint64_t nanoseconds) noexcept;
+
 /// Keeps the module in its process from the first parallel loop on. The OpenMP runtime keeps a pool of threads for each
 /// thread that ran such a loop; unloading the module under them would crash the process.
 void keepModule() noexcept;
@@ -29,8 +32,7 @@ void keepModule() noexcept;
 template <class Block>
 void forEachBlock(uint32_t lines, uint64_t nanoseconds, Block block) {
 #ifdef _OPENMP
-    const Sharing sharing = g_sharing.load(std::memory_order_relaxed);
-    if (sharing == Sharing::Always || (sharing == Sharing::WhereItPays && nanoseconds >= kSharedNanoseconds)) {
+    if (isShared(nanoseconds)) {
         keepModule();
 #pragma omp parallel
         {

@@ -321,6 +321,22 @@ TEST(DecodeAtOnce, DecodesOfDifferentDepthDoNotDisturbEachOther) {
     EXPECT_EQ(wrong, 0);
 }
 
+TEST(DecodeSharing, FollowsFromTheTimeThatOneThreadIsExpectedToTake) {
+    EXPECT_FALSE(isShared(kSharedNanoseconds - 1));
+    EXPECT_TRUE(isShared(kSharedNanoseconds));
+    const auto isShared1080p = [](uint32_t picosecondsPerPixel) {
+        return isShared(uint64_t{picosecondsPerPixel} * 1920 * 1080 / 1000);
+    };
+    for (const KernelSet* set : kKernelSets) {
+        EXPECT_FALSE(isShared1080p(set->picosecondsPerPixel8Bit)) << set->name;
+        EXPECT_EQ(isShared1080p(set->picosecondsPerPixel10Bit), set == &kPlainKernels) << set->name;
+    }
+    const ForcedSharing always(Sharing::Always);
+    EXPECT_TRUE(isShared(0));
+    const ForcedSharing never(Sharing::Never);
+    EXPECT_FALSE(isShared(kSharedNanoseconds));
+}
+
 TEST(DecodeFields, StrideThatDoublesBeyond32BitsIsWalkedAsItIs) {
     constexpr size_t kStride = size_t{3} << 29; // twice that is no 32-bit number
     for (const uint32_t selector : {0u, 1u, 2u}) {
