@@ -3,10 +3,11 @@
 // with a model of both. Private to device/.
 #pragma once
 
+#include "sync/mutex.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace kestra {
@@ -204,8 +205,8 @@ public:
             RunPointer run;
             uint8_t actions = kNothing;
             {
-                const std::lock_guard cardOrder(m_cardOrder); // a stop that is on its way to the card comes first
-                const std::lock_guard lock(m_mutex);
+                const Guard cardOrder(m_cardOrder); // a stop that is on its way to the card comes first
+                const Guard lock(m_mutex);
                 actions = lifeTransition(m_life.state(), LifeEvent::Start).actions;
                 run = actions & kBegin ? begin(LifeEvent::Start, setup) : m_current;
             }
@@ -222,8 +223,8 @@ public:
     void arrive() {
         RunPointer run;
         {
-            const std::lock_guard cardOrder(m_cardOrder);
-            const std::lock_guard lock(m_mutex);
+            const Guard cardOrder(m_cardOrder);
+            const Guard lock(m_mutex);
             if (!(lifeTransition(m_life.state(), LifeEvent::Arrival).actions & kBegin)) return;
             run = begin(LifeEvent::Arrival, m_port.resumedSetup(*m_current));
         }
@@ -236,7 +237,7 @@ public:
         Ending ending;
         uint32_t answer = 0;
         {
-            const std::lock_guard cardOrder(m_cardOrder);
+            const Guard cardOrder(m_cardOrder);
             ending = told(LifeEvent::Stop);
             answer = m_port.stopCard(ending.run.get());
         }
@@ -259,41 +260,43 @@ public:
             m_port.started(*run);
             grab(*run);
         }
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         tell(LifeEvent::Gone, run.get());
         std::erase(m_threads, run);
     }
 
     /// See Life. A stop or a removal may come a moment later.
     bool mayTouchCard(const Run& run) {
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         return m_life.mayTouchCard(&run);
     }
     bool hasStarted(const Run& run) {
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         return run.started;
     }
     LifeState state() {
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         return m_life.state();
     }
 
 private:
+    using Mutex = typename Port::Mutex;
+    using Guard = LockGuard<Mutex>;
+
     struct Ending {
         uint8_t actions = kNothing;
         RunPointer run;                  ///< the channel's, when the event was told
         std::vector<RunPointer> threads; ///< those that have not gone
     };
 
-    /// Under m_mutex.
-    uint8_t tell(LifeEvent event, const Run* teller) {
+    uint8_t tell(LifeEvent event, const Run* teller) REQUIRES(m_mutex) {
         const uint8_t actions = m_life.tell(event, teller);
         if (m_life.isAbout(nullptr)) m_current.reset();
         return actions;
     }
 
     Ending told(LifeEvent event) {
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         Ending ending{kNothing, m_current, m_threads};
         ending.actions = tell(event, nullptr);
         return ending;
@@ -301,10 +304,10 @@ private:
 
     /// Tells what the thread has to ask the card for in the same breath: no start comes between.
     uint8_t tellCardOrder(Run& run, LifeEvent event, bool cardWasAsked) {
-        const std::lock_guard cardOrder(m_cardOrder);
+        const Guard cardOrder(m_cardOrder);
         uint8_t actions = kNothing;
         {
-            const std::lock_guard lock(m_mutex);
+            const Guard lock(m_mutex);
             actions = tell(event, &run);
             if (actions & kGoOn) run.started = true;
         }
@@ -312,18 +315,17 @@ private:
         return actions;
     }
 
-    /// Makes a run the channel's. Under both locks. @return null: no thread, and all stays as it was
+    /// Makes a run the channel's. @return null: no thread, and all stays as it was
     template <class Setup>
-    RunPointer begin(LifeEvent event, const Setup& setup) {
+    RunPointer begin(LifeEvent event, const Setup& setup) REQUIRES(m_cardOrder, m_mutex) {
         m_threads.reserve(m_threads.size() + 1);
-        std::vector<RunPointer> earlier;
+        std::vector<RunPointer> before, earlier;
         if (event == LifeEvent::Arrival) {
-            earlier = m_current->earlier;
-            earlier.push_back(m_current);
-            std::erase_if(earlier, [this](const RunPointer& run) {
-                return std::find(m_threads.begin(), m_threads.end(), run) == m_threads.end();
-            });
+            before = m_current->earlier;
+            before.push_back(m_current);
         }
+        for (const RunPointer& run : before)
+            if (std::find(m_threads.begin(), m_threads.end(), run) != m_threads.end()) earlier.push_back(run);
         RunPointer run = m_port.makeThread(setup);
         if (!run) return run;
         run->earlier = std::move(earlier);
@@ -354,17 +356,17 @@ private:
         for (const RunPointer& run : ending.threads)
             m_port.tellToLeave(*run);
         if (m_port.awaitEnd(ending.threads, true)) return;
-        const std::lock_guard lock(m_mutex);
+        const Guard lock(m_mutex);
         if (ending.run) tell(LifeEvent::GivenUp, ending.run.get());
     }
 
     Port& m_port;
-    /// Held over a change of the state and the card's request that belongs to it. Taken before m_mutex.
-    typename Port::Mutex m_cardOrder;
-    typename Port::Mutex m_mutex;
-    Life m_life;
-    RunPointer m_current;              ///< the channel's run; the interrupted one while arrival goes on with it
-    std::vector<RunPointer> m_threads; ///< every run whose thread has not gone
+    /// Held over a change of the state and the card's request that belongs to it.
+    Mutex m_cardOrder ACQUIRED_BEFORE(m_mutex);
+    Mutex m_mutex;
+    Life m_life GUARDED_BY(m_mutex);
+    RunPointer m_current GUARDED_BY(m_mutex); ///< the channel's run; the interrupted one while arrival goes on with it
+    std::vector<RunPointer> m_threads GUARDED_BY(m_mutex); ///< every run whose thread has not gone
 };
 
 } // namespace kestra

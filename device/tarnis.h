@@ -41,14 +41,15 @@ void TARNIS_EnumClose(CDeviceEnumerator* hDevEnum);
 
 /// Opens a card and follows it through removal and arrival. @return null if the card cannot be opened.
 TARNIS_HANDLE TARNIS_InitByHandle(const DeviceInterfaceDetail* pDevice);
-/// Stops what is grabbing, closes the card and frees the handle. May be called by another thread than opened it, but
-/// not from a frame callback. The memory of a frame stays valid for a callback that is still
-/// running; what it holds is then no longer guaranteed.
+/// Stops what is grabbing, closes the card and frees the handle; waits at most 1000 ms for each callback that is
+/// running, but not for one that it is called from. May be called by another thread than opened it. The memory of a
+/// frame stays valid for a callback that is still running; what it holds is then no longer guaranteed.
 uint32_t TARNIS_Done(TARNIS_HANDLE hGrabber);
 
 /// Claims the channel for this handle. Counted: every successful call needs its own release.
 /// @return 4 if another client holds the channel.
 uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port);
+/// The last release ends what the channel still grabs, and waits for it as TARNIS_StopGrab does.
 uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port);
 
 /// Reads what arrives at the card's input (both ports ask about the same one).
@@ -72,11 +73,13 @@ uint32_t TARNIS_SetColorSpaceConverterParams(TARNIS_HANDLE hGrabber, const Tarni
 ///                    TARNIS_StopGrab.
 uint32_t TARNIS_StartGrab(TARNIS_HANDLE hGrabber, int8_t port, uint32_t startParam, TarnisCameraData* pCameraData,
                           TarnisFrameCallback callback, uint64_t context);
-/// Stops it; waits at most 1000 ms for a callback that is running.
+/// Stops it, also a start that is under way or a grab whose card is pulled: it does not go on then. Waits at most 1000
+/// ms for callbacks that are running, whoever else has waited for them; not for the one that it is called from. Once it
+/// has waited, nothing is called back.
 uint32_t TARNIS_StopGrab(TARNIS_HANDLE hGrabber, int8_t port);
 uint32_t TARNIS_GetGrabStat(TARNIS_HANDLE hGrabber, int8_t port, TarnisGrabStat* pGrabStat);
 
-/// Captures one raw frame of port 0, whatever port is given; gives up after a second without one.
+/// Captures one raw frame of port 0, whatever port is given; gives up after five seconds without one.
 /// @param pBufferSize receives the frame's size in bytes, also if lpBuffer is null (then the result is 1).
 uint32_t TARNIS_SnapFrames(TARNIS_HANDLE hGrabber, int8_t port, TarnisCameraData* pCameraData, void* lpBuffer,
                            uint32_t bufferLength, uint32_t* pBufferSize);

@@ -27,8 +27,7 @@ enum TarnisDmaStatus {
     DMA_STATUS_FRAME_DROPED = 1,
     DMA_STATUS_FIFO_OVERRUN = 2,
     DMA_STATUS_ABORTED = 16,
-    DMA_STATUS_DICONNECTED =
-        32 ///< made by the grabbing thread: the input's format changed or was lost, or the card was pulled
+    DMA_STATUS_DICONNECTED = 32 ///< made by the grabbing thread: the input's format changed or was lost
 };
 
 /// Raw layouts that the card writes, as the output selector names them.
@@ -94,8 +93,8 @@ typedef struct TarnisConverterParams {
 } TarnisConverterParams;
 
 /// Called on the channel's grabbing thread: once per completed or failed buffer, and once with
-/// DMA_STATUS_DICONNECTED before the thread ends by itself. A pulled card that comes back goes on with the same
-/// callback.
+/// DMA_STATUS_DICONNECTED before the thread ends by itself. A pulled card is no reason for a call: when it comes back,
+/// it goes on with the same callback.
 typedef void (*TarnisFrameCallback)(uint64_t context, const TarnisFrameInfo* frame);
 
 #ifdef __cplusplus

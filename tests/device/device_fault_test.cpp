@@ -14,6 +14,7 @@ namespace {
 using namespace kestra::simcard;
 
 constexpr ULONGLONG kDeadlineMs = 5000;
+constexpr ULONGLONG kOpenLimitMs = 5000; ///< what the library gives each request of the opening
 
 /// What a fault of a request does to the call that made it.
 enum class Outcome {
@@ -162,7 +163,8 @@ TEST_F(DeviceFault, OpeningFailsCleanlyOrGoesOnWithoutTheSession) {
         SCOPED_TRACE(f.name);
         m_card.addFault(f.fault);
         TARNIS_HANDLE handle = openCard();
-        EXPECT_EQ(handle != nullptr, f.result == TARNIS_SUCCESS);
+        EXPECT_EQ(handle != nullptr, f.fault.kind != FaultKind::DriverResult)
+            << "only the driver's own result closes it";
         if (handle) TARNIS_Done(handle);
         EXPECT_EQ(m_card.state().clients, 0u);
     }
@@ -245,21 +247,25 @@ TEST_F(DeviceFault, UnansweredLockOrUnlockDoesNotHoldUpAStop) {
     EXPECT_EQ(stop(), 0u);
 }
 
-TEST_F(DeviceFault, CardThatNeverAnswersTheOpeningGivesNoHandleInTime) {
+TEST_F(DeviceFault, CardThatNeverAnswersTheOpeningIsOpenAllTheSameInTime) {
     TARNIS_Done(std::exchange(m_grabber, nullptr));
     std::vector<std::byte> block;
     const auto open = [&] { return TARNIS_InitByHandle(detailOf(m_card.devicePath(), block)); };
     m_card.addFault({FaultKind::NeverComplete, wire::kOpenSession, 0, 0, 1, {}});
     ULONGLONG begin = GetTickCount64();
-    EXPECT_EQ(open(), nullptr);
-    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+    m_grabber = open();
+    EXPECT_GE(GetTickCount64() - begin, kOpenLimitMs - 100) << "a slow card has its time";
+    EXPECT_LT(GetTickCount64() - begin, kOpenLimitMs + kDeadlineMs);
+    ASSERT_NE(m_grabber, nullptr);
     EXPECT_EQ(m_log.count(L"DeviceIOCtl(0xCE322040) failed. ErrorCode=995(0x000003E3)."), 1);
+    EXPECT_EQ(cameraStatus(m_grabber), 255u) << "it has no session";
+    TARNIS_Done(std::exchange(m_grabber, nullptr));
 
     // Without its input events the card is open all the same.
     m_card.addFault({FaultKind::NeverComplete, wire::kRegisterInputEvent, 0, 0, 2, {}});
     begin = GetTickCount64();
     m_grabber = open();
-    EXPECT_LT(GetTickCount64() - begin, kDeadlineMs);
+    EXPECT_LT(GetTickCount64() - begin, 2 * kOpenLimitMs + kDeadlineMs);
     ASSERT_NE(m_grabber, nullptr);
     EXPECT_EQ(m_log.count(L"DeviceIOCtl(0xCE32206C) failed. ErrorCode=995(0x000003E3)."), 2);
     EXPECT_EQ(cameraStatus(m_grabber), 0u);

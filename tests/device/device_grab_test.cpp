@@ -45,6 +45,9 @@ struct Gate {
 } // namespace
 
 TEST_F(DeviceGrab, FramesArriveWholeAndInOrder) {
+    Options fast = kDefaultOptions;
+    fast.pace = Pace::AsTaken;
+    m_card.setOptions(fast);
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
     EXPECT_EQ(m_data.status.width, 1920);
@@ -53,7 +56,7 @@ TEST_F(DeviceGrab, FramesArriveWholeAndInOrder) {
     EXPECT_TRUE(counter.waitForFrames(30));
     EXPECT_EQ(stop(), 0u);
     EXPECT_EQ(counter.wrong, 0);
-    EXPECT_EQ(uint32_t(counter.missed), 0u);
+    EXPECT_EQ(counter.missed, 0) << "the card waits for its buffers";
     EXPECT_TRUE(m_log.records().empty() || counter.aborted == 1) << "a stop may abort the waiting request";
 }
 
@@ -258,6 +261,9 @@ TEST_F(DeviceGrab, StopFromInsideTheCallbackEndsTheRunAndDoesNotWaitForItself) {
 }
 
 TEST_F(DeviceGrab, CallbackThatOutlivesItsRunDoesNotDisturbTheNextOne) {
+    Options fast = kDefaultOptions;
+    fast.pace = Pace::AsTaken;
+    m_card.setOptions(fast);
     Gate gate;
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
@@ -274,8 +280,8 @@ TEST_F(DeviceGrab, CallbackThatOutlivesItsRunDoesNotDisturbTheNextOne) {
     ASSERT_TRUE(counter.waitForFrames(30));
     EXPECT_EQ(gate.calls, 1) << "the old thread left without taking another frame";
     EXPECT_EQ(counter.wrong, 0);
-    EXPECT_EQ(counter.missed, 0);
     EXPECT_EQ(stop(), 0u);
+    EXPECT_EQ(counter.missed, 0) << "the card waits for its buffers";
 }
 
 TEST_F(DeviceGrab, FrameMemoryStaysValidForACallbackThatOutlivesTheHandle) {
@@ -327,16 +333,30 @@ TEST_F(DeviceGrab, AnotherFormatEndsTheRunWithOneCallback) {
     EXPECT_EQ(next.wrong, 0);
 }
 
-TEST_F(DeviceGrab, LostSignalWaitsAndTheSameSignalGoesOn) {
+TEST_F(DeviceGrab, LostSignalIsLookedAtAndTheFrameOnItsWayIsDroppedWithoutACallback) {
+    Options options = kDefaultOptions;
+    options.pace = Pace::AsTaken; // no frame is missed but the one that the library drops
+    m_card.setOptions(options);
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
     ASSERT_TRUE(counter.waitForFrames(2));
+    m_card.clearLog();
     m_card.setSignal(Signal{});
-    ASSERT_TRUE(waitUntil([&] { return m_card.state().signal.present == 0; }));
+    const auto received = [&](uint32_t code) {
+        const auto codes = requestCodes();
+        return std::count(codes.begin(), codes.end(), code);
+    };
+    ASSERT_TRUE(waitUntil([&] { return received(wire::kConnection) == 1; })) << "the card told, the thread asked";
+    const int good = counter.good;
+    m_card.clearLog();
     m_card.setSignal(kDefaultSignal);
+    ASSERT_TRUE(waitUntil([&] { return received(wire::kConnection) >= 1; }));
     EXPECT_TRUE(counter.waitForFrames(5));
     EXPECT_EQ(counter.disconnected, 0);
     EXPECT_EQ(stop(), 0u);
+    // Each buffer came back; one more than callbacks were made, and perhaps the one that the stop aborted.
+    EXPECT_GE(received(wire::kUnlockBuffer), counter.good - good + 1);
+    EXPECT_EQ(counter.wrong, 0);
 }
 
 TEST_F(DeviceGrab, StopAfterALostSignalIsQuick) {
@@ -378,7 +398,7 @@ TEST_F(DeviceGrab, SettlingInputIsWaitedFor) {
     EXPECT_EQ(stop(), 0u);
 }
 
-TEST_F(DeviceGrab, BufferCountStaysTenAndOversizedFramesAreRefused) {
+TEST_F(DeviceGrab, BufferCountStaysTenWhateverIsAskedFor) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 3), 0u);
     FrameCounter counter;
@@ -409,7 +429,7 @@ TEST_F(DeviceGrab, SnapTakesOneFrameFromPortZeroWhateverPortIsGiven) {
 TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallback) {
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
-    const int cycles = longRun() ? 500 : 5;
+    const int cycles = longRun() ? 1000 : 5;
     ProcessCounts before{};
     for (int cycle = 0; cycle < cycles; ++cycle) {
         if (cycle == cycles / 10) before = processCounts();
@@ -426,7 +446,7 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
     }
     EXPECT_TRUE(counter.waitForFrames(3));
     EXPECT_EQ(counter.wrong, 0);
-    EXPECT_EQ(counter.disconnected, cycles) << "each removal is told once";
+    EXPECT_EQ(counter.disconnected, 0) << "frames pause and go on";
     const ProcessCounts after = processCounts();
     std::printf("%d removals under load: handles %d to %d, threads %d to %d, private memory %zu to %zu kB\n", cycles,
                 before.handles, after.handles, before.threads, after.threads, before.privateBytes / 1024,

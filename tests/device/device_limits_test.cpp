@@ -7,12 +7,18 @@
 
 #include <windows.h>
 
+#include <functional>
+
 namespace kestra::test {
 namespace {
 
 using namespace kestra::simcard;
 using Ioctl = decltype(&DeviceIoControl);
 using Version = decltype(&GetVersionExW);
+
+/// The largest region that one lock request may cover: on systems from 6.1 on, 6.0, before.
+constexpr uint32_t kLargestChunk = 0xFFFFF000, kLargestChunk60 = 0x7FFFF000, kLargestChunkBefore = 0x1FF9E00;
+constexpr uint32_t kAsPrepared = 0xDEFA17; ///< leaves the frame size as the card gave it
 
 uint32_t g_frameSize; ///< what the prepared frame size becomes
 DWORD g_major, g_minor;
@@ -31,7 +37,7 @@ BOOL WINAPI resizedIoctl(HANDLE device, DWORD code, void* in, DWORD inSize, void
         }
     }
     BOOL ok = g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
-    if (code != wire::kPrepare || g_frameSize == 0xDEFA17) return ok;
+    if (code != wire::kPrepare || g_frameSize == kAsPrepared) return ok;
     if (!ok && GetLastError() == ERROR_IO_PENDING) ok = GetOverlappedResult(device, overlapped, bytes, TRUE);
     if (ok) std::memcpy(static_cast<char*>(out) + 4, &g_frameSize, sizeof g_frameSize);
     return ok;
@@ -49,7 +55,7 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(m_ioctlHook.installed());
         ASSERT_TRUE(m_versionHook.installed());
-        g_frameSize = 0xDEFA17;
+        g_frameSize = kAsPrepared;
         g_lockedChunks.clear();
         g_lockReally = true;
         g_major = 10;
@@ -80,8 +86,8 @@ TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
         uint32_t largest;
     };
     // One byte more than a chunk of the system may have: 6.1 and later, 6.0, before.
-    for (const auto& [major, minor, largest] :
-         {Limit{10, 0, 0xFFFFF000}, Limit{6, 1, 0xFFFFF000}, Limit{6, 0, 0x7FFFF000}, Limit{5, 2, 0x1FF9E00}}) {
+    for (const auto& [major, minor, largest] : {Limit{10, 0, kLargestChunk}, Limit{6, 1, kLargestChunk},
+                                                Limit{6, 0, kLargestChunk60}, Limit{5, 2, kLargestChunkBefore}}) {
         SCOPED_TRACE(testing::Message() << major << "." << minor);
         g_major = major;
         g_minor = minor;
@@ -95,13 +101,33 @@ TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
     EXPECT_TRUE(g_lockedChunks.empty());
 }
 
+TEST_F(DeviceLimits, StartWithAnOversizedFrameIsRefusedAndTheNextWorks) {
+    g_frameSize = kLargestChunk + 1;
+    FrameCounter counter;
+    EXPECT_EQ(restart(counter), 255u);
+    int lines = 0;
+    for (const SeenRecord& record : m_log.records())
+        if (record.message == L"Prepare Failed!") {
+            ++lines;
+            EXPECT_EQ(record.code, TARNIS_OUT_OF_MEMORY);
+        }
+    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(m_log.count(L"Grab not started!"), 1);
+    EXPECT_TRUE(g_lockedChunks.empty());
+    g_frameSize = kAsPrepared;
+    ASSERT_EQ(restart(counter), 0u);
+    EXPECT_TRUE(counter.waitForFrames(2));
+    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 0), 0u);
+}
+
 TEST_F(DeviceLimits, FrameOfTheLargestChunkIsLockedAloneAndItsRefusalAnswered) {
     g_lockReally = false;
     g_major = 5;
     g_minor = 2;
-    g_frameSize = 0x1FF9E00;
+    g_frameSize = kLargestChunkBefore;
     EXPECT_EQ(prepare(), 255u);
-    EXPECT_THAT(g_lockedChunks, testing::ElementsAre(0x1FF9E00u)) << "one buffer a chunk, and the first is refused";
+    EXPECT_THAT(g_lockedChunks, testing::ElementsAre(kLargestChunkBefore))
+        << "one buffer a chunk, and the first is refused";
 }
 
 TEST_F(DeviceLimits, BuffersAreSpreadOverChunksOnSystemsWithSmallOnes) {
@@ -121,7 +147,7 @@ TEST_F(DeviceLimits, EmptyFrameIsAFailureAndTheNextPrepareWorks) {
     g_frameSize = 0;
     EXPECT_EQ(prepare(), 255u);
     EXPECT_TRUE(g_lockedChunks.empty());
-    g_frameSize = 0xDEFA17;
+    g_frameSize = kAsPrepared;
     EXPECT_EQ(prepare(), 0u);
 }
 
@@ -178,6 +204,84 @@ TEST_F(DeviceLimits, EachMissingEventIsNamedAndGivesNoHandle) {
     }
     EXPECT_THAT(seen, testing::ElementsAre(1, 1, 1));
     EXPECT_EQ(m_card.state().clients, 1u) << "only the fixture has the card open";
+}
+
+namespace {
+
+decltype(&GetOverlappedResult) g_collect;
+std::function<void(wire::LockBufferReply&, DWORD& bytes)> g_changeReply; ///< what becomes of a lock reply, once
+wire::LockBufferReply* g_lockReply;
+OVERLAPPED* g_lockRequest;
+std::atomic<bool> g_armed, g_replyChanged;
+
+BOOL WINAPI noteLocks(HANDLE device, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize, DWORD* bytes,
+                      OVERLAPPED* overlapped) {
+    if (code == wire::kLockBuffer) {
+        g_lockReply = static_cast<wire::LockBufferReply*>(out);
+        g_lockRequest = overlapped;
+    }
+    return g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
+}
+
+BOOL WINAPI changeReply(HANDLE device, OVERLAPPED* overlapped, DWORD* bytes, BOOL wait) {
+    const BOOL ok = g_collect(device, overlapped, bytes, wait);
+    if (ok && overlapped == g_lockRequest && g_lockReply->dmaStatus == 0 && g_armed.exchange(false)) {
+        g_changeReply(*g_lockReply, *bytes);
+        g_replyChanged = true;
+    }
+    return ok;
+}
+
+/// Lock replies that no simulated card gives.
+class DeviceLockReply : public DeviceTest {
+protected:
+    /// Changes one lock reply: its frame is missing, the message is logged, and frames go on.
+    void expectGoesOn(std::function<void(wire::LockBufferReply&, DWORD&)> change, const std::wstring& message) {
+        const ScopedImportHook<Ioctl> ioctlHook("kernel32.dll", "DeviceIoControl", noteLocks);
+        const ScopedImportHook<decltype(&GetOverlappedResult)> hook("kernel32.dll", "GetOverlappedResult", changeReply);
+        ASSERT_TRUE(ioctlHook.installed());
+        ASSERT_TRUE(hook.installed());
+        g_ioctl = ioctlHook.original();
+        g_collect = hook.original();
+        g_changeReply = std::move(change);
+        g_armed = g_replyChanged = false;
+        Options options = kDefaultOptions;
+        options.pace = Pace::AsTaken; // a buffer that does not come back would end the frames
+        m_card.setOptions(options);
+        FrameCounter counter;
+        ASSERT_EQ(start(counter), 0u);
+        ASSERT_TRUE(counter.waitForFrames(2));
+        g_armed = true;
+        ASSERT_TRUE(waitUntil([] { return g_replyChanged.load(); }));
+        EXPECT_TRUE(counter.waitForFrames(25));
+        EXPECT_EQ(counter.wrong, 0) << "nothing of it was handed on";
+        EXPECT_EQ(counter.missed, 1) << "the frame of the changed reply";
+        EXPECT_EQ(m_log.count(message), 1) << (m_log.records().empty() ? L"nothing" : m_log.records()[0].message);
+        EXPECT_EQ(stop(), 0u);
+        const auto log = m_card.log();
+        const auto count = [&](uint32_t code) {
+            return std::count_if(log.begin(), log.end(), [&](const LogEntry& entry) { return entry.code == code; });
+        };
+        // The last lock is ended by the stop, and may have been answered by a refusal.
+        EXPECT_LE(count(wire::kLockBuffer) - count(wire::kUnlockBuffer), 1) << "every buffer has come back";
+    }
+};
+
+} // namespace
+
+TEST_F(DeviceLockReply, DriverResultIsLoggedAsOneAndTheNamedBufferComesBack) {
+    expectGoesOn([](wire::LockBufferReply& reply, DWORD&) { reply.result = 7; },
+                 L"DeviceIOCtl(0xCE322630) returned with result=7(0x00000007).");
+}
+
+TEST_F(DeviceLockReply, AddressOutsideTheBuffersIsLoggedAndNeverHandedOn) {
+    expectGoesOn([](wire::LockBufferReply& reply, DWORD&) { reply.bufferAddress = 0x1000; },
+                 L"KESTRACTL_DMA_LOCK_BUFFER returned an address outside of the buffers: 0x1000");
+}
+
+TEST_F(DeviceLockReply, ShortReplyThatNamesABufferGivesItBack) {
+    expectGoesOn([](wire::LockBufferReply&, DWORD& bytes) { bytes = 41; },
+                 L"KESTRACTL_DMA_LOCK_BUFFER failed: ErrorCode=13(0x0000000D)");
 }
 
 } // namespace kestra::test

@@ -104,14 +104,14 @@ thread_local int Scheduler::t_self = -1;
 Scheduler* g_scheduler;
 
 /// A lock at which others may get in between, before and after.
-class ScheduledMutex {
+class CAPABILITY("mutex") ScheduledMutex {
 public:
-    void lock() {
+    void lock() ACQUIRE() {
         do
             g_scheduler->step();
         while (m_held.exchange(true, std::memory_order_acquire));
     }
-    void unlock() {
+    void unlock() RELEASE() {
         m_held.store(false, std::memory_order_release);
         g_scheduler->step();
     }
