@@ -81,7 +81,7 @@ bool Card::startSession() {
 void Card::closeDevice() {
     m_requests.refuse();
     m_requests.drain();
-    m_requests.end(m_sessionWatch);
+    if (!m_requests.end(m_sessionWatch, CardRequests::kCancelMs)) addReference(); // it is written into: stays for good
     m_video.unlockBuffers();
     m_audio.unlockBuffers();
     m_requests.close();

@@ -12,7 +12,7 @@ constexpr char kFunction[] = "TARNIS_GIS::IOCtl";
 constexpr int32_t kRequestFailed = 0x494F4641; // IOFA
 constexpr int32_t kDriverRefused = 0x494F4652; // IOFR
 constexpr DWORD kDrainMs = 1000;
-constexpr DWORD kCancelAgainMs = 10; // a request may have been counted and not yet issued
+constexpr DWORD kCancelAgainMs = 10; // a request may have been let through and not yet issued
 
 UniqueObject loggedEvent(const wchar_t* what) noexcept {
     UniqueObject event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -47,98 +47,158 @@ uint8_t statusOf(DWORD error) noexcept {
     }
 }
 
-/// Counts a use of the handle for as long as it lasts.
+/// A request on its way: let through or not, counted, and holding the handle that it uses.
 class CardRequests::UnderWay {
 public:
-    explicit UnderWay(CardRequests& requests) noexcept : m_requests(requests) { ++m_requests.m_count; }
+    UnderWay(CardRequests& requests, const Raw& raw) noexcept : m_requests(requests) {
+        const LockGuard lock(m_requests.m_mutex);
+        if (m_requests.m_refusing || !m_requests.m_card) return;
+        if (raw.onlyInSession != kAnySession && raw.onlyInSession != m_requests.m_card->number) return;
+        m_card = m_requests.m_card;
+        ++m_requests.m_underWay;
+        const wire::Header header{static_cast<uint8_t>(raw.port), m_card->sessionId};
+        if (raw.sent) std::memcpy(raw.sent, &header, sizeof header);
+    }
     ~UnderWay() {
+        if (!m_card) return;
+        const LockGuard lock(m_requests.m_mutex);
         // Somebody may be waiting for it.
-        if (--m_requests.m_count == 0 && m_requests.m_refusing) SetEvent(m_requests.m_ioctlEmpty.get());
+        if (m_requests.m_givenUp != 0) --m_requests.m_givenUp; // while refusing, only those can be left
+        if (--m_requests.m_underWay == 0 && m_requests.m_refusing) SetEvent(m_requests.m_ioctlEmpty.get());
     }
     UnderWay(const UnderWay&) = delete;
     UnderWay& operator=(const UnderWay&) = delete;
-    /// After it was counted, so that no close comes between.
-    bool isAllowed(uint32_t onlyInSession) const noexcept {
-        return !m_requests.m_refusing && (onlyInSession == kAnySession || onlyInSession == m_requests.m_session);
-    }
+    explicit operator bool() const noexcept { return m_card != nullptr; }
+    const std::shared_ptr<OpenedCard>& card() const noexcept { return m_card; }
+    HANDLE device() const noexcept { return m_card->file.get(); }
 
 private:
     CardRequests& m_requests;
+    std::shared_ptr<OpenedCard> m_card; // with the last one goes the handle, after the lock
 };
 
 CardRequests::CardRequests() : m_stopCard(loggedEvent(L"StopCard")), m_ioctlEmpty(loggedEvent(L"IOCTLEmpty")) {}
 
+bool CardRequests::isOpen() const noexcept {
+    return session() != 0;
+}
+
+uint32_t CardRequests::session() const noexcept {
+    const LockGuard lock(m_mutex);
+    return m_card ? m_card->number : 0;
+}
+
 void CardRequests::adopt(UniqueFile device) noexcept {
-    m_device = std::move(device);
-    ++m_session;
-    m_sessionId = 0;
-    m_handle = m_device.get();
+    try {
+        auto card = std::make_shared<OpenedCard>();
+        card->file = std::move(device);
+        const LockGuard lock(m_mutex);
+        card->number = ++m_openings;
+        m_card = std::move(card);
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+void CardRequests::setSessionId(uint32_t id) noexcept {
+    const LockGuard lock(m_mutex);
+    if (m_card) m_card->sessionId = id;
 }
 
 void CardRequests::accept() noexcept {
+    const LockGuard lock(m_mutex);
     ResetEvent(m_stopCard.get());
     m_refusing = false;
 }
 
 void CardRequests::refuse() noexcept {
+    const LockGuard lock(m_mutex);
     m_refusing = true;
     SetEvent(m_stopCard.get());
 }
 
 void CardRequests::drain() noexcept {
-    // The event is signalled only with StopCard set; a request that was through before does not count any more.
-    ResetEvent(m_ioctlEmpty.get());
-    if (m_count != 0) WaitForSingleObject(m_ioctlEmpty.get(), kDrainMs);
-    while (m_count != 0) {
-        CancelIoEx(m_handle, nullptr);
-        WaitForSingleObject(m_ioctlEmpty.get(), kCancelAgainMs);
+    DWORD waitMs = kDrainMs;
+    const ULONGLONG last = GetTickCount64() + kDrainMs + kCancelMs;
+    for (;;) {
+        std::shared_ptr<OpenedCard> card;
+        {
+            const LockGuard lock(m_mutex);
+            if (m_underWay == m_givenUp) return;
+            if (GetTickCount64() >= last) {
+                m_givenUp = m_underWay;
+                return;
+            }
+            // It is signalled only with StopCard set; a request that was through before does not count any more.
+            ResetEvent(m_ioctlEmpty.get());
+            card = m_card;
+        }
+        if (WaitForSingleObject(m_ioctlEmpty.get(), waitMs) == WAIT_OBJECT_0) continue;
+        if (card) CancelIoEx(card->file.get(), nullptr);
+        waitMs = kCancelAgainMs;
     }
 }
 
 void CardRequests::close() noexcept {
-    m_handle = INVALID_HANDLE_VALUE; // before the count is looked at: end() counts itself and then looks here
-    while (m_count != 0) {
-        CancelIoEx(m_device.get(), nullptr);
-        WaitForSingleObject(m_ioctlEmpty.get(), kCancelAgainMs);
-    }
-    m_device = UniqueFile();
+    drain();
+    std::shared_ptr<OpenedCard> closing; // outlives the lock
+    const LockGuard lock(m_mutex);
+    closing.swap(m_card);
 }
 
-void CardRequests::putHeader(int8_t port, void* sent) const noexcept {
-    const wire::Header header{static_cast<uint8_t>(port), m_sessionId};
-    std::memcpy(sent, &header, sizeof header);
-}
-
-DWORD CardRequests::askRaw(const Raw& raw, DWORD patienceMs, PendingRequest* waiting, DWORD& bytes) noexcept {
-    const UnderWay underWay(*this);
-    if (!underWay.isAllowed(raw.onlyInSession)) return ERROR_OPERATION_ABORTED;
-    UniqueObject event;
-    OVERLAPPED own{};
-    OVERLAPPED& overlapped = waiting ? waiting->overlapped : own;
-    if (!waiting) {
-        event = UniqueObject(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-        own.hEvent = event.get();
-    }
-    if (!overlapped.hEvent) return ERROR_NO_SYSTEM_RESOURCES; // without an event its end could not be awaited
-    const HANDLE device = m_handle;
-    if (DeviceIoControl(device, raw.code, const_cast<void*>(raw.sent), raw.sentBytes, raw.answer, raw.answerBytes,
-                        &bytes, &overlapped))
-        return ERROR_SUCCESS;
-    const DWORD error = GetLastError();
-    if (error != ERROR_IO_PENDING) return error;
-    if (patienceMs != INFINITE && WaitForSingleObject(overlapped.hEvent, patienceMs) == WAIT_TIMEOUT)
-        CancelIoEx(device, &overlapped);
+/// Waits for the end of a pending request. It is cancelled when its time is over, or that of a card which is stopped.
+DWORD CardRequests::awaitAnswer(HANDLE device, OVERLAPPED& overlapped, DWORD patienceMs, DWORD& bytes) const noexcept {
+    const HANDLE either[] = {overlapped.hEvent, m_stopCard.get()};
+    DWORD first = WaitForMultipleObjects(2, either, FALSE, patienceMs);
+    if (first == WAIT_OBJECT_0 + 1) first = WaitForSingleObject(overlapped.hEvent, kDrainMs);
+    if (first != WAIT_OBJECT_0) CancelIoEx(device, &overlapped);
     return GetOverlappedResult(device, &overlapped, &bytes, TRUE) ? DWORD{ERROR_SUCCESS} : GetLastError();
 }
 
+DWORD CardRequests::askRaw(const Raw& raw, DWORD patienceMs, DWORD& bytes) noexcept {
+    const UnderWay request(*this, raw);
+    if (!request) return ERROR_OPERATION_ABORTED;
+    UniqueObject event = takeEvent();
+    if (!event) return ERROR_NO_SYSTEM_RESOURCES; // without it the end could not be awaited
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = event.get();
+    DWORD error = ERROR_SUCCESS;
+    if (!DeviceIoControl(request.device(), raw.code, raw.sent, raw.sentBytes, raw.answer, raw.answerBytes, &bytes,
+                         &overlapped)) {
+        error = GetLastError();
+        if (error == ERROR_IO_PENDING) error = awaitAnswer(request.device(), overlapped, patienceMs, bytes);
+    }
+    keepEvent(std::move(event));
+    return error;
+}
+
+UniqueObject CardRequests::takeEvent() noexcept {
+    {
+        const LockGuard lock(m_mutex);
+        for (UniqueObject& spare : m_spareEvents)
+            if (spare) return std::move(spare);
+    }
+    return UniqueObject(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+}
+
+void CardRequests::keepEvent(UniqueObject event) noexcept {
+    const LockGuard lock(m_mutex);
+    for (UniqueObject& spare : m_spareEvents)
+        if (!spare) {
+            spare = std::move(event);
+            return;
+        }
+}
+
 RequestResult CardRequests::issueRaw(const Raw& raw, PendingRequest& pending) noexcept {
-    const UnderWay underWay(*this);
-    if (!underWay.isAllowed(raw.onlyInSession)) return resultOf(ERROR_OPERATION_ABORTED);
+    const UnderWay request(*this, raw);
+    if (!request) return resultOf(ERROR_OPERATION_ABORTED);
     if (!pending.event) return resultOf(ERROR_NO_SYSTEM_RESOURCES);
+    if (pending.isPending()) return resultOf(ERROR_BUSY); // given up by an earlier close: the system may still write
+    pending.card = request.card();
     DWORD bytes = 0;
     DWORD error = ERROR_SUCCESS;
-    if (!DeviceIoControl(m_handle, raw.code, const_cast<void*>(raw.sent), raw.sentBytes, raw.answer, raw.answerBytes,
-                         &bytes, &pending.overlapped))
+    if (!DeviceIoControl(request.device(), raw.code, raw.sent, raw.sentBytes, raw.answer, raw.answerBytes, &bytes,
+                         &pending.overlapped))
         error = GetLastError();
     if (error == ERROR_IO_PENDING) error = ERROR_SUCCESS;
     pending.issued = error == ERROR_SUCCESS;
@@ -154,20 +214,17 @@ RequestResult CardRequests::issueByThread(const Raw& raw, PendingRequest& pendin
 
 RequestResult CardRequests::askDirect(uint32_t code, void* memory, uint32_t bytes, DWORD patienceMs) noexcept {
     DWORD answered = 0;
-    return resultOf(askRaw({code, nullptr, 0, memory, bytes, kAnySession}, patienceMs, nullptr, answered));
+    return resultOf(askRaw({code, 0, nullptr, 0, memory, bytes, kAnySession}, patienceMs, answered));
 }
 
-RequestResult CardRequests::judged(uint32_t code, const void* answer, uint32_t readBytes, const Raw& raw,
-                                   DWORD patienceMs, PendingRequest* waiting) noexcept {
+RequestResult CardRequests::judged(const Raw& raw, uint32_t readBytes, DWORD patienceMs) noexcept {
     DWORD bytes = 0;
-    RequestResult result = resultOf(askRaw(raw, patienceMs, waiting, bytes));
-    if (result.win32Error != ERROR_SUCCESS) return loggedFailure(code, result);
+    RequestResult result = resultOf(askRaw(raw, patienceMs, bytes));
+    if (result.win32Error != ERROR_SUCCESS) return loggedFailure(raw.code, result);
     // The driver's own word comes first; a reply is too short only if something is missing that is read.
-    if (bytes >= sizeof(wire::Reply)) result = judgedAtOnce(code, answer, result);
-    if (result.status == TARNIS_SUCCESS && bytes < readBytes) {
-        result = resultOf(ERROR_INVALID_DATA);
-        return loggedFailure(code, result);
-    }
+    if (bytes >= sizeof(wire::Reply)) result = judgedAtOnce(raw.code, raw.answer, result);
+    if (result.status == TARNIS_SUCCESS && bytes < readBytes)
+        result = loggedFailure(raw.code, resultOf(ERROR_INVALID_DATA));
     return result;
 }
 
@@ -196,18 +253,20 @@ void CardRequests::logDriverResult(uint32_t code, uint32_t driverResult) noexcep
 
 DWORD CardRequests::collect(PendingRequest& pending, DWORD& bytes) noexcept {
     pending.issued = false;
-    return GetOverlappedResult(m_handle, &pending.overlapped, &bytes, FALSE) ? DWORD{ERROR_SUCCESS} : GetLastError();
+    const std::shared_ptr<OpenedCard> card = pending.card.lock();
+    return GetOverlappedResult(card ? card->file.get() : nullptr, &pending.overlapped, &bytes, FALSE)
+               ? DWORD{ERROR_SUCCESS}
+               : GetLastError();
 }
 
-void CardRequests::end(PendingRequest& pending) noexcept {
-    if (!pending.issued) return;
-    if (pending.isPending()) {
-        const UnderWay underWay(*this);
-        const HANDLE device = m_handle;
-        if (device != INVALID_HANDLE_VALUE) CancelIoEx(device, &pending.overlapped); // else the close has ended it
-    }
-    WaitForSingleObject(pending.event.get(), INFINITE);
+bool CardRequests::end(PendingRequest& pending, DWORD patienceMs) noexcept {
+    if (!pending.issued) return true;
+    if (pending.isPending())
+        if (const std::shared_ptr<OpenedCard> card = pending.card.lock())
+            CancelIoEx(card->file.get(), &pending.overlapped); // else the close has ended it
+    if (WaitForSingleObject(pending.event.get(), patienceMs) != WAIT_OBJECT_0) return false;
     pending.issued = false;
+    return true;
 }
 
 } // namespace kestra

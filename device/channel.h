@@ -38,14 +38,14 @@ struct GrabRun {
     UniqueObject stopEvent{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     UniqueObject startedEvent{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     UniqueObject inputCheck; ///< its own handle of the channel's event
-    PendingRequest lock, unlock;
+    PendingRequest lock;
     UniqueObject thread;
     DWORD threadId = 0;
     std::atomic<bool> told = false;                ///< follows the stop event: asking the system every frame would show
     bool started = false;                          // the life's
     std::vector<std::shared_ptr<GrabRun>> earlier; // the life's
 
-    bool isUsable() const noexcept { return stopEvent && startedEvent && inputCheck && lock.event && unlock.event; }
+    bool isUsable() const noexcept { return stopEvent && startedEvent && inputCheck && lock.event; }
     void tellToLeave() noexcept {
         told = true;
         SetEvent(stopEvent.get());

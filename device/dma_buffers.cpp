@@ -41,6 +41,11 @@ std::shared_ptr<DmaBuffers> DmaBuffers::allocate(uint32_t count, uint32_t sizeBy
 }
 
 DmaBuffers::~DmaBuffers() {
+    if (m_isWritten) {
+        for (auto& chunk : m_chunks)
+            (void)chunk.release(); // the system has not let go of it, and never will
+        return;
+    }
     if (m_base) VirtualFree(m_base, 0, MEM_RELEASE);
 }
 
@@ -55,7 +60,7 @@ bool DmaBuffers::contains(uint64_t address) const noexcept {
 
 void DmaBuffers::unlock(CardRequests& requests) noexcept {
     for (const auto& chunk : m_chunks)
-        requests.end(chunk->lock);
+        if (!requests.end(chunk->lock, CardRequests::kCancelMs)) m_isWritten = true;
 }
 
 uint32_t DmaBuffers::lock(CardRequests& requests, int8_t port) {

@@ -41,6 +41,7 @@ private:
     uint32_t sendTable(CardRequests& requests, int8_t port) const;
     uint32_t refusedLock(CardRequests& requests) const noexcept;
 
+    bool m_isWritten = false; ///< for good: a lock could not be ended
     std::byte* m_base = nullptr;
     uint32_t m_bufferSize = 0, m_bufferCount = 0;
     std::vector<std::unique_ptr<Chunk>> m_chunks;

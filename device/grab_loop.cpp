@@ -120,7 +120,7 @@ bool GrabLoop::knowsBuffer() {
 void GrabLoop::giveBack() {
     wire::UnlockBufferRequest request{{}, m_reply.bufferId};
     wire::Reply reply{};
-    m_requests.ask<wire::UnlockBuffer>(m_channel.m_port, request, reply, INFINITE, m_run.session, &m_run.unlock);
+    m_requests.ask<wire::UnlockBuffer>(m_channel.m_port, request, reply, INFINITE, m_run.session);
 }
 
 /// @return false: told to leave meanwhile

@@ -270,18 +270,6 @@ TEST_F(DeviceApi, DefaultsAreExactAndSurviveTheCardAsMultiplesOf256ths) {
     EXPECT_EQ(log[0].bytes[5 + 50], 0x85);
 }
 
-TEST_F(DeviceApi, StatisticsComeFromTheirPlacesInTheReply) {
-    FrameCounter counter;
-    ASSERT_EQ(start(counter), 0u);
-    ASSERT_TRUE(counter.waitForFrames(3));
-    TarnisGrabStat statistics{};
-    EXPECT_EQ(TARNIS_GetGrabStat(m_grabber, 0, &statistics), 0u);
-    EXPECT_EQ(statistics.frameRate, 60u);
-    EXPECT_GE(statistics.counters[0], 3u) << "frames, at offset 64 of the reply";
-    EXPECT_EQ(statistics.counters[1], 0u) << "dropped, at offset 48";
-    EXPECT_EQ(stop(), 0u);
-}
-
 TEST_F(DeviceApi, OpeningRegistersBothInputEventsAndWatchesTheSession) {
     TARNIS_Done(m_grabber);
     m_grabber = nullptr;

@@ -1,5 +1,6 @@
 // Grabbing through the device library: frames, stops, faults, removal and arrival, and what is left afterwards.
 // KESTRA_LONG=1: many more cycles, with figures.
+#include "protocol/frame_rate.h"
 #include "tests/device/device_test.h"
 #include "tests/support/process_counts.h"
 
@@ -382,19 +383,28 @@ TEST_F(DeviceGrab, SettlingInputIsWaitedFor) {
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
     ASSERT_TRUE(counter.waitForFrames(2));
-    Signal settling = kDefaultSignal;
-    settling.videoMode = 254;
-    m_card.setSignal(settling);
-    m_card.clearLog();
     const auto looks = [&] {
         int count = 0;
         for (const uint32_t code : requestCodes())
             count += code == wire::kVideoStatus;
         return count;
     };
-    EXPECT_TRUE(waitUntil([&] { return looks() >= 4; })) << "looked at again and again";
-    m_card.setSignal(kDefaultSignal);
+    for (const uint32_t mode : {kVideoModeSettlingFirst, kVideoModeSettlingLast}) {
+        SCOPED_TRACE(mode);
+        Signal settling = kDefaultSignal;
+        settling.videoMode = static_cast<uint8_t>(mode);
+        m_card.clearLog();
+        m_card.setSignal(settling);
+        EXPECT_TRUE(waitUntil([&] { return looks() >= 4; })) << "looked at again and again";
+        m_card.setSignal(kDefaultSignal);
+        EXPECT_TRUE(counter.waitForFrames(3));
+    }
+    Signal settled = kDefaultSignal;
+    settled.videoMode = kVideoModeSettlingFirst - 1;
+    m_card.clearLog();
+    m_card.setSignal(settled);
     EXPECT_TRUE(counter.waitForFrames(3));
+    EXPECT_EQ(looks(), 1) << "a mode like any other";
     EXPECT_EQ(stop(), 0u);
 }
 
