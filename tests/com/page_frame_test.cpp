@@ -1,5 +1,5 @@
-// Both pages of the video filter in the system's own property frame, as an application opens it. Wine's frame does not
-// enable its Apply button and calls no page's Apply; the frame of ours, in the other tests, does.
+// Both pages of the video filter in the system's own property frame, as an application opens it. Wine's frame may not
+// enable its Apply button and call no page's Apply; the frame of ours, in the other tests, does.
 #include "tests/com/page_test.h"
 
 #include <olectl.h>
@@ -110,6 +110,32 @@ TEST_F(PageFrame, ShowsBothPagesAndLeavesNothingBehind) {
         press(frame, IDCANCEL);
     });
     EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(PageFrame, ApplySendsWhatWasEditedAndNothingElse) {
+    bool offersApply = false;
+    openFrame([&](HWND frame) {
+        put(pageControl(frame, IDC_RMIN), L"9");
+        offersApply = IsWindowEnabled(GetDlgItem(frame, kApply)) != FALSE;
+        if (!offersApply) return;
+        press(frame, kApply);
+        EXPECT_TRUE(waitUntil([&] { return m_card.state().converter.rMin == 9; }));
+        put(pageControl(frame, IDC_RMIN), L"10"); // and Cancel
+    });
+    std::printf("the system's frame %s\n", offersApply ? "calls Apply" : "does not offer Apply");
+    wire::Converter expected = wire::toWire(wire::kDefaultConverter);
+    if (offersApply) expected.rMin = 9;
+    EXPECT_TRUE(same(m_card.state().converter, expected));
+}
+
+TEST_F(PageFrame, CancelTakesALivePreviewBack) {
+    openFrame([&](HWND frame) {
+        SendMessageW(pageControl(frame, IDC_LIVE), BM_CLICK, 0, 0);
+        put(pageControl(frame, IDC_RMIN), L"9");
+        EXPECT_EQ(m_card.state().converter.rMin, 9);
+        press(frame, IDCANCEL);
+    });
+    EXPECT_TRUE(same(m_card.state().converter, wire::toWire(wire::kDefaultConverter)));
 }
 
 } // namespace kestra::test

@@ -96,6 +96,17 @@ protected:
         return lstrcmpW(kind, L"Static") == 0 ? text : L"";
     }
 
+    /// Goes through a cycle of an open page many times: it leaves no window and no drawing object.
+    template <class Cycle>
+    void expectNothingLeftBy(Cycle cycle) {
+        cycle();
+        const GuiCounts before = guiCounts();
+        for (int i = 0; i < 50; ++i)
+            cycle();
+        EXPECT_LE(guiCounts().gdiObjects, before.gdiObjects);
+        EXPECT_EQ(guiCounts().windows, before.windows);
+    }
+
     TestSink m_sink;
     PageDouble m_double;
     PageHost m_host;
