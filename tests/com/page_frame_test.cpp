@@ -128,6 +128,24 @@ TEST_F(PageFrame, ApplySendsWhatWasEditedAndNothingElse) {
     EXPECT_TRUE(same(m_card.state().converter, expected));
 }
 
+TEST_F(PageFrame, OkAppliesBothPagesOrNone) {
+    openFrame([&](HWND frame) {
+        put(pageControl(frame, IDC_RMIN), L"9");
+        SendMessageW(frame, PSM_SETCURSEL, 1, 0);
+        ASSERT_TRUE(waitUntil([&] { return pageControl(frame, IDC_RED_GAIN) != nullptr; }));
+        put(pageControl(frame, IDC_RED_GAIN), L"2");
+        press(frame, IDOK);
+    });
+    const bool applied = m_card.state().converter.rMin == 9;
+    std::printf("the system's frame %s\n", applied ? "applies on OK" : "applies nothing on OK");
+    wire::Converter expected = wire::toWire(wire::kDefaultConverter);
+    if (applied) {
+        expected.rMin = 9;
+        expected.redGain = 512;
+    }
+    EXPECT_TRUE(same(m_card.state().converter, expected));
+}
+
 TEST_F(PageFrame, CancelTakesALivePreviewBack) {
     openFrame([&](HWND frame) {
         SendMessageW(pageControl(frame, IDC_LIVE), BM_CLICK, 0, 0);
