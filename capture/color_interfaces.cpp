@@ -3,21 +3,12 @@
 #include "capture/frame_analysis.h"
 #include "capture/video_filter.h"
 #include "protocol/converter_matrix.h"
+#include "win32/guarded.h"
 
 #include <cmath>
 
 namespace kestra {
 namespace {
-
-/// Runs `body`; a lock that the system refuses is a failure, not an exception.
-template <class Body>
-HRESULT guarded(Body body) noexcept {
-    try {
-        return body();
-    } catch (...) {
-        return E_UNEXPECTED;
-    }
-}
 
 template <class Field, class Value>
 HRESULT readField(CKestraCapture& filter, Field TarnisConverterParams::*field, Value* value) noexcept {

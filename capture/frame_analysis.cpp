@@ -6,9 +6,8 @@
 #include "imagelib/ipp.h"
 #include "log/log.h"
 #include "protocol/raw_frame.h"
+#include "win32/module.h"
 
-#include <cwchar>
-#include <iterator>
 #include <memory>
 
 namespace kestra {
@@ -45,16 +44,11 @@ private:
 /// The image library's function, for a scope.
 class ImageLibrary {
 public:
-    ImageLibrary() noexcept : m_module(load()) {
-        if (m_module) m_mean = reinterpret_cast<Mean>(reinterpret_cast<void*>(GetProcAddress(m_module, kMean)));
+    ImageLibrary() noexcept : m_module(loadFromOwnFolder(kLibrary)) {
+        if (m_module) m_mean = reinterpret_cast<Mean>(reinterpret_cast<void*>(GetProcAddress(m_module.get(), kMean)));
         if (!m_mean)
             KESTRA_LOG(kUnit, __func__, LOG_ERROR, GetLastError(), L"%ls with %hs cannot be loaded", kLibrary, kMean);
     }
-    ~ImageLibrary() {
-        if (m_module) FreeLibrary(m_module);
-    }
-    ImageLibrary(const ImageLibrary&) = delete;
-    ImageLibrary& operator=(const ImageLibrary&) = delete;
     explicit operator bool() const noexcept { return m_mean != nullptr; }
     IppStatus mean(const uint8_t* image, int stride, IppiSize size, double (&means)[3]) const noexcept {
         return m_mean(image, stride, size, means);
@@ -65,23 +59,7 @@ private:
     static constexpr wchar_t kLibrary[] = L"ippLib.dll";
     static constexpr char kMean[] = "ippiMean_8u_C3R";
 
-    /// From this module's folder: no other folder of the host's may take its place.
-    static HMODULE load() noexcept {
-        HMODULE self = nullptr;
-        wchar_t path[MAX_PATH];
-        if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                               reinterpret_cast<LPCWSTR>(&load), &self)) {
-            const DWORD length = GetModuleFileNameW(self, path, MAX_PATH);
-            wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
-            if (slash && slash + 1 + std::size(kLibrary) <= path + MAX_PATH) {
-                std::wmemcpy(slash + 1, kLibrary, std::size(kLibrary));
-                return LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-            }
-        }
-        return nullptr;
-    }
-
-    const HMODULE m_module;
+    const UniqueLibrary m_module;
     Mean m_mean = nullptr;
 };
 

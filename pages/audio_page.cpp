@@ -2,6 +2,7 @@
 #include "pages/page_parts.h"
 #include "pages/pages.h"
 #include "pages/resource.h"
+#include "win32/com_ref.h"
 
 #include <kestra_interfaces.h>
 
@@ -14,11 +15,11 @@ public:
         : CBasePropertyPage(NAME("Audio format page"), pUnk, IDD_AUDIO, IDS_AUDIO) {}
 
     HRESULT OnConnect(IUnknown* object) override {
-        m_audio = ask<IKestraAudioPropertyPage>(object, IID_IKestraAudioPropertyPage);
+        m_audio = queryFor<IKestraAudioPropertyPage>(object, IID_IKestraAudioPropertyPage);
         return m_audio ? S_OK : E_NOINTERFACE;
     }
     HRESULT OnDisconnect() override {
-        m_audio.reset();
+        m_audio = {};
         m_bDirty = FALSE;
         return S_OK;
     }
@@ -37,7 +38,7 @@ private:
     /// The low byte of the selected index; -1: nothing is selected. Without a dialog, as it was left.
     signed char selected() const { return m_Dlg ? static_cast<signed char>(list(CB_GETCURSEL)) : m_choice; }
 
-    ComOwner<IKestraAudioPropertyPage> m_audio;
+    ComRef<IKestraAudioPropertyPage> m_audio;
     signed char m_index = -1;  ///< last read or applied
     signed char m_choice = -1; ///< outlives the dialog until it is applied
 };

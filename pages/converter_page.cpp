@@ -53,14 +53,12 @@ constexpr Property<IKestraStreamPropCSC> kProperties[] = {
 
 /// Size of the picture that a filter, through its first pin, or a pin can deliver. @return {0, 0}: it does not say
 SIZE pictureSize(IUnknown* object) {
-    ComOwner<IAMStreamConfig> config = ask<IAMStreamConfig>(object, IID_IAMStreamConfig);
-    if (const auto filter = ask<IBaseFilter>(object, IID_IBaseFilter); filter && !config) {
-        IEnumPins* found = nullptr;
-        if (FAILED(filter->EnumPins(&found))) return {};
-        const ComOwner<IEnumPins> pins(found);
-        IPin* pin = nullptr;
-        if (pins->Next(1, &pin, nullptr) != S_OK) return {};
-        config = ask<IAMStreamConfig>(ComOwner<IPin>(pin).get(), IID_IAMStreamConfig);
+    ComRef<IAMStreamConfig> config = queryFor<IAMStreamConfig>(object, IID_IAMStreamConfig);
+    if (const auto filter = queryFor<IBaseFilter>(object, IID_IBaseFilter); filter && !config) {
+        ComRef<IEnumPins> pins;
+        ComRef<IPin> pin;
+        if (FAILED(filter->EnumPins(pins.out())) || pins->Next(1, pin.out(), nullptr) != S_OK) return {};
+        config = queryFor<IAMStreamConfig>(pin.get(), IID_IAMStreamConfig);
     }
     AM_MEDIA_TYPE* type = nullptr;
     VIDEO_STREAM_CONFIG_CAPS caps{};

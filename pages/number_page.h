@@ -5,6 +5,7 @@
 
 #include "pages/number_text.h"
 #include "pages/page_parts.h"
+#include "win32/com_ref.h"
 
 #include <optional>
 #include <span>
@@ -115,12 +116,12 @@ public:
     }
     HRESULT OnConnect(IUnknown* object) override {
         if (m_object) OnDisconnect();
-        m_object = ask<Interface>(object, m_iid);
+        m_object = queryFor<Interface>(object, m_iid);
         return m_object ? S_OK : E_NOINTERFACE;
     }
     HRESULT OnDisconnect() override {
         const HRESULT hr = NumberPage::OnDisconnect();
-        m_object.reset();
+        m_object = {};
         return hr;
     }
 
@@ -133,11 +134,13 @@ protected:
         LONG rgb = 0;
         return m_object && SUCCEEDED(m_object->get_RGBOut(&rgb)) && rgb != 0;
     }
-    HRESULT getProperty(size_t field, double& value) override { return m_properties[field].get(*m_object, value); }
-    void putProperty(size_t field, double value) override { m_properties[field].put(*m_object, value); }
+    HRESULT getProperty(size_t field, double& value) override {
+        return m_properties[field].get(*m_object.get(), value);
+    }
+    void putProperty(size_t field, double value) override { m_properties[field].put(*m_object.get(), value); }
     HRESULT freeze(LONG frozen) override { return m_object->put_FreezeUpdate(frozen); }
 
-    ComOwner<Interface> m_object;
+    ComRef<Interface> m_object;
 
 private:
     const std::span<const Property<Interface>> m_properties;

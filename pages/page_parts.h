@@ -1,4 +1,4 @@
-// What the pages share: owners of what they hold, and their creation. Private to pages/.
+// What the pages share: the owner of a brush, and their creation. Private to pages/.
 #pragma once
 
 #include <streams.h>
@@ -10,21 +10,6 @@
 #include <type_traits>
 
 namespace kestra {
-
-struct ComRelease {
-    void operator()(IUnknown* object) const noexcept { object->Release(); }
-};
-/// Owns one reference.
-template <class Interface>
-using ComOwner = std::unique_ptr<Interface, ComRelease>;
-
-/// Asks an object for an interface. @return null: it has none
-template <class Interface>
-ComOwner<Interface> ask(IUnknown* object, REFIID riid) {
-    void* found = nullptr;
-    if (object) object->QueryInterface(riid, &found);
-    return ComOwner<Interface>(static_cast<Interface*>(found));
-}
 
 struct BrushDelete {
     void operator()(HBRUSH brush) const noexcept { DeleteObject(brush); }
