@@ -1,4 +1,5 @@
 // The device library's functions, one by one: checks, texts, results, and what reaches the card.
+#include "simcard/model/card.h"
 #include "tests/device/device_test.h"
 #include "tests/support/scoped_import_hook.h"
 
@@ -56,13 +57,13 @@ TEST_F(DeviceApi, NullHandleIsRefusedByEveryFunctionBeforeItsOtherArguments) {
         EXPECT_EQ(function.call(nullptr, 7), 1u);
         expectOnly(m_log, function.group, function.name, L"hGrabber is NULL", 4, 1);
     }
-    EXPECT_EQ(TARNIS_Done(nullptr), 1u);
+    EXPECT_EQ(TARNIS_Done(nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, "Initializing functions", "TARNIS_Done", L"hGrabber is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_SnapFrames(nullptr, 0, nullptr, nullptr, 0, nullptr), 1u);
+    EXPECT_EQ(TARNIS_SnapFrames(nullptr, 0, nullptr, nullptr, 0, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_SnapFrames", L"hGrabber is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_GetColorSpaceConverterParams(nullptr, nullptr), 1u);
+    EXPECT_EQ(TARNIS_GetColorSpaceConverterParams(nullptr, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_GetColorSpaceConverterParams", L"hGrabber is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_SetColorSpaceConverterParams(nullptr, nullptr), 1u);
+    EXPECT_EQ(TARNIS_SetColorSpaceConverterParams(nullptr, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_SetColorSpaceConverterParams", L"hGrabber is NULL", 4, 1);
 }
 
@@ -77,19 +78,19 @@ TEST_F(DeviceApi, PortOutsideZeroAndOneIsRefusedByEveryFunction) {
 }
 
 TEST_F(DeviceApi, NullPointersAreNamed) {
-    EXPECT_EQ(TARNIS_GetCameraStatus(m_grabber, 0, nullptr), 1u);
+    EXPECT_EQ(TARNIS_GetCameraStatus(m_grabber, 0, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_GetCameraStatus", L"pCameraStatus is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, nullptr), 1u);
+    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_IsCameraConnected", L"pConnected is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_GetDefaultColorSpaceConverterParams(nullptr), 1u);
+    EXPECT_EQ(TARNIS_GetDefaultColorSpaceConverterParams(nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_GetDefaultColorSpaceConverterParams", L"pCSC is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_GetColorSpaceConverterParams(m_grabber, nullptr), 1u);
+    EXPECT_EQ(TARNIS_GetColorSpaceConverterParams(m_grabber, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_GetColorSpaceConverterParams", L"pCSC is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_SetColorSpaceConverterParams(m_grabber, nullptr), 1u);
+    EXPECT_EQ(TARNIS_SetColorSpaceConverterParams(m_grabber, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_SetColorSpaceConverterParams", L"pCSC is NULL", 4, 1);
-    EXPECT_EQ(TARNIS_GetGrabStat(m_grabber, 0, nullptr), 1u);
+    EXPECT_EQ(TARNIS_GetGrabStat(m_grabber, 0, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, kGrabGroup, "TARNIS_GetGrabStat", L"pGrabStat is NULL", 4, 1);
-    EXPECT_EQ(noexp_TARNIS_Prepare(m_grabber, 0, nullptr), 1u);
+    EXPECT_EQ(noexp_TARNIS_Prepare(m_grabber, 0, nullptr), TARNIS_INVALID_ARGUMENT);
     expectOnly(m_log, "\"Internal Functions\"", "noexp_TARNIS_Prepare", L"pCameraData is NULL", 4, 1);
     EXPECT_TRUE(m_card.log().empty());
 }
@@ -97,12 +98,12 @@ TEST_F(DeviceApi, NullPointersAreNamed) {
 TEST_F(DeviceApi, ChannelWithoutAccessIsRefusedAndOnlyStartLogsIt) {
     TarnisCameraData data{};
     uint32_t size = 0;
-    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), 253u);
-    EXPECT_EQ(noexp_TARNIS_Prepare(m_grabber, 0, &data), 253u);
-    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 1), 253u);
-    EXPECT_EQ(TARNIS_SnapFrames(m_grabber, 1, &data, nullptr, 0, &size), 253u);
+    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), TARNIS_NO_DMA_ACCESS);
+    EXPECT_EQ(noexp_TARNIS_Prepare(m_grabber, 0, &data), TARNIS_NO_DMA_ACCESS);
+    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 1), TARNIS_NO_DMA_ACCESS);
+    EXPECT_EQ(TARNIS_SnapFrames(m_grabber, 1, &data, nullptr, 0, &size), TARNIS_NO_DMA_ACCESS);
     EXPECT_TRUE(m_log.records().empty());
-    EXPECT_EQ(TARNIS_StartGrab(m_grabber, 0, 0, &data, nullptr, 0), 253u);
+    EXPECT_EQ(TARNIS_StartGrab(m_grabber, 0, 0, &data, nullptr, 0), TARNIS_NO_DMA_ACCESS);
     expectOnly(m_log, kGrabGroup, "TARNIS_StartGrab", L"No DMA Access!", 4, 253);
     EXPECT_TRUE(m_card.log().empty());
 }
@@ -124,7 +125,7 @@ TEST_F(DeviceApi, AccessIsCountedAndTheCardHearsOfTheFirstAndTheLast) {
     ASSERT_EQ(log.size(), 4u);
     const uint8_t expected[4][2] = {{0, 1}, {1, 3}, {1, 1}, {0, 0}}; // port, flags >> 8
     for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(log[i].code, 0xCE322060u);
+        EXPECT_EQ(log[i].code, wire::kChannelAccess);
         ASSERT_EQ(log[i].byteCount, 9u);
         EXPECT_EQ(log[i].bytes[0], expected[i][0]) << i;
         EXPECT_EQ(log[i].bytes[5], 0);
@@ -133,14 +134,14 @@ TEST_F(DeviceApi, AccessIsCountedAndTheCardHearsOfTheFirstAndTheLast) {
 }
 
 TEST_F(DeviceApi, AccessRefusedByTheDriverIsRolledBack) {
-    m_card.failNext(wire::kChannelAccess, 0xC0000022);
-    EXPECT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 4u);
+    m_card.failNext(wire::kChannelAccess, kStatusAccessDenied);
+    EXPECT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), TARNIS_ACCESS_DENIED);
     expectOnly(m_log, "IO Control wrapper", "TARNIS_GIS::IOCtl",
                L"DeviceIOCtl(0xCE322060) failed. ErrorCode=5(0x00000005).", 4, 0x494F4641);
-    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), 253u) << "the channel is not claimed";
+    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), TARNIS_NO_DMA_ACCESS) << "the channel is not claimed";
     EXPECT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
-    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), 253u) << "the refused claim was not counted";
+    EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), TARNIS_NO_DMA_ACCESS) << "the refused claim was not counted";
 }
 
 TEST_F(DeviceApi, ErrorsAreMappedAndLogged) {
@@ -148,8 +149,8 @@ TEST_F(DeviceApi, ErrorsAreMappedAndLogged) {
     const struct {
         uint32_t ntStatus, code;
         const wchar_t* message;
-    } cases[] = {{0xC0000022, 4, L"DeviceIOCtl(0xCE322068) failed. ErrorCode=5(0x00000005)."},
-                 {0xC00000BB, 254, L"DeviceIOCtl(0xCE322068) failed. ErrorCode=50(0x00000032)."},
+    } cases[] = {{kStatusAccessDenied, 4, L"DeviceIOCtl(0xCE322068) failed. ErrorCode=5(0x00000005)."},
+                 {kStatusNotSupported, 254, L"DeviceIOCtl(0xCE322068) failed. ErrorCode=50(0x00000032)."},
                  {0xC000000D, 255, L"DeviceIOCtl(0xCE322068) failed. ErrorCode=87(0x00000057)."}};
     for (const auto& c : cases) {
         m_card.failNext(wire::kConnection, c.ntStatus);
@@ -157,11 +158,11 @@ TEST_F(DeviceApi, ErrorsAreMappedAndLogged) {
         expectOnly(m_log, "IO Control wrapper", "TARNIS_GIS::IOCtl", c.message, 4, 0x494F4641);
     }
     m_card.refuseNext(wire::kConnection, 7);
-    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), 255u);
+    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), TARNIS_FAILURE);
     expectOnly(m_log, "IO Control wrapper", "TARNIS_GIS::IOCtl",
                L"DeviceIOCtl(0xCE322068) returned with result=7(0x00000007).", 4, 0x494F4652);
     m_card.addFault({FaultKind::ShortReply, wire::kConnection, 4, 0, 1, {}});
-    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), 255u) << "a short reply is no reply";
+    EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), TARNIS_FAILURE) << "a short reply is no reply";
     EXPECT_EQ(connected, 77) << "left as it was on failure";
     EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 1, &connected), 0u);
     EXPECT_EQ(connected, 1);
@@ -178,7 +179,8 @@ TEST_F(DeviceApi, CameraStatusAsksInOrderAndOnTheEvenPort) {
     EXPECT_EQ(status.videoMode, kDefaultSignal.videoMode);
     EXPECT_EQ(status.signalFlags, 3);
     const auto log = m_card.log();
-    EXPECT_THAT(requestCodes(), ElementsAre(0xCE322058, 0xCE322100, 0xCE3220C4, 0xCE3220C0, 0xCE322100, 0xCE322100));
+    EXPECT_THAT(requestCodes(), ElementsAre(wire::kVideoStatus, wire::kReadRegister, wire::kGrabStatistics,
+                                            wire::kFormatSize, wire::kReadRegister, wire::kReadRegister));
     for (const LogEntry& entry : log)
         EXPECT_EQ(entry.bytes[0], 0);
     EXPECT_EQ(log[1].bytes[5], 0x22);
@@ -230,8 +232,8 @@ TEST_F(DeviceApi, FailedStatusLeavesTheRecordAsItWas) {
     TarnisCameraStatus status;
     std::memset(&status, 0x5A, sizeof status);
     const TarnisCameraStatus before = status;
-    m_card.failNext(wire::kVideoStatus, 0xC0000022);
-    EXPECT_EQ(TARNIS_GetCameraStatus(m_grabber, 0, &status), 4u);
+    m_card.failNext(wire::kVideoStatus, kStatusAccessDenied);
+    EXPECT_EQ(TARNIS_GetCameraStatus(m_grabber, 0, &status), TARNIS_ACCESS_DENIED);
     EXPECT_EQ(std::memcmp(&status, &before, sizeof status), 0);
 }
 
@@ -282,7 +284,8 @@ TEST_F(DeviceApi, OpeningRegistersBothInputEventsAndWatchesTheSession) {
     m_grabber = TARNIS_InitByHandle(detail);
     ASSERT_NE(m_grabber, nullptr);
     const auto log = m_card.log();
-    EXPECT_THAT(requestCodes(), ElementsAre(0xCE322040, 0xCE322044, 0xCE32206C, 0xCE32206C));
+    EXPECT_THAT(requestCodes(), ElementsAre(wire::kOpenSession, wire::kSessionWatch, wire::kRegisterInputEvent,
+                                            wire::kRegisterInputEvent));
     EXPECT_EQ(log[1].status, 0x103u) << "the watch stays pending";
     EXPECT_EQ(log[2].bytes[0], 0);
     EXPECT_EQ(log[3].bytes[0], 1);
@@ -309,10 +312,9 @@ TEST_F(DeviceApi, CardThatRefusesToOpenGivesNoHandle) {
 }
 
 TEST_F(DeviceApi, RequestOfTheOpeningThatTheSystemRefusesLeavesTheCardOpen) {
-    constexpr uint32_t kNtAccessDenied = 0xC0000022;
     for (const uint32_t code :
          {uint32_t(wire::kOpenSession), uint32_t(wire::kSessionWatch), uint32_t(wire::kRegisterInputEvent)}) {
-        m_card.failNext(code, kNtAccessDenied);
+        m_card.failNext(code, kStatusAccessDenied);
         TARNIS_HANDLE handle = openCard();
         EXPECT_NE(handle, nullptr) << std::hex << code << ": only the driver's own result closes the card again";
         if (handle) TARNIS_Done(handle);

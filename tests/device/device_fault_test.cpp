@@ -1,5 +1,6 @@
 // Every fault of a request, for every request that the library makes: the documented result, the documented log line,
 // nothing hangs, and the next call works.
+#include "simcard/model/card.h"
 #include "tests/device/device_test.h"
 
 #include <windows.h>
@@ -93,8 +94,8 @@ struct FaultCase {
 
 /// The faults that end a request, with the library's result for each.
 std::vector<FaultCase> faultsOf(uint32_t code) {
-    return {{"access denied", {FaultKind::NtStatus, code, 0xC0000022, 0, 1, {}}, TARNIS_ACCESS_DENIED},
-            {"not supported", {FaultKind::NtStatus, code, 0xC00000BB, 0, 1, {}}, TARNIS_NOT_SUPPORTED},
+    return {{"access denied", {FaultKind::NtStatus, code, kStatusAccessDenied, 0, 1, {}}, TARNIS_ACCESS_DENIED},
+            {"not supported", {FaultKind::NtStatus, code, kStatusNotSupported, 0, 1, {}}, TARNIS_NOT_SUPPORTED},
             {"invalid parameter", {FaultKind::NtStatus, code, 0xC000000D, 0, 1, {}}, TARNIS_FAILURE},
             {"driver result", {FaultKind::DriverResult, code, 9, 0, 1, {}}, TARNIS_FAILURE},
             {"short reply", {FaultKind::ShortReply, code, 3, 0, 1, {}}, TARNIS_FAILURE},
@@ -135,7 +136,7 @@ TEST_F(DeviceFault, ClaimAndReleaseAnswerWithTheDriversCode) {
         }
         m_card.addFault(f.fault);
         EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), f.result);
-        EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), 253u) << "released all the same";
+        EXPECT_EQ(TARNIS_SetBufferCount(m_grabber, 0, 10), TARNIS_NO_DMA_ACCESS) << "released all the same";
     }
 }
 
@@ -258,7 +259,7 @@ TEST_F(DeviceFault, CardThatNeverAnswersTheOpeningIsOpenAllTheSameInTime) {
     EXPECT_LT(GetTickCount64() - begin, kOpenLimitMs + kDeadlineMs);
     ASSERT_NE(m_grabber, nullptr);
     EXPECT_EQ(m_log.count(L"DeviceIOCtl(0xCE322040) failed. ErrorCode=995(0x000003E3)."), 1);
-    EXPECT_EQ(cameraStatus(m_grabber), 255u) << "it has no session";
+    EXPECT_EQ(cameraStatus(m_grabber), TARNIS_FAILURE) << "it has no session";
     TARNIS_Done(std::exchange(m_grabber, nullptr));
 
     // Without its input events the card is open all the same.

@@ -1,6 +1,7 @@
 // Grabbing through the device library: frames, stops, faults, removal and arrival, and what is left afterwards.
 // KESTRA_LONG=1: many more cycles, with figures.
 #include "protocol/frame_rate.h"
+#include "simcard/model/card.h"
 #include "tests/device/device_test.h"
 #include "tests/support/process_counts.h"
 
@@ -66,8 +67,9 @@ TEST_F(DeviceGrab, FirstStartMakesTheseRequestsAndTheSecondReusesTheBuffers) {
     ASSERT_EQ(start(counter), 0u);
     auto codes = requestCodes();
     codes.resize(11);
-    EXPECT_THAT(codes, ElementsAre(0xCE322060, 0xCE322058, 0xCE322100, 0xCE3220C4, 0xCE3220C0, 0xCE322100, 0xCE322100,
-                                   0xCE322600, 0xCE322606, 0xCE32260E, 0xCE322614));
+    EXPECT_THAT(codes, ElementsAre(wire::kChannelAccess, wire::kVideoStatus, wire::kReadRegister, wire::kGrabStatistics,
+                                   wire::kFormatSize, wire::kReadRegister, wire::kReadRegister, wire::kPrepare,
+                                   wire::kLockChunk, wire::kChunkTable, wire::kStartGrabbing));
     const auto log = m_card.log();
     const std::vector<uint8_t> prepare(log[7].bytes + 5, log[7].bytes + 14);
     EXPECT_THAT(prepare, ElementsAre(1, kDefaultSignal.videoMode, 0, 0, 1, 0, 1, 0, 0));
@@ -79,7 +81,8 @@ TEST_F(DeviceGrab, FirstStartMakesTheseRequestsAndTheSecondReusesTheBuffers) {
     ASSERT_EQ(restart(counter), 0u);
     codes = requestCodes();
     codes.resize(7);
-    EXPECT_THAT(codes, ElementsAre(0xCE322058, 0xCE322100, 0xCE3220C4, 0xCE3220C0, 0xCE322100, 0xCE322100, 0xCE322614));
+    EXPECT_THAT(codes, ElementsAre(wire::kVideoStatus, wire::kReadRegister, wire::kGrabStatistics, wire::kFormatSize,
+                                   wire::kReadRegister, wire::kReadRegister, wire::kStartGrabbing));
     EXPECT_TRUE(counter.waitForFrames(2));
     EXPECT_EQ(stop(), 0u);
 }
@@ -114,7 +117,7 @@ TEST_F(DeviceGrab, AudioChannelSendsItsSampleFormatAndIsPreparedAnewWhenThatChan
 TEST_F(DeviceGrab, OutputParameterIsClearedForAProgressiveInput) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     data.outputParameter = 1;
     ASSERT_EQ(TARNIS_StartGrab(m_grabber, 0, 5, &data, nullptr, 0), 0u);
     EXPECT_EQ(data.outputParameter, 0u);
@@ -131,9 +134,9 @@ TEST_F(DeviceGrab, OutputParameterIsClearedForAProgressiveInput) {
 
 TEST_F(DeviceGrab, FailedPrepareIsReportedTwiceAndStartsNothing) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
-    m_card.failNext(wire::kPrepare, 0xC0000022);
+    m_card.failNext(wire::kPrepare, kStatusAccessDenied);
     FrameCounter counter;
-    EXPECT_EQ(restart(counter), 255u);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     EXPECT_EQ(m_log.count(L"Prepare Failed!"), 1);
     EXPECT_EQ(m_log.count(L"Grab not started!"), 1);
     for (const SeenRecord& record : m_log.records())
@@ -149,7 +152,7 @@ TEST_F(DeviceGrab, RefusedStartIsReportedAndStopped) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     m_card.refuseNext(wire::kStartGrabbing, 9);
     FrameCounter counter;
-    EXPECT_EQ(restart(counter), 255u);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     EXPECT_EQ(m_log.count(L"KESTRACTL_DMA_START_GRABBING failed!"), 1);
     EXPECT_EQ(m_log.count(L"Grab not started!"), 1);
     EXPECT_EQ(requestCodes().back(), uint32_t{wire::kStopGrabbing});
@@ -160,10 +163,10 @@ TEST_F(DeviceGrab, RefusedStartIsReportedAndStopped) {
 TEST_F(DeviceGrab, RefusedChunkOrTableFailsTheStartAndFreesTheBuffers) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     FrameCounter counter;
-    m_card.failNext(wire::kLockChunk, 0xC0000022);
-    EXPECT_EQ(restart(counter), 255u);
+    m_card.failNext(wire::kLockChunk, kStatusAccessDenied);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     m_card.refuseNext(wire::kChunkTable, 4);
-    EXPECT_EQ(restart(counter), 255u);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     EXPECT_EQ(m_card.state().pendingRequests, 1u) << "only the session watch";
     ASSERT_EQ(restart(counter), 0u);
     EXPECT_TRUE(counter.waitForFrames(2));
@@ -180,7 +183,7 @@ TEST_F(DeviceGrab, DmaStatusesReachTheCallbackWithoutAFrame) {
         m_card.dmaStatusNext(0, status);
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     ASSERT_EQ(TARNIS_StartGrab(
                   m_grabber, 0, 0, &data,
                   [](uint64_t context, const TarnisFrameInfo* frame) {
@@ -209,7 +212,7 @@ TEST_F(DeviceGrab, FailedLockRequestsAreLoggedAndTriedAgain) {
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
     ASSERT_TRUE(counter.waitForFrames(1));
-    m_card.failNext(wire::kLockBuffer, 0xC0000022, 2);
+    m_card.failNext(wire::kLockBuffer, kStatusAccessDenied, 2);
     m_card.addFault({FaultKind::ShortReply, wire::kLockBuffer, 20, 3, 1, {}});
     EXPECT_TRUE(counter.waitForFrames(8));
     EXPECT_GE(m_log.count(L"KESTRACTL_DMA_LOCK_BUFFER failed: ErrorCode=5(0x00000005)"), 2);
@@ -240,7 +243,7 @@ TEST_F(DeviceGrab, StopFromInsideTheCallbackEndsTheRunAndDoesNotWaitForItself) {
     } self{m_grabber};
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     ASSERT_EQ(TARNIS_StartGrab(
                   m_grabber, 0, 0, &data,
                   [](uint64_t context, const TarnisFrameInfo*) {
@@ -268,7 +271,7 @@ TEST_F(DeviceGrab, CallbackThatOutlivesItsRunDoesNotDisturbTheNextOne) {
     Gate gate;
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     ASSERT_EQ(TARNIS_StartGrab(m_grabber, 0, 0, &data, Gate::onFrame, gate.context()), 0u);
     ASSERT_EQ(WaitForSingleObject(gate.entered, 5000), WAIT_OBJECT_0);
     const ULONGLONG begin = GetTickCount64();
@@ -292,7 +295,7 @@ TEST_F(DeviceGrab, FrameMemoryStaysValidForACallbackThatOutlivesTheHandle) {
     } late;
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     ASSERT_EQ(TARNIS_StartGrab(
                   m_grabber, 0, 0, &data,
                   [](uint64_t context, const TarnisFrameInfo* frame) {
@@ -423,9 +426,9 @@ TEST_F(DeviceGrab, BufferCountStaysTenWhateverIsAskedFor) {
 TEST_F(DeviceGrab, SnapTakesOneFrameFromPortZeroWhateverPortIsGiven) {
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     uint32_t size = 0;
-    EXPECT_EQ(TARNIS_SnapFrames(m_grabber, 1, &data, nullptr, 0, &size), 1u);
+    EXPECT_EQ(TARNIS_SnapFrames(m_grabber, 1, &data, nullptr, 0, &size), TARNIS_INVALID_ARGUMENT);
     EXPECT_EQ(size, 1920u * 1080 * 2);
     EXPECT_EQ(m_log.count(L"lpBuffer is NULL"), 1);
     std::vector<uint8_t> frame(size);
@@ -448,7 +451,7 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
         ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStopped Leave") == 1; })) << "cycle " << cycle;
         uint8_t connected = 0;
         const ULONGLONG begin = GetTickCount64();
-        EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), 255u);
+        EXPECT_EQ(TARNIS_IsCameraConnected(m_grabber, 0, &connected), TARNIS_FAILURE);
         EXPECT_LT(GetTickCount64() - begin, 100u);
         m_card.plug();
         ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStarted Leave") == 1; })) << "cycle " << cycle;
@@ -534,7 +537,7 @@ TEST_F(DeviceGrab, RemovalDuringAStartFailsItAndNothingHangs) {
         m_card.addFault({FaultKind::Unplug, at, 0, 0, 1, {}});
         FrameCounter counter;
         const ULONGLONG begin = GetTickCount64();
-        EXPECT_EQ(restart(counter), 255u) << std::hex << at;
+        EXPECT_EQ(restart(counter), TARNIS_FAILURE) << std::hex << at;
         EXPECT_LT(GetTickCount64() - begin, 5000u);
         ASSERT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStopped Leave") == 1; }));
         m_card.plug();
@@ -555,7 +558,7 @@ TEST_F(DeviceGrab, TwoCardsGrabAtOnce) {
     FrameCounter here, there;
     ASSERT_EQ(start(here), 0u);
     TarnisCameraData data{};
-    data.outputSelector = 1;
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
     ASSERT_EQ(TARNIS_GetDMAAccess(other, 0), 0u);
     ASSERT_EQ(TARNIS_StartGrab(other, 0, 0, &data, FrameCounter::onFrame, there.context()), 0u);
     EXPECT_TRUE(here.waitForFrames(10));

@@ -118,7 +118,7 @@ TEST_F(DeviceLife, StopWhileTheCardIsGoneIsTheLastThatTheClientHears) {
     ASSERT_EQ(startWith(*first), 0u);
     ASSERT_TRUE(waitUntil([&] { return first->calls > 2; }));
     unplug();
-    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 0), 255u) << "the card cannot be asked";
+    EXPECT_EQ(TARNIS_StopGrab(m_grabber, 0), TARNIS_FAILURE) << "the card cannot be asked";
     const int calls = first->calls;
     m_card.clearLog();
     plug();
@@ -296,8 +296,8 @@ TEST_F(DeviceLife, ClaimWaitsForTheArrivalThatRestoresTheFlags) {
     // The card has the two in the order in which they were decided: the delayed one does not take the claim back.
     TARNIS_HANDLE other = openCard();
     ASSERT_NE(other, nullptr);
-    EXPECT_EQ(TARNIS_GetDMAAccess(other, 0), 4u);
-    EXPECT_EQ(TARNIS_GetDMAAccess(other, 1), 4u);
+    EXPECT_EQ(TARNIS_GetDMAAccess(other, 0), TARNIS_ACCESS_DENIED);
+    EXPECT_EQ(TARNIS_GetDMAAccess(other, 1), TARNIS_ACCESS_DENIED);
     EXPECT_EQ(TARNIS_Done(other), 0u);
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 1), 0u);
@@ -310,7 +310,7 @@ TEST_F(DeviceLife, LastReleaseEndsARunThatNobodyStopped) {
     EXPECT_EQ(TARNIS_ReleaseDMAAccess(m_grabber, 0), 0u);
     const int frames = counter.good;
     unplug();
-    ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 255u);
+    ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), TARNIS_FAILURE);
     plug();
     EXPECT_EQ(counter.good, frames);
 }
@@ -419,7 +419,7 @@ TEST_F(DeviceLife, MissingThreadIsLoggedAndStartsNothing) {
     FrameCounter counter;
     g_threadsBeforeFailure = 0;
     m_card.clearLog();
-    EXPECT_EQ(restart(counter), 255u);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     EXPECT_EQ(m_log.count(L"Grabbing thread not started!"), 1);
     EXPECT_TRUE(m_card.log().empty());
     ASSERT_EQ(restart(counter), 0u);

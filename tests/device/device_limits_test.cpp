@@ -92,19 +92,19 @@ TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
         g_major = major;
         g_minor = minor;
         g_frameSize = largest + 1;
-        EXPECT_EQ(prepare(), 5u);
+        EXPECT_EQ(prepare(), TARNIS_OUT_OF_MEMORY);
         EXPECT_TRUE(g_lockedChunks.empty());
     }
     g_frameSize = 0xFFFFFFFF;
     g_major = 10;
-    EXPECT_EQ(prepare(), 5u) << "all that the word holds";
+    EXPECT_EQ(prepare(), TARNIS_OUT_OF_MEMORY) << "all that the word holds";
     EXPECT_TRUE(g_lockedChunks.empty());
 }
 
 TEST_F(DeviceLimits, StartWithAnOversizedFrameIsRefusedAndTheNextWorks) {
     g_frameSize = kLargestChunk + 1;
     FrameCounter counter;
-    EXPECT_EQ(restart(counter), 255u);
+    EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     int lines = 0;
     for (const SeenRecord& record : m_log.records())
         if (record.message == L"Prepare Failed!") {
@@ -125,7 +125,7 @@ TEST_F(DeviceLimits, FrameOfTheLargestChunkIsLockedAloneAndItsRefusalAnswered) {
     g_major = 5;
     g_minor = 2;
     g_frameSize = kLargestChunkBefore;
-    EXPECT_EQ(prepare(), 255u);
+    EXPECT_EQ(prepare(), TARNIS_FAILURE);
     EXPECT_THAT(g_lockedChunks, testing::ElementsAre(kLargestChunkBefore))
         << "one buffer a chunk, and the first is refused";
 }
@@ -145,7 +145,7 @@ TEST_F(DeviceLimits, BuffersAreSpreadOverChunksOnSystemsWithSmallOnes) {
 
 TEST_F(DeviceLimits, EmptyFrameIsAFailureAndTheNextPrepareWorks) {
     g_frameSize = 0;
-    EXPECT_EQ(prepare(), 255u);
+    EXPECT_EQ(prepare(), TARNIS_FAILURE);
     EXPECT_TRUE(g_lockedChunks.empty());
     g_frameSize = kAsPrepared;
     EXPECT_EQ(prepare(), 0u);
@@ -158,7 +158,7 @@ TEST_F(DeviceLimits, BuffersThatTheSystemDoesNotGiveAreOutOfMemory) {
                                                              return nullptr;
                                                          });
     ASSERT_TRUE(hook.installed());
-    EXPECT_EQ(prepare(), 5u);
+    EXPECT_EQ(prepare(), TARNIS_OUT_OF_MEMORY);
     EXPECT_TRUE(g_lockedChunks.empty());
 }
 
