@@ -2,10 +2,10 @@
 // bytes into buffers of the same allocator, in one run: 1080p, frames and samples cold; five rounds, and their spread.
 // Needs a simulated card for the filter's creation; the frames are this program's.
 #include "bench/decode_frames.h"
-#include "capture/com_ref.h"
 #include "capture/trace.h"
 #include "capture/video_filter.h"
 #include "simcard/ctl/control.h"
+#include "win32/com_ref.h"
 
 #include <emmintrin.h>
 

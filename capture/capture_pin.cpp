@@ -2,6 +2,7 @@
 
 #include "capture/capture_filter.h"
 #include "capture/trace.h"
+#include "win32/registry_key.h"
 
 #include <algorithm>
 #include <new>
@@ -25,19 +26,17 @@ constexpr wchar_t kSettingsKey[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectSh
 
 /// @return 0 if key or value is missing or is no four bytes
 uint32_t readSetting(const wchar_t* name) noexcept {
-    HKEY key = nullptr;
+    UniqueKey key;
     DWORD value = 0, size = sizeof value;
-    if (RegOpenKeyW(HKEY_CURRENT_USER, kSettingsKey, &key) != ERROR_SUCCESS) return 0;
-    const LSTATUS status = RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size);
-    RegCloseKey(key);
+    if (RegOpenKeyW(HKEY_CURRENT_USER, kSettingsKey, key.out()) != ERROR_SUCCESS) return 0;
+    const LSTATUS status = RegQueryValueExW(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size);
     return status == ERROR_SUCCESS && size == sizeof value ? value : 0;
 }
 
 void writeSetting(const wchar_t* name, uint32_t value) noexcept {
-    HKEY key = nullptr;
-    if (RegCreateKeyW(HKEY_CURRENT_USER, kSettingsKey, &key) != ERROR_SUCCESS) return;
-    RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
-    RegCloseKey(key);
+    UniqueKey key;
+    if (RegCreateKeyW(HKEY_CURRENT_USER, kSettingsKey, key.out()) != ERROR_SUCCESS) return;
+    RegSetValueExW(key.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
 }
 
 HRESULT checkProperty(REFGUID set, DWORD id) {
@@ -290,7 +289,8 @@ HRESULT CapturePin::startRun() {
     TARNIS_SetBufferCount(m_hGrabber, m_kind.port, kBuffers);
     uint64_t number = 0;
     try {
-        m_run = makeRun({m_capture, hold(GetOwner()), hold(m_Connected), hold(m_pInputPin), hold(m_pAllocator)},
+        m_run = makeRun({m_capture, ComRef<IUnknown>::share(GetOwner()), ComRef<IPin>::share(m_Connected),
+                         ComRef<IMemInputPin>::share(m_pInputPin), ComRef<IMemAllocator>::share(m_pAllocator)},
                         m_capture.isStarting() ? CaptureRun::State::Starting : CaptureRun::State::Stopped);
         number = CaptureRun::enlist(m_run);
     } catch (const std::bad_alloc&) {
@@ -313,7 +313,7 @@ HRESULT CapturePin::Inactive() {
     // Frees a callback that waits for a buffer. The base's base, as in Active.
     const HRESULT hr = CBaseOutputPin::Inactive(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(texts.failed, hr);
-    hold(m_Connected)->EndOfStream();
+    ComRef<IPin>::share(m_Connected)->EndOfStream();
     takeBack();
     return traced(texts.done, S_OK);
 }

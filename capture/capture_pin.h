@@ -135,8 +135,8 @@ private:
 
     mutable std::mutex m_setFormatMutex;
     std::shared_ptr<const CMediaType> m_setFormat; ///< null: none was set. Under m_setFormatMutex
-    bool m_begun = false;
-    int m_accessClaims = 0; ///< DMA accesses to be released
+    std::atomic<bool> m_begun = false;             ///< changed under the state lock
+    int m_accessClaims = 0;                        ///< DMA accesses to be released
 };
 
 } // namespace kestra

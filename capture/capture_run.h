@@ -2,8 +2,8 @@
 // know a run by a number and bring it frames; a thread that comes late finds its own run, which is over, or none.
 #pragma once
 
-#include "capture/com_ref.h"
 #include "device/tarnis.h"
+#include "win32/com_ref.h"
 
 #include <streams.h>
 
@@ -22,12 +22,6 @@ struct FrameTexts {
         *done;
     bool notDeliveredIsDone; ///< a frame that was not delivered leaves the line `done` too
 };
-
-template <class Interface>
-ComRef<Interface> hold(Interface* object) {
-    if (object) object->AddRef();
-    return ComRef<Interface>(object);
-}
 
 /// Frames per second of an input; 25 without a known rate.
 int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept;

@@ -197,16 +197,17 @@ const TarnisCameraData* CKestraStream::cameraData() const {
 }
 
 void CKestraStream::prepareFor(const IFilterGraph* graph) noexcept {
-    CRITICAL_SECTION& lock = m_pFilter->pStateLock()->m_CritSec;
-    if (!TryEnterCriticalSection(&lock)) return;
-    if (m_pFilter->GetFilterGraph() == graph && IsConnected() && !hasBegun() &&
-        TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) == TARNIS_SUCCESS) {
-        TarnisCameraData camera{};
-        camera.outputSelector = promisedFormat(m_mt).outputSelector;
-        noexp_TARNIS_Prepare(m_hGrabber, m_kind.port, &camera); // a start that finds the same has no more to do
-        TARNIS_ReleaseDMAAccess(m_hGrabber, m_kind.port);
-    }
-    LeaveCriticalSection(&lock);
+    if (m_pFilter->GetFilterGraph() != graph || !IsConnected() || hasBegun()) return;
+    if (TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) != TARNIS_SUCCESS) return;
+    TarnisCameraData camera{};
+    camera.outputSelector = m_promisedSelector;
+    noexp_TARNIS_Prepare(m_hGrabber, m_kind.port, &camera); // a start that finds the same has no more to do
+    TARNIS_ReleaseDMAAccess(m_hGrabber, m_kind.port);
+}
+
+HRESULT CKestraStream::SetMediaType(const CMediaType* pmt) {
+    m_promisedSelector = promisedFormat(*pmt).outputSelector;
+    return CapturePin::SetMediaType(pmt);
 }
 
 HRESULT CKestraStream::begin() {

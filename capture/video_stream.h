@@ -11,9 +11,10 @@ public:
 
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// Gets the card's buffers ready if the pin is connected in that graph and has not begun to start; leaves it alone
-    /// while somebody else is at it. Called by an audio pin under the lock of its own filter: waits for nobody.
+    /// Gets the card's buffers ready if the pin is connected in that graph and has not begun to start. Takes no lock:
+    /// an audio pin calls, under the lock of its own filter.
     void prepareFor(const IFilterGraph* graph) noexcept;
+    HRESULT SetMediaType(const CMediaType* pmt) override;
 
     // For the filter's analysis, under the state lock.
     bool isRgbOut() const;
@@ -30,4 +31,5 @@ protected:
 
 private:
     kestra::ColorInterfaces m_colors;
+    std::atomic<uint32_t> m_promisedSelector = TARNIS_OUTPUT_YUV422_8; ///< of the connection
 };

@@ -2,8 +2,8 @@
 #include "server/registration.h"
 
 #include "capture/audio_filter.h"
-#include "capture/com_ref.h"
 #include "capture/video_filter.h"
+#include "win32/com_ref.h"
 
 #include <streams.h>
 

@@ -1,8 +1,8 @@
 // The built module as COM sees it: loaded by its path, classes made through its factory, nothing registered.
 #pragma once
 
-#include "capture/com_ref.h"
 #include "tests/support/wait_until.h"
+#include "win32/com_ref.h"
 
 #include <gtest/gtest.h>
 

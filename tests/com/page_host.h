@@ -1,7 +1,7 @@
 // A property frame of ours: shows one page of the module, plays the user, and counts what the page reports.
 #pragma once
 
-#include "capture/com_ref.h"
+#include "win32/com_ref.h"
 
 #include <windows.h>
 

@@ -3,8 +3,8 @@
 
 #include <streams.h>
 
-#include "capture/com_ref.h"
 #include "tests/com/test_sink.h"
+#include "win32/com_ref.h"
 
 #include <atomic>
 #include <functional>

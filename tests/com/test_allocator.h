@@ -1,7 +1,7 @@
 // An allocator of ours for a receiving pin: the system's, which fails as a test asks. Any thread.
 #pragma once
 
-#include "capture/com_ref.h"
+#include "win32/com_ref.h"
 
 #include <windows.h>
 

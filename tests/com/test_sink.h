@@ -1,7 +1,7 @@
 // A receiving pin of ours: keeps what it gets, and misbehaves as a test asks.
 #pragma once
 
-#include "capture/com_ref.h"
+#include "win32/com_ref.h"
 
 #include <windows.h>
 
