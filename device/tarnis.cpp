@@ -83,7 +83,13 @@ uint32_t TARNIS_GetDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
 uint32_t TARNIS_ReleaseDMAAccess(TARNIS_HANDLE hGrabber, int8_t port) {
     if (const uint32_t code = check(kGrabUnit, __func__, __LINE__, hGrabber, port)) return code;
     const CallGuard call(*hGrabber);
-    if (const std::optional<uint32_t> code = hGrabber->giveUp(port)) return *code;
+    std::optional<uint32_t> code;
+    const uint32_t failed = guarded([&]() -> uint32_t {
+        code = hGrabber->giveUp(port);
+        return TARNIS_SUCCESS;
+    });
+    if (failed != TARNIS_SUCCESS) return failed;
+    if (code) return *code;
     KESTRA_LOG(kGrabUnit, __func__, LOG_ERROR, TARNIS_SUCCESS, L"Channel %d has not been open", static_cast<int>(port));
     return TARNIS_SUCCESS;
 }

@@ -172,9 +172,15 @@ TEST_F(DeviceFault, OpeningFailsCleanlyOrGoesOnWithoutTheSession) {
     for (const FaultCase& f : faultsOf(wire::kSessionWatch)) {
         if (f.fault.kind != FaultKind::NtStatus) continue;
         SCOPED_TRACE(f.name);
+        m_log.clear();
         m_card.addFault(f.fault);
         TARNIS_HANDLE handle = openCard();
         ASSERT_NE(handle, nullptr) << "the watch is not needed to work";
+        int lines = 0;
+        for (const SeenRecord& record : m_log.records())
+            lines += record.functionName == "TARNIS_GIS::IOCtl" &&
+                     record.message.starts_with(L"DeviceIOCtl(0xCE322044) failed. ErrorCode=");
+        EXPECT_EQ(lines, 1) << "its refusal is logged like any other";
         EXPECT_EQ(cameraStatus(handle), 0u);
         TARNIS_Done(handle);
     }
