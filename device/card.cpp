@@ -75,7 +75,8 @@ bool Card::startSession() {
         if (m_requests.ask<wire::RegisterInputEvent>(port, registration, reply, kOpenMs).driverResult != 0)
             refused = true;
     }
-    return !refused;
+    const RequestResult watch = CardRequests::judgeEnded(wire::kSessionWatch, &m_watchReply, m_sessionWatch);
+    return !refused && watch.driverResult == 0;
 }
 
 void Card::closeDevice() {

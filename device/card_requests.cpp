@@ -228,6 +228,12 @@ RequestResult CardRequests::judged(const Raw& raw, uint32_t readBytes, DWORD pat
     return result;
 }
 
+RequestResult CardRequests::judgeEnded(uint32_t code, const void* answer, PendingRequest& pending) noexcept {
+    if (!pending.issued || pending.isPending()) return {};
+    DWORD bytes = 0;
+    return judgedAtOnce(code, answer, resultOf(collect(pending, bytes)));
+}
+
 RequestResult CardRequests::judgedAtOnce(uint32_t code, const void* answer, RequestResult result) noexcept {
     if (result.win32Error != ERROR_SUCCESS) return loggedFailure(code, result);
     wire::Reply reply{};

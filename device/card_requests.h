@@ -105,6 +105,8 @@ public:
             R::kCode, &answer,
             issueByThread({R::kCode, port, &sent, sizeof sent, &answer, sizeof answer, kAnySession}, pending));
     }
+    /// The outcome of a lasting request that has ended by now: a driver may take it and refuse it a moment later.
+    static RequestResult judgeEnded(uint32_t code, const void* answer, PendingRequest& pending) noexcept;
     /// Without header, and without a look at what comes back: the memory is the caller's. Logs nothing.
     RequestResult askDirect(uint32_t code, void* memory, uint32_t bytes, DWORD patienceMs) noexcept;
     RequestResult issueDirect(uint32_t code, void* memory, uint32_t bytes, PendingRequest& pending) noexcept {
