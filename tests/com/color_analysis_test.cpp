@@ -209,7 +209,7 @@ TEST_F(ColorAnalysis, AnalysisWithoutASignalFailsInTime) {
     m_card.addFault(lost);
     const ULONGLONG begin = GetTickCount64();
     expectNothingMeasured(analyze());
-    EXPECT_LT(GetTickCount64() - begin, 5000u);
+    EXPECT_LT(GetTickCount64() - begin, 10000u) << "a snap is given up after five seconds";
     expectNothingMeasured(analyze()); // none from the start
 }
 
