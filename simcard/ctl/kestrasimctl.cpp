@@ -142,11 +142,12 @@ void printState(const CardState& s, bool json) {
                     s.signal.height, s.signal.interlaced ? "true" : "false", s.signal.rateNumerator,
                     s.signal.rateDenominator, s.signal.audio ? "true" : "false", s.signal.videoMode);
         for (int i = 0; i < 2; ++i)
-            std::printf("%s{\"grabbing\":%s,\"frames\":%u,\"delivered\":%u,\"dropped\":%u,\"failed\":%u,"
+            std::printf("%s{\"grabbing\":%s,\"frames\":%u,\"delivered\":%u,\"dropped\":%u,\"skipped\":%u,"
+                        "\"failed\":%u,"
                         "\"aborted\":%u,\"frameSize\":%u}",
                         i ? "," : "", s.channels[i].grabbing ? "true" : "false", s.channels[i].frames,
-                        s.channels[i].delivered, s.channels[i].dropped, s.channels[i].failed, s.channels[i].aborted,
-                        s.channels[i].frameSizeBytes);
+                        s.channels[i].delivered, s.channels[i].dropped, s.channels[i].skipped, s.channels[i].failed,
+                        s.channels[i].aborted, s.channels[i].frameSizeBytes);
         std::printf("]}\n");
         return;
     }
@@ -160,9 +161,9 @@ void printState(const CardState& s, bool json) {
     else
         std::printf("  no signal\n");
     for (int i = 0; i < 2; ++i)
-        std::printf("  port %d %s: %u frames, %u delivered, %u dropped, %u failed, %u aborted\n", i,
+        std::printf("  port %d %s: %u frames, %u delivered, %u dropped, %u skipped, %u failed, %u aborted\n", i,
                     s.channels[i].grabbing ? "grabbing" : "idle", s.channels[i].frames, s.channels[i].delivered,
-                    s.channels[i].dropped, s.channels[i].failed, s.channels[i].aborted);
+                    s.channels[i].dropped, s.channels[i].skipped, s.channels[i].failed, s.channels[i].aborted);
 }
 
 void printLog(const std::vector<LogEntry>& log, bool json) {

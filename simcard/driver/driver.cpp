@@ -277,7 +277,12 @@ void NTAPI paceFrames(void* context) {
         } else if (pace == Pace::AsTaken ? ready : now >= due) {
             const uint64_t period = 10000000ull * signal.rateDenominator / signal.rateNumerator;
             // After a long stall the clock goes on from now: a card does not catch up on missed frames.
-            due = now > due + 8 * period ? now + period : due + period;
+            if (now > due + 8 * period) {
+                Locked state(x.state);
+                x.card->skip(uint32_t((now - due) / period));
+                due = now;
+            }
+            due += period;
             oneFrame(x);
             continue;
         }

@@ -27,6 +27,7 @@ void Card::reset() noexcept {
     m_converter = wire::toWire(wire::kDefaultConverter);
     setSignal(kDefaultSignal);
     m_frameNumber = 0;
+    std::memset(m_lastCounters, 0, sizeof m_lastCounters);
 }
 
 uint32_t Card::open(uint32_t processId, uint32_t& client) noexcept {
@@ -303,7 +304,10 @@ void Card::readState(CardState& state) const noexcept {
         state.sessions += client.used && client.sessionId != 0;
     }
     for (int port = 0; port < 2; ++port) {
-        if (m_owner[port] == 0) continue;
+        if (m_owner[port] == 0) {
+            state.channels[port] = m_lastCounters[port];
+            continue;
+        }
         const Channel& channel = m_clients[m_owner[port] - 1].channels[port];
         state.channels[port] = channel.counters;
         state.channels[port].grabbing = channel.grabbing;

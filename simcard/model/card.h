@@ -121,6 +121,8 @@ public:
     bool anyReady() const noexcept;
     /// A frame of the signal begins: numbers it. Then beginFrame is called until it returns false.
     void tick() noexcept;
+    /// The clock stood still for so many frames, which are never made: counted, and their numbers are not used.
+    void skip(uint32_t frames) noexcept;
     bool beginFrame(FrameJob& job) noexcept;
     /// @param written false: the client's memory could not be written.
     void endFrame(const FrameJob& job, bool written) noexcept;
@@ -191,6 +193,7 @@ private:
     void startChannel(Channel& channel) noexcept;
     void stopChannel(uint32_t client, uint8_t port, StopBehaviour behaviour) noexcept;
     void endSession(uint32_t client, uint32_t watchStatus) noexcept;
+    void disown(uint32_t client, uint8_t port) noexcept;
     void completeAllOf(uint32_t client, uint32_t status) noexcept;
     void completePending(Pending& pending, uint32_t status, uint32_t replySize) noexcept;
     void completeKind(uint32_t client, PendingKind kind, int port, uint32_t status, uint32_t replySize) noexcept;
@@ -220,7 +223,8 @@ private:
     wire::Converter m_converter;
     uint32_t m_frameNumber, m_lastSession, m_serial;
     uint64_t m_order, m_requests;
-    uint32_t m_owner[2]; ///< client + 1 that holds the channel's DMA access; 0: nobody
+    uint32_t m_owner[2];               ///< client + 1 that holds the channel's DMA access; 0: nobody
+    ChannelCounters m_lastCounters[2]; ///< of the channel's last owner: they outlive it
     Fault m_faults[kMaxFaults];
     Client m_clients[kMaxClients];
     Pending m_pending[kMaxPending];

@@ -55,6 +55,12 @@ void Card::tick() noexcept {
         }
 }
 
+void Card::skip(uint32_t frames) noexcept {
+    for (Client& client : m_clients)
+        for (Channel& channel : client.channels)
+            if (client.used && channel.grabbing && matchesInput(channel)) channel.counters.skipped += frames;
+}
+
 bool Card::beginFrame(FrameJob& job) noexcept {
     if (!m_plugged || !m_signal.present) return false;
     std::memset(static_cast<void*>(&job), 0, sizeof job);

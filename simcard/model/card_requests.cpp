@@ -217,13 +217,19 @@ void Card::endSession(uint32_t index, uint32_t watchStatus) noexcept {
         stopChannel(index, port, StopBehaviour::Abort);
         completeKind(index, PendingKind::LockChunk, port, kStatusCancelled, 0);
         completeKind(index, PendingKind::Snap, port, kStatusCancelled, 0);
-        if (m_owner[port] == index + 1) m_owner[port] = 0;
+        disown(index, port);
         const uint32_t generation = client.channels[port].generation;
         std::memset(static_cast<void*>(&client.channels[port]), 0, sizeof client.channels[port]);
         client.channels[port].generation = generation;
     }
     completeKind(index, PendingKind::Watch, -1, watchStatus, watchStatus == kStatusSuccess ? sizeof(wire::Reply) : 0);
     client.sessionId = 0;
+}
+
+void Card::disown(uint32_t index, uint8_t port) noexcept {
+    if (m_owner[port] != index + 1) return;
+    m_lastCounters[port] = m_clients[index].channels[port].counters;
+    m_owner[port] = 0;
 }
 
 Outcome Card::channelAccess(uint32_t index, const Request& request, const uint8_t* in) noexcept {
@@ -237,7 +243,7 @@ Outcome Card::channelAccess(uint32_t index, const Request& request, const uint8_
             m_owner[port] = index + 1;
         } else if (m_owner[port] == index + 1) {
             stopChannel(index, port, StopBehaviour::Abort);
-            m_owner[port] = 0; // what was prepared and locked stays for the session's next claim
+            disown(index, port); // what was prepared and locked stays for the session's next claim
         }
     }
     return result(request, kResultOk);

@@ -93,6 +93,7 @@ struct ChannelCounters {
     uint32_t frames;    ///< frames of the signal since the last start
     uint32_t delivered; ///< buffers handed to the client since the last start
     uint32_t dropped;   ///< frames without a free buffer since the last start
+    uint32_t skipped;   ///< frames that were never made because the card's own clock stood still
     uint32_t failed;    ///< buffers that the card could not write into the client's memory
     uint32_t aborted;   ///< lock requests ended by a stop
     uint32_t lateUnlocks;

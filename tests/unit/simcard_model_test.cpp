@@ -157,6 +157,27 @@ TEST_F(SimcardModel, ClosingAClientFreesItsChannel) {
     makeReady(0, 2);
 }
 
+TEST_F(SimcardModel, CountersOutliveTheirClientAndTellSkippedFramesFromDroppedOnes) {
+    m_card->skip(1); // nobody grabs yet
+    makeReady(0, 1);
+    FrameJob job = {};
+    for (int i = 0; i < 12; ++i) { // ten buffers and nobody who takes them
+        m_card->tick();
+        if (m_card->beginFrame(job)) m_card->endFrame(job, true);
+    }
+    m_card->skip(3);
+    m_card->close(m_client);
+    CardState state = {};
+    m_card->readState(state);
+    EXPECT_EQ(state.clients, 0u);
+    EXPECT_EQ(state.channels[0].frames, 12u);
+    EXPECT_EQ(state.channels[0].dropped, 2u);
+    EXPECT_EQ(state.channels[0].skipped, 3u);
+    m_card->reset();
+    m_card->readState(state);
+    EXPECT_EQ(state.channels[0].frames, 0u);
+}
+
 TEST_F(SimcardModel, SignalChangesSignalTheRegisteredEventAndShowInTheRegisters) {
     openSession();
     wire::Reply reply = {};
