@@ -1,8 +1,8 @@
 # clang for the same target, with GCC's C++ library, for a second opinion on the code: it compiles only.
 # The link steps are made empty once the platform's own rules are loaded (KESTRA_COMPILE_ONLY).
 include(${CMAKE_CURRENT_LIST_DIR}/toolchain-mingw-common.cmake)
-set(CMAKE_C_COMPILER clang-14)
-set(CMAKE_CXX_COMPILER clang++-14)
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_CXX_COMPILER clang++)
 set(CMAKE_C_COMPILER_TARGET ${KESTRA_MINGW})
 set(CMAKE_CXX_COMPILER_TARGET ${KESTRA_MINGW})
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)

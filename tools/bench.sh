@@ -56,7 +56,8 @@ verb_bench() {
     for name in "${names[@]}"; do
         declare -F "bench_$name" > /dev/null || die "there is no benchmark '$name'"
     done
-    setup
+    with_tests=ON
+    setup build test bench
     for name in "${names[@]}"; do
         "bench_$name"
     done

@@ -10,7 +10,7 @@ card_install() {
 
 # ./kestra card ARGUMENTS: one command of kestrasimctl on a freshly plugged-in card.
 verb_card() {
-    setup
+    setup build
     build_preset windows kestrasim kestrasimctl
     session_start
     card_install 1
@@ -20,6 +20,7 @@ verb_card() {
 # A shell in which a card is plugged in, and `card` and `probe` are commands.
 verb_shell() {
     verb_build
+    build_preset windows kestraprobe
     session_start
     card_install 1
     local commands=$root/build/commands

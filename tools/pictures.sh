@@ -11,7 +11,8 @@ pictures_take() {
 }
 
 verb_pictures() {
-    setup
+    with_tests=ON
+    setup build test
     build_preset windows page_pictures kestrasimctl kestrasim
     session_start
     "$root/tests/support/simulated-card" install "$windows_build/simcard/kestrasimctl.exe" \

@@ -4,14 +4,19 @@
 video_formats=(yuyv422 bgr24 uyvy422 bgr0)
 windows_ffmpeg=$root/build/ffmpeg/node_modules/@ffmpeg-installer/win32-x64/ffmpeg.exe
 
-# Fetches FFmpeg for Windows once, as an npm package.
+# install_npm_package FOLDER PACKAGE@VERSION: into build/FOLDER.
+install_npm_package() {
+    mark "fetching $2"
+    mkdir -p "$root/build/$1"
+    quietly "build/$1/install.log" npm install --prefix "$root/build/$1" --no-save --no-audit --no-fund --force \
+        --loglevel error "$2"
+}
+
+# Fetches FFmpeg for Windows once.
 install_windows_ffmpeg() {
     [ ! -f "$windows_ffmpeg" ] || return 0
     say "fetching FFmpeg for Windows"
-    mkdir -p "$root/build/ffmpeg"
-    npm install --prefix "$root/build/ffmpeg" --no-save --no-audit --no-fund --force --loglevel error \
-        @ffmpeg-installer/win32-x64@4.1.0 > "$root/build/ffmpeg/install.log" 2>&1 ||
-        die "FFmpeg for Windows could not be fetched; see build/ffmpeg/install.log"
+    install_npm_package ffmpeg @ffmpeg-installer/win32-x64@4.1.0
 }
 
 run_windows() {
@@ -40,12 +45,12 @@ record_video() {
         -t "$2" -c copy -f mkvtimestamp_v2 "Z:$3"
 }
 
-# check_video FORMAT SCAN RATE < raw frames: compares each frame with the simulated card's picture. SCAN: p or i; RATE: whole
-# frames per second, rounded up. Fails with 3 if the only fault is that frames were dropped.
+# check_video FORMAT WIDTH HEIGHT SCAN RATE < raw frames: compares each frame with the simulated card's picture. SCAN: p or i;
+# RATE: whole frames per second, rounded up. Fails with 3 if the only fault is that frames were dropped.
 check_video() {
     local interlaced=0
-    [ "$2" = p ] || interlaced=1
-    "$root/build/native/tests/e2e/check_recording" "$1" 1920 1080 "$interlaced" "$3"
+    [ "$4" = p ] || interlaced=1
+    "$root/build/native/tests/e2e/check_recording" "$1" "$2" "$3" "$interlaced" "$5"
 }
 
 # frame_rate TIMES: the mean rate in Hz by the time stamps in milliseconds, without the first quarter: a graph that starts
@@ -66,11 +71,11 @@ record_both() {
         -t "$2" -map 0:v -c copy -f mkvtimestamp_v2 "Z:$4.picture" -t "$2" -map 0:a -c copy -f mkvtimestamp_v2 "Z:$4.sound"
 }
 
-# check_synchrony FORMAT SCAN RATE SOUND TIMES < raw frames: compares each frame and each sample with what the simulated
-# card sent, and measures the sound's offset by flash and beep, which may be one frame of 29.97 Hz. SCAN, RATE and results
-# as with check_video.
+# check_synchrony FORMAT WIDTH HEIGHT SCAN RATE SOUND TIMES < raw frames: compares each frame and each sample with what the
+# simulated card sent, and measures the sound's offset by flash and beep, which may be one frame of 29.97 Hz. SCAN, RATE and
+# results as with check_video.
 check_synchrony() {
     local interlaced=0
-    [ "$2" = p ] || interlaced=1
-    "$root/build/native/tests/e2e/check_synchrony" "$1" 1920 1080 "$interlaced" "$3" 34 "$4" "$5.picture" "$5.sound"
+    [ "$4" = p ] || interlaced=1
+    "$root/build/native/tests/e2e/check_synchrony" "$1" "$2" "$3" "$interlaced" "$5" 34 "$6" "$7.picture" "$7.sound"
 }

@@ -37,7 +37,7 @@ session_start_wine() {
         rm -f "$WINEPREFIX/complete"
     fi
     if [ ! -f "$WINEPREFIX/complete" ]; then
-        say "making a Wine prefix in build/windows/wineprefix (once, about 15 s)"
+        step "making a Wine prefix in build/windows/wineprefix (once, about 15 s)"
         rm -rf "$WINEPREFIX"
         mkdir -p "$WINEPREFIX"
         wineserver -p
