@@ -56,6 +56,7 @@ session_start_wine() {
 }
 
 session_start() {
+    [ -z "$session_display_pid" ] || return 0 # for this run, once
     trap session_end EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
