@@ -1,5 +1,5 @@
-// Owns one reference to a COM object for the time of a function. Not win32/com_ref.h: this layer includes nothing of the
-// rest, so that the platform's own copy can take its place. What a class of this layer keeps is a plain pointer,
+// Owns one reference to a COM object for the time of a function. Not win32/com_ref.h: this layer includes nothing of
+// the rest, so that the platform's own copy can take its place. What a class of this layer keeps is a plain pointer,
 // because its public name and type are.
 #pragma once
 

@@ -87,12 +87,8 @@ private:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {                                       \
         return GetOwner()->QueryInterface(riid, ppv);                                                                  \
     }                                                                                                                  \
-    ULONG STDMETHODCALLTYPE AddRef() override {                                                                        \
-        return GetOwner()->AddRef();                                                                                   \
-    }                                                                                                                  \
-    ULONG STDMETHODCALLTYPE Release() override {                                                                       \
-        return GetOwner()->Release();                                                                                  \
-    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return GetOwner()->AddRef(); }                                         \
+    ULONG STDMETHODCALLTYPE Release() override { return GetOwner()->Release(); }
 
 /// Answers a QueryInterface with `pUnk`, counted. @return S_OK, or E_POINTER for a null ppv.
 HRESULT GetInterface(LPUNKNOWN pUnk, void** ppv);

@@ -34,9 +34,7 @@ public:
     STDMETHODIMP get_##name(std::add_pointer_t<Type> value) override {                                                 \
         return read(&TarnisConverterParams::name, value);                                                              \
     }                                                                                                                  \
-    STDMETHODIMP put_##name(Type value) override {                                                                     \
-        return write(&TarnisConverterParams::name, value);                                                             \
-    }
+    STDMETHODIMP put_##name(Type value) override { return write(&TarnisConverterParams::name, value); }
     KESTRA_PROPERTY(YOff, LONG)
     KESTRA_PROPERTY(CrOff, LONG)
     KESTRA_PROPERTY(CbOff, LONG)

@@ -1,6 +1,6 @@
 // The frame decoder: one raw frame of the card becomes one 24-bit RGB image. Portable, C linkage, never throws.
-// The filters decode RGB24 and, for white balance, 8-bit frames; 10-bit frames come only from programs that have the card
-// make them (outputSelector 0).
+// The filters decode RGB24 and, for white balance, 8-bit frames; 10-bit frames come only from programs that have the
+// card make them (outputSelector 0).
 #pragma once
 
 #include "protocol/records.h"

@@ -16,9 +16,8 @@ namespace {
 using namespace kestra::simcard;
 
 template <class Request, class Answer>
-concept IsAnsweredBy = requires(CardRequests& card, typename Request::Sent sent, Answer answer) {
-    card.ask<Request>(0, sent, answer);
-};
+concept IsAnsweredBy =
+    requires(CardRequests& card, typename Request::Sent sent, Answer answer) { card.ask<Request>(0, sent, answer); };
 static_assert(IsAnsweredBy<wire::Prepare, wire::PrepareReply> && !IsAnsweredBy<wire::Prepare, wire::FormatSizeReply>);
 static_assert(!IsAnsweredBy<wire::FormatSize, wire::VideoStatusReply>);
 

@@ -21,9 +21,7 @@ HINSTANCE g_hInst;
 #define MEMBER(type, name)
 #define VARIABLE(type, name, bounds)
 #define FUNCTION(result, name, parameters)                                                                             \
-    result name parameters {                                                                                           \
-        return documentedNothing<result>();                                                                            \
-    }
+    result name parameters { return documentedNothing<result>(); }
 #include "documented.inc"
 
 STDAPI DllGetClassObject(REFCLSID, REFIID, void**) {

@@ -25,15 +25,9 @@ typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
         if ((pointer) == NULL) return (result);                                                                        \
     }
 #define DECLARE_IUNKNOWN                                                                                               \
-    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {                                                    \
-        return GetOwner()->QueryInterface(riid, ppv);                                                                  \
-    }                                                                                                                  \
-    STDMETHODIMP_(ULONG) AddRef() override {                                                                           \
-        return GetOwner()->AddRef();                                                                                   \
-    }                                                                                                                  \
-    STDMETHODIMP_(ULONG) Release() override {                                                                          \
-        return GetOwner()->Release();                                                                                  \
-    }
+    STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return GetOwner()->QueryInterface(riid, ppv); }    \
+    STDMETHODIMP_(ULONG) AddRef() override { return GetOwner()->AddRef(); }                                            \
+    STDMETHODIMP_(ULONG) Release() override { return GetOwner()->Release(); }
 
 template <class T>
 T documentedNothing() {
@@ -67,17 +61,11 @@ T documentedNothing() {
 #define DESTRUCTOR(name)                                                                                               \
     virtual ~name() {}
 #define METHOD(result, name, parameters)                                                                               \
-    result name parameters {                                                                                           \
-        return documentedNothing<result>();                                                                            \
-    }
+    result name parameters { return documentedNothing<result>(); }
 #define CONST_METHOD(result, name, parameters)                                                                         \
-    result name parameters const {                                                                                     \
-        return documentedNothing<result>();                                                                            \
-    }
+    result name parameters const { return documentedNothing<result>(); }
 #define OPERATOR(result, name, parameters, qualifier)                                                                  \
-    result name parameters qualifier {                                                                                 \
-        return documentedNothing<result>();                                                                            \
-    }
+    result name parameters qualifier { return documentedNothing<result>(); }
 #define STATIC(result, name, parameters) static METHOD(result, name, parameters)
 #define VIRTUAL(result, name, parameters) virtual METHOD(result, name, parameters)
 #define ABSTRACT(result, name, parameters) virtual result name parameters = 0;
