@@ -611,7 +611,10 @@ public:
     TaskMemory()
         : m_alloc("ole32.dll", "CoTaskMemAlloc",
                   [](SIZE_T bytes) -> LPVOID {
-                      if (s_remaining == 0) return nullptr;
+                      if (s_remaining == 0) {
+                          if (s_once) s_remaining = -1;
+                          return nullptr;
+                      }
                       if (s_remaining > 0) --s_remaining;
                       ++s_blocks;
                       return s_memory->m_alloc.original()(bytes);
@@ -624,12 +627,20 @@ public:
         s_remaining = -1;
         EXPECT_TRUE(m_alloc.installed() && m_free.installed());
     }
-    void allow(int allocations) { s_remaining = allocations; } ///< -1: all
+    void allow(int allocations) { // -1: all
+        s_remaining = allocations;
+        s_once = false;
+    }
+    void failNext() {
+        s_remaining = 0;
+        s_once = true;
+    }
     long blocks() const { return s_blocks; }
 
 private:
     static inline TaskMemory* s_memory;
     static inline int s_remaining;
+    static inline bool s_once;
     static inline long s_blocks;
     ScopedImportHook<decltype(&CoTaskMemAlloc)> m_alloc;
     ScopedImportHook<decltype(&CoTaskMemFree)> m_free;
@@ -697,7 +708,7 @@ TEST_F(VideoCallback, MissingMemoryIsNamedAndChangesNothing) {
     expectUnchanged();
 
     m_trace.clear();
-    memory.allow(0);
+    memory.failNext(); // the copy of the wanted type, and nothing else
     EXPECT_EQ(m_pin->Connect(&m_sink, got), E_OUTOFMEMORY) << "and not with any type";
     EXPECT_EQ(lines(L"CKestraStream->Connect->FAILED(hr)"), 1);
     memory.allow(-1);
