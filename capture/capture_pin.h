@@ -120,6 +120,8 @@ protected:
     HRESULT startRun();
     /// Undoes every start since the last time. Whoever calls holds a reference of his own.
     virtual void takeBack();
+    /// Whether the channel is claimed for a run. Any thread.
+    bool holdsAccess() const { return m_accessClaims > 0; }
     /// The type at a position. @param set  the only one that is offered; null: all are
     HRESULT offer(int position, CMediaType* pmt, const CMediaType* set);
 
@@ -135,8 +137,8 @@ private:
 
     mutable std::mutex m_setFormatMutex;
     std::shared_ptr<const CMediaType> m_setFormat; ///< null: none was set. Under m_setFormatMutex
-    std::atomic<bool> m_begun = false;             ///< changed under the state lock
-    int m_accessClaims = 0;                        ///< DMA accesses to be released
+    bool m_begun = false;
+    std::atomic<int> m_accessClaims = 0; ///< DMA accesses to be released; changed under the state lock
 };
 
 } // namespace kestra

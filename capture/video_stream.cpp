@@ -197,7 +197,7 @@ const TarnisCameraData* CKestraStream::cameraData() const {
 }
 
 void CKestraStream::prepareFor(const IFilterGraph* graph) noexcept {
-    if (m_pFilter->GetFilterGraph() != graph || !IsConnected() || hasBegun()) return;
+    if (m_pFilter->GetFilterGraph() != graph || !IsConnected() || holdsAccess()) return;
     if (TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) != TARNIS_SUCCESS) return;
     TarnisCameraData camera{};
     camera.outputSelector = m_promisedSelector;

@@ -11,8 +11,9 @@ public:
 
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// Gets the card's buffers ready if the pin is connected in that graph and has not begun to start. Takes no lock:
-    /// an audio pin calls, under the lock of its own filter.
+    /// Gets the card's buffers ready if the pin is connected in that graph and has not claimed its channel: its own
+    /// start may have begun, whose first step is to start the sound. Takes no lock: an audio pin calls, under the lock
+    /// of its own filter.
     void prepareFor(const IFilterGraph* graph) noexcept;
     HRESULT SetMediaType(const CMediaType* pmt) override;
 
