@@ -22,11 +22,6 @@ demo_set_signal() {
     simcard signal "${width}x$height" "$rate/1" > /dev/null
 }
 
-# Frames that the card dropped in the last recording because no buffer was free.
-demo_card_dropped() {
-    simcard status | tr -d '\r' | sed -nE 's/^ *port 0 .* ([0-9]+) dropped.*/\1/p'
-}
-
 # demo_judge STATUS TIMES: of a check of a recording. Fails if the machine was too slow: frames were dropped by the card for
 # want of a buffer or by FFmpeg for want of time, or the card itself fell behind its clock. Ends the demo if a frame was lost
 # in any other way, or is not what the card sent.
@@ -34,7 +29,7 @@ demo_judge() {
     case $1 in
         0) awk -v measured="$(frame_rate "$2")" -v wanted="$rate" 'BEGIN { exit !(measured >= 0.98 * wanted) }' || return 1 ;;
         3)
-            [ "$(demo_card_dropped)" -gt 0 ] || grep -q 'too full or near too full' "$demo_build/messages.log" ||
+            [ "$(card_dropped)" -gt 0 ] || grep -q 'too full or near too full' "$demo_build/messages.log" ||
                 die "frames were lost although the card dropped none; see build/demo"
             return 1
             ;;

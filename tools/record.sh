@@ -53,6 +53,11 @@ check_video() {
     "$root/build/native/tests/e2e/check_recording" "$1" "$2" "$3" "$interlaced" "$5"
 }
 
+# Frames that the card dropped in the last recording because no buffer was free: this machine was too slow.
+card_dropped() {
+    simcard status | tr -d '\r' | sed -nE '/^ *port 0 /{s/.* ([0-9]+) dropped.*/\1/p;q}'
+}
+
 # frame_rate TIMES: the mean rate in Hz by the time stamps in milliseconds, without the first quarter: a graph that starts
 # has its first frames late.
 frame_rate() {
