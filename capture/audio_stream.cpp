@@ -174,7 +174,7 @@ STDMETHODIMP CKestraAudioStream::put_BitDepth(unsigned char index) {
     if (wasActive) control->Stop();
     CMediaType type;
     hr = offer(index, &type, nullptr);
-    if (SUCCEEDED(hr)) hr = SetFormat(&type); // an empty type, of an index that there is not, is refused there
+    if (SUCCEEDED(hr)) hr = SetFormat(&type); // an out-of-range index has an empty type, which is refused there
     if (FAILED(hr)) return traced(L"CKestraAudioStream->put_BitDepth->SetFormat", hr);
     if (wasActive) control->Run(); // also when it had been paused
     return traced(L"CKestraAudioStream->put_BitDepth->S_OK", S_OK);
