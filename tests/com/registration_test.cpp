@@ -366,19 +366,5 @@ TEST_F(Registration, ModuleExportsItsFiveEntryPointsAndNoMore) {
     EXPECT_EQ(exports->NumberOfFunctions, 5u);
 }
 
-TEST_F(Registration, FileTellsItsVersion) {
-    const DWORD size = GetFileVersionInfoSizeW(KESTRA_MODULE, nullptr);
-    ASSERT_GT(size, 0u);
-    std::vector<BYTE> info(size);
-    ASSERT_TRUE(GetFileVersionInfoW(KESTRA_MODULE, 0, size, info.data()));
-    void* text = nullptr;
-    UINT length = 0;
-    ASSERT_TRUE(VerQueryValueW(info.data(), L"\\StringFileInfo\\040904B0\\FileDescription", &text, &length));
-    EXPECT_STREQ(static_cast<const wchar_t*>(text), L"Kestra DirectShow capture driver");
-    VS_FIXEDFILEINFO* fixed = nullptr;
-    ASSERT_TRUE(VerQueryValueW(info.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
-    EXPECT_NE(fixed->dwFileVersionMS, 0u);
-}
-
 } // namespace
 } // namespace kestra::test
