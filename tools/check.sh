@@ -30,7 +30,7 @@ check_tidy() {
     step "$(clang-tidy --version | grep -m 1 -i version)"
     local files
     mapfile -t files < <(cd "$root" && git ls-files '*.cpp' |
-        grep -E '^(log|device|decode|capture|pages|server|baseclasses|imagelib|simcard)/' |
+        grep -E '^(log|ctl|device|decode|capture|pages|server|baseclasses|imagelib|simcard)/' |
         while read -r file; do grep -qF "\"file\": \"$root/$file\"" build/windows-clang/compile_commands.json && echo "$file"; done)
     [ "${#files[@]}" -gt 0 ] || return 0
     (cd "$root" && printf '%s\0' "${files[@]}" |

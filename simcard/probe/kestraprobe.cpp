@@ -22,27 +22,6 @@ using namespace kestra::simcard;
 
 namespace {
 
-constexpr GUID kInterfaceClass = asGuid<GUID>(kCardInterface);
-
-std::vector<std::wstring> listCards() {
-    std::vector<std::wstring> paths;
-    const DeviceSet set(
-        SetupDiGetClassDevsW(&kInterfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
-    if (!set) return paths;
-    SP_DEVICE_INTERFACE_DATA data = {};
-    data.cbSize = sizeof data;
-    for (DWORD i = 0; SetupDiEnumDeviceInterfaces(set.get(), nullptr, &kInterfaceClass, i, &data); ++i) {
-        DWORD bytes = 0;
-        SetupDiGetDeviceInterfaceDetailW(set.get(), &data, nullptr, 0, &bytes, nullptr);
-        std::vector<uint8_t> memory(bytes);
-        auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(memory.data());
-        detail->cbSize = sizeof *detail;
-        if (SetupDiGetDeviceInterfaceDetailW(set.get(), &data, detail, bytes, nullptr, nullptr))
-            paths.emplace_back(detail->DevicePath);
-    }
-    return paths;
-}
-
 /// What the requests said of the input.
 struct Input {
     bool present = false, interlaced = false, audio = false;
@@ -262,7 +241,7 @@ int main(int argc, char** argv) {
         return word == "--help" ? 0 : 2;
     }
     std::setvbuf(stdout, nullptr, _IONBF, 0);
-    const std::vector<std::wstring> cards = listCards();
+    const std::vector<std::wstring> cards = interfacePaths(asGuid<GUID>(kCardInterface));
     std::printf("%zu Kestra card%s\n", cards.size(), cards.size() == 1 ? "" : "s");
     bool good = !cards.empty();
     for (size_t i = 0; i < cards.size(); ++i) {

@@ -1,0 +1,99 @@
+// Anonymous pipes, one reading thread each.
+#include "tests/support/child_program.h"
+
+#include <array>
+#include <mutex>
+#include <utility>
+
+namespace kestra::test {
+
+struct ChildProgram::Reader {
+    UniqueObject pipe;
+    std::mutex mutex;
+    std::string text;
+    std::function<bool(const char*, size_t)> take;
+    std::thread thread;
+
+    void loop() {
+        std::array<char, 65536> buffer;
+        for (DWORD bytes = 0;
+             ReadFile(pipe.get(), buffer.data(), DWORD(buffer.size()), &bytes, nullptr) && bytes != 0;) {
+            if (take) {
+                if (take(buffer.data(), bytes)) continue;
+                break;
+            }
+            const std::lock_guard lock(mutex);
+            text.append(buffer.data(), bytes);
+        }
+        pipe = UniqueObject();
+    }
+};
+
+namespace {
+
+std::pair<UniqueObject, UniqueObject> makePipe(DWORD bytes) {
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    UniqueObject read, write;
+    CreatePipe(read.out(), write.out(), &inherit, bytes);
+    SetHandleInformation(read.get(), HANDLE_FLAG_INHERIT, 0);
+    return {std::move(read), std::move(write)};
+}
+
+} // namespace
+
+ChildProgram::ChildProgram(std::string command, std::function<bool(const char*, size_t)> onOutput)
+    : m_output(std::make_shared<Reader>()), m_error(std::make_shared<Reader>()) {
+    auto [outRead, outWrite] = makePipe(1 << 20);
+    auto [errorRead, errorWrite] = makePipe(1 << 16);
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = outWrite.get();
+    startup.hStdError = errorWrite.get();
+    PROCESS_INFORMATION child = {};
+    if (CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr, nullptr,
+                       &startup, &child)) {
+        m_process = UniqueObject(child.hProcess);
+        m_processId = child.dwProcessId;
+        CloseHandle(child.hThread);
+    }
+    outWrite = UniqueObject();
+    errorWrite = UniqueObject();
+    m_output->take = std::move(onOutput);
+    m_output->pipe = std::move(outRead);
+    m_error->pipe = std::move(errorRead);
+    for (Reader* reader : {m_output.get(), m_error.get()})
+        reader->thread = std::thread([reader] { reader->loop(); });
+}
+
+ChildProgram::~ChildProgram() {
+    if (m_process && isRunning()) TerminateProcess(m_process.get(), ~0u);
+    for (Reader* reader : {m_output.get(), m_error.get()})
+        if (reader->thread.joinable()) reader->thread.join();
+}
+
+bool ChildProgram::interrupt() noexcept {
+    return GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_processId) != 0;
+}
+
+ProgramResult ChildProgram::finish(DWORD deadlineMs) {
+    ProgramResult result;
+    if (m_process) {
+        if (WaitForSingleObject(m_process.get(), deadlineMs) == WAIT_OBJECT_0)
+            GetExitCodeProcess(m_process.get(), &result.exitCode);
+        else
+            TerminateProcess(m_process.get(), ~0u);
+    }
+    for (Reader* reader : {m_output.get(), m_error.get()})
+        if (reader->thread.joinable()) reader->thread.join();
+    result.output = std::move(m_output->text);
+    result.error = std::move(m_error->text);
+    return result;
+}
+
+bool ChildProgram::saysError(const std::string& text) {
+    const std::lock_guard lock(m_error->mutex);
+    return m_error->text.find(text) != std::string::npos;
+}
+
+} // namespace kestra::test
