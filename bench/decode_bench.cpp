@@ -1,6 +1,7 @@
 // The decoder beside libyuv, libavcodec + libyuv and libswscale, and beside memcpy of as many bytes as are read and
 // written, in one run. Prints milliseconds per frame and the ratios; see docs/decoder.md for how to read them.
 #include "bench/decode_frames.h"
+#include "bench/report.h"
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
 #include "decode/parallel.h"
@@ -21,7 +22,6 @@ extern "C" {
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -47,10 +47,9 @@ struct Case {
     uint32_t selector;
     Size size;
     bool cold;
-    int threads;
     std::string key() const {
         return std::string(kLayouts[selector]) + (size.width == kHd.width ? " 1080p" : " 2160p") +
-               (cold ? " cold " : " hot ") + std::to_string(threads) + "T";
+               (cold ? " cold" : " hot");
     }
 };
 
@@ -168,19 +167,20 @@ void decodeAndRead(FrameSet& frames) {
     benchmark::DoNotOptimize(sum);
 }
 
-/// Keeps each benchmark's median: of the thread's processor time where there is but one, so that whoever else uses the
-/// machine meanwhile does not count; else of the time on the wall.
+/// Keeps each benchmark's medians. The processor time is what is compared: whoever else uses the machine does not
+/// count.
 class Medians : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context&) override { return true; }
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs)
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                ms[run.run_name.function_name] = // the name as it was registered
-                    run.run_name.function_name.find(" 1T|") != std::string::npos ? run.GetAdjustedCPUTime()
-                                                                                 : run.GetAdjustedRealTime();
+                times[run.run_name.function_name] = {run.GetAdjustedCPUTime(), run.GetAdjustedRealTime()};
     }
-    std::map<std::string, double> ms;
+    struct Times {
+        double processor, wall; ///< milliseconds
+    };
+    std::map<std::string, Times> times; ///< by the name as it was registered
 };
 
 struct Row {
@@ -195,9 +195,8 @@ void add(const Case& c, const std::string& row, const KernelSet& set, int libyuv
     auto& frames = sets[setKey];
     if (!frames) frames = std::make_shared<FrameSet>(c.selector, c.size, c.cold);
     benchmark::RegisterBenchmark((c.key() + "|" + row).c_str(),
-                                 [c, &set, libyuvMask, work, frames](benchmark::State& state) {
+                                 [&set, libyuvMask, work, frames](benchmark::State& state) {
                                      useKernels(set);
-                                     g_sharing = c.threads == 1 ? Sharing::Never : Sharing::Always;
                                      libyuv::MaskCpuFlags(libyuvMask);
                                      for (auto _ : state) {
                                          frames->advance();
@@ -216,7 +215,6 @@ std::vector<Row> addCase(const Case& c) {
         add(c, rows.back().name, kPlainKernels, mask.libyuv, std::move(work));
     };
     for (const PeerMask& mask : kPeerMasks) {
-        if (c.threads != 1) break;
         if (c.selector == TARNIS_OUTPUT_YUV422_8) {
             peer("libyuv YUY2, by lines", mask, yuy2ByLines);
             if (!mask.set) peer("libyuv YUY2, by frames", mask, yuy2WholeFrame);
@@ -230,11 +228,11 @@ std::vector<Row> addCase(const Case& c) {
         }
     }
     for (const KernelSet* set : kKernelSets) {
-        if (!set->runsHere() || (c.threads != 1 && set != &kernels())) continue;
+        if (!set->runsHere()) continue;
         rows.push_back({std::string("ours ") + set->name, set->name, nullptr});
         add(c, rows.back().name, *set, -1, decodeOnce);
     }
-    if (c.cold && c.threads == 1 && c.size.width == kHd.width) {
+    if (c.cold && c.size.width == kHd.width) {
         rows.push_back({"ours best, and one read", kernels().name, nullptr});
         add(c, rows.back().name, kernels(), -1, decodeAndRead);
     }
@@ -245,27 +243,29 @@ std::vector<Row> addCase(const Case& c) {
 
 int main(int argc, char** argv) {
     std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=7", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_min_time=0.04"};
+    std::string defaults[] = {isShort() ? "--benchmark_repetitions=2" : "--benchmark_repetitions=7",
+                              "--benchmark_enable_random_interleaving=true",
+                              isShort() ? "--benchmark_min_time=0.0001" : "--benchmark_min_time=0.04"};
     for (std::string& text : defaults)
         arguments.insert(arguments.begin() + 1, text.data());
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
-    const int all = static_cast<int>(std::thread::hardware_concurrency());
+    g_sharing = Sharing::Never;
     std::vector<std::pair<Case, std::vector<Row>>> cases;
     for (const uint32_t selector : {1u, 0u, 2u}) {
         for (const Size size : {kHd, kUhd})
-            for (const int threads : {1, all})
-                if (threads == 1 || selector != TARNIS_OUTPUT_RGB24) // which is never shared
-                    cases.emplace_back(Case{selector, size, true, threads}, std::vector<Row>());
-        cases.emplace_back(Case{selector, kHd, false, 1}, std::vector<Row>());
+            cases.emplace_back(Case{selector, size, true}, std::vector<Row>());
+        cases.emplace_back(Case{selector, kHd, false}, std::vector<Row>());
     }
     for (auto& [c, rows] : cases)
         rows = addCase(c);
+    Report report("decoder, one thread");
     Medians medians;
     benchmark::RunSpecifiedBenchmarks(&medians);
     for (const auto& [c, rows] : cases) {
-        const auto ms = [&, &key = c](const std::string& row) { return medians.ms[key.key() + "|" + row]; };
+        const auto ms = [&, &key = c](const std::string& row) {
+            return medians.times[key.key() + "|" + row].processor;
+        };
         if (ms("memcpy") == 0) continue; // filtered out
         /// The fastest peer that may use what a set of that name has, or all.
         const auto bestPeer = [&, &all = rows](const char* set) {
@@ -277,11 +277,15 @@ int main(int argc, char** argv) {
                     best = ms(row.name);
             return best;
         };
-        std::printf("\n%s\n  %-34s %9s %12s %12s %22s\n", c.key().c_str(), "", "ms/frame", "of memcpy", "of best peer",
-                    "of peer with that set");
+        std::printf("\n%s\n  %-34s %9s %9s %12s %12s %22s\n", c.key().c_str(), "", "ms/frame", "wall", "of memcpy",
+                    "of best peer", "of peer with that set");
         for (const Row& row : rows) {
             if (ms(row.name) == 0) continue;
-            std::printf("  %-34s %9.3f %12.2f", row.name.c_str(), ms(row.name), ms("memcpy") / ms(row.name));
+            const Medians::Times& times = medians.times[c.key() + "|" + row.name];
+            std::printf("  %-34s %9.3f %9.3f %12.2f", row.name.c_str(), times.processor, times.wall,
+                        ms("memcpy") / ms(row.name));
+            const Role role = row.ours ? Role::Ours : row.name == "memcpy" ? Role::Limit : Role::Peer;
+            report.add({c.key(), row.name, role, times.wall, "ms", times.processor});
             if (const double best = bestPeer(nullptr)) std::printf(" %12.2f", best / ms(row.name));
             if (const double best = row.ours ? bestPeer(row.ours) : 0) std::printf(" %22.2f", best / ms(row.name));
             std::printf("\n");

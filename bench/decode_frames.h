@@ -1,6 +1,7 @@
 // Frames for the decoder's benchmarks: one that stays in the cache, or so many that none does.
 #pragma once
 
+#include "bench/report.h"
 #include "protocol/raw_frame.h"
 
 #include <cstdint>
@@ -19,6 +20,9 @@ struct Size {
     uint16_t width, height;
 };
 constexpr Size kHd{1920, 1080}, kUhd{3840, 2160};
+
+/// More than any cache holds: so much memory cold frames take altogether.
+inline const size_t kColdBytes = fullOrShort(size_t{300}, size_t{20}) << 20;
 
 /// Page-aligned memory.
 class Block {
@@ -63,14 +67,14 @@ private:
 /// Raw frames of one layout with an image for each.
 class FrameSet {
 public:
-    /// @param cold more than 256 MB altogether, taken in turn; else one frame
+    /// @param cold kColdBytes altogether, taken in turn; else one frame
     FrameSet(uint32_t selector, Size size, bool cold) {
         data.outputSelector = selector;
         data.status.width = size.width;
         data.status.height = size.height;
         rawBytes = size_t{rawLineBytes(selector, size.width)} * size.height;
         rgbBytes = size_t{rgbLineBytes(size.width)} * size.height;
-        const size_t count = cold ? (size_t{300} << 20) / (rawBytes + rgbBytes) + 1 : 1;
+        const size_t count = cold ? kColdBytes / (rawBytes + rgbBytes) + 1 : 1;
         for (size_t i = 0; i < count; ++i) {
             raw.emplace_back(rawBytes);
             rgb.emplace_back(rgbBytes);

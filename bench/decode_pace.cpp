@@ -1,9 +1,10 @@
 // What decoding costs a paced stream: 300 frames at 60 Hz, on one thread and on the team, on an idle machine and beside
 // two busy processes. Prints wall time per frame (median, 99th percentile) and the process's processor time per frame
-// (mean: systems count it in slices). Runs natively and under Wine, whose OpenMP runtimes wait differently.
+// (mean: systems count it in slices). For Windows only, as the module ships: runtimes of OpenMP wait differently.
 // Arguments: the name of a kernel set, for all its rows, from which the rule in decode/parallel.h is made; none for one
 // conversion that is not shared, by the set that this process chooses, and one that is.
 #include "bench/decode_frames.h"
+#include "bench/report.h"
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
 #include "decode/parallel.h"
@@ -14,14 +15,7 @@
 #include <string>
 #include <thread>
 
-#ifdef _WIN32
 #include <windows.h>
-#else
-#include <csignal>
-#include <ctime>
-#include <sys/wait.h>
-#include <unistd.h>
-#endif
 
 namespace {
 
@@ -29,7 +23,8 @@ using namespace kestra;
 using namespace kestra::bench;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFrames = 300, kBusy = 2;
+constexpr int kBusy = 2;
+const int kFrames = fullOrShort(300, 5);
 constexpr auto kPeriod = std::chrono::nanoseconds(16'666'667);
 
 /// Processes that compute without end, for the life of the object.
@@ -55,7 +50,6 @@ public:
     }
 
 private:
-#ifdef _WIN32
     using Process = PROCESS_INFORMATION;
     static void start(Process& process) {
         wchar_t path[MAX_PATH], command[] = L"decode_pace busy";
@@ -70,37 +64,9 @@ private:
         CloseHandle(process.hThread);
         CloseHandle(process.hProcess);
     }
-#else
-    using Process = pid_t;
-    static void start(Process& process) {
-        process = fork();
-        if (process != 0) return;
-        beBusy();
-        _exit(0);
-    }
-    static void end(Process& process) {
-        kill(process, SIGKILL);
-        waitpid(process, nullptr, 0);
-    }
-#endif
     Process m_processes[kBusy]{};
     int m_count = 0;
 };
-
-double processorMs() {
-#ifdef _WIN32
-    FILETIME made, ended, kernel, user;
-    GetProcessTimes(GetCurrentProcess(), &made, &ended, &kernel, &user);
-    const auto ms = [](const FILETIME& time) {
-        return (time.dwHighDateTime * 4294967296.0 + time.dwLowDateTime) / 1e4;
-    };
-    return ms(kernel) + ms(user);
-#else
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
-#endif
-}
 
 struct Stream {
     double median, p99, processor; ///< milliseconds per frame
@@ -127,10 +93,10 @@ Stream run(FrameSet& frames, Sharing sharing, int busy) {
     }
     const double used = processorMs() - before;
     std::sort(wall.begin(), wall.end());
-    return {wall[kFrames / 2], wall[kFrames * 99 / 100], used / kFrames};
+    return {wall[wall.size() / 2], wall[wall.size() * 99 / 100], used / kFrames};
 }
 
-void compare(const KernelSet& set, uint32_t selector, Size size) {
+void compare(Report& report, const KernelSet& set, uint32_t selector, Size size) {
     if (!useKernels(set)) return;
     constexpr const char* kLayouts[] = {"10-bit", "8-bit", "rgb24"};
     FrameSet frames(selector, size, true);
@@ -143,6 +109,14 @@ void compare(const KernelSet& set, uint32_t selector, Size size) {
             team.median, team.p99, team.processor, team.median / one.median, team.p99 / one.p99,
             team.processor / one.processor);
         std::fflush(stdout);
+        const std::string group = std::string(set.name) + ", " + kLayouts[selector] + " " +
+                                  std::to_string(size.height) + "p" + (busy ? ", beside two busy processes" : "");
+        const auto add = [&](const char* name, Role role, const Stream& stream) {
+            report.add({group, std::string(name) + ", median", role, stream.median, "ms", stream.processor});
+            report.add({group, std::string(name) + ", 99th percentile", role, stream.p99, "ms"});
+        };
+        add("one thread", Role::Peer, one);
+        add("team", Role::Ours, team);
     }
 }
 
@@ -154,14 +128,15 @@ int main(int argc, char** argv) {
         BusyProcesses::beBusy();
         return 0;
     }
+    Report report("paced stream");
     if (mode.empty()) {
-        compare(kernels(), TARNIS_OUTPUT_YUV422_8, kHd);      // not shared
-        compare(kPlainKernels, TARNIS_OUTPUT_YUV422_10, kHd); // shared
+        compare(report, kernels(), TARNIS_OUTPUT_YUV422_8, kHd);      // not shared
+        compare(report, kPlainKernels, TARNIS_OUTPUT_YUV422_10, kHd); // shared
         return 0;
     }
     for (const Size size : {kHd, kUhd})
         for (const uint32_t selector : {TARNIS_OUTPUT_YUV422_8, TARNIS_OUTPUT_YUV422_10})
             for (const KernelSet* set : kKernelSets)
-                if (mode == set->name) compare(*set, selector, size);
+                if (mode == set->name) compare(report, *set, selector, size);
     return 0;
 }

@@ -1,13 +1,12 @@
 // Time per frame of the device library beside the bare request pair (lock and unlock by a raw client), in one run:
 // rounds of both alternate on the same card, which fills buffers as fast as they are given back.
+#include "bench/report.h"
 #include "device/tarnis.h"
 #include "simcard/client/raw_client.h"
 #include "simcard/ctl/control.h"
 
 #include <windows.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <exception>
 #include <vector>
@@ -15,10 +14,11 @@
 namespace {
 
 using namespace kestra;
+using namespace kestra::bench;
 using namespace kestra::simcard;
 
-constexpr int kRounds = 15;
-constexpr uint32_t kFrames = 1500;
+const int kRounds = fullOrShort(15, 1);
+const uint32_t kFrames = fullOrShort(1500u, 50u);
 constexpr Signal kSmall = {1, 0, 0, 9, 0, 0, 64, 16, 0, 60, 1, 0}; // so that requests are what costs
 
 double microsecondsNow() {
@@ -26,11 +26,6 @@ double microsecondsNow() {
     QueryPerformanceCounter(&ticks);
     QueryPerformanceFrequency(&frequency);
     return 1e6 * static_cast<double>(ticks.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 /// Microseconds per frame of lock and unlock without the library.
@@ -99,6 +94,7 @@ double libraryRound() {
 
 int main() {
     try {
+        Report report("device library");
         const CardControl card;
         card.reset();
         card.setSignal(kSmall);
@@ -106,14 +102,25 @@ int main() {
         fast.pace = Pace::AsTaken;
         card.setOptions(fast);
         std::vector<double> bare, library;
+        double bareProcessor = 0, libraryProcessor = 0; // of all rounds, in milliseconds
         for (int round = 0; round < kRounds; ++round) {
+            const double before = processorMs();
             bare.push_back(bareRound(card.devicePath()));
+            const double between = processorMs();
             library.push_back(libraryRound());
+            bareProcessor += between - before;
+            libraryProcessor += processorMs() - between;
         }
         card.reset();
-        std::printf("%d rounds of %u frames each, median microseconds per frame\n", kRounds, kFrames);
-        std::printf("  lock and unlock by a raw client  %8.1f\n", median(bare));
-        std::printf("  device library, to the callback  %8.1f\n", median(library));
+        std::printf("%d rounds of %u frames each, microseconds per frame: median, and processor time\n", kRounds,
+                    kFrames);
+        const auto tell = [&](const char* name, Role role, const std::vector<double>& rounds, double processor) {
+            const double perFrame = processor * 1e3 / kRounds / kFrames;
+            std::printf("  %-32s %8.1f %8.1f\n", name, median(rounds), perFrame);
+            report.add({"one frame, tiny picture", name, role, median(rounds), "us", perFrame});
+        };
+        tell("lock and unlock by a raw client", Role::Limit, bare, bareProcessor);
+        tell("device library, to the callback", Role::Ours, library, libraryProcessor);
         std::printf("  library / raw                    %8.3f\n", median(library) / median(bare));
         return 0;
     } catch (const std::exception& error) {

@@ -1,4 +1,5 @@
 // The log beside spdlog, in one run: what a disabled log point costs, and what an enabled, flushed record costs.
+#include "bench/report.h"
 #include "log/engine.h"
 #include "log/outputs.h"
 
@@ -9,28 +10,33 @@
 
 #include <io.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 namespace {
 
+using namespace kestra::bench;
 using Clock = std::chrono::steady_clock;
 
-/// Median of several runs, in nanoseconds a call.
+/// Nanoseconds a call: the median of several runs, and the processor time of all of them.
+struct Cost {
+    double wall, processor;
+};
 template <class Work>
-double nanoseconds(int calls, Work work) {
+Cost measure(int calls, Work work) {
+    constexpr int kRuns = 9;
     std::vector<double> runs;
-    for (int run = 0; run < 9; ++run) {
+    const double before = processorMs();
+    for (int run = 0; run < kRuns; ++run) {
         const auto begin = Clock::now();
         for (int i = 0; i < calls; ++i)
             work(i);
         runs.push_back(std::chrono::duration<double, std::nano>(Clock::now() - begin).count() / calls);
     }
-    std::nth_element(runs.begin(), runs.begin() + 4, runs.end());
-    return runs[4];
+    return {median(runs), (processorMs() - before) * 1e6 / kRuns / calls};
 }
 
 /// Keeps a result alive without costing anything.
@@ -62,17 +68,18 @@ private:
 } // namespace
 
 int main() {
+    Report report("log");
     const auto folder = std::filesystem::temp_directory_path() / "kestra-log-bench";
     std::filesystem::create_directories(folder);
     const std::wstring directory = folder.wstring() + L"\\";
-    constexpr int kChecks = 50000000, kRecords = 3000;
+    const int checks = fullOrShort(50000000, 10000), records = fullOrShort(3000, 10);
     static constexpr kestra::LogUnit unit{"\"Grabbing Functions\"", L".\\TARNIS_grab.cpp"};
 
     spdlog::logger quiet("quiet");
     quiet.set_level(spdlog::level::err);
-    const double empty = nanoseconds(kChecks, [](int) { use(false); });
-    const double theirs = nanoseconds(kChecks, [&](int) { use(quiet.should_log(spdlog::level::debug)); });
-    const double closed = nanoseconds(kChecks, [](int) { use(kestra::logAccepts(LOG_DEBUG)); });
+    const Cost empty = measure(checks, [](int) { use(false); });
+    const Cost theirs = measure(checks, [&](int) { use(quiet.should_log(spdlog::level::debug)); });
+    const Cost closed = measure(checks, [](int) { use(kestra::logAccepts(LOG_DEBUG)); });
     kestra::logFindOrCreateEngine(kTarnisLogHandle);
     if (LogOpen(kTarnisLogHandle, L"TARNIS", directory.c_str(), 0, 0, 0, 5, 0) != 0) {
         std::fputs("the log cannot be opened\n", stderr);
@@ -80,45 +87,60 @@ int main() {
     }
     kestra::logFindEngine(kTarnisLogHandle)->applyThresholds({});
     kestra::logUpdateFloor();
-    const double open = nanoseconds(kChecks, [](int) { use(kestra::logAccepts(LOG_DEBUG)); });
-    std::printf("disabled check, ns a call (empty loop %.2f)\n", empty);
-    std::printf("  spdlog should_log           %8.2f\n", theirs);
-    std::printf("  ours, log closed            %8.2f   %+.2f\n", closed, closed - theirs);
-    std::printf("  ours, log open at ERROR     %8.2f   %+.2f\n", open, open - theirs);
+    const Cost open = measure(checks, [](int) { use(kestra::logAccepts(LOG_DEBUG)); });
+    std::printf("disabled check, ns a call (empty loop %.2f)\n", empty.wall);
+    const auto ratio = [](const Cost& cost, double of, const char* what) {
+        char text[64];
+        std::snprintf(text, sizeof text, "   %.2f of %s", cost.wall / of, what);
+        return std::string(text);
+    };
+    const auto tellCheck = [&](const char* name, Role role, const Cost& cost) {
+        std::printf("  %-28s %8.2f, processor time %8.2f   %+.2f\n", name, cost.wall, cost.processor,
+                    cost.wall - theirs.wall);
+        report.add({"a disabled log point", name, role, cost.wall, "ns", cost.processor});
+    };
+    tellCheck("spdlog should_log", Role::Peer, theirs);
+    tellCheck("ours, log closed", Role::Ours, closed);
+    tellCheck("ours, log open at ERROR", Role::Ours, open);
 
     const HANDLE mutex = CreateMutexW(nullptr, FALSE, L"ZELIB_WRITING_MUTEX");
-    const double taking = nanoseconds(kRecords, [&](int) {
+    const Cost taking = measure(records, [&](int) {
         WaitForSingleObject(mutex, 25000);
         ReleaseMutex(mutex);
     });
     auto fileLogger = spdlog::basic_logger_mt("file", (folder / "spdlog.txt").string());
-    const double flushed = nanoseconds(kRecords, [&](int i) {
+    const Cost flushed = measure(records, [&](int i) {
         fileLogger->error("DeviceIOCtl({:#010x}) failed. ErrorCode={}.", 0xCE322058u, i);
         fileLogger->flush();
     });
     spdlog::logger committing("commit", std::make_shared<CommittingSink>((folder / "commit.txt").string()));
-    const double committed = nanoseconds(kRecords, [&](int i) {
+    const Cost committed = measure(records, [&](int i) {
         committing.error("DeviceIOCtl({:#010x}) failed. ErrorCode={}.", 0xCE322058u, i);
         committing.flush();
     });
-    const double ours = nanoseconds(kRecords, [&](int i) {
+    const Cost ours = measure(records, [&](int i) {
         KESTRA_LOG(unit, "TARNIS_GIS::IOCtl", LOG_ERROR, i, L"DeviceIOCtl(0x%08X) failed. ErrorCode=%d.", 0xCE322058u,
                    i);
     });
-    const double unflushed = nanoseconds(kRecords, [&](int i) {
+    const Cost unflushed = measure(records, [&](int i) {
         KESTRA_LOG(unit, "TARNIS_GIS::IOCtl", LOG_MANDATORY, i, L"DeviceIOCtl(0x%08X) failed. ErrorCode=%d.",
                    0xCE322058u, i);
     });
     std::printf("one record into a file, us\n");
-    std::printf("  named mutex alone           %8.2f\n", taking / 1000);
-    std::printf("  spdlog, fflush              %8.2f\n", flushed / 1000);
-    std::printf("  spdlog, fflush and _commit  %8.2f\n", committed / 1000);
-    std::printf("  ours, unflushed (level 5)   %8.2f   %.2f of spdlog fflush + mutex\n", unflushed / 1000,
-                unflushed / (flushed + taking));
-    std::printf("  ours, flushed (level 5)     %8.2f   %.2f of spdlog _commit + mutex\n", ours / 1000,
-                ours / (committed + taking));
-    std::printf("                                         %.2f of spdlog fflush + mutex\n", ours / (flushed + taking));
-    std::printf("  what the flush costs of it  %8.2f\n", (ours - unflushed) / 1000);
+    const auto tellRecord = [&](const char* name, Role role, const Cost& cost, const std::string& note = {}) {
+        std::printf("  %-28s %8.2f, processor time %8.2f%s\n", name, cost.wall / 1e3, cost.processor / 1e3,
+                    note.c_str());
+        report.add({"one record into a file", name, role, cost.wall / 1e3, "us", cost.processor / 1e3});
+    };
+    const double plain = flushed.wall + taking.wall;
+    tellRecord("named mutex alone", Role::Peer, taking);
+    tellRecord("spdlog, fflush", Role::Peer, flushed);
+    tellRecord("spdlog, fflush and _commit", Role::Peer, committed);
+    tellRecord("ours, unflushed (level 5)", Role::Ours, unflushed, ratio(unflushed, plain, "spdlog fflush + mutex"));
+    tellRecord("ours, flushed (level 5)", Role::Ours, ours,
+               ratio(ours, committed.wall + taking.wall, "spdlog _commit + mutex") +
+                   ratio(ours, plain, "spdlog fflush + mutex"));
+    std::printf("  what the flush costs of it   %8.2f\n", (ours.wall - unflushed.wall) / 1e3);
     LogClose(kTarnisLogHandle);
     CloseHandle(mutex);
     spdlog::shutdown();

@@ -24,7 +24,7 @@ namespace {
 using namespace kestra;
 using namespace kestra::bench;
 
-constexpr int kRounds = 15;
+const int kRounds = fullOrShort(15, 2);
 constexpr uint32_t kWidth = kHd.width, kHeight = kHd.height;
 
 /// Raw frames and samples of one format, more than any cache holds.
@@ -36,7 +36,7 @@ public:
         m_camera.status.height = kHeight;
         m_rawBytes = rawFrameBytes(selector, kWidth, kHeight);
         m_sampleBytes = kWidth * sampleBytesPerPixel * kHeight;
-        const size_t count = (size_t{300} << 20) / (m_rawBytes + m_sampleBytes) + 1;
+        const size_t count = kColdBytes / (m_rawBytes + m_sampleBytes) + 1;
         for (size_t i = 0; i < count; ++i) {
             m_raw.emplace_back(m_rawBytes);
             m_samples.emplace_back(m_sampleBytes);
@@ -62,16 +62,13 @@ private:
 
 struct Way {
     std::string name;
+    Role role;
     std::function<void()> work;
-    std::vector<double> milliseconds;
-    double median() {
-        std::nth_element(milliseconds.begin(), milliseconds.begin() + milliseconds.size() / 2, milliseconds.end());
-        return milliseconds[milliseconds.size() / 2];
-    }
+    std::vector<double> milliseconds{};
 };
 
 /// Runs the ways in turn, so that what else the machine does meets all of them.
-void compare(const char* title, Frames& frames, std::vector<Way> ways) {
+void compare(Report& report, const char* title, Frames& frames, std::vector<Way> ways) {
     for (int round = 0; round < kRounds; ++round)
         for (Way& way : ways)
             for (size_t i = 0; i < frames.count(); ++i) {
@@ -82,22 +79,22 @@ void compare(const char* title, Frames& frames, std::vector<Way> ways) {
                 if (round > 0) way.milliseconds.push_back(took.count());
             }
     std::printf("%s\n", title);
-    const double plain = ways.front().median();
-    for (Way& way : ways)
-        std::printf("  %-28s %6.3f ms a frame  %5.2f of memcpy's speed\n", way.name.c_str(), way.median(),
-                    plain / way.median());
+    const double plain = median(ways.front().milliseconds);
+    for (const Way& way : ways) {
+        const double ms = median(way.milliseconds);
+        std::printf("  %-28s %6.3f ms a frame  %5.2f of memcpy's speed\n", way.name.c_str(), ms, plain / ms);
+        report.add({title, way.name, way.role, ms, "ms"});
+    }
 }
 
 std::vector<Way> copyAndOurs(Frames& frames) {
-    std::vector<Way> ways{{"memcpy", [&frames] { frames.plainCopy(); }, {}}};
+    std::vector<Way> ways{{"memcpy", Role::Limit, [&frames] { frames.plainCopy(); }}};
     for (const KernelSet* set : kKernelSets)
         if (set->runsHere())
-            ways.push_back({std::string("ours, ") + set->name,
-                            [&frames, set] {
+            ways.push_back({std::string("ours, ") + set->name, Role::Ours, [&frames, set] {
                                 useKernels(*set);
                                 frames.ours();
-                            },
-                            {}});
+                            }});
     return ways;
 }
 
@@ -105,49 +102,44 @@ std::vector<Way> copyAndOurs(Frames& frames) {
 
 int main() {
     g_sharing = Sharing::Never;
+    Report report("samples");
     constexpr int kRgbLine = kWidth * 3, kYuvLine = kWidth * 2, kArgbLine = kWidth * 4;
     constexpr int kFlipped = -static_cast<int>(kHeight);
     {
         Frames frames(TARNIS_OUTPUT_YUV422_8, writeUyvy, 2);
         auto ways = copyAndOurs(frames);
-        ways.push_back({"libyuv ARGBShuffle",
-                        [&] {
+        ways.push_back({"libyuv ARGBShuffle", Role::Peer, [&] {
                             static const uint8_t order[16] = {1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14};
                             libyuv::ARGBShuffle(frames.raw(), kYuvLine, frames.sample(), kYuvLine, order, kWidth / 2,
                                                 kHeight);
-                        },
-                        {}});
-        compare("YUY2 to UYVY", frames, std::move(ways));
+                        }});
+        compare(report, "YUY2 to UYVY", frames, std::move(ways));
     }
     {
         Frames frames(TARNIS_OUTPUT_RGB24, writeRgb32, 4);
         auto ways = copyAndOurs(frames);
-        ways.push_back(
-            {"libyuv RGB24ToARGB",
-             [&] { libyuv::RGB24ToARGB(frames.raw(), kRgbLine, frames.sample(), kArgbLine, kWidth, kFlipped); },
-             {}});
+        ways.push_back({"libyuv RGB24ToARGB", Role::Peer, [&] {
+                            libyuv::RGB24ToARGB(frames.raw(), kRgbLine, frames.sample(), kArgbLine, kWidth, kFlipped);
+                        }});
         const std::unique_ptr<SwsContext, decltype(&sws_freeContext)> scaler(
             sws_getContext(kWidth, kHeight, AV_PIX_FMT_BGR24, kWidth, kHeight, AV_PIX_FMT_BGR0, SWS_POINT, nullptr,
                            nullptr, nullptr),
             sws_freeContext);
-        ways.push_back({"libswscale",
-                        [&] {
+        ways.push_back({"libswscale", Role::Peer, [&] {
                             const uint8_t* in[] = {frames.raw()};
                             uint8_t* out[] = {frames.sample() + size_t{kArgbLine} * (kHeight - 1)};
                             const int inStride[] = {kRgbLine}, outStride[] = {-kArgbLine};
                             sws_scale(scaler.get(), in, inStride, 0, kHeight, out, outStride);
-                        },
-                        {}});
-        compare("RGB24 to flipped RGB32", frames, std::move(ways));
+                        }});
+        compare(report, "RGB24 to flipped RGB32", frames, std::move(ways));
     }
     {
         Frames frames(TARNIS_OUTPUT_RGB24, writeRgb24, 3);
         auto ways = copyAndOurs(frames);
-        ways.push_back(
-            {"libyuv CopyPlane",
-             [&] { libyuv::CopyPlane(frames.raw(), kRgbLine, frames.sample(), kRgbLine, kRgbLine, kFlipped); },
-             {}});
-        compare("RGB24, flipped", frames, std::move(ways));
+        ways.push_back({"libyuv CopyPlane", Role::Peer, [&] {
+                            libyuv::CopyPlane(frames.raw(), kRgbLine, frames.sample(), kRgbLine, kRgbLine, kFlipped);
+                        }});
+        compare(report, "RGB24, flipped", frames, std::move(ways));
     }
     return 0;
 }

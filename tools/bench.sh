@@ -1,64 +1,115 @@
-# ./kestra bench [NAME...]: benchmarks, ours and others' side by side in one run; all of them without a name.
+# ./kestra bench [NAME...]: benchmarks, ours and others' side by side in one run; all of them without a name. What they
+# measure is printed, and kept in build/bench/results.json and on one page, out/bench.html. ./kestra bench --short: each in
+# its shortest form, which shows only that it works.
 # Sourced by ./kestra.
 
+bench_names=(log device decode capture)
+bench_figures=$root/build/bench/figures # a JSON object a line
+bench_native=(decode_bench decode_time sample_bench)
+bench_windows=(log_bench device_bench decode_time decode_pace capture_bench)
+
+# The programs write their figures where this points to.
+bench_run() { "$root/tools/run-windows" "$windows_build/bench/$1.exe" "${@:2}"; }
+
+bench_plug_in() {
+    "$root/tests/support/simulated-card" install "$windows_build/simcard/kestrasimctl.exe" \
+        "$windows_build/simcard/kestrasim.inf" > /dev/null
+}
+bench_unplug() { "$root/tests/support/simulated-card" remove "$windows_build/simcard/kestrasimctl.exe" > /dev/null; }
+
 bench_log() {
-    build_preset windows log_bench
-    session_start
-    step "log (Windows build through Wine), beside spdlog"
-    "$root/tools/run-windows" "$root/build/windows/bench/log_bench.exe"
+    step "log (through Wine), beside spdlog"
+    bench_run log_bench
 }
 
 bench_device() {
-    build_preset windows device_bench kestrasimctl kestrasim
-    session_start
-    "$root/tests/support/simulated-card" install "$root/build/windows/simcard/kestrasimctl.exe" \
-        "$root/build/windows/simcard/kestrasim.inf" > /dev/null
     step "device library (through Wine), beside the bare requests"
-    "$root/tools/run-windows" "$root/build/windows/bench/device_bench.exe"
-    "$root/tests/support/simulated-card" remove "$root/build/windows/simcard/kestrasimctl.exe" > /dev/null
+    bench_plug_in
+    bench_run device_bench
+    bench_unplug
 }
 
 bench_decode() {
-    build_preset native decode_bench decode_time decode_pace
-    build_preset windows decode_time decode_pace
     step "decoder (native), beside memcpy, libyuv, libavcodec and libswscale"
     "$root/build/native/bench/decode_bench"
-    session_start
     step "the same kernels natively and through Wine, one thread: microseconds per line of 1920 pixels"
     local native through_wine
     native=$("$root/build/native/bench/decode_time")
-    through_wine=$("$root/tools/run-windows" "$root/build/windows/bench/decode_time.exe" | tr -d '\r')
+    through_wine=$(bench_run decode_time | tr -d '\r')
     paste -d ' ' <(printf '%s\n' "$native") <(printf '%s\n' "$through_wine") |
         awk '{ printf "  %-7s %-7s in the cache: native %6.3f  Wine %6.3f  ratio %.2f    cold: native %6.3f  Wine %6.3f  ratio %.2f\n",
                       $1, $2, $3, $7, $7 / $3, $4, $8, $8 / $4 }'
-    step "a paced stream (native): 300 frames at 60 Hz, one thread and the team"
-    "$root/build/native/bench/decode_pace"
-    step "the same through Wine"
-    "$root/tools/run-windows" "$root/build/windows/bench/decode_pace.exe"
+    step "a paced stream (through Wine): 300 frames at 60 Hz, one thread and the team"
+    bench_run decode_pace
 }
 
 bench_capture() {
-    build_preset native sample_bench
-    build_preset windows capture_bench kestrasimctl kestrasim
     step "byte-level work of a sample (native), beside memcpy, libyuv and libswscale"
     "$root/build/native/bench/sample_bench"
-    session_start
-    "$root/tests/support/simulated-card" install "$root/build/windows/simcard/kestrasimctl.exe" \
-        "$root/build/windows/simcard/kestrasim.inf" > /dev/null
     step "the video pin's frame callback (through Wine), beside plain copies"
-    "$root/tools/run-windows" "$root/build/windows/bench/capture_bench.exe"
-    "$root/tests/support/simulated-card" remove "$root/build/windows/simcard/kestrasimctl.exe" > /dev/null
+    bench_plug_in
+    bench_run capture_bench
+    bench_unplug
+}
+
+# bench_build: whatever measures.
+bench_build() {
+    build_preset native "${bench_native[@]}"
+    build_preset windows "${bench_windows[@]}" kestrasimctl kestrasim
+}
+
+# bench_all NAME...: runs them, in one Windows session.
+bench_all() {
+    local -x KESTRA_BENCH_RESULTS=$bench_figures
+    mkdir -p "$root/build/bench"
+    rm -f "$bench_figures"
+    session_start
+    local name
+    for name in "$@"; do
+        "bench_$name"
+    done
+}
+
+# bench_short: each benchmark once in its shortest form, so that none can rot; a figure must come from each.
+bench_short() {
+    local -x KESTRA_BENCH_SHORT=1
+    local benchmark
+    visibly build/bench/short.log '^(.*took.*)$' bench_all "${bench_names[@]}"
+    for benchmark in log 'device library' 'decoder, one thread' 'paced stream' samples 'callback of the video pin'; do
+        grep -qF "{\"benchmark\":\"$benchmark\"" "$bench_figures" || die "no figure came from '$benchmark'"
+    done
+    say "$(wc -l < "$bench_figures") figures from their shortest forms"
+}
+
+# bench_write: the figures with where they come from, and the page that draws them.
+bench_write() {
+    local results=$root/build/bench/results.json page=$root/out/bench.html
+    {
+        printf '{"commit":"%s","date":"%s","processor":"%s","cores":%d,"figures":[\n' \
+            "$(git -C "$root" describe --always --dirty 2> /dev/null || echo unknown)" "$(date -u +%FT%TZ)" \
+            "$(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1 | tr -d '"\\')" "$(nproc)"
+        sed '$!s/$/,/' "$bench_figures"
+        printf ']}\n'
+    } > "$results"
+    mkdir -p "$root/out"
+    sed -e "/@RESULTS@/{r $results" -e 'd}' "$root/bench/page.html" > "$page"
+    say "figures: ${results#"$root"/}, drawn: ${page#"$root"/}"
 }
 
 verb_bench() {
     local names=("$@") name
-    [ $# -gt 0 ] || names=(log device decode capture)
-    for name in "${names[@]}"; do
-        declare -F "bench_$name" > /dev/null || die "there is no benchmark '$name'"
-    done
     with_tests=ON
     setup build test bench
+    if [ "${1:-}" = --short ]; then
+        bench_build
+        bench_short
+        return
+    fi
+    [ $# -gt 0 ] || names=("${bench_names[@]}")
     for name in "${names[@]}"; do
-        "bench_$name"
+        [[ " ${bench_names[*]} " == *" $name "* ]] || die "there is no benchmark '$name': ${bench_names[*]}"
     done
+    bench_build
+    bench_all "${names[@]}"
+    bench_write
 }

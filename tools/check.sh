@@ -25,15 +25,33 @@ check_clang() {
     build_preset windows-clang
 }
 
-# clang-tidy over what the clang build compiles of the product, the simulated card and the tools.
+# clang-tidy over what the clang build compiles of the product, the simulated card and the tools: of each source that it has
+# not seen since the source, a header that it includes, or the configuration changed.
 check_tidy() {
     step "$(clang-tidy --version | grep -m 1 -i version)"
-    local files
-    mapfile -t files < <(cd "$root" && git ls-files '*.cpp' |
-        grep -E '^(log|ctl|device|decode|capture|pages|server|baseclasses|imagelib|simcard)/' |
-        while read -r file; do grep -qF "\"file\": \"$root/$file\"" build/windows-clang/compile_commands.json && echo "$file"; done)
+    local build=$root/build/windows-clang stamps=$root/build/tidy file files=()
+    ninja -C "$build" -t deps > "$root/build/tidy-deps"
+    : > "$root/build/tidy.err"
+    while read -r file; do
+        [ ! -f "$stamps/$file" ] || [ -n "$(check_newer "$stamps/$file" "$file")" ] || continue
+        files+=("$file")
+    done < <(cd "$root" && git ls-files '*.cpp' |
+        grep -E '^(baseclasses|capture|compliance|ctl|decode|device|imagelib|log|pages|sdk|server|simcard)/' |
+        while read -r file; do ! grep -qF "\"file\": \"$root/$file\"" "$build/compile_commands.json" || echo "$file"; done)
+    say "${#files[@]} files changed"
     [ "${#files[@]}" -gt 0 ] || return 0
-    (cd "$root" && printf '%s\0' "${files[@]}" |
-        xargs -0 -n 4 -P "$(nproc)" clang-tidy -p build/windows-clang --quiet 2> build/tidy.err) ||
-        die "clang-tidy has findings (above)"
+    export build stamps
+    (cd "$root" && printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -euc '
+        clang-tidy -p "$build" --quiet "$0" 2>> build/tidy.err
+        mkdir -p "$(dirname "$stamps/$0")"
+        touch "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
+}
+
+# check_newer STAMP FILE: what the compiler read for FILE, or clang-tidy's configuration, that is newer than STAMP.
+check_newer() {
+    (cd "$root/build/windows-clang" && {
+        printf '%s\n' "$root/.clang-tidy" "$root/$2"
+        awk -v file="$root/$2" -v same="../../$2" '/^[^ ]/ { n = 0 } { line[n++] = $1 } $1 == file || $1 == same { found = 1 }
+            /^$/ { if (found) { for (i = 1; i < n - 1; ++i) print line[i]; exit }; found = 0 }' "$root/build/tidy-deps"
+    } | tr '\n' '\0' | xargs -0 -I{} find {} -maxdepth 0 -newer "$1" 2> /dev/null | head -n 1)
 }
