@@ -42,9 +42,10 @@ check_tidy() {
     [ "${#files[@]}" -gt 0 ] || return 0
     export build stamps
     (cd "$root" && printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -euc '
-        clang-tidy -p "$build" --quiet "$0" 2>> build/tidy.err
         mkdir -p "$(dirname "$stamps/$0")"
-        touch "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
+        touch "$stamps/$0.begun"
+        clang-tidy -p "$build" --quiet "$0" 2>> build/tidy.err
+        mv "$stamps/$0.begun" "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
 }
 
 # check_newer STAMP FILE: what the compiler read for FILE, or clang-tidy's configuration, that is newer than STAMP.

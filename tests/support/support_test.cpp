@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -95,4 +96,27 @@ TEST(WaitUntil, GivesUpAtTheDeadlineAndStopsAtTheCondition) {
     EXPECT_FALSE(waitUntil([] { return false; }, std::chrono::milliseconds(20)));
     std::atomic<int> asked{0};
     EXPECT_TRUE(waitUntil([&] { return ++asked == 3; }));
+}
+
+TEST(CountsOverCycles, SeeWhatEachCycleLeavesBehindAndNotWhatOneHoldsForAMoment) {
+    CountsOverCycles flat, leaking;
+    for (int i = 0; i < 30; ++i) {
+        const int settling = i < 5 ? i : 5, moment = i % 4 == 1 ? 9 : 0;
+        flat.note({50 + settling + moment, 4 + moment, static_cast<size_t>(1000000 * (1 + moment))});
+        leaking.note({50 + i + moment, 4 + i / 10, static_cast<size_t>(1000000 + 4096 * i)});
+    }
+    EXPECT_EQ(flat.growth().handles, 0);
+    EXPECT_EQ(flat.growth().threads, 0);
+    EXPECT_EQ(flat.growth().privateBytes, 0);
+    EXPECT_EQ(leaking.growth().handles, 10);
+    EXPECT_EQ(leaking.growth().threads, 1);
+    EXPECT_EQ(leaking.growth().privateBytes, 40960);
+    EXPECT_EQ(flat.describe("rounds"), "30 rounds: handles 55 to 55, threads 4 to 4, private memory 976 to 976 kB");
+}
+
+TEST(CountsOverCycles, RefuseToJudgeTooFewCycles) {
+    CountsOverCycles counts;
+    for (int i = 0; i < 5; ++i)
+        counts.note();
+    EXPECT_THROW(counts.growth(), std::logic_error);
 }
