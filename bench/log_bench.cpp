@@ -1,7 +1,6 @@
 // The log beside spdlog, in one run: what a disabled log point costs, and what an enabled, flushed record costs.
 #include "bench/report.h"
 #include "log/engine.h"
-#include "log/outputs.h"
 
 #include <windows.h>
 
@@ -85,7 +84,7 @@ int main() {
         std::fputs("the log cannot be opened\n", stderr);
         return 1;
     }
-    kestra::logFindEngine(kTarnisLogHandle)->applyThresholds({});
+    kestra::logFindEngine(kTarnisLogHandle)->applyThresholds(kDefaultThresholds);
     kestra::logUpdateFloor();
     const Cost open = measure(checks, [](int) { use(kestra::logAccepts(LOG_DEBUG)); });
     std::printf("disabled check, ns a call (empty loop %.2f)\n", empty.wall);

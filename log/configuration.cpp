@@ -1,6 +1,4 @@
 // Registry values, with defaults for whatever is missing or makes no sense.
-#include "log/configuration.h"
-
 #include "log/engine.h"
 #include "log/platform.h"
 #include "win32/registry_key.h"
@@ -44,16 +42,16 @@ uint32_t number(const UniqueKey& key, const wchar_t* name, uint32_t missing) noe
     return value;
 }
 
-/// @param text  kMaxDirectoryBytes bytes
-/// @return false unless the value is a plain, terminated text that fits.
-bool directory(const UniqueKey& key, wchar_t* text) noexcept {
+/// A text without a terminator is read as far as it goes. @return false unless the value is a plain text that fits.
+bool directory(const UniqueKey& key, wchar_t (&text)[kMaxDirectoryBytes / sizeof(wchar_t) + 1]) noexcept {
     DWORD type = 0, bytes = kMaxDirectoryBytes;
     if (!key ||
         RegQueryValueExW(key.get(), L"LogDir", nullptr, &type, reinterpret_cast<BYTE*>(text), &bytes) !=
             ERROR_SUCCESS ||
-        type != REG_SZ || bytes % sizeof(wchar_t) != 0)
+        type != REG_SZ)
         return false;
-    return std::wmemchr(text, L'\0', bytes / sizeof(wchar_t)) != nullptr && text[0] != L'\0';
+    text[bytes / sizeof(wchar_t)] = L'\0';
+    return true;
 }
 
 } // namespace
@@ -61,17 +59,17 @@ bool directory(const UniqueKey& key, wchar_t* text) noexcept {
 bool logLoadConfiguration() noexcept {
     UniqueKey key;
     openConfigurationKey(key);
-    const uint32_t systemDetail = number(key, L"SysOutDetail", 0);
-    const uint32_t fileDetail = number(key, L"FileOutDetail", 0);
-    const uint32_t debuggerDetail = number(key, L"IdeOutDetail", 0);
-    const LogThresholds thresholds{number(key, L"SysSeverityThrsh", 7), number(key, L"FileSeverityThrsh", 7),
-                                   number(key, L"IdeSeverityThrsh", 7)};
-    wchar_t logDirectory[kMaxDirectoryBytes / sizeof(wchar_t)];
+    LogLevels details{}, thresholds = kDefaultThresholds;
+    for (size_t row = 0; row < logOutputKinds().size(); ++row) {
+        const LogOutputKind& kind = logOutputKinds()[row];
+        details[row] = number(key, kind.detailValue, details[row]);
+        thresholds[row] = number(key, kind.thresholdValue, thresholds[row]);
+    }
+    wchar_t logDirectory[kMaxDirectoryBytes / sizeof(wchar_t) + 1];
     const bool hasDirectory = directory(key, logDirectory);
 
-    if (!logFindOrCreateEngine(kTarnisLogHandle)) return false;
-    if (LogOpen(kTarnisLogHandle, L"TARNIS", hasDirectory ? logDirectory : nullptr, 0, 0, systemDetail, fileDetail,
-                debuggerDetail) != 0)
+    if (!logFindOrCreateEngine(kTarnisLogHandle) ||
+        logOpen(kTarnisLogHandle, hasDirectory ? logDirectory : nullptr, details) != 0)
         return false;
     if (LogEngine* engine = logFindEngine(kTarnisLogHandle)) engine->applyThresholds(thresholds);
     logUpdateFloor();

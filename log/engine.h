@@ -5,75 +5,26 @@
 #include "log/hashtable.h"
 #include "log/line_format.h"
 #include "log/log.h"
-
-#include <array>
-#include <atomic>
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
-
-/// One output channel.
-class LogOutput {
-public:
-    enum Type : uint32_t { kSystem = 1, kFile = 2, kDebugger = 3 };
-
-    LogOutput(const wchar_t* name, Type type, uint32_t threshold) noexcept
-        : m_name(name), m_type(type), m_threshold(threshold) {}
-    virtual ~LogOutput() = default;
-    LogOutput(const LogOutput&) = delete;
-    LogOutput& operator=(const LogOutput&) = delete;
-
-    /// Writes one line; may be entered by several threads at once.
-    /// @param line    terminated, without a line break
-    /// @param length  characters in it
-    virtual uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept = 0;
-    /// @return 0 or an error number.
-    virtual uint32_t open() noexcept = 0;
-    virtual void close() noexcept = 0;
-
-    const wchar_t* name() const noexcept { return m_name; }
-    Type type() const noexcept { return m_type; }
-    uint32_t detail() const noexcept { return m_detail.load(std::memory_order_relaxed); }
-    void setDetail(uint32_t detail) noexcept { m_detail.store(detail, std::memory_order_relaxed); }
-    uint32_t threshold() const noexcept { return m_threshold.load(std::memory_order_relaxed); }
-    void setThreshold(uint32_t threshold) noexcept { m_threshold.store(threshold, std::memory_order_relaxed); }
-
-private:
-    const wchar_t* m_name;
-    const Type m_type;
-    std::atomic<uint32_t> m_detail{0};
-    std::atomic<uint32_t> m_threshold;
-};
-
-/// The severity thresholds of the three kinds of channel, as configured.
-struct LogThresholds {
-    uint32_t system = 7, file = 7, debugger = 7;
-};
+#include "log/outputs.h"
 
 class LogEngine {
 public:
-    static constexpr size_t kMaxSlots = 8;
-
-    LogEngine() = default;
-    ~LogEngine();
-    LogEngine(const LogEngine&) = delete;
-    LogEngine& operator=(const LogEngine&) = delete;
+    static constexpr size_t kMaxSlots = LogLevels{}.size();
 
     /// Opens the channels whose detail level is not 0 and announces them in themselves.
     /// @return 0, or -1 if the engine has no channel then.
-    int32_t Initialize(const wchar_t* moduleTag, const wchar_t* logDirectory, uint32_t systemDetail,
-                       uint32_t fileDetail, uint32_t debuggerDetail) noexcept;
+    int32_t Initialize(const wchar_t* moduleTag, const wchar_t* logDirectory, const LogLevels& details) noexcept;
     /// Takes leave in the channels, closes and releases them. Nobody may be delivering.
     void Close() noexcept;
 
-    /// Takes the channel over. @return false if all slots are taken; the channel is then released.
+    /// Takes the channel over; null takes an empty slot. @return false if all slots are taken; the channel is then
+    /// released.
     bool append(std::unique_ptr<LogOutput> output) noexcept;
     /// Thresholds below 5 (as signed numbers) stand, all others become ERROR.
-    void applyThresholds(const LogThresholds& thresholds) noexcept;
+    void applyThresholds(const LogLevels& thresholds) noexcept;
 
     size_t slotCount() const noexcept { return m_slotCount.load(std::memory_order_acquire); }
-    LogOutput* slot(size_t index) const noexcept { return m_slots[index].load(std::memory_order_acquire); }
+    LogOutput* slot(size_t index) const noexcept { return m_slots[index].get(); }
     LogOutput* find(LogOutput::Type type) const noexcept;
     bool hasActiveChannel() const noexcept;
     uint32_t minimumSeverity() const noexcept { return m_minimumSeverity.load(std::memory_order_relaxed); }
@@ -85,43 +36,52 @@ public:
     uint32_t openCount = 0; ///< opens beyond the first; guarded by whoever opens and closes
 
 private:
-    /// A thread's context: numbers, the first of which is the time of its first record.
-    struct ThreadContext {
-        std::vector<uint32_t> values;
-    };
-
     kestra::LineContext contextOf(uint32_t threadId) noexcept;
-    std::wstring channelNames() const;
     void announce(const char* functionName, const wchar_t* format) noexcept;
 
-    std::array<std::atomic<LogOutput*>, kMaxSlots> m_slots{};
+    std::array<std::unique_ptr<LogOutput>, kMaxSlots> m_slots; // each written before it is counted
     std::atomic<size_t> m_slotCount{0};
     std::atomic<uint32_t> m_minimumSeverity{LOG_MANDATORY};
-    CHashtable m_contexts;
+    CHashtable<const uint32_t> m_firstSeconds; // by thread id: the time of its first record
 };
 
 namespace kestra {
 
-// The tables behind the call interface.
+/// A record of this moment on this thread.
+class OwnRecord {
+public:
+    /// @param message  from LogFormatMessage; becomes the record's
+    OwnRecord(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
+              const wchar_t* message) noexcept;
+    ~OwnRecord() {
+        LogFreeText(m_record.timeText);
+        LogFreeText(m_record.message);
+    }
+    OwnRecord(const OwnRecord&) = delete;
+    OwnRecord& operator=(const OwnRecord&) = delete;
+    const LogRecord& get() const noexcept { return m_record; }
 
+private:
+    LogRecord m_record;
+};
+
+/// LogOpen with a detail level for every kind of output.
+int32_t logOpen(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details) noexcept;
 /// Makes sure that an engine exists under the handle. @return null if memory is short.
 LogEngine* logFindOrCreateEngine(uint32_t handle) noexcept;
 LogEngine* logFindEngine(uint32_t handle) noexcept;
-/// From now on the handle's engine also gets the records of the module with this key.
-/// @return false if memory is short.
+/// From now on the handle's engine also gets the records of the module with this key: for programs that watch one with
+/// an engine of their own. This library never listens. @return false if memory is short.
 bool logListenToModule(uint64_t moduleKey, uint32_t handle) noexcept;
 /// Takes that back.
 void logIgnoreModule(uint64_t moduleKey, uint32_t handle) noexcept;
+/// Module table key: h = h * 31 + c over the key's two halves printed in hexadecimal.
+uint32_t logModuleHash(uint64_t moduleKey) noexcept;
 /// Call after an engine's channels or thresholds changed: keeps logAccepts quick and right.
 void logUpdateFloor() noexcept;
-/// What opening a handle without an engine has to say: the handle in decimal and its four characters.
-/// @param text  receives it, cut to `capacity` characters with the terminator
-void logDescribeMissingEngine(uint32_t handle, wchar_t* text, size_t capacity) noexcept;
-/// "Log Engine - " and the host's path, once an engine was opened; else empty.
-std::wstring logEngineTitle();
-
-/// Makes the channels of a platform that has any. @return null if it has none of this type or it cannot be opened.
-std::unique_ptr<LogOutput> makeLogOutput(LogOutput::Type type, const wchar_t* moduleTag,
-                                         const wchar_t* logDirectory) noexcept;
+/// Reads the current user's configuration (docs/compatibility.md), makes the library's engine and opens the channels
+/// that are configured. Without configuration nothing is ever written. Windows only.
+/// @return true if the log is open now.
+bool logLoadConfiguration() noexcept;
 
 } // namespace kestra

@@ -8,10 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cwchar>
-#include <memory>
-#include <mutex>
-#include <new>
+#include <vector>
 
 using namespace kestra;
 
@@ -23,118 +20,107 @@ constexpr char kNoTime[] = "error_data error_time";
 constexpr wchar_t kNoMessage[] = L"Can't prepare error message";
 constexpr size_t kTimeBytes = 32;
 constexpr size_t kMessageCapacity = 512; // characters
-constexpr size_t kTitleCapacity = 260;
 
 /// Handles of the engines that want a module's records; replaced whole when it changes.
 using HandleList = std::vector<uint32_t>;
 
-struct Tables {
-    CHashtable engines{151, 0.75f};
-    CHashtable modules{151, 0.75f};
-    ReaderGate gate;    // everybody who looks an engine or a list up stands inside
-    std::mutex changes; // opening, closing and listening
-    std::wstring title;
+/// The library asks about its own module at every log point: its hash is computed once.
+uint32_t hashOf(uint64_t moduleKey) noexcept {
+    static const uint32_t own = logModuleHash(platform::moduleKey());
+    return moduleKey == platform::moduleKey() ? own : logModuleHash(moduleKey);
+}
 
+/// The engines, and who listens to which module. Whoever looks something up stands inside the gate while using it.
+struct Registry {
+    CHashtable<LogEngine> engines;
+    CHashtable<HandleList> modules;
+    ReaderGate gate;
+    Mutex changes; // opening, closing and listening
+
+    static constexpr uint32_t keyOf(uint32_t handle) noexcept { return handle == 0 ? 0xFFFFFFFF : handle; }
+    LogEngine* find(uint32_t handle) const noexcept { return engines.find(keyOf(handle)); }
+    LogEngine* findOrCreate(uint32_t handle) noexcept {
+        if (LogEngine* engine = find(handle)) return engine;
+        return engines.findOrInsert(keyOf(handle), std::unique_ptr<LogEngine>(new (std::nothrow) LogEngine));
+    }
+
+    /// Calls visit(engine) for the engines that listen to the module until one answers true. @return whether one did.
+    template <class Visit>
+    bool anyListener(uint64_t moduleKey, Visit visit) const {
+        if (const HandleList* listeners = modules.find(hashOf(moduleKey)))
+            for (const uint32_t listener : *listeners)
+                if (LogEngine* engine = find(listener); engine && visit(*engine)) return true;
+        return false;
+    }
+    /// Changes the module's list of listeners: change(list). @return false if memory is short.
+    template <class Change>
+    bool changeListeners(uint64_t moduleKey, Change change) noexcept {
+        const LockGuard lock(changes);
+        try {
+            const HandleList* now = modules.find(hashOf(moduleKey));
+            auto list = std::make_unique<HandleList>(now ? *now : HandleList());
+            change(*list);
+            const bool changed = modules.exchange(hashOf(moduleKey), list);
+            gate.waitForReaders(); // of the former list
+            return changed;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+
+    void updateFloor() noexcept REQUIRES(changes) {
+        uint64_t floor = kNobodyListens;
+        engines.forEach([&](uint32_t, const LogEngine& engine) {
+            if (engine.slotCount() != 0 && engine.minimumSeverity() < floor) floor = engine.minimumSeverity();
+        });
+        logFloor.store(floor, std::memory_order_relaxed);
+    }
+    int32_t open(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details) noexcept REQUIRES(changes) {
+        LogEngine* engine = handle == 0 ? findOrCreate(handle) : find(handle);
+        if (!engine) return -1;
+        if (engine->slotCount() != 0) {
+            ++engine->openCount;
+        } else if (engine->Initialize(L"TARNIS", logDirectory, details) != 0) {
+            close(handle);
+            return -1;
+        }
+        updateFloor();
+        return 0;
+    }
+    void close(uint32_t handle) noexcept REQUIRES(changes) {
+        LogEngine* engine = find(handle);
+        if (!engine) return;
+        if (engine->openCount != 0) {
+            --engine->openCount;
+            return;
+        }
+        // Out of reach first: once the threads that are still delivering have left, nobody disturbs the closing.
+        std::unique_ptr<LogEngine> closing;
+        engines.exchange(keyOf(handle), closing);
+        updateFloor();
+        gate.waitForReaders();
+        closing->Close();
+    }
     /// True if the end of the process caught a thread inside the log. It never leaves the gate and never gives
     /// back what it held there, be it a lock of ours or of the system: nothing may be waited for any more.
     bool wreckedByProcessEnd() noexcept {
         if (!platform::processIsEnding()) return false;
-        const std::unique_lock free(changes, std::try_to_lock);
-        return !free || !gate.isEmpty();
-    }
-
-    ~Tables() {
-        if (wreckedByProcessEnd()) return; // the system takes everything back
-        engines.forEach([](uint32_t, void* engine) { delete static_cast<LogEngine*>(engine); });
-        modules.forEach([](uint32_t, void* list) { delete static_cast<HandleList*>(list); });
-        logFloor.store(kNobodyListens, std::memory_order_relaxed);
+        if (!changes.try_lock()) return true;
+        changes.unlock();
+        return !gate.isEmpty();
     }
 };
 
-Tables& tables() noexcept {
-    static Tables instance;
-    return instance;
-}
-
-constexpr uint32_t keyOf(uint32_t handle) noexcept {
-    return handle == 0 ? 0xFFFFFFFF : handle;
-}
-
-/// The library asks about its own module at every log point: its hash is computed once.
-uint32_t hashOf(uint64_t moduleKey) noexcept {
-    static const uint32_t own = moduleHash(platform::moduleKey());
-    return moduleKey == platform::moduleKey() ? own : moduleHash(moduleKey);
-}
-
-const HandleList* listenersOf(uint64_t moduleKey) noexcept {
-    Tables& t = tables();
-    return t.modules.size() == 0 ? nullptr : static_cast<const HandleList*>(t.modules.find(hashOf(moduleKey)));
-}
-
-/// Puts a list in the place of the module's; waits until nobody reads the old one. Under `changes`.
-bool replaceListeners(uint64_t moduleKey, std::unique_ptr<HandleList> list) noexcept {
-    Tables& t = tables();
-    const uint32_t hash = hashOf(moduleKey);
-    auto* old = static_cast<HandleList*>(t.modules.find(hash));
-    if (list->empty())
-        t.modules.remove(hash);
-    else if (!t.modules.insert(hash, list.get()))
-        return false;
-    else
-        (void)list.release();
-    t.gate.waitForReaders();
-    delete old;
-    return true;
-}
-
-/// Under `changes`.
-void updateFloor() noexcept {
-    uint64_t floor = kNobodyListens;
-    tables().engines.forEach([&](uint32_t, void* value) {
-        const auto* engine = static_cast<const LogEngine*>(value);
-        if (engine->slotCount() != 0 && engine->minimumSeverity() < floor) floor = engine->minimumSeverity();
-    });
-    logFloor.store(floor, std::memory_order_relaxed);
-}
-
-LogEngine* findOrCreate(uint32_t handle) noexcept {
-    if (LogEngine* engine = logFindEngine(handle)) return engine;
-    try {
-        auto engine = std::make_unique<LogEngine>();
-        if (!tables().engines.insert(keyOf(handle), engine.get())) return nullptr;
-        return engine.release();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
+struct UnlessWrecked {
+    void operator()(Registry* registry) const noexcept {
+        logFloor.store(kNobodyListens, std::memory_order_relaxed);
+        if (!registry->wreckedByProcessEnd()) delete registry; // else the system takes everything back
     }
-}
+};
 
-/// Under `changes`.
-void closeEngine(uint32_t handle) noexcept {
-    Tables& t = tables();
-    LogEngine* engine = logFindEngine(handle);
-    if (!engine) return;
-    if (engine->openCount != 0) {
-        --engine->openCount;
-        return;
-    }
-    // Out of reach first: once the threads that are still delivering have left, nobody disturbs the closing.
-    t.engines.remove(keyOf(handle));
-    updateFloor();
-    t.gate.waitForReaders();
-    engine->Close();
-    delete engine;
-}
-
-void storeTitle() noexcept {
-    wchar_t path[kTitleCapacity];
-    platform::executablePath(path, kTitleCapacity);
-    try {
-        std::wstring title = std::wstring(L"Log Engine - ") + path;
-        title.resize(title.size() < kTitleCapacity ? title.size() : kTitleCapacity);
-        tables().title = std::move(title);
-    } catch (const std::bad_alloc&) {
-        tables().title.clear();
-    }
+Registry& registry() noexcept {
+    static const std::unique_ptr<Registry, UnlessWrecked> instance(new Registry);
+    return *instance;
 }
 
 /// Formats into fresh memory. @return kNoMessage if there is none.
@@ -152,94 +138,89 @@ namespace kestra {
 std::atomic<uint64_t> logFloor{kNobodyListens};
 
 LogEngine* logFindEngine(uint32_t handle) noexcept {
-    return static_cast<LogEngine*>(tables().engines.find(keyOf(handle)));
+    return registry().find(handle);
 }
 
 LogEngine* logFindOrCreateEngine(uint32_t handle) noexcept {
-    const std::lock_guard lock(tables().changes);
-    return findOrCreate(handle);
+    const LockGuard lock(registry().changes);
+    return registry().findOrCreate(handle);
 }
 
 void logUpdateFloor() noexcept {
-    const std::lock_guard lock(tables().changes);
-    updateFloor();
+    Registry& all = registry();
+    const LockGuard lock(all.changes);
+    all.updateFloor();
 }
 
 bool logListenToModule(uint64_t moduleKey, uint32_t handle) noexcept {
-    const std::lock_guard lock(tables().changes);
-    try {
-        const HandleList* old = listenersOf(moduleKey);
-        auto list = old ? std::make_unique<HandleList>(*old) : std::make_unique<HandleList>();
-        list->push_back(handle);
-        return replaceListeners(moduleKey, std::move(list));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    return registry().changeListeners(moduleKey, [=](HandleList& list) { list.push_back(handle); });
 }
 
 void logIgnoreModule(uint64_t moduleKey, uint32_t handle) noexcept {
-    const std::lock_guard lock(tables().changes);
-    const HandleList* old = listenersOf(moduleKey);
-    if (!old) return;
-    try {
-        auto list = std::make_unique<HandleList>(*old);
-        std::erase(*list, handle);
-        replaceListeners(moduleKey, std::move(list));
-    } catch (const std::bad_alloc&) {
-        // The engine goes on listening.
+    registry().changeListeners(moduleKey, [=](HandleList& list) { std::erase(list, handle); });
+}
+
+uint32_t logModuleHash(uint64_t moduleKey) noexcept {
+    uint32_t hash = 0;
+    for (const uint32_t half : {static_cast<uint32_t>(moduleKey >> 32), static_cast<uint32_t>(moduleKey)}) {
+        int shift = 28;
+        while (shift > 0 && half >> shift == 0)
+            shift -= 4;
+        for (; shift >= 0; shift -= 4)
+            hash = hash * 31 + static_cast<uint32_t>("0123456789abcdef"[half >> shift & 0xF]);
     }
-}
-
-void logDescribeMissingEngine(uint32_t handle, wchar_t* text, size_t capacity) noexcept {
-    std::swprintf(text, capacity, L"Can't find Log Engine for log handle: %d (%c%c%c%c)", static_cast<int>(handle),
-                  static_cast<int>(handle >> 24), static_cast<int>(handle >> 16 & 0xFF),
-                  static_cast<int>(handle >> 8 & 0xFF), static_cast<int>(handle & 0xFF));
-}
-
-std::wstring logEngineTitle() {
-    const std::lock_guard lock(tables().changes);
-    return tables().title;
+    return hash;
 }
 
 bool logAcceptsExactly(uint32_t severity) noexcept {
     return LogIsEnabled(kTarnisLogHandle, severity, platform::moduleKey());
 }
 
+OwnRecord::OwnRecord(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
+                     const wchar_t* message) noexcept {
+    m_record.timeText = LogMakeTimeStamp(m_record);
+    m_record.message = message;
+    m_record.processId = platform::processId();
+    m_record.threadId = platform::threadId();
+    m_record.moduleKey = platform::moduleKey();
+    m_record.group = unit.group;
+    m_record.moduleTag = "TARNIS";
+    m_record.sourceFile = unit.sourceFile;
+    m_record.functionName = functionName;
+    m_record.line = line;
+    m_record.severity = severity;
+    m_record.code = code;
+}
+
 void logPoint(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
               const wchar_t* format, ...) noexcept {
     const platform::KeepLastError keep;
-    const ReaderGate::Pass pass(tables().gate); // marks where the end of the process may catch this thread
-    LogRecord record;
-    record.timeText = LogMakeTimeStamp(record);
+    const ReaderGate::Pass pass(registry().gate); // marks where the end of the process may catch this thread
     va_list arguments;
     va_start(arguments, format);
-    record.message = formatMessage(format, arguments);
+    const OwnRecord record(unit, functionName, line, severity, code, formatMessage(format, arguments));
     va_end(arguments);
-    record.processId = platform::processId();
-    record.threadId = platform::threadId();
-    record.moduleKey = platform::moduleKey();
-    record.group = unit.group;
-    record.moduleTag = "TARNIS";
-    record.sourceFile = unit.sourceFile;
-    record.functionName = functionName;
-    record.line = line;
-    record.severity = severity;
-    record.code = code;
-    LogSend(kTarnisLogHandle, record);
-    LogFreeText(record.timeText);
-    LogFreeText(record.message);
+    LogSend(kTarnisLogHandle, record.get());
+}
+
+int32_t logOpen(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details) noexcept {
+    Registry& all = registry();
+    int32_t result;
+    {
+        const LockGuard lock(all.changes);
+        result = all.open(handle, logDirectory, details);
+    }
+    if (result != 0) platform::waitForPendingHandles(); // as closing does
+    return result;
 }
 
 } // namespace kestra
 
 bool LogIsEnabled(uint32_t handle, uint32_t severity, uint64_t moduleKey) noexcept {
-    const ReaderGate::Pass pass(tables().gate);
-    if (const LogEngine* engine = logFindEngine(handle); engine && engine->accepts(severity)) return true;
-    const HandleList* listeners = listenersOf(moduleKey);
-    if (!listeners) return false;
-    for (const uint32_t listener : *listeners)
-        if (const LogEngine* engine = logFindEngine(listener); engine && engine->accepts(severity)) return true;
-    return false;
+    Registry& all = registry();
+    const ReaderGate::Pass pass(all.gate);
+    if (const LogEngine* engine = all.find(handle); engine && engine->accepts(severity)) return true;
+    return all.anyListener(moduleKey, [=](const LogEngine& engine) { return engine.accepts(severity); });
 }
 
 const char* LogMakeTimeStamp(LogRecord& record) noexcept {
@@ -276,51 +257,30 @@ void LogFreeText(const wchar_t* text) noexcept {
 }
 
 uint32_t LogSend(uint32_t handle, const LogRecord& record) noexcept {
-    const ReaderGate::Pass pass(tables().gate);
-    if (const HandleList* listeners = listenersOf(record.moduleKey))
-        for (const uint32_t listener : *listeners)
-            if (LogEngine* engine = logFindEngine(listener); engine && engine->hasActiveChannel())
-                engine->deliver(record);
-    LogEngine* engine = logFindEngine(handle);
-    if (!engine || !engine->hasActiveChannel()) return kNoActiveChannel;
-    return engine->deliver(record);
+    Registry& all = registry();
+    const ReaderGate::Pass pass(all.gate);
+    all.anyListener(record.moduleKey, [&](LogEngine& engine) {
+        if (engine.hasActiveChannel()) engine.deliver(record);
+        return false;
+    });
+    LogEngine* engine = all.find(handle);
+    return engine && engine->hasActiveChannel() ? engine->deliver(record) : kNoActiveChannel;
 }
 
 int32_t LogOpen(uint32_t handle, const wchar_t* /*moduleTag*/, const wchar_t* logDirectory, uintptr_t /*reserved1*/,
                 uintptr_t /*reserved2*/, uint32_t systemDetail, uint32_t fileDetail, uint32_t ideDetail) noexcept {
-    const std::lock_guard lock(tables().changes);
-    LogEngine* engine = logFindEngine(handle);
-    if (engine && engine->slotCount() != 0) {
-        ++engine->openCount;
-        return 0;
-    }
-    storeTitle();
-    if (!engine) {
-        if (handle != 0) {
-            wchar_t text[kTitleCapacity];
-            logDescribeMissingEngine(handle, text, kTitleCapacity);
-            return -1;
-        }
-        engine = findOrCreate(handle);
-        if (!engine) return -1;
-    }
-    if (engine->Initialize(L"TARNIS", logDirectory, systemDetail, fileDetail, ideDetail) == 0) {
-        updateFloor();
-        return 0;
-    }
-    closeEngine(handle);
-    platform::waitForPendingHandles();
-    return -1;
+    return logOpen(handle, logDirectory, {systemDetail, fileDetail, ideDetail});
 }
 
 int32_t LogClose(uint32_t handle) noexcept {
-    if (tables().wreckedByProcessEnd()) {
+    Registry& all = registry();
+    if (all.wreckedByProcessEnd()) {
         logFloor.store(kNobodyListens, std::memory_order_relaxed);
         return 0;
     }
     {
-        const std::lock_guard lock(tables().changes);
-        closeEngine(handle);
+        const LockGuard lock(all.changes);
+        all.close(handle);
     }
     platform::waitForPendingHandles();
     return 0;

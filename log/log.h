@@ -12,7 +12,8 @@ enum LogSeverity : uint32_t {
     LOG_NOTICE = 2,
     LOG_WARNING = 3,
     LOG_ERROR = 4,
-    LOG_MANDATORY = 5
+    LOG_MANDATORY = 5,
+    LOG_ANNOUNCEMENT = 6 ///< of the log itself; reads MANDATORY, too
 };
 
 /// The library's log handle: the four-character code KRNA, first character most significant.
@@ -69,7 +70,8 @@ int32_t LogOpen(uint32_t handle, const wchar_t* moduleTag, const wchar_t* logDir
 
 /// Takes back one LogOpen; the last one closes the channels and destroys the engine. Waits until no thread is
 /// inside a delivery to it: do not call it from a channel. If the end of the process ended a thread inside a log
-/// point, nothing is closed and no leave is taken: the system closes the channels.
+/// point, nothing is closed and no leave is taken: the system closes the channels. Then waits for the pending handles
+/// (log/platform.h) and closes them.
 /// @return 0
 int32_t LogClose(uint32_t handle) noexcept;
 
@@ -95,6 +97,19 @@ inline bool logAccepts(uint32_t severity) noexcept {
 /// of what is logged, nor the calling thread's last error.
 void logPoint(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
               const wchar_t* format, ...) noexcept;
+
+/// The library's log for as long as this object lives: one in a module, made when the module is loaded and destroyed
+/// when it is unloaded. Opens the channels that the registry configures. Windows only.
+class LogLifetime {
+public:
+    LogLifetime() noexcept;
+    ~LogLifetime();
+    LogLifetime(const LogLifetime&) = delete;
+    LogLifetime& operator=(const LogLifetime&) = delete;
+
+private:
+    bool m_open;
+};
 
 } // namespace kestra
 

@@ -1,72 +1,84 @@
-// The three channels. Windows only. Written to by any thread; opened and closed by one.
+// The kinds of output channel: a row each. Portable, but for the file channel, which exists on Windows only.
 #pragma once
 
-#include "log/engine.h"
-#include "win32/handle.h"
+#include "log/log.h"
 
-#include <windows.h>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+struct LogOutputKind;
+
+/// One output channel.
+class LogOutput {
+public:
+    enum Type : uint32_t { kSystem = 1, kFile = 2, kDebugger = 3 };
+
+    explicit LogOutput(const LogOutputKind& kind) noexcept;
+    LogOutput(const wchar_t* name, Type type, uint32_t threshold) noexcept
+        : m_name(name), m_type(type), m_threshold(threshold) {}
+    virtual ~LogOutput() = default;
+    LogOutput(const LogOutput&) = delete;
+    LogOutput& operator=(const LogOutput&) = delete;
+
+    /// Writes one line; may be entered by several threads at once, and again by a thread that is inside.
+    /// @param line    terminated, without a line break
+    /// @param length  characters in it
+    /// @param record  what the line was made of; its texts may be null
+    virtual uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept = 0;
+    /// @return 0 or an error number.
+    virtual uint32_t open() noexcept { return 0; }
+    virtual void close() noexcept {}
+
+    const wchar_t* name() const noexcept { return m_name; }
+    Type type() const noexcept { return m_type; }
+    uint32_t detail() const noexcept { return m_detail.load(std::memory_order_relaxed); }
+    void setDetail(uint32_t detail) noexcept { m_detail.store(detail, std::memory_order_relaxed); }
+    uint32_t threshold() const noexcept { return m_threshold.load(std::memory_order_relaxed); }
+    void setThreshold(uint32_t threshold) noexcept { m_threshold.store(threshold, std::memory_order_relaxed); }
+
+private:
+    const wchar_t* const m_name;
+    const Type m_type;
+    std::atomic<uint32_t> m_detail{0};
+    std::atomic<uint32_t> m_threshold;
+};
+
+/// Everything that differs between two kinds of output. A further one is a class in a file of its own and a row in
+/// outputs.cpp.
+struct LogOutputKind {
+    LogOutput::Type type;
+    const wchar_t* name;
+    uint32_t threshold;            ///< until one is configured
+    const wchar_t* detailValue;    ///< names of its registry values
+    const wchar_t* thresholdValue; ///< likewise
+    bool reopeningSetsDetail;      ///< a second opening of the log changes its detail
+    /// @return null if memory is short, or the system has no such output.
+    std::unique_ptr<LogOutput> (*make)(const wchar_t* moduleTag, const wchar_t* logDirectory);
+};
+
+/// In the order in which an engine opens them; the row of a type is number type - 1.
+std::span<const LogOutputKind> logOutputKinds() noexcept;
+
+/// A number for each kind of output, by row.
+using LogLevels = std::array<uint32_t, 8>;
+inline constexpr LogLevels kDefaultThresholds{7, 7, 7, 7, 7, 7, 7, 7}; ///< stand for ERROR, see applyThresholds
+
+inline LogOutput::LogOutput(const LogOutputKind& kind) noexcept : LogOutput(kind.name, kind.type, kind.threshold) {}
 
 /// Accepts every line and writes nothing.
 class EventOutput final : public LogOutput {
 public:
-    EventOutput() noexcept : LogOutput(L"System_Output_Stub", kSystem, 0) {}
+    EventOutput() noexcept : LogOutput(logOutputKinds()[kSystem - 1]) {}
     uint32_t write(const wchar_t*, size_t, const LogRecord&) noexcept override { return 0; }
-    uint32_t open() noexcept override { return 0; }
-    void close() noexcept override {}
 };
 
-/// Sends each line, then a line feed, to the debugger output.
+/// Sends each line, with a line feed, to the debugger output.
 class IDEOutput final : public LogOutput {
 public:
-    IDEOutput() noexcept : LogOutput(L"IDE_Output", kDebugger, LOG_ERROR) {}
+    IDEOutput() noexcept : LogOutput(logOutputKinds()[kDebugger - 1]) {}
     uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept override;
-    uint32_t open() noexcept override { return 0; }
-    void close() noexcept override {}
-
-private:
-    SRWLOCK m_lock = SRWLOCK_INIT; // a line and its line feed stay together
-};
-
-/// Appends UTF-16 lines to one file that all processes share; a named mutex keeps their lines apart.
-class FileOutput final : public LogOutput {
-public:
-    /// @param moduleTag  base name of the file; null or empty: "ZeLog"
-    /// @param logDirectory  searched for as a path; not found or null: the current directory
-    FileOutput(const wchar_t* moduleTag, const wchar_t* logDirectory) noexcept;
-    ~FileOutput() override;
-
-    /// @return 0; 0xFFFFFFFF with no file. A line that cannot be written is lost.
-    ///         A line that finds no file after a change of date tries to open it for the lines that follow.
-    uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept override;
-    uint32_t open() noexcept override;
-    void close() noexcept override;
-
-    /// Why open failed; empty if it did not.
-    const wchar_t* errorText() const noexcept { return m_error; }
-    const wchar_t* fileName() const noexcept { return m_fileName; }
-    void setFlushOnlyOnErrors(bool only) noexcept { m_flushOnlyOnErrors = only; }
-    void setCreateAnew(bool anew) noexcept { m_createAnew = anew; }
-    void setDailyNames(bool daily) noexcept { m_dailyNames = daily; }
-
-private:
-    static constexpr size_t kPathCapacity = 260;
-    static constexpr DWORD kMutexTimeoutMs = 25000;
-
-    uint32_t openMutex() noexcept;
-    uint32_t openFile() noexcept;
-    uint32_t reopenFile() noexcept;
-    uint32_t makeDirectory() noexcept;
-    uint32_t fail(const wchar_t* format, const wchar_t* subject, uint32_t error) noexcept;
-    bool hasDateOf(const LogRecord& record) const noexcept;
-
-    wchar_t m_directory[kPathCapacity];
-    wchar_t m_baseName[kPathCapacity];
-    wchar_t m_fileName[kPathCapacity];
-    wchar_t m_error[kPathCapacity + 64];
-    kestra::UniqueFile m_file;
-    kestra::UniqueObject m_mutex;
-    int32_t m_day = -1, m_month = -1, m_year = 0; // of the open file
-    bool m_flushOnlyOnErrors = true;
-    bool m_createAnew = false;
-    bool m_dailyNames = false;
 };

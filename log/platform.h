@@ -1,6 +1,8 @@
 // What the log needs from the operating system. Private to log/.
 #pragma once
 
+#include "log/outputs.h"
+
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -21,15 +23,19 @@ uint32_t threadId() noexcept;
 /// Instance handle of the module that this code is part of.
 uint64_t moduleKey() noexcept;
 const wchar_t* commandLine() noexcept;
-/// Path of the process's main module, cut and terminated.
-void executablePath(wchar_t* path, size_t capacity) noexcept;
 /// printf into a buffer of `capacity` characters, always terminated.
 void format(wchar_t* buffer, size_t capacity, const wchar_t* format, va_list arguments) noexcept;
 void debugOutput(const wchar_t* text) noexcept;
 /// True once the process's exit has ended all other threads, wherever they stood.
 bool processIsEnding() noexcept;
+/// Gives a waitable handle to the log, for programs that have work under way when they close a log: the next LogClose
+/// waits for it and closes it. This library gives none.
+/// @return false if memory is short; the handle then stays the caller's.
+bool addPendingHandle(void* handle) noexcept;
 /// Waits, with messages pumped, for all handles given to addPendingHandle, then closes them.
 void waitForPendingHandles() noexcept;
+/// @return null if memory is short, or the system has no file channel.
+std::unique_ptr<LogOutput> makeFileOutput(const wchar_t* moduleTag, const wchar_t* logDirectory);
 
 /// Keeps the calling thread's last error as it was.
 class KeepLastError {

@@ -1,4 +1,4 @@
-// The log on a system without channels: enough for the portable code to log into nothing, and for the native
+// The log on a system without a file channel: enough for the portable code to log into nothing, and for the native
 // tests to put channels of their own on an engine.
 #include "log/platform.h"
 
@@ -48,10 +48,6 @@ const wchar_t* commandLine() noexcept {
     return L"native";
 }
 
-void executablePath(wchar_t* path, size_t capacity) noexcept {
-    std::swprintf(path, capacity, L"native");
-}
-
 void format(wchar_t* buffer, size_t capacity, const wchar_t* text, va_list arguments) noexcept {
     buffer[0] = L'\0';
     std::vswprintf(buffer, capacity, text, arguments);
@@ -62,7 +58,13 @@ void debugOutput(const wchar_t*) noexcept {}
 bool processIsEnding() noexcept {
     return false; // other threads run on while this one cleans up
 }
+bool addPendingHandle(void*) noexcept {
+    return false;
+}
 void waitForPendingHandles() noexcept {}
+std::unique_ptr<LogOutput> makeFileOutput(const wchar_t*, const wchar_t*) {
+    return nullptr;
+}
 
 KeepLastError::KeepLastError() noexcept : m_error(static_cast<uint32_t>(errno)) {}
 KeepLastError::~KeepLastError() {

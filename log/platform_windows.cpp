@@ -1,16 +1,17 @@
 // The log's system calls.
 #include "log/platform.h"
 
-#include "log/pending_handles.h"
+#include "sync/mutex.h"
 #include "win32/handle.h"
 #include "win32/module.h"
 
 #include <windows.h>
 
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <utility>
+#include <new>
+#include <vector>
 
 #include <sys/timeb.h>
 
@@ -48,12 +49,6 @@ const wchar_t* commandLine() noexcept {
     return GetCommandLineW();
 }
 
-void executablePath(wchar_t* path, size_t capacity) noexcept {
-    path[0] = L'\0';
-    GetModuleFileNameW(nullptr, path, static_cast<DWORD>(capacity));
-    path[capacity - 1] = L'\0';
-}
-
 void format(wchar_t* buffer, size_t capacity, const wchar_t* text, va_list arguments) noexcept {
     buffer[0] = L'\0';
     _vsnwprintf(buffer, capacity, text, arguments);
@@ -78,10 +73,17 @@ KeepLastError::~KeepLastError() {
 
 namespace {
 
-constexpr size_t kPendingCapacity = 16; // to begin with
-SRWLOCK g_pendingLock = SRWLOCK_INIT;
-HANDLE* g_pending = nullptr; // plain memory: it must outlive every static object that may still close a log
-size_t g_pendingCount = 0, g_pendingRoom = 0;
+struct PendingHandles {
+    Mutex mutex;
+    std::vector<UniqueObject> handles GUARDED_BY(mutex);
+};
+
+/// Never destroyed: a static object that closes a log may live longer than any other.
+PendingHandles& pending() noexcept {
+    alignas(PendingHandles) static std::byte room[sizeof(PendingHandles)];
+    static PendingHandles& instance = *new (room) PendingHandles;
+    return instance;
+}
 
 /// Dispatches what is in the calling thread's queue. A request to quit stays in it for the thread's own loop.
 /// @return false once that request has been seen.
@@ -100,45 +102,33 @@ bool pumpMessages() noexcept {
 
 } // namespace
 
+bool addPendingHandle(void* handle) noexcept {
+    const LockGuard lock(pending().mutex);
+    try {
+        pending().handles.emplace_back();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    pending().handles.back() = UniqueObject(handle);
+    return true;
+}
+
 void waitForPendingHandles() noexcept {
-    AcquireSRWLockExclusive(&g_pendingLock);
-    HANDLE* const handles = std::exchange(g_pending, nullptr);
-    const size_t count = std::exchange(g_pendingCount, 0);
-    g_pendingRoom = 0;
-    ReleaseSRWLockExclusive(&g_pendingLock);
+    std::vector<UniqueObject> handles;
+    {
+        const LockGuard lock(pending().mutex);
+        handles.swap(pending().handles);
+    }
     // MWMO_WAITALL would also ask for input before it returns, and stops at 63 handles: the wait for all is made
     // of one wait after the other, which ends at the same moment.
     bool pumping = true;
-    for (size_t i = 0; i < count;) {
-        const DWORD result =
-            pumping ? MsgWaitForMultipleObjectsEx(1, &handles[i], INFINITE, QS_ALLINPUT, MWMO_INPUTAVAILABLE)
-                    : WaitForSingleObject(handles[i], INFINITE);
-        if (pumping && result == WAIT_OBJECT_0 + 1)
+    for (const UniqueObject& object : handles) {
+        const HANDLE handle = object.get();
+        while (pumping &&
+               MsgWaitForMultipleObjectsEx(1, &handle, INFINITE, QS_ALLINPUT, MWMO_INPUTAVAILABLE) == WAIT_OBJECT_0 + 1)
             pumping = pumpMessages();
-        else
-            UniqueObject(handles[i++]).out(); // closes it
+        if (!pumping) WaitForSingleObject(handle, INFINITE);
     }
-    std::free(handles);
 }
 
 } // namespace kestra::platform
-
-namespace kestra {
-
-bool logAddPendingHandle(void* handle) noexcept {
-    using namespace platform;
-    AcquireSRWLockExclusive(&g_pendingLock);
-    if (g_pendingCount == g_pendingRoom) {
-        const size_t room = g_pendingRoom == 0 ? kPendingCapacity : 2 * g_pendingRoom;
-        if (void* grown = std::realloc(g_pending, room * sizeof(HANDLE))) {
-            g_pending = static_cast<HANDLE*>(grown);
-            g_pendingRoom = room;
-        }
-    }
-    const bool taken = g_pendingCount < g_pendingRoom;
-    if (taken) g_pending[g_pendingCount++] = handle;
-    ReleaseSRWLockExclusive(&g_pendingLock);
-    return taken;
-}
-
-} // namespace kestra

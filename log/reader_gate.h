@@ -2,10 +2,10 @@
 // everybody who may still see it has left. Portable.
 #pragma once
 
+#include "sync/mutex.h"
+
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 namespace kestra {
 
@@ -30,15 +30,16 @@ public:
 
     /// Returns when every Pass that stood inside at the call has gone. Must not be called from inside.
     void waitForReaders() noexcept {
-        const std::lock_guard lock(m_mutex);
+        const LockGuard oneAtATime(m_mutex);
         // Twice: a reader may have read the phase just before it turned, and counted itself after.
         for (int turn = 0; turn < 2; ++turn) {
             const uint32_t left = m_phase.fetch_add(1) & 1;
             // Nobody inside: no lock is touched, for at the end of the process one may stay held by a dead thread.
             if (m_inside[left].load() == 0) continue;
-            std::unique_lock sleeping(m_wakeMutex);
+            const LockGuard sleeping(m_wakeMutex);
             m_waiting.store(true); // before the count is read again: a reader reads them in the opposite order
-            m_left.wait(sleeping, [&] { return m_inside[left].load() == 0; });
+            while (m_inside[left].load() != 0)
+                m_left.wait(m_wakeMutex);
             m_waiting.store(false);
         }
     }
@@ -47,16 +48,15 @@ public:
 
 private:
     void wake() noexcept {
-        const std::lock_guard lock(m_wakeMutex);
-        m_left.notify_all();
+        const LockGuard lock(m_wakeMutex);
+        m_left.notifyAll();
     }
 
     std::atomic<uint32_t> m_phase{0};
     std::atomic<uint32_t> m_inside[2]{};
-    std::mutex m_mutex; // one waits at a time
     std::atomic<bool> m_waiting{false};
-    std::mutex m_wakeMutex;
-    std::condition_variable m_left;
+    Mutex m_mutex, m_wakeMutex;
+    Condition m_left;
 };
 
 } // namespace kestra

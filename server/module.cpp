@@ -1,7 +1,7 @@
 // The module: its classes, its entry points, its registration.
 #include "capture/audio_filter.h"
 #include "capture/video_filter.h"
-#include "log/configuration.h"
+#include "log/log.h"
 #include "pages/pages.h"
 #include "server/registration.h"
 

@@ -34,8 +34,8 @@ public:
     uint32_t write(const wchar_t* line, size_t length, const LogRecord& r) noexcept override {
         const std::lock_guard lock(m_seen.mutex);
         m_seen.lines.emplace_back(line, length);
-        m_seen.records.push_back(
-            {r.group, r.functionName, r.moduleTag, r.timeText, r.sourceFile, r.message, r.severity, r.code, r.line});
+        m_seen.records.push_back({textOf(r.group), textOf(r.functionName), textOf(r.moduleTag), textOf(r.timeText),
+                                  textOf(r.sourceFile), textOf(r.message), r.severity, r.code, r.line});
         return 0;
     }
     uint32_t open() noexcept override {
@@ -45,6 +45,11 @@ public:
     void close() noexcept override { ++m_seen.closed; }
 
 private:
+    template <class Char>
+    static std::basic_string<Char> textOf(const Char* text) {
+        return text ? text : std::basic_string<Char>();
+    }
+
     Seen& m_seen;
 };
 

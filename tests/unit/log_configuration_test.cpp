@@ -5,7 +5,6 @@
 #include "tests/support/scoped_import_hook.h"
 #include "tests/unit/log_folder.h"
 
-#include "log/configuration.h"
 #include "log/engine.h"
 
 #include <gmock/gmock.h>
@@ -113,8 +112,8 @@ TEST_F(LogConfigurationTest, AllThreeChannelsOpenInOrder) {
     EXPECT_THAT(m_debug.lines(), ElementsAre(L"Open registry key\n",
                                              L"SV=MANDATORY; CD=0; MSG=   >>>>>>>>>>>>>>>>> Open the log channels: "
                                              L"System_Output_Stub, File_Output, IDE_Output" +
-                                                 host,
-                                             L"\n", L"SV=WARNING; CD=1; MSG=seen by the debugger", L"\n"));
+                                                 host + L"\n",
+                                             L"SV=WARNING; CD=1; MSG=seen by the debugger\n"));
     EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 3u);
     LogClose(kTarnisLogHandle);
     EXPECT_EQ(fileLines().at(0), L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: System_Output_Stub, "
@@ -130,6 +129,45 @@ TEST_F(LogConfigurationTest, ConfiguredDirectoryIsUsed) {
     EXPECT_TRUE(std::filesystem::exists(m_folder / "logs" / "TARNIS.txt"));
 }
 
+TEST_F(LogConfigurationTest, DirectoryWithoutATerminatorIsReadAsFarAsItGoes) {
+    set(L"FileOutDetail", 1);
+    const std::wstring directory = (m_folder / L"d").wstring() + L"\\";
+    std::filesystem::create_directory(directory);
+    // No null behind it in the registry either: the system would take that one along.
+    m_registry.setRaw(kLogKey, L"LogDir", REG_SZ, (directory + L"x").c_str(),
+                      static_cast<DWORD>(directory.size() * sizeof(wchar_t)));
+    ASSERT_TRUE(logLoadConfiguration());
+    EXPECT_TRUE(std::filesystem::exists(directory + L"TARNIS.txt"));
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "TARNIS.txt"));
+}
+
+TEST_F(LogConfigurationTest, LineBreaksInAMessageForgeNoRecord) {
+    set(L"FileOutDetail", 1);
+    set(L"IdeOutDetail", 1);
+    ASSERT_TRUE(logLoadConfiguration());
+    log(LOG_ERROR, L"cannot open C:\\x\r\nERROR: 2; forged\n\u2028");
+    LogClose(kTarnisLogHandle);
+    const auto lines = fileLines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1], L"ERROR: 1; cannot open C:\\x  ERROR: 2; forged  ");
+    EXPECT_TRUE(m_debug.contains(lines[1] + L"\n"));
+}
+
+TEST_F(LogConfigurationTest, LineBreaksInTheCommandLineForgeNoRecord) {
+    set(L"FileOutDetail", 1);
+    static wchar_t commandLine[] = L"player.exe \r\nERROR: 2; forged";
+    const ScopedImportHook<decltype(&GetCommandLineW)> hook(kKernel, "GetCommandLineW",
+                                                            []() -> LPWSTR { return commandLine; });
+    ASSERT_TRUE(hook.installed());
+    ASSERT_TRUE(logLoadConfiguration());
+    LogClose(kTarnisLogHandle);
+    EXPECT_THAT(fileLines(),
+                ElementsAre(L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: File_Output for: player.exe   "
+                            L"ERROR: 2; forged",
+                            L"MANDATORY: 0;    <<<<<<<<<<<<<<<<< Close the log channels: File_Output for: player.exe   "
+                            L"ERROR: 2; forged"));
+}
+
 TEST_F(LogConfigurationTest, GarbageValuesFallBackToTheDefaults) {
     const wchar_t five[] = L"5";
     const uint8_t two[] = {1, 0};
@@ -143,13 +181,11 @@ TEST_F(LogConfigurationTest, GarbageValuesFallBackToTheDefaults) {
     m_registry.setRaw(kLogKey, L"FileSeverityThrsh", REG_BINARY, &big, 4);
     const std::wstring elsewhere = (m_folder / "elsewhere").wstring() + L"\\", tooLong(300, L'x');
     std::filesystem::create_directory(m_folder / "elsewhere");
-    const auto bytes = static_cast<DWORD>(elsewhere.size() * sizeof(wchar_t));
-    for (int kind = 0; kind < 4; ++kind) {
-        if (kind == 0) m_registry.setRaw(kLogKey, L"LogDir", REG_EXPAND_SZ, elsewhere.c_str(), bytes + 2);
-        // No terminator, and none right behind the bytes either: the system would take that one along.
-        if (kind == 1) m_registry.setRaw(kLogKey, L"LogDir", REG_SZ, (elsewhere + L"x").c_str(), bytes);
-        if (kind == 2) m_registry.setText(kLogKey, L"LogDir", tooLong);
-        if (kind == 3) set(L"LogDir", 7);
+    const auto bytes = static_cast<DWORD>((elsewhere.size() + 1) * sizeof(wchar_t));
+    for (int kind = 0; kind < 3; ++kind) {
+        if (kind == 0) m_registry.setRaw(kLogKey, L"LogDir", REG_EXPAND_SZ, elsewhere.c_str(), bytes);
+        if (kind == 1) m_registry.setText(kLogKey, L"LogDir", tooLong);
+        if (kind == 2) set(L"LogDir", 7);
         std::filesystem::remove(m_folder / "TARNIS.txt");
         ASSERT_TRUE(logLoadConfiguration());
         EXPECT_EQ(logFindEngine(kTarnisLogHandle)->minimumSeverity(), 4u);
@@ -171,9 +207,9 @@ TEST_F(LogConfigurationTest, FileChannelThatFailsLeavesTheOthersWorking) {
     const std::wstring channels = std::wstring(L"System_Output_Stub, IDE_Output for: ") + GetCommandLineW();
     EXPECT_THAT(m_debug.lines(),
                 ElementsAre(L"Open registry key\n",
-                            L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: " + channels, L"\n",
-                            L"ERROR: 1; still here", L"\n",
-                            L"MANDATORY: 0;    <<<<<<<<<<<<<<<<< Close the log channels: " + channels, L"\n"));
+                            L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: " + channels + L"\n",
+                            L"ERROR: 1; still here\n",
+                            L"MANDATORY: 0;    <<<<<<<<<<<<<<<<< Close the log channels: " + channels + L"\n"));
     EXPECT_TRUE(std::filesystem::is_empty(m_folder / "TARNIS.txt"));
 }
 
@@ -189,7 +225,7 @@ TEST_F(LogConfigurationTest, FileChannelThatLosesItsLineLeavesItToTheDebugger) {
         log(LOG_ERROR, L"not in the file");
     }
     log(LOG_ERROR, L"in both");
-    EXPECT_THAT(m_debug.lines(), ElementsAre(L"ERROR: 1; not in the file", L"\n", L"ERROR: 1; in both", L"\n"));
+    EXPECT_THAT(m_debug.lines(), ElementsAre(L"ERROR: 1; not in the file\n", L"ERROR: 1; in both\n"));
     LogClose(kTarnisLogHandle);
     const std::wstring channels = std::wstring(L"File_Output, IDE_Output for: ") + GetCommandLineW();
     EXPECT_THAT(fileLines(), ElementsAre(L"MANDATORY: 0;    >>>>>>>>>>>>>>>>> Open the log channels: " + channels,

@@ -136,7 +136,7 @@ TEST_F(LogEngineTest, ThresholdOfFiveOrMoreBecomesErrorAndANegativeOneStands) {
 
 TEST_F(LogEngineTest, DefaultThresholdLetsErrorAndMandatoryThrough) {
     listen(2, 0);
-    engine().applyThresholds({});
+    engine().applyThresholds(kDefaultThresholds);
     for (uint32_t severity = 0; severity <= 6; ++severity)
         LogSend(kHandle, record(severity));
     EXPECT_THAT(m_seen.lines, ElementsAre(L"SV=ERROR; CD=-1; MSG=message", L"SV=MANDATORY; CD=-1; MSG=message",

@@ -1,4 +1,5 @@
 // Line formats, severity names, source paths, module hash: whole lines, compared to the letter.
+#include "log/engine.h"
 #include "log/line_format.h"
 
 #include <gtest/gtest.h>
@@ -33,8 +34,18 @@ std::wstring line(uint32_t detail, const LogRecord& record, LineContext context 
 }
 
 std::wstring shortened(const wchar_t* path) {
-    wchar_t buffer[260];
-    return shortenSourcePath(path, buffer);
+    LogRecord r = sample();
+    r.sourceFile = path;
+    const std::wstring whole = line(3, r);
+    EXPECT_EQ(whole.substr(0, 2), L"F=");
+    return whole.substr(2, whole.find(L',') - 2);
+}
+
+std::wstring severityName(uint32_t severity) {
+    LogRecord r = sample();
+    r.severity = severity;
+    const std::wstring whole = line(1, r);
+    return whole.substr(0, whole.find(L':'));
 }
 
 } // namespace
@@ -93,12 +104,20 @@ TEST(LogLine, LongLineIsCutAtTheLastCharacterOfTheBuffer) {
     EXPECT_EQ(cut.back(), L'f');
 }
 
+TEST(LogLine, LineBreaksBecomeSpaces) {
+    LogRecord r = sample();
+    r.message = L"a\rb\nc\vd\fe\u0085f\u2028g\u2029h\ti";
+    r.functionName = "f\r\nSV=ERROR";
+    EXPECT_EQ(line(3, r), L"F=.\\TARNIS_grab.cpp,f  SV=ERROR,118; SV=ERROR; CD=253; MSG=a b c d e f g h\ti");
+    EXPECT_NE(line(4, r).find(L"; ML=17; "), std::wstring::npos) << "the length of the message stays";
+}
+
 TEST(LogSeverityName, FiveAndSixAreMandatoryAndMoreIsBad) {
     const std::wstring names[] = {L"DEBUG", L"TRACE", L"NOTICE", L"WARNING", L"ERROR", L"MANDATORY", L"MANDATORY"};
     for (uint32_t severity = 0; severity < 7; ++severity)
         EXPECT_EQ(severityName(severity), names[severity]);
-    EXPECT_EQ(severityName(7), std::wstring(L"bad severity"));
-    EXPECT_EQ(severityName(0xFFFFFFFF), std::wstring(L"bad severity"));
+    EXPECT_EQ(severityName(7), L"bad severity");
+    EXPECT_EQ(severityName(0xFFFFFFFF), L"bad severity");
 }
 
 TEST(LogSeverityName, SixPrintsMandatoryAndNinePrintsBadSeverity) {
@@ -133,8 +152,8 @@ TEST(LogModuleHash, IsTimes31OverBothHalvesInHexadecimal) {
             hash = hash * 31 + static_cast<uint32_t>(*text);
         return hash;
     };
-    EXPECT_EQ(moduleHash(0x0000000140000000), expected("140000000"));
-    EXPECT_EQ(moduleHash(0x00007FFF12AB0000), expected("7fff12ab0000"));
-    EXPECT_EQ(moduleHash(0), expected("00"));
-    EXPECT_EQ(moduleHash(0xFFFFFFFF), expected("0ffffffff"));
+    EXPECT_EQ(logModuleHash(0x0000000140000000), expected("140000000"));
+    EXPECT_EQ(logModuleHash(0x00007FFF12AB0000), expected("7fff12ab0000"));
+    EXPECT_EQ(logModuleHash(0), expected("00"));
+    EXPECT_EQ(logModuleHash(0xFFFFFFFF), expected("0ffffffff"));
 }

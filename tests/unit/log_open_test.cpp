@@ -68,19 +68,6 @@ TEST_F(LogEngineTest, OpeningAnUnknownHandleFails) {
     }
 }
 
-TEST_F(LogEngineTest, OpeningStoresTheHostsPathAsTheTitle) {
-    EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 1, 1, 1), -1);
-    wchar_t path[260];
-    platform::executablePath(path, 260);
-    EXPECT_EQ(logEngineTitle(), (std::wstring(L"Log Engine - ") + path).substr(0, 260));
-}
-
-TEST(LogMissingEngine, IsDescribedByItsNumberAndItsFourCharacters) {
-    wchar_t text[128];
-    logDescribeMissingEngine(kTarnisLogHandle, text, 128);
-    EXPECT_STREQ(text, L"Can't find Log Engine for log handle: 1263685185 (KRNA)");
-}
-
 TEST_F(LogEngineTest, OpeningWithoutAnyChannelFailsAndRemovesTheEngine) {
     engine();
     EXPECT_EQ(LogOpen(kHandle, L"TARNIS", nullptr, 0, 0, 0, 0, 0), -1);
@@ -119,7 +106,7 @@ TEST_F(LogEngineTest, ClosingTakesLeaveInTheChannel) {
 TEST_F(LogEngineTest, InitializingAnnouncesTheChannelsAndSetsTheFilesDetailOnly) {
     listen(1, 0, LogOutput::kFile);
     listen(1, 0, LogOutput::kDebugger);
-    EXPECT_EQ(engine().Initialize(L"TARNIS", nullptr, 0, 4, 5), 0);
+    EXPECT_EQ(engine().Initialize(L"TARNIS", nullptr, {0, 4, 5}), 0);
     EXPECT_EQ(engine().find(LogOutput::kFile)->detail(), 4u);
     EXPECT_EQ(engine().find(LogOutput::kDebugger)->detail(), 1u);
     ASSERT_EQ(m_seen.records.size(), 2u);

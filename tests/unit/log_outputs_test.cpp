@@ -2,13 +2,17 @@
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/scoped_import_hook.h"
+#include "tests/support/wait_until.h"
 #include "tests/unit/log_folder.h"
 
 #include "log/engine.h"
-#include "log/outputs.h"
-#include "log/pending_handles.h"
+#include "log/file_output.h"
+#include "log/platform.h"
 
 #include <gmock/gmock.h>
+
+#include <atomic>
+#include <thread>
 
 #include <sys/timeb.h>
 
@@ -24,6 +28,8 @@ uint32_t writeLine(FileOutput& output, const std::wstring& line, const LogRecord
 
 using LogFile = LogFolder;
 
+constexpr FileOutput::Options kDaily{.dailyNames = true};
+
 } // namespace
 
 TEST(LogDebuggerChannel, SendsTheLineThenALineFeed) {
@@ -33,7 +39,45 @@ TEST(LogDebuggerChannel, SendsTheLineThenALineFeed) {
     EXPECT_EQ(output.type(), LogOutput::kDebugger);
     EXPECT_EQ(output.threshold(), 4u);
     EXPECT_EQ(output.write(L"text", 4, {}), 0u);
-    EXPECT_THAT(capture.lines(), ElementsAre(L"text", L"\n"));
+    EXPECT_THAT(capture.lines(), ElementsAre(L"text\n")) << "in one call";
+}
+
+namespace {
+
+IDEOutput* g_logging;
+std::atomic<int> g_handled;
+
+/// Logs from within the exception that carries a text to a debugger, once.
+LONG CALLBACK logFromTheHandler(EXCEPTION_POINTERS*) {
+    if (g_handled++ == 0) g_logging->write(L"inner", 5, {});
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
+} // namespace
+
+TEST(LogDebuggerChannel, HandlerThatLogsWhileTheTextIsSentDoesNotHangTheThread) {
+    static std::atomic<bool> written; // outlives a thread that hangs
+    static IDEOutput output;
+    written = false;
+    g_handled = 0;
+    g_logging = &output;
+    const DebugOutputCapture capture;
+    void* const handler = AddVectoredExceptionHandler(1, logFromTheHandler);
+    std::thread writing([] {
+        output.write(L"outer", 5, {});
+        written = true;
+    });
+    const bool inTime = waitUntil([] { return written.load(); });
+    RemoveVectoredExceptionHandler(handler);
+    if (inTime)
+        writing.join();
+    else
+        writing.detach();
+    ASSERT_TRUE(inTime);
+    std::wstring text;
+    for (const std::wstring& part : capture.lines())
+        text += part;
+    EXPECT_EQ(text, L"inner\nouter\n");
 }
 
 TEST(LogSystemChannel, AcceptsTheLineAndWritesNothing) {
@@ -103,8 +147,7 @@ TEST_F(LogFile, DirectoryThatCannotBeMadeGivesItsErrorText) {
 }
 
 TEST_F(LogFile, DailyNameCarriesTheDate) {
-    FileOutput output(L"TARNIS", nullptr);
-    output.setDailyNames(true);
+    FileOutput output(L"TARNIS", nullptr, kDaily);
     ASSERT_EQ(output.open(), 0u);
     const LogRecord now = today();
     wchar_t name[64];
@@ -113,8 +156,7 @@ TEST_F(LogFile, DailyNameCarriesTheDate) {
 }
 
 TEST_F(LogFile, RecordOfAnotherDayReopensTheFileUnderItsName) {
-    FileOutput output(L"TARNIS", nullptr);
-    output.setDailyNames(true);
+    FileOutput output(L"TARNIS", nullptr, kDaily);
     ASSERT_EQ(output.open(), 0u);
     LogRecord r = today();
     r.day = 2;
@@ -144,8 +186,7 @@ TEST_F(LogFile, IsAppendedToUnlessItIsToBeMadeAnew) {
         writeLine(output, line, today());
     }
     EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"one", L"two"));
-    FileOutput anew(L"TARNIS", nullptr);
-    anew.setCreateAnew(true);
+    FileOutput anew(L"TARNIS", nullptr, {.createAnew = true});
     ASSERT_EQ(anew.open(), 0u);
     writeLine(anew, L"three", today());
     anew.close();
@@ -170,11 +211,12 @@ TEST_F(LogFile, IsFlushedAfterErrorsOnlyUnlessAlwaysWanted) {
     EXPECT_EQ(g_flushes, 0) << "mandatory records are not flushed";
     writeLine(output, L"x", today(4));
     EXPECT_EQ(g_flushes, 1);
-    output.setFlushOnlyOnErrors(false);
-    writeLine(output, L"x", today(1));
-    EXPECT_EQ(g_flushes, 2);
     output.close();
-    EXPECT_EQ(g_flushes, 3) << "closing flushes";
+    EXPECT_EQ(g_flushes, 2) << "closing flushes";
+    FileOutput always(L"TARNIS", nullptr, {.flushOnlyOnErrors = false});
+    ASSERT_EQ(always.open(), 0u);
+    writeLine(always, L"x", today(1));
+    EXPECT_EQ(g_flushes, 3);
 }
 
 TEST_F(LogFile, LineIsDroppedWhenTheMutexIsNotHadInTime) {
@@ -195,6 +237,22 @@ TEST_F(LogFile, LineIsDroppedWhenTheMutexIsNotHadInTime) {
     EXPECT_EQ(writeLine(output, L"kept", today()), 0u);
     output.close();
     EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, WithoutAFileRefusesALineWithoutAWait) {
+    std::filesystem::create_directory(m_folder / "TARNIS.txt");
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_NE(output.open(), 0u);
+    static DWORD longestMs;
+    longestMs = 0;
+    const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",
+                                                                [](HANDLE, DWORD ms) -> DWORD {
+                                                                    longestMs = std::max(longestMs, ms);
+                                                                    return WAIT_TIMEOUT; // another process has it
+                                                                });
+    ASSERT_TRUE(hook.installed());
+    EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
+    EXPECT_EQ(longestMs, 0u);
 }
 
 TEST_F(LogFile, MutexThatCannotBeOpenedOrMadeGivesItsErrorText) {
@@ -267,8 +325,7 @@ TEST_F(LogFile, FullDiskLosesTheLineOnly) {
 }
 
 TEST_F(LogFile, FileThatCannotBeReopenedOnANewDayLosesLinesNotTheProcess) {
-    FileOutput output(L"TARNIS", nullptr);
-    output.setDailyNames(true);
+    FileOutput output(L"TARNIS", nullptr, kDaily);
     ASSERT_EQ(output.open(), 0u);
     LogRecord r = today();
     r.year += 1;
@@ -287,8 +344,7 @@ TEST_F(LogFile, FileThatCannotBeReopenedOnANewDayLosesLinesNotTheProcess) {
 TEST_F(LogFile, DirectoryThatVanishedOverNightIsMadeAgain) {
     const auto folder = m_folder / "vanishing";
     std::filesystem::create_directory(folder);
-    FileOutput output(L"TARNIS", (folder.wstring() + L"\\").c_str());
-    output.setDailyNames(true);
+    FileOutput output(L"TARNIS", (folder.wstring() + L"\\").c_str(), kDaily);
     ASSERT_EQ(output.open(), 0u);
     LogRecord r = today();
     r.year += 1;
@@ -345,10 +401,17 @@ TEST_F(LogFile, ClosingWithoutTheMutexClosesWithoutAFlush) {
 TEST_F(LogFile, NameIsCutAt259Characters) {
     const std::wstring tag(240, L't');
     FileOutput output(tag.c_str(), nullptr);
-    ASSERT_EQ(output.open(), 0u);
+    static std::wstring asked;
+    const ScopedImportHook<decltype(&CreateFileW)> hook(
+        kKernel, "CreateFileW", [](LPCWSTR name, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
+            asked = name;
+            return INVALID_HANDLE_VALUE;
+        });
+    ASSERT_TRUE(hook.installed());
+    EXPECT_NE(output.open(), 0u);
     const std::wstring whole = m_folder.wstring() + L"\\" + tag + L".txt";
     ASSERT_GT(whole.size(), 259u);
-    EXPECT_EQ(output.fileName(), whole.substr(0, 259));
+    EXPECT_EQ(asked, whole.substr(0, 259));
 }
 
 TEST_F(LogFile, LocalTimeThatCannotBeHadLeavesTheConstantText) {
@@ -447,7 +510,7 @@ TEST(LogMemoryShortage, ThreadWithoutAContextHasAnIdentifierOfAllOnes) {
     engine->append(std::make_unique<KeepingOutput>(lines, L"only"));
     {
         const ScopedImportHook<void* (*)(size_t)> hook(
-            "msvcrt.dll", "malloc", [](size_t bytes) { return bytes == 64 ? nullptr : g_malloc(bytes); });
+            "msvcrt.dll", "malloc", [](size_t bytes) { return bytes == sizeof(uint32_t) ? nullptr : g_malloc(bytes); });
         ASSERT_TRUE(hook.installed());
         g_malloc = hook.original();
         EXPECT_EQ(LogSend(kShortHandle, plainRecord()), 0u);
@@ -474,7 +537,7 @@ TEST(LogChannelNames, AreCutAt256CharactersInTheAnnouncement) {
 
 TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
     const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_TRUE(logAddPendingHandle(done));
+    ASSERT_TRUE(platform::addPendingHandle(done));
     // The timer's message is dispatched by the wait, and only that sets the event.
     static HANDLE toSet;
     toSet = done;
@@ -488,7 +551,7 @@ TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
 TEST(LogPendingHandles, MoreThanSixteenAreWaitedForAndClosed) {
     const int before = processCounts().handles;
     for (int i = 0; i < 100; ++i)
-        ASSERT_TRUE(logAddPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
+        ASSERT_TRUE(platform::addPendingHandle(CreateEventW(nullptr, TRUE, TRUE, nullptr)));
     EXPECT_EQ(processCounts().handles, before + 100);
     LogClose(0x12345678);
     EXPECT_EQ(processCounts().handles, before);
@@ -496,7 +559,7 @@ TEST(LogPendingHandles, MoreThanSixteenAreWaitedForAndClosed) {
 
 TEST(LogPendingHandles, RequestToQuitStaysForTheThreadsOwnLoop) {
     const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_TRUE(logAddPendingHandle(done));
+    ASSERT_TRUE(platform::addPendingHandle(done));
     PostQuitMessage(7);
     // Set only after the wait has met the request: that is when it waits for the event alone.
     static HANDLE toSet;
