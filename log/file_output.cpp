@@ -116,7 +116,8 @@ uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& 
     wchar_t buffer[kLineCapacity + 2];
     length = std::min(length, kLineCapacity);
     std::wmemcpy(buffer, line, length);
-    std::wmemcpy(buffer + length, L"\r\n", 2);
+    buffer[length] = L'\r';
+    buffer[length + 1] = L'\n';
     SetFilePointer(m_file.get(), 0, nullptr, FILE_END);
     DWORD written = 0;
     WriteFile(m_file.get(), buffer, static_cast<DWORD>((length + 2) * sizeof(wchar_t)), &written, nullptr);

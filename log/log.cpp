@@ -114,12 +114,13 @@ struct Registry {
 struct UnlessWrecked {
     void operator()(Registry* registry) const noexcept {
         logFloor.store(kNobodyListens, std::memory_order_relaxed);
-        if (!registry->wreckedByProcessEnd()) delete registry; // else the system takes everything back
+        if (!registry->wreckedByProcessEnd()) std::destroy_at(registry); // else the system takes everything back
     }
 };
 
 Registry& registry() noexcept {
-    static const std::unique_ptr<Registry, UnlessWrecked> instance(new Registry);
+    alignas(Registry) static std::byte room[sizeof(Registry)];
+    static const std::unique_ptr<Registry, UnlessWrecked> instance(new (room) Registry);
     return *instance;
 }
 

@@ -219,21 +219,26 @@ TEST_F(LogFile, IsFlushedAfterErrorsOnlyUnlessAlwaysWanted) {
     EXPECT_EQ(g_flushes, 3);
 }
 
+namespace {
+DWORD g_longestWaitMs;
+
+/// WaitForSingleObject while another process holds the mutex.
+DWORD WINAPI waitInVain(HANDLE, DWORD ms) {
+    g_longestWaitMs = std::max(g_longestWaitMs, ms);
+    return WAIT_TIMEOUT;
+}
+} // namespace
+
 TEST_F(LogFile, LineIsDroppedWhenTheMutexIsNotHadInTime) {
     FileOutput output(L"TARNIS", nullptr);
     ASSERT_EQ(output.open(), 0u);
-    static DWORD askedMs;
-    askedMs = 0;
+    g_longestWaitMs = 0;
     {
-        const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",
-                                                                    [](HANDLE, DWORD ms) -> DWORD {
-                                                                        askedMs = ms;
-                                                                        return WAIT_TIMEOUT;
-                                                                    });
+        const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject", waitInVain);
         ASSERT_TRUE(hook.installed());
         EXPECT_EQ(writeLine(output, L"dropped", today()), 0u);
     }
-    EXPECT_EQ(askedMs, 25000u);
+    EXPECT_EQ(g_longestWaitMs, 25000u);
     EXPECT_EQ(writeLine(output, L"kept", today()), 0u);
     output.close();
     EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
@@ -243,16 +248,11 @@ TEST_F(LogFile, WithoutAFileRefusesALineWithoutAWait) {
     std::filesystem::create_directory(m_folder / "TARNIS.txt");
     FileOutput output(L"TARNIS", nullptr);
     ASSERT_NE(output.open(), 0u);
-    static DWORD longestMs;
-    longestMs = 0;
-    const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",
-                                                                [](HANDLE, DWORD ms) -> DWORD {
-                                                                    longestMs = std::max(longestMs, ms);
-                                                                    return WAIT_TIMEOUT; // another process has it
-                                                                });
+    g_longestWaitMs = 0;
+    const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject", waitInVain);
     ASSERT_TRUE(hook.installed());
     EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
-    EXPECT_EQ(longestMs, 0u);
+    EXPECT_EQ(g_longestWaitMs, 0u);
 }
 
 TEST_F(LogFile, MutexThatCannotBeOpenedOrMadeGivesItsErrorText) {
@@ -388,8 +388,7 @@ TEST_F(LogFile, ClosingWithoutTheMutexClosesWithoutAFlush) {
         ++g_flushes;
         return TRUE;
     });
-    const ScopedImportHook<decltype(&WaitForSingleObject)> wait(kKernel, "WaitForSingleObject",
-                                                                [](HANDLE, DWORD) -> DWORD { return WAIT_TIMEOUT; });
+    const ScopedImportHook<decltype(&WaitForSingleObject)> wait(kKernel, "WaitForSingleObject", waitInVain);
     ASSERT_TRUE(flush.installed());
     ASSERT_TRUE(wait.installed());
     output.close();
