@@ -2,7 +2,7 @@
 #include "ctl/command_line.h"
 #include "ctl/system_error.h"
 #include "ctl/windows_console.h"
-#include "log/configuration.h"
+#include "log/log.h"
 
 int wmain(int argc, wchar_t** argv) {
     const kestra::LogLifetime log; // the library's failures go where the user wants them
