@@ -11,6 +11,7 @@
 #include "device/device_notifier.h"
 #include "device/tarnis.h"
 #include "sync/mutex.h"
+#include "win32/module.h"
 
 #include <windows.h>
 
@@ -65,6 +66,8 @@ protected:
     ~Card() = default;
 
 private:
+    const ModuleReference m_module; ///< first: a card has threads, which must not lose their code while it is open
+
     bool hasObjects() const noexcept;
     void OpenCard() REQUIRES(m_mutexAccess);
     bool startSession() REQUIRES(m_mutexAccess);

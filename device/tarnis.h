@@ -89,7 +89,9 @@ uint32_t noexp_TARNIS_Prepare(TARNIS_HANDLE hGrabber, int8_t port, TarnisCameraD
 /// Library-internal: reads a register of the channel's receiver.
 uint32_t noexp_TARNIS_ReadI2C(TARNIS_HANDLE hGrabber, int8_t port, uint16_t registerNumber, uint16_t* pValue);
 
+static_assert(sizeof(DeviceEnumData) == 24 && offsetof(DeviceInterfaceDetail, devicePath) == 4,
+              "programs and filters have it compiled in");
+
 #ifdef __cplusplus
 }
-static_assert(sizeof(DeviceEnumData) == 24 && offsetof(DeviceInterfaceDetail, devicePath) == 4);
 #endif

@@ -2,6 +2,7 @@
 // the native tests use them too. Plain data, entered by any thread.
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -97,16 +98,20 @@ typedef struct TarnisConverterParams {
 /// it goes on with the same callback.
 typedef void (*TarnisFrameCallback)(uint64_t context, const TarnisFrameInfo* frame);
 
+static_assert(sizeof(TarnisCameraStatus) == 16 && offsetof(TarnisCameraStatus, width) == 10 &&
+                  offsetof(TarnisCameraStatus, signalFlags) == 15,
+              "programs and filters have it compiled in");
+static_assert(sizeof(TarnisCameraData) == 28 && offsetof(TarnisCameraData, status) == 8 &&
+                  offsetof(TarnisCameraData, extra) == 24,
+              "programs and filters have it compiled in");
+static_assert(sizeof(TarnisFrameInfo) == 32 && offsetof(TarnisFrameInfo, bufferSize) == 16 &&
+                  offsetof(TarnisFrameInfo, frameWord2) == 28,
+              "programs and filters have it compiled in");
+static_assert(sizeof(TarnisGrabStat) == 20, "programs and filters have it compiled in");
+static_assert(sizeof(TarnisConverterParams) == 56 && offsetof(TarnisConverterParams, RMin) == 32 &&
+                  offsetof(TarnisConverterParams, RedOffset) == 38 && offsetof(TarnisConverterParams, RedGain) == 44,
+              "programs and filters have it compiled in");
+
 #ifdef __cplusplus
 }
-
-static_assert(sizeof(TarnisCameraStatus) == 16 && offsetof(TarnisCameraStatus, width) == 10 &&
-              offsetof(TarnisCameraStatus, signalFlags) == 15);
-static_assert(sizeof(TarnisCameraData) == 28 && offsetof(TarnisCameraData, status) == 8 &&
-              offsetof(TarnisCameraData, extra) == 24);
-static_assert(sizeof(TarnisFrameInfo) == 32 && offsetof(TarnisFrameInfo, bufferSize) == 16 &&
-              offsetof(TarnisFrameInfo, frameWord2) == 28);
-static_assert(sizeof(TarnisGrabStat) == 20);
-static_assert(sizeof(TarnisConverterParams) == 56 && offsetof(TarnisConverterParams, RMin) == 32 &&
-              offsetof(TarnisConverterParams, RedOffset) == 38 && offsetof(TarnisConverterParams, RedGain) == 44);
 #endif

@@ -91,6 +91,11 @@ ProgramResult ChildProgram::finish(DWORD deadlineMs) {
     return result;
 }
 
+std::string ChildProgram::outputSoFar() const {
+    const std::lock_guard lock(m_output->mutex);
+    return m_output->text;
+}
+
 bool ChildProgram::saysError(const std::string& text) {
     const std::lock_guard lock(m_error->mutex);
     return m_error->text.find(text) != std::string::npos;

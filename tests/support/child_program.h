@@ -34,6 +34,8 @@ public:
     ProgramResult finish(DWORD deadlineMs = 60000);
     /// True once the error output holds the text.
     bool saysError(const std::string& text);
+    /// What it has written to the standard output until now.
+    std::string outputSoFar() const;
 
 private:
     struct Reader;
