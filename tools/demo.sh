@@ -86,8 +86,8 @@ demo_record_all() {
 verb_demo() {
     setup build demo
     install_windows_ffmpeg
-    build_preset windows ships
-    install_out
+    build_preset windows captures
+    install_out Unspecified # CMake's name for what has no component
     build_preset native check_recording check_synchrony
     rm -rf "$demo"
     mkdir -p "$demo" "$demo_build"
