@@ -1,11 +1,17 @@
+// The audio filter: one card with sound, one pin.
 #include "capture/audio_filter.h"
 
 #include "capture/audio_stream.h"
+#include "capture/filters.h"
 #include "capture/module_state.h"
 
 #include <new>
 
 using namespace kestra;
+
+CUnknown* CALLBACK kestra::createAudioFilter(LPUNKNOWN outer, HRESULT* result) {
+    return CKestraAudioCapture::CreateInstance(outer, result);
+}
 
 CUnknown* CALLBACK CKestraAudioCapture::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) {
     auto* filter = new (std::nothrow) CKestraAudioCapture(pUnk, phr);

@@ -1,3 +1,4 @@
+// The audio formats as media types, and the capabilities that the pin answers.
 #include "capture/audio_formats.h"
 
 #include "protocol/frame_rate.h"

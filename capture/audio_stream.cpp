@@ -1,3 +1,4 @@
+// The audio pin: its trace texts, its format, and what becomes of a block of sound.
 #include "capture/audio_stream.h"
 
 #include "capture/audio_filter.h"

@@ -1,3 +1,4 @@
+// The choice of a card, and the order in which filter and pin start and stop.
 #include "capture/capture_filter.h"
 
 #include "capture/trace.h"

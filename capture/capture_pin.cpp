@@ -1,3 +1,4 @@
+// The pin's COM methods: formats, connection, start and stop, in the words of its kind.
 #include "capture/capture_pin.h"
 
 #include "capture/capture_filter.h"

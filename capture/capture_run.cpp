@@ -1,3 +1,4 @@
+// One run: what happens to each frame on the grabbing thread, and how the run is ended.
 #include "capture/capture_run.h"
 
 #include "capture/capture_filter.h"

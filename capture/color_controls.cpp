@@ -1,3 +1,4 @@
+// The converter's parameters: kept here, sent to the card when they are not frozen.
 #include "capture/color_controls.h"
 
 namespace kestra {

@@ -1,3 +1,4 @@
+// The properties of the converter and of gain and offset, field by field.
 #include "capture/color_interfaces.h"
 
 #include "capture/frame_analysis.h"

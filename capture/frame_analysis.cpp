@@ -1,3 +1,4 @@
+// Grabs or borrows one frame and measures its colours with the image library.
 #include "capture/frame_analysis.h"
 
 #include "capture/color_controls.h"

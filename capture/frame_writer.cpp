@@ -1,3 +1,4 @@
+// A raw frame into a sample: copies, swaps and expansions, line by line.
 #include "capture/frame_writer.h"
 
 #include "decode/decode.h"

@@ -1,5 +1,7 @@
+// The video filter: one card with a signal, one pin, and the interfaces of the colour pages.
 #include "capture/video_filter.h"
 
+#include "capture/filters.h"
 #include "capture/frame_analysis.h"
 #include "capture/module_state.h"
 #include "capture/video_stream.h"
@@ -24,6 +26,10 @@ bool anyCard() {
 }
 
 } // namespace
+
+CUnknown* CALLBACK kestra::createVideoFilter(LPUNKNOWN outer, HRESULT* result) {
+    return CKestraCapture::CreateInstance(outer, result);
+}
 
 CUnknown* CALLBACK CKestraCapture::CreateInstance(LPUNKNOWN pUnk, HRESULT* phr) {
     auto* filter = new (std::nothrow) CKestraCapture(pUnk, phr);

@@ -1,3 +1,4 @@
+// The video formats as media types, and the capabilities that the pin answers.
 #include "capture/video_formats.h"
 
 #include "protocol/frame_rate.h"

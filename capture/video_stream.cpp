@@ -1,3 +1,4 @@
+// The video pin: its trace texts, its format, and what becomes of a frame.
 #include "capture/video_stream.h"
 
 #include "capture/audio_stream.h"

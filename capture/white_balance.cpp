@@ -1,3 +1,4 @@
+// Gains from the means of a picture.
 #include "capture/white_balance.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The tables that define the conversion, and whether arithmetic may stand in for them.
 #include "decode/color_tables.h"
 
 #include "decode/yuv_constants.h"

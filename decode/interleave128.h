@@ -1,6 +1,5 @@
 // Interleaving of a register of pairs to B, G, R in every 128-bit lane, and the places of samples there: what the
 // SSE4.1 and AVX2 kernels share. Private to decode/.
-//
 // A lane of eight pairs becomes 24 words: B0 G0, R0 B1, G1 R1 of each pair. Word 3 n + k of the 24 is the k-th of pair
 // n; for one k no two of them belong to the same word modulo 8, so one shuffle of the bytes of all the k-th words puts
 // each where it belongs, whichever of the three output registers that is in; each output register then takes every

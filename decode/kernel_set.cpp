@@ -1,3 +1,4 @@
+// The choice of the kernel set, once per process.
 #include "decode/kernel_set.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // The pixel kernels of one instruction set, and which set this process uses. Portable; any thread.
-//
 // A set is one file, the only one built with its instructions, that exports one `const KernelSet`. A new set is such a
 // file and its name in kKernelSets.
 #pragma once

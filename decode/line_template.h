@@ -1,5 +1,4 @@
 // The line conversion's loop, written once for every instruction set. Private to decode/.
-//
 // A `Kernel` converts blocks of a line in three steps, so that those of neighbouring blocks can be done in turn:
 //   Set                   its registers, see yuv_arithmetic.h
 //   Lines8Bit, Lines10Bit  the layout of the line is a base

@@ -1,3 +1,4 @@
+// The team of threads for a frame, and when it pays.
 #include "decode/parallel.h"
 
 std::atomic<kestra::Sharing> kestra::g_sharing{kestra::Sharing::WhereItPays};

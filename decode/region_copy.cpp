@@ -1,3 +1,4 @@
+// A copy of an image region: one kernel call a line.
 #include "decode/region_copy.h"
 
 #include "decode/kernel_set.h"

@@ -1,7 +1,6 @@
 // The conversion arithmetic of the vector kernels, written once for every register width. Each instruction set's file
 // brings its own `Ops` in an unnamed namespace, so that no two builds of a template are ever merged. Private to
 // decode/.
-//
 // Lanes are 16 bits wide. A chroma register holds Cb in the even and Cr in the odd lanes, as they arrive.
 #pragma once
 

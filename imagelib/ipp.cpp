@@ -1,3 +1,4 @@
+// Means of an image's three channels, with the status codes that callers of such a library expect.
 #include "imagelib/ipp.h"
 
 #include <stddef.h>

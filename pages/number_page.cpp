@@ -1,3 +1,4 @@
+// A page of numbers: fields, their limits, Apply, and what the user is told.
 #include "pages/number_page.h"
 
 #include "pages/resource.h"

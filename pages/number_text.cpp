@@ -1,3 +1,4 @@
+// Numbers as the user types and reads them.
 #include "pages/number_text.h"
 
 #include <array>

@@ -1,6 +1,5 @@
 // Every request that the card's driver knows, in one list: its code, what is sent, what comes back, its name. Portable;
 // plain data.
-//
 // A request is a type: Prepare::kCode, Prepare::Sent, Prepare::Answer. Who asks for a Prepare can neither send nor
 // receive anything else.
 #pragma once

@@ -1,11 +1,12 @@
 // The module: its classes, its entry points, its registration.
-#include "capture/audio_filter.h"
-#include "capture/video_filter.h"
+#include "capture/filters.h"
 #include "log/log.h"
 #include "pages/pages.h"
 #include "server/registration.h"
 
 #include <streams.h>
+
+#include <kestra_interfaces.h>
 
 extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE, ULONG, LPVOID); // of the base classes, in no header of theirs
 
@@ -18,8 +19,8 @@ kestra::LogLifetime g_log; // the library's log is open for as long as the modul
 // A further class is one line. One without a name has an empty one, so that its key has an empty value, not a missing
 // one or a null pointer's text.
 CFactoryTemplate g_Templates[] = {
-    {L"Kestra Capture Video", &CLSID_KestraCapture, CKestraCapture::CreateInstance, nullptr, nullptr},
-    {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, CKestraAudioCapture::CreateInstance, nullptr, nullptr},
+    {L"Kestra Capture Video", &CLSID_KestraCapture, kestra::createVideoFilter, nullptr, nullptr},
+    {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, kestra::createAudioFilter, nullptr, nullptr},
     {L"", &CLSID_KestraAudioPropertyPage, kestra::createAudioPage, nullptr, nullptr},
     {L"", &CLSID_KestraStreamPropCSC, kestra::createConverterPage, nullptr, nullptr},
     {L"", &CLSID_KestraStreamPropRGB, kestra::createGainPage, nullptr, nullptr},

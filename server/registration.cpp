@@ -1,12 +1,11 @@
 // What the module enters with the system, and takes back. Nothing here depends on how the base classes go about it.
 #include "server/registration.h"
 
-#include "capture/audio_filter.h"
-#include "capture/video_filter.h"
 #include "win32/com_ref.h"
 
 #include <streams.h>
 
+#include <kestra_interfaces.h>
 #include <ks.h>
 
 #include <ksmedia.h>

@@ -1,3 +1,4 @@
+// Replaces the allocation functions of the test program.
 #include "tests/com/failing_allocations.h"
 
 #include <atomic>

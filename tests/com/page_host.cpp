@@ -1,3 +1,4 @@
+// A window and a site that show a property page.
 #include "tests/com/page_host.h"
 
 #include <commctrl.h>

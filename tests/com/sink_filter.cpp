@@ -1,3 +1,4 @@
+// A filter that takes what the pin under test delivers.
 #include "tests/com/sink_filter.h"
 
 #include <mmreg.h>

@@ -1,3 +1,4 @@
+// An allocator whose answers a test chooses.
 #include "tests/com/test_allocator.h"
 
 namespace kestra::test {

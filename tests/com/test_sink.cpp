@@ -1,3 +1,4 @@
+// A pin that records what it is given.
 #include "tests/com/test_sink.h"
 
 namespace kestra::test {

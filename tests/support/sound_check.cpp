@@ -1,3 +1,4 @@
+// Compares received sound with what the card sent.
 #include "tests/support/sound_check.h"
 
 #include "simcard/model/sound.h"
