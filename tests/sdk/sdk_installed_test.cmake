@@ -14,7 +14,7 @@ endfunction()
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK} --component sdk)
 file(GLOB_RECURSE files RELATIVE ${sdk} ${sdk}/*)
 list(SORT files)
-set(expected LICENSE bin/tarnis.dll doc/sdk-states.svg doc/sdk.md include/tarnis.h
+set(expected LICENSE THIRD_PARTY.md bin/tarnis.dll doc/sdk-states.svg doc/sdk.md include/tarnis.h
   lib/cmake/tarnis/tarnisConfig.cmake lib/cmake/tarnis/tarnisConfigVersion.cmake lib/libtarnis.dll.a
   lib/pkgconfig/tarnis.pc lib/tarnis.lib samples/CMakeLists.txt samples/grab.c samples/grab.py samples/recover.c)
 if(NOT files STREQUAL expected)
