@@ -205,6 +205,9 @@ RequestResult CardRequests::issueRaw(const Raw& raw, PendingRequest& pending) no
     return resultOf(error);
 }
 
+// Also because of Wine, which sends such memory to its server through a pipe and stops a process's first thread
+// whenever another process writes into it, as the simulated card does with every frame: a thread that is stopped in the
+// middle of more than 64 KB is lost, with the lock of the process's memory in its hands.
 RequestResult CardRequests::issueByThread(const Raw& raw, PendingRequest& pending) noexcept {
     RequestResult result;
     auto work = [&]() noexcept { result = issueRaw(raw, pending); };
@@ -213,8 +216,14 @@ RequestResult CardRequests::issueByThread(const Raw& raw, PendingRequest& pendin
 }
 
 RequestResult CardRequests::askDirect(uint32_t code, void* memory, uint32_t bytes, DWORD patienceMs) noexcept {
+    const Raw raw{code, 0, nullptr, 0, memory, bytes, kAnySession};
+    const UnderWay request(*this, raw); // until it has ended, not only until it has been issued
+    if (!request) return resultOf(ERROR_OPERATION_ABORTED);
+    PendingRequest pending;
+    const RequestResult result = issueByThread(raw, pending);
     DWORD answered = 0;
-    return resultOf(askRaw({code, 0, nullptr, 0, memory, bytes, kAnySession}, patienceMs, answered));
+    if (!pending.issued) return result;
+    return resultOf(awaitAnswer(request.device(), pending.overlapped, patienceMs, answered));
 }
 
 RequestResult CardRequests::judged(const Raw& raw, uint32_t readBytes, DWORD patienceMs) noexcept {

@@ -2,10 +2,10 @@
 // end when the card goes. Any thread. Private to device/.
 #pragma once
 
-#include "device/request_thread.h"
 #include "protocol/records.h"
 #include "protocol/requests.h"
 #include "sync/mutex.h"
+#include "sync/request_thread.h"
 #include "win32/handle.h"
 
 #include <windows.h>
@@ -63,8 +63,8 @@ public:
     bool isUsable() const noexcept { return m_stopCard && m_ioctlEmpty; }
     bool isOpen() const noexcept EXCLUDES(m_mutex);
 
-    /// Takes the handle of a card that has been opened, while requests are refused. The session has no id yet. Without
-    /// memory the card stays closed.
+    /// Takes the handle of a card that has been opened, while requests are refused. The session has no id yet.
+    /// Without memory the card stays closed.
     void adopt(UniqueFile device) noexcept EXCLUDES(m_mutex);
     void setSessionId(uint32_t id) noexcept EXCLUDES(m_mutex);
     /// The number of this opening: it changes with every adopt().
@@ -107,7 +107,8 @@ public:
     }
     /// The outcome of a lasting request that has ended by now: a driver may take it and refuse it a moment later.
     static RequestResult judgeEnded(uint32_t code, const void* answer, PendingRequest& pending) noexcept;
-    /// Without header, and without a look at what comes back: the memory is the caller's. Logs nothing.
+    /// Without header, and without a look at what comes back: the memory is the caller's. Logs nothing. Both are issued
+    /// by the thread that lives as long as this.
     RequestResult askDirect(uint32_t code, void* memory, uint32_t bytes, DWORD patienceMs) noexcept;
     RequestResult issueDirect(uint32_t code, void* memory, uint32_t bytes, PendingRequest& pending) noexcept {
         return issueByThread({code, 0, nullptr, 0, memory, bytes, kAnySession}, pending);

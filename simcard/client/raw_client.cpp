@@ -1,6 +1,8 @@
 // The protocol, request by request.
 #include "simcard/client/raw_client.h"
 
+#include <winioctl.h>
+
 namespace kestra::simcard {
 
 RawClient::RawClient(const std::wstring& devicePath)
@@ -9,10 +11,17 @@ RawClient::RawClient(const std::wstring& devicePath)
       m_openError(m_file ? DWORD{ERROR_SUCCESS} : GetLastError()) {}
 
 DWORD RawClient::begin(Pending& pending, uint32_t code, const void* in, DWORD inSize, void* out, DWORD outSize) {
-    return DeviceIoControl(m_file.get(), code, const_cast<void*>(in), inSize, out, outSize, nullptr,
-                           &pending.overlapped)
-               ? ERROR_SUCCESS
-               : GetLastError();
+    DWORD error = ERROR_SUCCESS;
+    auto issue = [&] {
+        if (!DeviceIoControl(m_file.get(), code, const_cast<void*>(in), inSize, out, outSize, nullptr,
+                             &pending.overlapped))
+            error = GetLastError();
+    };
+    if ((code & 3) == METHOD_OUT_DIRECT)
+        m_direct.call(issue);
+    else
+        issue();
+    return error;
 }
 
 DWORD RawClient::end(Pending& pending, DWORD timeoutMs) {

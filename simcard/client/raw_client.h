@@ -3,6 +3,7 @@
 #pragma once
 
 #include "protocol/requests.h"
+#include "sync/request_thread.h"
 #include "win32/handle.h"
 
 #include <windows.h>
@@ -53,6 +54,9 @@ public:
 
 private:
     const UniqueFile m_file;
+    /// Sends the memory of frames: while one is written into this process, Wine stops the process's first thread, and
+    /// loses it if it is just sending more than a pipe holds.
+    RequestThread m_direct;
     DWORD m_openError;
     DWORD m_size = 0;
     uint32_t m_session = 0;

@@ -75,7 +75,6 @@ TEST_F(ColorAnalysis, AnalysisMeasuresWithoutGainsAndPutsThemBack) {
 
 TEST_F(ColorAnalysis, AnalysisOfARunningPictureDoesNotDisturbIt) {
     showPicture(PictureKind::Tinted);
-    m_card.setSignal(kSmall);
     for (int format = 0; format < 4; ++format) {
         SCOPED_TRACE(format);
         release();
@@ -101,7 +100,6 @@ TEST_F(ColorAnalysis, AnalysisOfARunningPictureDoesNotDisturbIt) {
 }
 
 TEST_F(ColorAnalysis, AnalysisWhileTheSignalIsAwayLeavesTheRunningCaptureAlone) {
-    m_card.setSignal(kSmall);
     for (const int format : {1, 0}) {
         SCOPED_TRACE(format);
         release();
@@ -116,7 +114,7 @@ TEST_F(ColorAnalysis, AnalysisWhileTheSignalIsAwayLeavesTheRunningCaptureAlone) 
         for (const LogEntry& entry : m_card.log())
             EXPECT_TRUE(entry.code != wire::kPrepare && entry.code != wire::kSnap);
         EXPECT_TRUE(same(m_card.state().converter, kDefaults)) << "and its gains are as they were";
-        m_card.setSignal(kSmall);
+        m_card.setSignal(kDefaultSignal);
         const int before = m_sink.received;
         EXPECT_TRUE(waitUntil([&] { return m_sink.received >= before + 3; })) << "the capture goes on";
         EXPECT_EQ(m_sink.endOfStreams, 0);
@@ -126,7 +124,6 @@ TEST_F(ColorAnalysis, AnalysisWhileTheSignalIsAwayLeavesTheRunningCaptureAlone) 
 
 TEST_F(ColorAnalysis, GainsFoundMakeTheRunningPictureNeutralAndDefaultBringsItBack) {
     showPicture(PictureKind::Tinted);
-    m_card.setSignal(kSmall);
     make();
     ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
     ASSERT_EQ(m_filter->Run(0), S_OK);
@@ -228,7 +225,6 @@ TEST_F(ColorAnalysis, InterlacedAndOddPicturesAreMeasured) {
 }
 
 TEST_F(ColorAnalysis, WithoutTheImageLibraryTheModuleCapturesAndTheAnalysisFails) {
-    m_card.setSignal(kSmall);
     const ModuleCopy copy;
     const auto tryModule = [&](HRESULT expected, const char* what) {
         SCOPED_TRACE(what);
@@ -267,7 +263,6 @@ TEST_F(ColorAnalysis, WithoutTheImageLibraryTheModuleCapturesAndTheAnalysisFails
 
 TEST_F(ColorAnalysis, AnalysesGoOnWhileTheGraphStartsAndStopsAndParametersChange) {
     showPicture(PictureKind::Grey);
-    m_card.setSignal(kSmall);
     make();
     ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
     // Both helpers act as often as the graph is about to change its state, and then come into the middle of it.

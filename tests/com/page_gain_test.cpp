@@ -462,7 +462,6 @@ TEST_F(GainPage, MissingImageLibraryIsNamed) {
 
 TEST_F(GainPage, AnalyzeAndApplyMakeATintedPictureNeutralAndUnityBringsItBack) {
     showPicture(PictureKind::Tinted);
-    m_card.setSignal(kSmall);
     openOnFilter(CLSID_KestraStreamPropRGB);
     run();
     const std::vector<uint8_t> original = nextSample();

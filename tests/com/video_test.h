@@ -14,9 +14,6 @@ namespace kestra::test {
 inline constexpr wchar_t kSettings[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow";
 inline constexpr simcard::Signal kInterlaced60 = {1, 1, 1, 7, 0, 0, 1920, 1080, 0, 30, 1, 0};
 inline constexpr simcard::Signal kNoSignal = {};
-/// For snaps while a picture runs. A request's memory travels through a pipe, and under Wine a process dies if the card
-/// writes a frame into it just then, unless it all fits the pipe at once.
-inline constexpr simcard::Signal kSmall = {1, 1, 0, 7, 0, 0, 160, 120, 0, 30, 1, 0};
 
 class VideoTest : public CardTest {
 protected:

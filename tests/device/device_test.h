@@ -44,6 +44,7 @@ public:
         m_expected.resize(frameSizeBytes(m_format));
         m_source.prepare(m_format, m_expected.data(), m_expected.size(), 0);
     }
+    size_t frameBytes() const { return m_expected.size(); }
     uint64_t context() { return reinterpret_cast<uint64_t>(this); }
     static void onFrame(uint64_t context, const TarnisFrameInfo* frame) {
         reinterpret_cast<FrameCounter*>(context)->take(*frame);

@@ -1,5 +1,5 @@
 // A thread that issues requests for others. When a thread ends, the system cancels what it issued; so whatever must
-// outlive its caller is issued here. Private to device/.
+// outlive its caller is issued here. Portable.
 #pragma once
 
 #include <condition_variable>
