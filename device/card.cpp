@@ -53,7 +53,7 @@ void Card::OpenCard() {
                    m_devicePath.c_str(), static_cast<int>(error), static_cast<unsigned>(error));
         return;
     }
-    m_requests.adopt(std::move(device));
+    if (!m_requests.adopt(std::move(device))) return;
     m_requests.accept();
     if (m_closing) m_requests.refuse(); // set before the close refused them, so a close that came after is seen here
     if (!startSession()) closeDevice();

@@ -88,14 +88,16 @@ uint32_t CardRequests::session() const noexcept {
     return m_card ? m_card->number : 0;
 }
 
-void CardRequests::adopt(UniqueFile device) noexcept {
+bool CardRequests::adopt(UniqueFile device) noexcept {
     try {
         auto card = std::make_shared<OpenedCard>();
         card->file = std::move(device);
         const LockGuard lock(m_mutex);
         card->number = ++m_openings;
         m_card = std::move(card);
+        return true;
     } catch (const std::bad_alloc&) {
+        return false;
     }
 }
 

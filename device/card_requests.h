@@ -64,8 +64,8 @@ public:
     bool isOpen() const noexcept EXCLUDES(m_mutex);
 
     /// Takes the handle of a card that has been opened, while requests are refused. The session has no id yet.
-    /// Without memory the card stays closed.
-    void adopt(UniqueFile device) noexcept EXCLUDES(m_mutex);
+    /// @return false: there is no memory, and the handle is closed again
+    bool adopt(UniqueFile device) noexcept EXCLUDES(m_mutex);
     void setSessionId(uint32_t id) noexcept EXCLUDES(m_mutex);
     /// The number of this opening: it changes with every adopt().
     uint32_t session() const noexcept EXCLUDES(m_mutex);

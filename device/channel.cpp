@@ -7,6 +7,7 @@
 #include "log/log.h"
 #include "win32/module.h"
 
+#include <algorithm>
 #include <new>
 
 #include <process.h>
@@ -39,6 +40,11 @@ Channel::Start Channel::start(uint32_t startParam, TarnisCameraData* cameraData,
     const LockGuard lock(m_mutex);
     if (cameraData) *cameraData = *run->setup.wanted;
     return started ? Start::Started : Start::NotStarted;
+}
+
+void Channel::arrive() noexcept {
+    if (!m_life.arrive())
+        KESTRA_LOG(kGrabUnit, "TARNIS_StartGrab", LOG_ERROR, TARNIS_FAILURE, L"Grabbing thread not started!");
 }
 
 uint32_t Channel::bufferSizeBytes() {
@@ -206,12 +212,9 @@ uint32_t Channel::stopCard(const Run* /*run*/) {
     return m_requests.ask<wire::StopGrabbing>(m_port, request, reply).status;
 }
 
-bool Channel::awaitEarlier(const Run& run) {
-    for (const RunPointer& earlier : run.earlier) {
-        const HANDLE either[] = {run.stopEvent.get(), earlier->thread.get()};
-        if (WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0) return false;
-    }
-    return true;
+bool Channel::awaitEarlier(const Run& run, const Run& earlier) {
+    const HANDLE either[] = {run.stopEvent.get(), earlier.thread.get()};
+    return WaitForMultipleObjects(2, either, FALSE, INFINITE) != WAIT_OBJECT_0;
 }
 
 Channel::Life::LoopEnd Channel::loop(Run& run) {
@@ -224,15 +227,18 @@ void Channel::tellClient(const Run& run) {
     if (run.setup.callback) run.setup.callback(run.setup.context, &frame);
 }
 
-bool Channel::awaitEnd(const std::vector<RunPointer>& runs, bool limited) {
-    const ULONGLONG begin = GetTickCount64();
-    for (const RunPointer& run : runs) {
-        if (run->threadId == GetCurrentThreadId()) continue;
-        DWORD patienceMs = INFINITE;
-        if (limited) patienceMs = static_cast<DWORD>(kStopMs - std::min(kStopMs, GetTickCount64() - begin));
-        if (WaitForSingleObject(run->thread.get(), patienceMs) == WAIT_TIMEOUT) return false;
+Channel::Patience Channel::stopPatience() {
+    return {GetTickCount64() + kStopMs};
+}
+
+bool Channel::awaitEnd(const Run& run, const Patience& patience) {
+    if (run.threadId == GetCurrentThreadId()) return true;
+    DWORD patienceMs = INFINITE;
+    if (patience.untilMs != Patience{}.untilMs) {
+        const ULONGLONG now = GetTickCount64();
+        patienceMs = static_cast<DWORD>(patience.untilMs - std::min(patience.untilMs, now));
     }
-    return true;
+    return WaitForSingleObject(run.thread.get(), patienceMs) != WAIT_TIMEOUT;
 }
 
 } // namespace kestra

@@ -14,7 +14,6 @@
 #include <atomic>
 #include <memory>
 #include <optional>
-#include <vector>
 
 namespace kestra {
 
@@ -30,7 +29,7 @@ struct GrabSetup {
 };
 
 /// One run of a grabbing thread, shared by the thread and whoever waits for it.
-struct GrabRun {
+struct GrabRun : LifeRun<GrabRun> {
     explicit GrabRun(GrabSetup grabSetup) : setup(grabSetup) {}
 
     GrabSetup setup; ///< `wanted`: under the channel's mutex
@@ -41,9 +40,7 @@ struct GrabRun {
     PendingRequest lock;
     UniqueObject thread;
     DWORD threadId = 0;
-    std::atomic<bool> told = false;                ///< follows the stop event: asking the system every frame would show
-    bool started = false;                          // the life's
-    std::vector<std::shared_ptr<GrabRun>> earlier; // the life's
+    std::atomic<bool> told = false; ///< follows the stop event: asking the system every frame would show
 
     bool isUsable() const noexcept { return stopEvent && startedEvent && inputCheck && lock.event; }
     void tellToLeave() noexcept {
@@ -65,7 +62,7 @@ public:
     uint32_t stop() { return m_life.stop(); }
     /// Removal, AccessReleased or Close.
     void leave(LifeEvent event) { m_life.leave(event); }
-    void arrive() { m_life.arrive(); }
+    void arrive() noexcept;
 
     /// Programs the channel and locks its buffers, unless that is what it has. Needs DMA access. Throws std::bad_alloc.
     uint32_t prepare(TarnisCameraData& cameraData) EXCLUDES(m_prepareMutex, m_mutex);
@@ -92,11 +89,15 @@ private:
     bool startCard(Run& run);
     uint32_t stopCard(const Run* run);
     static void started(Run& run) { SetEvent(run.startedEvent.get()); }
-    static bool awaitEarlier(const Run& run);
+    static bool awaitEarlier(const Run& run, const Run& earlier);
     Life::LoopEnd loop(Run& run);
     static void tellClient(const Run& run);
     static void tellToLeave(Run& run) { run.tellToLeave(); }
-    static bool awaitEnd(const std::vector<RunPointer>& runs, bool limited);
+    struct Patience {
+        ULONGLONG untilMs = ~0ull; ///< of the system's tick count
+    };
+    static Patience stopPatience();
+    static bool awaitEnd(const Run& run, const Patience& patience);
 
     struct ThreadStart;
     static unsigned __stdcall threadEntry(void* parameter);

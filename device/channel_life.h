@@ -5,10 +5,9 @@
 
 #include "sync/mutex.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <vector>
+#include <utility>
 
 namespace kestra {
 
@@ -168,10 +167,19 @@ private:
     const void* m_run = nullptr;
 };
 
+/// What a life keeps in a run, written under its lock.
+template <class Run>
+struct LifeRun {
+    bool started = false;
+    uint64_t number = 0;       ///< runs are numbered in the order in which they were made
+    uint64_t grab = 0;         ///< number of the run that a client started: arrival goes on with the same grab
+    std::shared_ptr<Run> next; ///< in the list of those whose threads have not gone
+};
+
 /// One channel's life, entered by any thread. The Port is what is done about it:
 ///
-///   Mutex, Run          types; a Run has `bool started = false` and `std::vector<std::shared_ptr<Run>> earlier`, both
-///                       written here only
+///   Mutex, Run          types; a Run is a LifeRun<Run>
+///   Patience            type: how much longer somebody is willing to wait for threads
 ///   makeThread(setup)   a run with a thread that waits for release(run); null: there is none to be had
 ///   resumedSetup(run)   the setup that goes on with an interrupted run
 ///   release(run)        lets the thread go, which calls live(run)
@@ -180,13 +188,15 @@ private:
 ///   startCard(run)      thread: the start request; false: it failed
 ///   stopCard(run)       the stop request, in the run's session; run may be null
 ///   started(run)        thread: the start has gone well
-///   awaitEarlier(run)   thread: until the threads of run.earlier have ended; false: told to leave meanwhile
+///   awaitEarlier(run, earlier)  thread: until the other's thread has ended; false: told to leave meanwhile
 ///   loop(run)           thread: frames, until told to leave or the input changes
 ///   tellClient(run)     thread: the last callback
 ///   tellToLeave(run)
-///   awaitEnd(runs, limited)  until their threads have ended, but not the calling one; false: the time was over
+///   stopPatience()      what a stop has; a Patience made with {} has no end
+///   awaitEnd(run, patience)  until its thread has ended, unless that is the calling one; false: the time was over
 ///
-/// None of them is called under m_mutex but makeThread and resumedSetup.
+/// None of them is called under m_mutex but makeThread and resumedSetup. Nothing here needs memory but
+/// makeThread: a card can be pulled, come back and be closed when there is none.
 template <class Port>
 class ChannelLife {
 public:
@@ -215,20 +225,20 @@ public:
             if (actions & kStopFirst)
                 stop();
             else if (run)
-                m_port.awaitEnd({run}, false);
+                awaitEnd(*run);
         }
     }
 
-    /// Arrival: goes on with what removal interrupted.
-    void arrive() {
+    /// Arrival: goes on with what removal interrupted. @return false: it would, but there is no thread; the next may
+    bool arrive() {
         RunPointer run;
         {
             const Guard cardOrder(m_cardOrder);
             const Guard lock(m_mutex);
-            if (!(lifeTransition(m_life.state(), LifeEvent::Arrival).actions & kBegin)) return;
+            if (!(lifeTransition(m_life.state(), LifeEvent::Arrival).actions & kBegin)) return true;
             run = begin(LifeEvent::Arrival, m_port.resumedSetup(*m_current));
         }
-        letGo(run);
+        return letGo(run) != nullptr;
     }
 
     /// A client's stop: cancels a resume, ends the run, and waits for every thread but the calling one.
@@ -262,7 +272,7 @@ public:
         }
         const Guard lock(m_mutex);
         tell(LifeEvent::Gone, run.get());
-        std::erase(m_threads, run);
+        forget(*run);
     }
 
     /// See Life. A stop or a removal may come a moment later.
@@ -285,8 +295,8 @@ private:
 
     struct Ending {
         uint8_t actions = kNothing;
-        RunPointer run;                  ///< the channel's, when the event was told
-        std::vector<RunPointer> threads; ///< those that have not gone
+        RunPointer run;    ///< the channel's, when the event was told
+        uint64_t last = 0; ///< number of the latest run that there was then
     };
 
     uint8_t tell(LifeEvent event, const Run* teller) REQUIRES(m_mutex) {
@@ -297,7 +307,7 @@ private:
 
     Ending told(LifeEvent event) {
         const Guard lock(m_mutex);
-        Ending ending{kNothing, m_current, m_threads};
+        Ending ending{kNothing, m_current, m_lastNumber};
         ending.actions = tell(event, nullptr);
         return ending;
     }
@@ -318,20 +328,33 @@ private:
     /// Makes a run the channel's. @return null: no thread, and all stays as it was
     template <class Setup>
     RunPointer begin(LifeEvent event, const Setup& setup) REQUIRES(m_cardOrder, m_mutex) {
-        m_threads.reserve(m_threads.size() + 1);
-        std::vector<RunPointer> before, earlier;
-        if (event == LifeEvent::Arrival) {
-            before = m_current->earlier;
-            before.push_back(m_current);
-        }
-        for (const RunPointer& run : before)
-            if (std::find(m_threads.begin(), m_threads.end(), run) != m_threads.end()) earlier.push_back(run);
         RunPointer run = m_port.makeThread(setup);
         if (!run) return run;
-        run->earlier = std::move(earlier);
-        m_threads.push_back(run);
+        run->number = ++m_lastNumber;
+        run->grab = event == LifeEvent::Arrival ? m_current->grab : run->number;
+        RunPointer* end = &m_threads;
+        while (*end)
+            end = &(*end)->next;
+        *end = run;
         m_life.begin(event, run.get());
         m_current = run;
+        return run;
+    }
+
+    /// Takes a run whose thread has gone out of the list.
+    void forget(const Run& run) REQUIRES(m_mutex) {
+        RunPointer* at = &m_threads;
+        while (*at && at->get() != &run)
+            at = &(*at)->next;
+        if (*at) *at = std::exchange((*at)->next, nullptr);
+    }
+
+    /// The first of those whose threads have not gone after the run with that number.
+    RunPointer nextThread(uint64_t after) {
+        const Guard lock(m_mutex);
+        RunPointer run = m_threads;
+        while (run && run->number <= after)
+            run = run->next;
         return run;
     }
 
@@ -344,7 +367,8 @@ private:
 
     void grab(Run& run) {
         // Of one grab never two threads call back: the one that the card's removal met may be late.
-        if (!run.earlier.empty() && !m_port.awaitEarlier(run)) return;
+        for (RunPointer other = nextThread(0); other && other->number < run.number; other = nextThread(other->number))
+            if (other->grab == run.grab && !m_port.awaitEarlier(run, *other)) return;
         const LoopEnd why = m_port.loop(run);
         if (why == LoopEnd::ToldToLeave) return;
         const LifeEvent event = why == LoopEnd::FormatChange ? LifeEvent::FormatChange : LifeEvent::Stop;
@@ -353,11 +377,19 @@ private:
 
     void end(const Ending& ending) {
         if (!(ending.actions & kEndThreads)) return;
-        for (const RunPointer& run : ending.threads)
-            m_port.tellToLeave(*run);
-        if (m_port.awaitEnd(ending.threads, true)) return;
+        if (ending.run) m_port.tellToLeave(*ending.run); // the others have been told, or leave by themselves
+        typename Port::Patience patience = m_port.stopPatience();
+        bool ended = !ending.run || m_port.awaitEnd(*ending.run, patience);
+        for (RunPointer run = nextThread(0); ended && run && run->number <= ending.last; run = nextThread(run->number))
+            ended = m_port.awaitEnd(*run, patience);
+        if (ended) return;
         const Guard lock(m_mutex);
         if (ending.run) tell(LifeEvent::GivenUp, ending.run.get());
+    }
+
+    void awaitEnd(Run& run) {
+        typename Port::Patience forever{};
+        m_port.awaitEnd(run, forever);
     }
 
     Port& m_port;
@@ -366,7 +398,8 @@ private:
     Mutex m_mutex;
     Life m_life GUARDED_BY(m_mutex);
     RunPointer m_current GUARDED_BY(m_mutex); ///< the channel's run; the interrupted one while arrival goes on with it
-    std::vector<RunPointer> m_threads GUARDED_BY(m_mutex); ///< every run whose thread has not gone
+    RunPointer m_threads GUARDED_BY(m_mutex); ///< the oldest run whose thread has not gone, and those after it
+    uint64_t m_lastNumber GUARDED_BY(m_mutex) = 0;
 };
 
 } // namespace kestra

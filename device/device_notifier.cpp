@@ -3,8 +3,6 @@
 
 #include "win32/module.h"
 
-#include <vector>
-
 namespace kestra {
 namespace {
 
@@ -95,21 +93,20 @@ void DeviceNotifier::deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header)
         header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE)
         return;
     const auto& device = *reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(header);
-    std::vector<IDeviceAddRemove*> callbacks;
-    try {
-        const LockGuard lock(m_mutex);
-        const auto [first, last] = m_registrations.equal_range(device.dbcc_classguid);
-        for (auto it = first; it != last; ++it)
-            callbacks.push_back(it->second.callback);
-    } catch (const std::bad_alloc&) {
-        return;
-    }
-    for (IDeviceAddRemove* callback : callbacks) {
+    for (size_t i = 0; IDeviceAddRemove* const callback = callbackOf(device.dbcc_classguid, i); ++i) {
         if (event == DBT_DEVICEARRIVAL)
             callback->DeviceArrived(device);
         else
             callback->DeviceRemoved(device);
     }
+}
+
+/// In the order of registration; null behind the last. Nothing is copied: removals and arrivals need no memory.
+IDeviceAddRemove* DeviceNotifier::callbackOf(const GUID& interfaceClass, size_t index) noexcept {
+    const LockGuard lock(m_mutex);
+    for (auto [at, last] = m_registrations.equal_range(interfaceClass); at != last; ++at)
+        if (index-- == 0) return at->second.callback;
+    return nullptr;
 }
 
 void DeviceNotifier::unregisterAll() noexcept {

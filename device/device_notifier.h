@@ -48,6 +48,7 @@ private:
     static LRESULT CALLBACK windowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) noexcept;
     void runMessageLoop() noexcept;
     void deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header) noexcept;
+    IDeviceAddRemove* callbackOf(const GUID& interfaceClass, size_t index) noexcept EXCLUDES(m_mutex);
     void unregisterAll() noexcept;
 
     Mutex m_mutex; // never held during a callback

@@ -37,6 +37,7 @@ std::shared_ptr<DmaBuffers> DmaBuffers::allocate(uint32_t count, uint32_t sizeBy
         chunk->length = uint64_t{chunk->bufferCount} * sizeBytes;
         buffers->m_chunks.push_back(std::move(chunk));
     }
+    buffers->m_table.resize(sizeof(wire::ChunkTableHead) + buffers->m_chunks.size() * sizeof(wire::Chunk));
     return buffers;
 }
 
@@ -90,20 +91,19 @@ uint32_t DmaBuffers::refusedLock(CardRequests& requests) const noexcept {
     return TARNIS_SUCCESS;
 }
 
-uint32_t DmaBuffers::sendTable(CardRequests& requests, int8_t port) const {
-    std::vector<std::byte> table(sizeof(wire::ChunkTableHead) + m_chunks.size() * sizeof(wire::Chunk));
+uint32_t DmaBuffers::sendTable(CardRequests& requests, int8_t port) {
     const wire::ChunkTableHead head{0, static_cast<uint32_t>(m_chunks.size())};
-    std::memcpy(table.data(), &head, sizeof head);
+    std::memcpy(m_table.data(), &head, sizeof head);
     for (size_t i = 0; i < m_chunks.size(); ++i) {
         const Chunk& chunk = *m_chunks[i];
         const wire::Chunk entry{reinterpret_cast<uint64_t>(m_base) + chunk.offset, chunk.length, chunk.firstBuffer,
                                 chunk.bufferCount, 0};
-        std::memcpy(table.data() + sizeof head + i * sizeof entry, &entry, sizeof entry);
+        std::memcpy(m_table.data() + sizeof head + i * sizeof entry, &entry, sizeof entry);
     }
-    const RequestResult result =
-        requests.askDirect(wire::ChunkTable::codeOf(port), table.data(), static_cast<uint32_t>(table.size()), INFINITE);
+    const RequestResult result = requests.askDirect(wire::ChunkTable::codeOf(port), m_table.data(),
+                                                    static_cast<uint32_t>(m_table.size()), INFINITE);
     uint32_t driverResult = 0;
-    std::memcpy(&driverResult, table.data(), sizeof driverResult);
+    std::memcpy(&driverResult, m_table.data(), sizeof driverResult);
     if (result.status != TARNIS_SUCCESS) return result.status;
     return driverResult != 0 ? TARNIS_FAILURE : TARNIS_SUCCESS;
 }

@@ -38,13 +38,14 @@ private:
         PendingRequest lock;
     };
     DmaBuffers() = default;
-    uint32_t sendTable(CardRequests& requests, int8_t port) const;
+    uint32_t sendTable(CardRequests& requests, int8_t port);
     uint32_t refusedLock(CardRequests& requests) const noexcept;
 
     bool m_isWritten = false; ///< for good: a lock could not be ended
     std::byte* m_base = nullptr;
     uint32_t m_bufferSize = 0, m_bufferCount = 0;
     std::vector<std::unique_ptr<Chunk>> m_chunks;
+    std::vector<std::byte> m_table; ///< has its size beforehand: with locks pending nothing may fail for memory
 };
 
 } // namespace kestra

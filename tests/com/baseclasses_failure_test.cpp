@@ -1,6 +1,6 @@
 // The layer when the system has no memory: an error, null pointers, and nothing held.
 #include "tests/com/baseclasses_fixture.h"
-#include "tests/com/failing_allocations.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/scoped_import_hook.h"
 

@@ -4,6 +4,7 @@
 #include "log/engine.h"
 
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -32,11 +33,15 @@ public:
         setDetail(detail);
     }
     uint32_t write(const wchar_t* line, size_t length, const LogRecord& r) noexcept override {
-        const std::lock_guard lock(m_seen.mutex);
-        m_seen.lines.emplace_back(line, length);
-        m_seen.records.push_back({textOf(r.group), textOf(r.functionName), textOf(r.moduleTag), textOf(r.timeText),
-                                  textOf(r.sourceFile), textOf(r.message), r.severity, r.code, r.line});
-        return 0;
+        try {
+            const std::lock_guard lock(m_seen.mutex);
+            m_seen.lines.emplace_back(line, length);
+            m_seen.records.push_back({textOf(r.group), textOf(r.functionName), textOf(r.moduleTag), textOf(r.timeText),
+                                      textOf(r.sourceFile), textOf(r.message), r.severity, r.code, r.line});
+            return 0;
+        } catch (const std::bad_alloc&) { // a test's doing: the record is lost
+            return 1;
+        }
     }
     uint32_t open() noexcept override {
         ++m_seen.opened;

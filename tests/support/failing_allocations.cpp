@@ -1,5 +1,5 @@
 // Replaces the allocation functions of the test program.
-#include "tests/com/failing_allocations.h"
+#include "tests/support/failing_allocations.h"
 
 #include <atomic>
 #include <cstdlib>
