@@ -117,7 +117,7 @@ test_all() {
 
 verb_test() {
     with_tests=ON
-    setup build demo test bench
+    setup build demo test bench release
     install_windows_ffmpeg
     install_clang_format
     rm -f "$test_tally"
@@ -132,7 +132,7 @@ verb_test() {
 # ./kestra soak [ctest's arguments]: the long forms, one at a time.
 verb_soak() {
     with_tests=ON
-    setup build demo test
+    setup build demo test release
     install_windows_ffmpeg
     rm -f "$test_tally"
     build_preset windows
