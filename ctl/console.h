@@ -22,6 +22,8 @@ public:
     /// True if a person looks at the standard output, not a program.
     virtual bool isTerminal() const noexcept = 0;
     virtual bool isErrorTerminal() const noexcept = 0;
+    /// False if the standard output is a terminal whose font lacks most of Unicode.
+    virtual bool showsEverySign() const noexcept { return true; }
     /// Shows these lines in place of those that the last call showed. For terminals.
     virtual void showScreen(std::string_view lines) = 0;
     /// Shows one line on the error output in place of the last one; an empty one takes it away. For terminals.

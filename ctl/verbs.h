@@ -20,7 +20,10 @@ enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2
 
 /// VERB(name, Function, common options, what it does in one line, example and what it means)
 #define KESTRA_CTL_VERBS(VERB)                                                                                         \
-    VERB("list", List, kTakesJson, "the cards, whether they open, and what arrives at them", "kestra-ctl list")
+    VERB("list", List, kTakesJson, "the cards, whether they open, and what arrives at them", "kestra-ctl list")        \
+    VERB("doctor", Doctor, kTakesCard | kTakesJson,                                                                    \
+         "why an application does not see, start or keep the card; the exit code is the number of problems",           \
+         "kestra-ctl doctor")
 
 #define KESTRA_CTL_DECLARE(name, Function, takes, help, example)                                                       \
     void add##Function##Options(CLI::App& verb, Options& options);                                                     \

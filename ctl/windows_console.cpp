@@ -115,6 +115,13 @@ void WindowsConsole::showProgress(std::string_view line) noexcept {
     }
 }
 
+bool WindowsConsole::showsEverySign() const noexcept {
+    CONSOLE_FONT_INFOEX font{};
+    font.cbSize = sizeof font;
+    // A raster font has the signs of one code page.
+    return !m_outIsTerminal || !GetCurrentConsoleFontEx(m_out, FALSE, &font) || (font.FontFamily & TMPF_TRUETYPE) != 0;
+}
+
 bool WindowsConsole::isInterrupted(uint32_t waitMs) noexcept {
     return WaitForSingleObject(interruptEvent(), waitMs) == WAIT_OBJECT_0;
 }

@@ -18,6 +18,7 @@ public:
     void writeError(std::string_view text) noexcept override;
     bool isTerminal() const noexcept override { return m_outIsTerminal; }
     bool isErrorTerminal() const noexcept override { return m_errorIsTerminal; }
+    bool showsEverySign() const noexcept override;
     void showScreen(std::string_view lines) override;
     void showProgress(std::string_view line) noexcept override;
     bool isInterrupted(uint32_t waitMs) noexcept override;

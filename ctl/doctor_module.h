@@ -1,0 +1,15 @@
+// The doctor's look at the module: entered with the system, there, and fit to be loaded. What an installer needs to
+// know.
+#pragma once
+
+#include "ctl/doctor_report.h"
+
+namespace kestra::ctl {
+
+class Console;
+
+/// Adds the checks whose names begin with "module.". Needs COM.
+/// @return false: an application cannot get at the filters
+bool examineModule(DoctorReport& report, Console& console);
+
+} // namespace kestra::ctl

@@ -1,0 +1,16 @@
+// What doctor takes. The two options without a help text are what the program tells itself.
+#include "ctl/verbs.h"
+
+#include <CLI/CLI.hpp>
+
+namespace kestra::ctl {
+
+void addDoctorOptions(CLI::App& verb, Options& options) {
+    verb.add_flag("--installed", options.doctor.isInstalledOnly,
+                  "looks at the module only, as an installer does; no card is needed");
+    verb.add_flag("--ascii", options.doctor.ascii, "marks that every console can show: + X !");
+    verb.add_option("--probe", options.doctor.probe)->group("")->check(CLI::IsMember({"module", "video", "audio"}));
+    verb.add_option("--probe-file", options.doctor.probeFile)->group("");
+}
+
+} // namespace kestra::ctl
