@@ -24,7 +24,7 @@ CKestraAudioCapture::CKestraAudioCapture(LPUNKNOWN pUnk, HRESULT* phr)
                     L"CKestraAudioCapture->Constructor->#", L"CKestraAudioCapture->Destructor->#") {
     HRESULT hr = S_OK;
     m_stream = new (std::nothrow) CKestraAudioStream(&hr, this);
-    // While sound is being grabbed, a card is taken as it comes: its pin joins what runs.
+    // While sound is being grabbed any card will do: its pin joins the running one.
     hr = begin(hr, m_stream, [](const TarnisCameraStatus& status) {
         return (status.signalFlags & TARNIS_SIGNAL_AUDIO) != 0 || CKestraAudioStream::m_bactive;
     });
@@ -33,5 +33,5 @@ CKestraAudioCapture::CKestraAudioCapture(LPUNKNOWN pUnk, HRESULT* phr)
 }
 
 CKestraAudioCapture::~CKestraAudioCapture() {
-    audioPins.remove(m_stream); // from here on no video pin starts it
+    audioPins.remove(m_stream); // no video pin starts it from here on
 }

@@ -7,7 +7,7 @@ class CKestraAudioStream;
 
 class CKestraAudioCapture : public CaptureFilter {
 public:
-    /// Creates the filter. @param phr receives E_FAIL if no card has sound, E_OUTOFMEMORY without memory
+    /// Creates the filter. @param phr receives E_FAIL if no card carries sound, E_OUTOFMEMORY if memory runs out
     static CUnknown* CALLBACK CreateInstance(LPUNKNOWN pUnk, HRESULT* phr);
     ~CKestraAudioCapture() override;
 

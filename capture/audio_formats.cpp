@@ -15,7 +15,7 @@ namespace {
 
 constexpr DWORD kSamplesPerSecond = 48000;
 constexpr WORD kChannels = 2;
-constexpr int32_t kUnknownRate = 25; // frames per second, where the card tells none
+constexpr int32_t kUnknownRate = 25; // frames per second, if the card reports none
 
 } // namespace
 
@@ -23,7 +23,7 @@ const AudioFormat kAudioFormats[2] = {{16, sizeof(WAVEFORMATEX), 1}, {24, sizeof
 
 HRESULT makeAudioType(const AudioFormat& format, CMediaType& type) {
     static_assert(sizeof(WAVEFORMATEX) == 18 && sizeof(WAVEFORMATEXTENSIBLE) == 40);
-    FreeMediaType(type); // which may be one that was made before
+    FreeMediaType(type); // may be a reused one
     type.InitMediaType();
     auto* wave = reinterpret_cast<WAVEFORMATEX*>(type.AllocFormatBuffer(format.blockBytes));
     if (!wave) return E_OUTOFMEMORY;
@@ -37,7 +37,7 @@ HRESULT makeAudioType(const AudioFormat& format, CMediaType& type) {
         extensible->dwChannelMask = SPEAKER_FRONT_LEFT | SPEAKER_FRONT_RIGHT;
         extensible->SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
     }
-    type.SetSampleSize(format.bits / 8u); // one sample of one channel on purpose: not the block alignment
+    type.SetSampleSize(format.bits / 8u); // one channel's sample, not the block: see docs/compatibility.md
     type.SetType(&MEDIATYPE_Audio);
     type.SetSubtype(&MEDIASUBTYPE_PCM);
     type.SetFormatType(&FORMAT_WaveFormatEx);

@@ -21,7 +21,7 @@ constexpr PinKind kKind = {
                           .notStopped = L"CKestraAudioStream->Connect->VFW_E_NOT_STOPPED",
                           .failed = L"CKestraAudioStream->Connect->FAILED(hr)",
                           .done = L"CKestraAudioStream->Connect->S_OK"},
-              // The lines of this method name CheckMediaType: kept so.
+              // This method's texts name CheckMediaType: see docs/compatibility.md.
               .getMediaType = {.start = L"CKestraAudioStream->CheckMediaType->start",
                                .noMoreItems = L"CKestraAudioStream->CheckMediaType->VFW_S_NO_MORE_ITEMS",
                                .noMemory = L"CKestraAudioStream->CheckMediaType->E_OUTOFMEMORY",
@@ -68,7 +68,7 @@ constexpr PinKind kKind = {
     .port = 1};
 static_assert(kKind.formats == 2 && kKind.capabilityBytes == 52);
 
-// The lines of the statuses and of the missing frame carry the video pin's class name: kept so.
+// Some texts carry the video pin's class name: see docs/compatibility.md.
 constexpr FrameTexts kFrameTexts = {.start = L"CKestraAudioStream->SDIGrabAudioCallback->start",
                                     .notActive = L"CKestraAudioStream->SDIGrabAudioCallback->!m_pFilter->IsActive()",
                                     .disconnected = L"CKestraAudioStream->SDIGrabAudioCallback->DMA_STATUS_DICONNECTED",
@@ -89,15 +89,14 @@ public:
     }
 
 protected:
-    // Of a lost device the video pin tells.
+    // The video pin reports a lost device.
     bool fill(IMediaSample& sample, const TarnisFrameInfo& block) override {
         BYTE* pBuffer = nullptr;
         if (FAILED(sample.GetPointer(&pBuffer)) || !pBuffer) {
             trace(L"CKestraAudioStream->SDIGrabAudioCallback->GetPointer");
             return false;
         }
-        // The connection's type says how much: a receiver may have agreed on more than its buffer holds or the card
-        // made.
+        // The connection's type says how much; a receiver may have agreed on more than its buffer holds or the card delivers.
         const uint32_t wanted = m_bytesPerSecond / static_cast<uint32_t>(rate.load());
         const uint32_t bytes = std::min(wanted, static_cast<uint32_t>(std::max(sample.GetSize(), 0L)));
         const uint32_t made = std::min(bytes, block.bufferSize);
@@ -139,7 +138,7 @@ HRESULT CKestraAudioStream::makeType(uint32_t index, CMediaType& type) {
 
 void CKestraAudioStream::describe(const CMediaType&, BYTE* capabilities) const {
     AUDIO_STREAM_CONFIG_CAPS caps{};
-    caps.guid = MEDIATYPE_Audio; // the major type on purpose, where others have the format type
+    caps.guid = MEDIATYPE_Audio; // the major type: see docs/compatibility.md
     caps.MinimumChannels = caps.MaximumChannels = 2;
     caps.MinimumBitsPerSample = 16;
     caps.MaximumBitsPerSample = 24;
@@ -160,7 +159,7 @@ STDMETHODIMP CKestraAudioStream::get_BitDepth(unsigned char* index) {
     return S_OK;
 }
 
-// Holds no lock while it calls the graph, which locks first itself and the filter after.
+// Holds no lock while calling the graph, which locks itself first and then the filter.
 STDMETHODIMP CKestraAudioStream::put_BitDepth(unsigned char index) {
     trace(L"CKestraAudioStream->put_BitDepth->start");
     ComRef<IMediaControl> control;
@@ -175,9 +174,9 @@ STDMETHODIMP CKestraAudioStream::put_BitDepth(unsigned char index) {
     if (wasActive) control->Stop();
     CMediaType type;
     hr = offer(index, &type, nullptr);
-    if (SUCCEEDED(hr)) hr = SetFormat(&type); // an out-of-range index has an empty type, which is refused there
+    if (SUCCEEDED(hr)) hr = SetFormat(&type); // an out-of-range index has an empty type, which SetFormat refuses
     if (FAILED(hr)) return traced(L"CKestraAudioStream->put_BitDepth->SetFormat", hr);
-    if (wasActive) control->Run(); // also when it had been paused
+    if (wasActive) control->Run(); // even if it had been paused
     return traced(L"CKestraAudioStream->put_BitDepth->S_OK", S_OK);
 }
 
@@ -207,8 +206,7 @@ void CKestraAudioStream::requestBuffers(ALLOCATOR_PROPERTIES& properties) {
     properties.cbBuffer = audioBufferBytes(status, promisedBytesPerSecond());
 }
 
-/// The input may have changed since the buffers were agreed on: a slower one makes larger blocks. An allocator that
-/// refuses keeps its buffers, and the blocks are cut to them.
+/// The input may have changed since the buffers were agreed on: a slower one has larger blocks. If the allocator refuses, its buffers stay and the blocks are cut.
 void CKestraAudioStream::fitBuffers(const TarnisCameraStatus& status) {
     ALLOCATOR_PROPERTIES properties{}, actual{};
     const long wanted = audioBufferBytes(status, promisedBytesPerSecond());
@@ -228,7 +226,7 @@ HRESULT CKestraAudioStream::begin() {
         GetOwner()->AddRef(); // until takeBack
         ++m_joins;
     } else {
-        // Locking a picture's buffers takes longer than a frame: sound that had begun by then would be ahead of it.
+        // Locking the picture's buffers takes longer than a frame: sound started before would run ahead.
         if (IFilterGraph* graph = m_pFilter->GetFilterGraph())
             videoPins.forEach([graph](CKestraStream& pin) { pin.prepareFor(graph); });
         const HRESULT hr = startRun();
@@ -250,5 +248,5 @@ void CKestraAudioStream::takeBack() {
     CapturePin::takeBack();
     m_bactive = false;
     for (; m_joins > 0; --m_joins)
-        GetOwner()->Release(); // of begin
+        GetOwner()->Release(); // taken by begin
 }

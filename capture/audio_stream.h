@@ -1,4 +1,4 @@
-// The audio pin: two formats, and one sample for the sound of each frame. Video pins start it, too.
+// The audio pin: two formats, one sample per frame's block of sound. Video pins start it, too.
 #pragma once
 
 #include "capture/capture_pin.h"
@@ -11,7 +11,7 @@ class CKestraAudioStream final : public kestra::CapturePin,
                                  public IKestraAudioPropertyPage,
                                  public IAMBufferNegotiation {
 public:
-    /// True from a successful first start of any audio pin of the module to the next deactivation of one.
+    /// True from the first successful start of any audio pin of the module until one is deactivated.
     static std::atomic<bool> m_bactive;
 
     CKestraAudioStream(HRESULT* phr, CKestraAudioCapture* pFilter);
@@ -25,7 +25,7 @@ public:
     STDMETHODIMP get_BitDepth(unsigned char* index) override;
     STDMETHODIMP put_BitDepth(unsigned char index) override;
 
-    // IAMBufferNegotiation: a block is what the card makes of a frame, so suggestions change nothing.
+    // IAMBufferNegotiation: the card fixes the size of a block, so suggestions change nothing.
     STDMETHODIMP SuggestAllocatorProperties(const ALLOCATOR_PROPERTIES* pprop) override;
     STDMETHODIMP GetAllocatorProperties(ALLOCATOR_PROPERTIES* pprop) override;
 
@@ -43,5 +43,5 @@ private:
     uint32_t promisedBytesPerSecond() const;
     void fitBuffers(const TarnisCameraStatus& status);
 
-    int m_joins = 0; ///< starts of what ran already, each of which took a reference on the owner
+    int m_joins = 0; ///< starts while it was already running; each took a reference on the owner
 };

@@ -8,7 +8,7 @@ using State = CaptureRun::State;
 
 namespace {
 
-std::atomic<LONG> g_filters; // that there are, of both kinds
+std::atomic<LONG> g_filters; // how many exist, of both kinds
 
 void traceWithNumber(const wchar_t* text, LONG number) {
     wchar_t line[64];
@@ -27,7 +27,7 @@ CaptureFilter::CaptureFilter(LPCTSTR name, LPUNKNOWN pUnk, REFCLSID clsid, const
 CaptureFilter::~CaptureFilter() {
     traceWithNumber(m_destructed, g_filters.load());
     --g_filters;
-    m_iPins = m_capturePin ? 1 : 0; // what the base class counts when it deletes its pins
+    m_iPins = m_capturePin ? 1 : 0; // the count that the base class deletes its pins by
     if (m_grabber) TARNIS_Done(m_grabber);
 }
 
@@ -61,7 +61,7 @@ HRESULT CaptureFilter::noteState(HRESULT hr) {
 STDMETHODIMP CaptureFilter::Pause() {
     CAutoLock lock(&m_cStateLock);
     m_starting = IsStopped() != FALSE;
-    if (m_starting) m_capturePin->setRunState(State::Starting); // of a run that another pin started
+    if (m_starting) m_capturePin->setRunState(State::Starting); // a run that another pin started
     const HRESULT hr = CSource::Pause();
     m_starting = false;
     return noteState(hr);
@@ -74,6 +74,6 @@ STDMETHODIMP CaptureFilter::Run(REFERENCE_TIME tStart) {
 
 STDMETHODIMP CaptureFilter::Stop() {
     CAutoLock lock(&m_cStateLock);
-    // The base class passes a stopped filter over, whose pin failed to start or was started by another pin.
+    // The base class skips a stopped filter, although its pin may have failed to start or been started by another pin.
     return noteState(IsStopped() && m_capturePin->hasBegun() ? m_capturePin->Inactive() : CSource::Stop());
 }

@@ -1,4 +1,4 @@
-// What the two filters have in common: one card, one pin, and a pin that may have been started before its filter is.
+// What the two filters share: one card and one pin, which may have been started before its filter is.
 #pragma once
 
 #include "capture/capture_pin.h"
@@ -10,21 +10,20 @@ public:
     STDMETHODIMP Pause() override;
     STDMETHODIMP Run(REFERENCE_TIME tStart) override;
     STDMETHODIMP Stop() override;
-    // One pin, whatever the pin's deliveries left in m_iPins.
+    // Always one pin: m_iPins may hold an HRESULT, see docs/compatibility.md.
     int GetPinCount() override { return 1; }
     CBasePin* GetPin(int n) override { return n == 0 ? m_capturePin : nullptr; }
 
-    /// True from the beginning of a start to its end. Under the state lock.
+    /// True while a start is under way. Call with the state lock held.
     bool isStarting() const { return m_starting; }
-    /// A run leaves a failed delivery's result here, where the base class keeps its number of pins.
+    /// Keeps the result of a failed delivery in m_iPins: see docs/compatibility.md.
     void storeDeliveryResult(HRESULT hr) { m_iPins = hr; }
 
 protected:
-    /// @param constructed, destructed  the lines of its life, up to the number of filters, which a blank follows
+    /// @param constructed, destructed  trace texts of its construction and destruction; the number of filters and a blank follow
     CaptureFilter(LPCTSTR name, LPUNKNOWN pUnk, REFCLSID clsid, const wchar_t* constructed, const wchar_t* destructed);
-    /// Takes the pin, which the base class owns, and the first of the listed cards that is wanted; each is open, and
-    /// its channel claimed, for as long as its status is read. That another program holds it shows when it is to grab.
-    /// @param made  how the pin was made  @return that, E_OUTOFMEMORY without a pin, or E_FAIL without a card
+    /// Takes the pin, which the base class owns, and the first listed card that is wanted. Each card is opened and its channel claimed only while its status is read; that another program holds the channel shows when grabbing starts.
+    /// @param made  result of making the pin @return that result, E_OUTOFMEMORY if there is no pin, or E_FAIL if there is no card
     HRESULT begin(HRESULT made, kestra::CapturePin* pin, bool (*wanted)(const TarnisCameraStatus& status));
 
     TARNIS_HANDLE m_grabber = nullptr;

@@ -15,7 +15,7 @@ constexpr uint32_t kBuffers = 10;
 constexpr HRESULT kPropertySetUnsupported = static_cast<HRESULT>(0x80070492);
 constexpr HRESULT kPropertyIdUnsupported = static_cast<HRESULT>(0x80070490);
 
-/// What a caller calls a type may be a length without a block, and memory may be short: a copy is worth nothing then.
+/// Fails for a type that has a length but no block, and if memory runs out.
 /// @return VFW_E_INVALIDMEDIATYPE, E_OUTOFMEMORY
 HRESULT copyOf(const AM_MEDIA_TYPE& type, CMediaType& copy) {
     if (type.cbFormat != 0 && !type.pbFormat) return VFW_E_INVALIDMEDIATYPE;
@@ -25,7 +25,7 @@ HRESULT copyOf(const AM_MEDIA_TYPE& type, CMediaType& copy) {
 
 constexpr wchar_t kSettingsKey[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow"; // of the current user
 
-/// @return 0 if key or value is missing or is no four bytes
+/// @return 0 if the key or value is missing or is not four bytes long
 uint32_t readSetting(const wchar_t* name) noexcept {
     UniqueKey key;
     DWORD value = 0, size = sizeof value;
@@ -77,7 +77,7 @@ STDMETHODIMP CapturePin::Get(REFGUID guidPropSet, DWORD dwPropID, void*, DWORD, 
                              DWORD* pcbReturned) {
     if (const HRESULT hr = checkProperty(guidPropSet, dwPropID); hr != S_OK) return hr;
     if (!pPropData && !pcbReturned) return E_POINTER;
-    if (pcbReturned) *pcbReturned = sizeof(GUID); // before the size is looked at
+    if (pcbReturned) *pcbReturned = sizeof(GUID); // even if the size is wrong
     if (!pPropData) return S_OK;
     if (cbPropData < sizeof(GUID)) return E_UNEXPECTED;
     *static_cast<GUID*>(pPropData) = PIN_CATEGORY_CAPTURE;
@@ -106,7 +106,7 @@ HRESULT CapturePin::offer(int position, CMediaType* pmt, const CMediaType* set) 
     trace(texts.start);
     if (position >= m_kind.formats) return traced(texts.noMoreItems, VFW_S_NO_MORE_ITEMS);
     HRESULT hr = S_OK;
-    if (set) { // before the lock, and whatever the position
+    if (set) { // before the lock, at any position
         if (!pmt) return E_POINTER;
         hr = pmt->Set(*set);
     } else {
@@ -159,7 +159,7 @@ STDMETHODIMP CapturePin::SetFormat(AM_MEDIA_TYPE* pmt) {
         if (noMemory) return traced(texts.noMemory, E_OUTOFMEMORY);
         connected = IsConnected() != FALSE;
     }
-    // Without the lock: the graph takes its own first when it starts and stops, and this one after.
+    // Without the lock: the graph takes its own first when it starts and stops, then this one.
     if (connected && FAILED(m_pFilter->ReconnectPin(this, wanted.get())))
         return traced(texts.notReconnected, VFW_E_INVALIDMEDIATYPE);
     CAutoLock lock(m_pFilter->pStateLock());
@@ -202,7 +202,7 @@ STDMETHODIMP CapturePin::GetStreamCaps(int iIndex, AM_MEDIA_TYPE** ppmt, BYTE* p
     if (!ppmt || !pSCC) return E_POINTER;
     *ppmt = nullptr;
     CMediaType type;
-    const HRESULT hr = offer(iIndex, &type, nullptr); // each index describes its own format, also after SetFormat
+    const HRESULT hr = offer(iIndex, &type, nullptr); // each index describes its own format, even after SetFormat
     if (FAILED(hr)) return traced(texts.failed, hr);
     *ppmt = CreateMediaType(&type);
     if (!*ppmt) return traced(texts.failed, E_OUTOFMEMORY);
@@ -239,7 +239,7 @@ STDMETHODIMP CapturePin::Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) {
     return hr;
 }
 
-// Not the base class's, which looks its pins up by the number that failed deliveries are left in.
+// Not the base class's: that one finds pins through m_iPins, see docs/compatibility.md.
 STDMETHODIMP CapturePin::QueryId(LPWSTR* Id) {
     if (!Id) return E_POINTER;
     *Id = static_cast<LPWSTR>(CoTaskMemAlloc(sizeof L"1"));
@@ -248,8 +248,7 @@ STDMETHODIMP CapturePin::QueryId(LPWSTR* Id) {
     return S_OK;
 }
 
-/// A pin that failed to start, or was started while its own filter is stopped, can be disconnected: nobody would
-/// deactivate it afterwards.
+/// A pin that failed to start, or was started while its own filter is stopped, is deactivated here: nobody would do it after it is disconnected.
 HRESULT CapturePin::BreakConnect() {
     if (m_begun) takeBack();
     return CSourceStream::BreakConnect();
@@ -283,7 +282,7 @@ HRESULT CapturePin::Active() {
 
 HRESULT CapturePin::startRun() {
     const PinTexts::Active& texts = m_kind.texts.active;
-    if (m_run && !m_run->hasEnded()) takeBack(); // a stop did not come through
+    if (m_run && !m_run->hasEnded()) takeBack(); // an earlier stop failed
     m_begun = true;
     if (TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) != TARNIS_SUCCESS) return traced(texts.noAccess, E_UNEXPECTED);
     ++m_accessClaims;
@@ -310,7 +309,7 @@ HRESULT CapturePin::Inactive() {
     CAutoLock lock(m_pFilter->pStateLock());
     trace(texts.start);
     if (!IsConnected()) return traced(texts.notConnected, S_OK);
-    setRunState(CaptureRun::State::Stopped); // so that a callback returns that comes now
+    setRunState(CaptureRun::State::Stopped); // so that a callback that arrives now returns
     // Frees a callback that waits for a buffer. The base's base, as in Active.
     const HRESULT hr = CBaseOutputPin::Inactive(); // NOLINT(bugprone-parent-virtual-call): see above
     if (FAILED(hr)) return traced(texts.failed, hr);
@@ -323,7 +322,7 @@ void CapturePin::takeBack() {
     TARNIS_StopGrab(m_hGrabber, m_kind.port);
     for (; m_accessClaims > 0; --m_accessClaims)
         TARNIS_ReleaseDMAAccess(m_hGrabber, m_kind.port);
-    if (m_run) m_run->end(); // lets go of the owner, whom the run has held since the start
+    if (m_run) m_run->end(); // releases the owner, held by the run since the start
     m_begun = false;
 }
 

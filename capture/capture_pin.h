@@ -1,5 +1,4 @@
-// What the pins of picture and sound have in common: one list of formats of which the user chooses, a connection, and
-// runs. A class of pins has its formats, its samples and its lines.
+// What the video and audio pins share: a list of formats to choose from, a connection, and runs. Each class of pins adds its formats, its samples and its trace texts.
 #pragma once
 
 #include "capture/capture_run.h"
@@ -11,7 +10,7 @@
 
 namespace kestra {
 
-/// The lines of a pin, which stand whole in its class.
+/// The trace texts of a pin, given whole in its class.
 struct PinTexts {
     struct Connect {
         const wchar_t *start, *alreadyConnected, *notStopped, *failed, *done;
@@ -26,7 +25,7 @@ struct PinTexts {
         const wchar_t *start, *notStopped, *invalid, *noMemory, *notReconnected, *done;
     } setFormat;
     struct GetStreamCaps {
-        const wchar_t *start, *none, *failed, *done; ///< none: null where it leaves no line
+        const wchar_t *start, *none, *failed, *done; ///< none: null: writes nothing
     } getStreamCaps;
     struct Simple {
         const wchar_t *start, *done;
@@ -42,7 +41,7 @@ struct PinTexts {
     } inactive;
 };
 
-/// What never changes of a class of pins.
+/// The constants of a class of pins.
 struct PinKind {
     PinTexts texts;
     bool (*matches)(const AM_MEDIA_TYPE& wanted, const AM_MEDIA_TYPE& offered) noexcept; ///< may be incomplete
@@ -54,19 +53,17 @@ struct PinKind {
     int8_t port; ///< of the card
 };
 
-/// Methods are called on the application's threads; m_pFilter's state lock, which is m_pLock too, guards the members
-/// that say nothing else. Frames come on the grab engine's threads, and to the run only.
+/// Methods are called on the application's threads. The filter's state lock, which is also m_pLock, guards every member without a note of its own. Frames arrive on the grabbing threads and reach only the run.
 class CapturePin : public CSourceStream, public IKsPropertySet, public IAMStreamConfig, public ISpecifyPropertyPages {
 public:
     DECLARE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// The filter's, once it has chosen a card, before anybody else can reach the pin: the format that the user chose
-    /// last is offered from now on.
+    /// Called by the filter once it has chosen a card, before anyone else can reach the pin: from now on the pin offers the format that the user chose last.
     void useCard(TARNIS_HANDLE grabber);
-    /// What the filter is, for a run that there may be.
+    /// Passes the filter's state to the run, if there is one.
     void setRunState(CaptureRun::State state) const;
-    /// From a start, which may have failed halfway, until it has been taken back.
+    /// True from a start, even one that failed halfway, until takeBack.
     bool hasBegun() const { return m_begun; }
     int8_t port() const { return m_kind.port; }
 
@@ -89,7 +86,7 @@ public:
     // IPin and the base pin's operations.
     STDMETHODIMP Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) override;
     STDMETHODIMP QueryId(LPWSTR* Id) override;
-    /// Without the state lock: a receiver asks from inside its Receive, for whose end a stop waits under that lock.
+    /// Takes no state lock: a receiver asks from inside its Receive, while a stop holds the lock and waits for that call to end.
     STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* pmt) override;
     HRESULT BreakConnect() override;
     HRESULT GetMediaType(int iPosition, CMediaType* pmt) override;
@@ -97,48 +94,47 @@ public:
     HRESULT DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* pProp) override;
     HRESULT Active() override;
     HRESULT Inactive() override;
-    HRESULT FillBuffer(IMediaSample*) override { return E_UNEXPECTED; } // the grab engine's thread fills
+    HRESULT FillBuffer(IMediaSample*) override { return E_UNEXPECTED; } // samples are filled on the grabbing thread
 
 protected:
     CapturePin(LPCTSTR name, HRESULT* phr, CaptureFilter* filter, LPCWSTR pinName, const PinKind& kind);
 
-    /// Makes the type of a format, of index 0 below formats. @return E_OUTOFMEMORY
+    /// Makes the media type of a format. @return S_OK or E_OUTOFMEMORY
     virtual HRESULT makeType(uint32_t index, CMediaType& type) = 0;
-    /// Writes the record of capabilityBytes that goes with a type.
+    /// Writes the capability record (capabilityBytes long) of a type.
     virtual void describe(const CMediaType& type, BYTE* capabilities) const = 0;
-    /// Sets number and size of the buffers for the connection's type.
+    /// Sets the number and size of the buffers for the connection's type.
     virtual void requestBuffers(ALLOCATOR_PROPERTIES& properties) = 0;
-    /// @return a failure, after its own line: without the card no type is accepted
+    /// @return a failure, after tracing it: without a card no type is accepted
     virtual HRESULT checkCard() { return S_OK; }
-    /// Starts, once the allocator is committed. @return after its own line
+    /// Starts, once the allocator is committed. Traces its own outcome.
     virtual HRESULT begin() = 0;
-    /// Makes a run for the connection's type, and says what the card is to produce.
+    /// Makes a run for the connection's type and sets what the card is to produce.
     virtual std::shared_ptr<CaptureRun> makeRun(CaptureRun::Receiver receiver, CaptureRun::State state) const = 0;
 
-    /// Claims the channel and starts a run. @return S_OK, or E_UNEXPECTED after its line; what has been claimed stays
-    /// so until takeBack
+    /// Claims the channel and starts a run. @return S_OK, or E_UNEXPECTED after tracing it; a claim is kept until takeBack
     HRESULT startRun();
-    /// Undoes every start since the last time. Whoever calls holds a reference of his own.
+    /// Undoes every start since the last call. The caller holds a reference of its own.
     virtual void takeBack();
     /// Whether the channel is claimed for a run. Any thread.
     bool holdsAccess() const { return m_accessClaims > 0; }
-    /// The type at a position. @param set  the only one that is offered; null: all are
+    /// The type at a position. @param set the only type offered; null: all are
     HRESULT offer(int position, CMediaType* pmt, const CMediaType* set);
 
     CaptureFilter& m_capture;
     const PinKind& m_kind;
     TARNIS_HANDLE m_hGrabber = nullptr;
     uint32_t m_format = 0;             ///< index, as persisted; what is delivered follows from the connection's type
-    std::shared_ptr<CaptureRun> m_run; ///< the last one; replaced by the next, so that late frames of it are named
+    std::shared_ptr<CaptureRun> m_run; ///< the latest run; kept until the next one, so that its late frames are still recognised
 
 private:
     std::shared_ptr<const CMediaType> setFormat() const;
     HRESULT accept(const AM_MEDIA_TYPE* pmt, const CMediaType* set);
 
     mutable std::mutex m_setFormatMutex;
-    std::shared_ptr<const CMediaType> m_setFormat; ///< null: none was set. Under m_setFormatMutex
+    std::shared_ptr<const CMediaType> m_setFormat; ///< null if none was set; guarded by m_setFormatMutex
     bool m_begun = false;
-    std::atomic<int> m_accessClaims = 0; ///< DMA accesses to be released; changed under the state lock
+    std::atomic<int> m_accessClaims = 0; ///< claims to be released; changed with the state lock held
 };
 
 } // namespace kestra

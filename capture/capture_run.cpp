@@ -46,7 +46,7 @@ void CaptureRun::onFrame(uint64_t number, const TarnisFrameInfo* frame) noexcept
             if (found != g_runs.end()) run = found->second.lock();
         }
         if (run) run->frameArrived(*frame);
-    } catch (...) { // a lock that the system refused: this frame is lost
+    } catch (...) { // the system refused a lock: this frame is lost
     }
 }
 
@@ -59,7 +59,7 @@ void CaptureRun::setState(State state) {
 }
 
 void CaptureRun::end() {
-    std::shared_ptr<const Receiver> last; // let go of without the lock
+    std::shared_ptr<const Receiver> last; // released without the lock
     setState(State::Stopped);
     const std::lock_guard lock(m_mutex);
     last.swap(m_receiver);
@@ -113,7 +113,7 @@ void CaptureRun::deliver(const Receiver& receiver, const TarnisFrameInfo& frame)
     if (hr == S_OK) {
         ++m_delivered;
     } else {
-        receiver.filter.storeDeliveryResult(hr); // kept, odd as it is: see CaptureFilter::GetPinCount
+        receiver.filter.storeDeliveryResult(hr); // see docs/compatibility.md
         trace(m_texts.notDelivered);
         if (!m_texts.notDeliveredIsDone) return;
     }

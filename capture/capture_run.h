@@ -1,5 +1,4 @@
-// One run of a pin, from its start to its stop: what its frames are, and whom they are for. The grab engine's threads
-// know a run by a number and bring it frames; a thread that comes late finds its own run, which is over, or none.
+// One run of a pin, from start to stop: what its frames are and who receives them. The grabbing threads know a run by its number; a late thread finds its own run, already over, or none.
 #pragma once
 
 #include "device/tarnis.h"
@@ -16,21 +15,20 @@ class CaptureFilter;
 
 namespace kestra {
 
-/// The lines that a frame leaves, which stand whole in the pin's class.
+/// The trace texts of a frame, given whole in the pin's class.
 struct FrameTexts {
     const wchar_t *start, *notActive, *disconnected, *dropped, *overrun, *aborted, *noFrame, *noBuffer, *notDelivered,
         *done;
-    bool notDeliveredIsDone; ///< a frame that was not delivered leaves the line `done` too
+    bool notDeliveredIsDone; ///< a frame that was not delivered also writes `done`
 };
 
-/// Frames per second of an input; 25 without a known rate.
+/// Frames per second of an input; 25 if the rate is unknown.
 int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept;
 
 class CaptureRun {
 public:
     enum class State { Stopped, Starting, Active };
-    /// Whom the samples are for. Held by the run until it ends, and by every callback until it returns: a receiver that
-    /// blocks for longer than whoever stops the filter waits finds all of it as it was.
+    /// Where the samples go. Held by the run until it ends and by every callback until it returns, so all of it stays valid for a receiver that blocks longer than a stop is willing to wait.
     struct Receiver {
         CaptureFilter& filter;
         ComRef<IUnknown> owner; ///< the filter's, and so the pin's
@@ -44,25 +42,24 @@ public:
     CaptureRun(const CaptureRun&) = delete;
     CaptureRun& operator=(const CaptureRun&) = delete;
 
-    /// Makes the run known to the grab engine. @return its number, for onFrame
+    /// Registers the run with the grab engine. @return its number, for onFrame
     static uint64_t enlist(const std::shared_ptr<CaptureRun>& run);
     /// The grab engine's callback.
     static void onFrame(uint64_t number, const TarnisFrameInfo* frame) noexcept;
 
-    /// What the filter is: frames are delivered while it is active, and wait while it starts, so that none is lost that
-    /// comes early. Never waits for a callback.
+    /// Sets the filter's state: frames are delivered while it is active and wait while it starts, so that early ones are not lost. Never waits for a callback.
     void setState(State state);
-    /// For good; lets go of the receiver.
+    /// Ends the run for good and releases the receiver.
     void end();
     bool hasEnded();
 
-    TarnisCameraData camera{};      ///< changed by the start only, before the first frame is taken
+    TarnisCameraData camera{};      ///< changed only by the start, before the first frame is taken
     std::atomic<int32_t> rate = 25; ///< frames per second, never 0
 
 protected:
-    /// Brings a frame into a sample. @return false, after its own line: the sample is not delivered
+    /// Fills a sample from a frame. @return false, after tracing why, if the sample is not to be delivered
     virtual bool fill(IMediaSample& sample, const TarnisFrameInfo& frame) = 0;
-    /// The input is not what the run was started for any more; the stream has been ended.
+    /// True once the input no longer matches the run; the stream has then been ended.
     virtual void inputLost(CaptureFilter&) {}
 
 private:
@@ -71,7 +68,7 @@ private:
     void deliver(const Receiver& receiver, const TarnisFrameInfo& frame);
 
     const FrameTexts& m_texts;
-    std::mutex m_mutex; ///< guards the next three; the callback must not take the filter's lock, which a stop holds
+    std::mutex m_mutex; ///< guards the next three members; not the filter's lock, which a stop holds
     std::condition_variable m_changed;
     State m_state;
     std::shared_ptr<const Receiver> m_receiver;

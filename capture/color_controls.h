@@ -9,29 +9,29 @@
 
 namespace kestra {
 
-/// What a result of the device library is called in COM.
+/// The HRESULT for a result of the device library.
 HRESULT hresultOf(uint32_t tarnisResult) noexcept;
 
 class ColorControls {
 public:
-    /// The card that the parameters are for; reads them from it, or takes the defaults. Before anybody else comes.
+    /// Sets the card and reads the parameters from it, or takes the defaults. Call before anyone else uses the object.
     void attach(TARNIS_HANDLE grabber) noexcept;
 
     TarnisConverterParams params() const;
     bool isFrozen() const;
-    /// Changes the parameters, and sends them unless they are frozen. They stay changed if the card refuses them.
-    /// @param change called with the parameters, under the lock
+    /// Changes the parameters and, unless frozen, sends them. They stay changed even if the card refuses them.
+    /// @param change called with the parameters and the lock held
     template <class Change>
     HRESULT update(Change change) {
         const std::lock_guard lock(m_mutex);
         change(m_params);
         return m_frozen ? S_OK : transmit(m_params);
     }
-    /// Freezing holds every update back, so that no half-written set reaches the card; the end of it sends them all.
+    /// Freezing holds updates back, so that no half-written set reaches the card; unfreezing sends them all.
     HRESULT freeze(bool frozen);
-    /// Shows the card's picture without gains and offsets while `body` runs, and then as it was. Updates wait.
-    /// @param body returns an HRESULT; it is not called if the card refuses
-    /// @return the body's answer, or why it was not called
+    /// Switches the card's gains and offsets off while `body` runs. Updates wait.
+    /// @param body returns an HRESULT; not called if the card refuses
+    /// @return the body's result, or the reason it was not called
     template <class Body>
     HRESULT withNeutralGains(Body body) {
         const std::lock_guard lock(m_mutex);
@@ -40,7 +40,7 @@ public:
         resetGains(neutral);
         HRESULT hr = transmit(neutral);
         if (SUCCEEDED(hr)) hr = body();
-        // Whatever came before: the card may have taken what it refused. Nobody else would send the gains again.
+        // In any case: the card may have accepted what it reported as refused, and nobody else would send the gains again.
         for (int attempt = 0; attempt < kRestoreAttempts && FAILED(transmit(own)); ++attempt) {
         }
         return hr;
@@ -56,7 +56,7 @@ private:
     mutable std::mutex m_mutex;
     TARNIS_HANDLE m_grabber = nullptr;
     TarnisConverterParams m_params{};
-    TarnisConverterParams m_atFreeze{}; ///< what the card shows while updates are held back
+    TarnisConverterParams m_atFreeze{}; ///< what the card holds while updates are frozen
     bool m_frozen = false;
 };
 

@@ -44,7 +44,7 @@ HRESULT ColorInterfaces::write(int32_t TarnisConverterParams::*field, LONG value
     return writeField(m_filter, field, value);
 }
 HRESULT ColorInterfaces::write(float TarnisConverterParams::*field, FLOAT value) {
-    if (!(std::fabs(value) <= kMostCoefficient)) return E_INVALIDARG; // not a number, too
+    if (!(std::fabs(value) <= kMostCoefficient)) return E_INVALIDARG; // NaN, too
     return writeField(m_filter, field, value);
 }
 HRESULT ColorInterfaces::write(uint8_t TarnisConverterParams::*field, unsigned char value) {
@@ -93,7 +93,7 @@ STDMETHODIMP ColorInterfaces::get_RGBOut(LONG* value) {
 STDMETHODIMP ColorInterfaces::WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue,
                                            FLOAT* gainRed, FLOAT* gainGreen, FLOAT* gainBlue) {
     if (!meanRed || !meanGreen || !meanBlue || !gainRed || !gainGreen || !gainBlue) return E_POINTER;
-    kestra::WhiteBalance result{0, 0, 0, 1.0f, 1.0f, 1.0f}; // what a failed measurement answers
+    kestra::WhiteBalance result{0, 0, 0, 1.0f, 1.0f, 1.0f}; // the answer if the measurement fails
     const HRESULT hr = guarded([&] { return m_filter.analyzeWhiteBalance(result); });
     *meanRed = result.meanRed;
     *meanGreen = result.meanGreen;

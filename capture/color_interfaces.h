@@ -1,4 +1,4 @@
-// The two interfaces through which the property pages see the converter: the filter answers them, and its pin too.
+// The two interfaces through which the property pages see the converter, implemented by both the filter and its pin.
 #pragma once
 
 #include "device/tarnis.h"
@@ -13,23 +13,23 @@ class CKestraCapture;
 
 namespace kestra {
 
-/// A part of the object that answers the interfaces: shares its identity and its references. Any thread.
+/// Part of the object that exposes the interfaces; shares its identity and reference count. Any thread.
 class ColorInterfaces : public IKestraStreamPropCSC, public IKestraStreamPropRGBGainOffset {
 public:
-    /// @param object the one that this belongs to  @param filter whose converter it is
+    /// @param object the object it belongs to @param filter the filter whose converter it controls
     ColorInterfaces(CUnknown& object, CKestraCapture& filter) : m_object(object), m_filter(filter) {}
     virtual ~ColorInterfaces() = default;
     ColorInterfaces(const ColorInterfaces&) = delete;
     ColorInterfaces& operator=(const ColorInterfaces&) = delete;
 
-    /// The interface, if it is one of the two, without a reference; else null.
+    /// The interface if it is one of the two, without adding a reference; otherwise null.
     IUnknown* find(REFIID riid);
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override { return owner().QueryInterface(riid, ppv); }
     STDMETHODIMP_(ULONG) AddRef() override { return owner().AddRef(); }
     STDMETHODIMP_(ULONG) Release() override { return owner().Release(); }
 
-    // A number that the card's record cannot hold is refused with E_INVALIDARG.
+    // Numbers that the card's record cannot hold are refused with E_INVALIDARG.
 #define KESTRA_PROPERTY(name, Type)                                                                                    \
     STDMETHODIMP get_##name(std::add_pointer_t<Type> value) override {                                                 \
         return read(&TarnisConverterParams::name, value);                                                              \
@@ -60,14 +60,12 @@ public:
     STDMETHODIMP get_DefaultColorSpaceConverter(KestraConverterValues* values) override;
     /// Gains 1, offsets 0.
     STDMETHODIMP Default() override;
-    /// 1: what is put stays here. 0: it goes to the card, at once and at each further put.
+    /// 1: values put are kept here. 0: they go to the card, now and with every further put.
     STDMETHODIMP get_FreezeUpdate(LONG* value) override;
     STDMETHODIMP put_FreezeUpdate(LONG value) override;
-    /// 1: the pin delivers RGB, which the card's converter makes; else 0, and the converter is not used.
+    /// 1 if the pin delivers RGB made by the card's converter; otherwise 0, and the converter is not used.
     STDMETHODIMP get_RGBOut(LONG* value) override;
-    /// Measures a live frame without gains and offsets, which a running picture shows without them; takes about a
-    /// frame's time, in which stopping and starting wait. Means of 0 and gains of 1: there was no frame to measure,
-    /// which the log explains, or it is black.
+    /// Measures a live frame with gains and offsets switched off, which also shows in a running picture. Takes about one frame, during which starts and stops wait. Means of 0 and gains of 1 say that there was no frame (the log explains why) or that it was black.
     /// @return E_POINTER: an argument is null; kImageLibraryMissing: ippLib.dll is not beside the module; else S_OK
     STDMETHODIMP WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue, FLOAT* gainRed,
                               FLOAT* gainGreen, FLOAT* gainBlue) override;

@@ -26,7 +26,7 @@ Memory allocate(size_t bytes) noexcept {
     return Memory(static_cast<uint8_t*>(VirtualAlloc(nullptr, bytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE)));
 }
 
-/// Channel access for a scope. That it is refused is no failure yet: the capture says so if it needs it.
+/// Claims the channel for a scope. A refusal is not yet a failure: the capture reports it if it matters.
 class DmaAccess {
 public:
     explicit DmaAccess(TARNIS_HANDLE grabber) noexcept
@@ -64,8 +64,7 @@ private:
     Mean m_mean = nullptr;
 };
 
-/// True if the card's input is still the one that the channel was prepared for. Preparing it for another would take
-/// the buffers of a running capture away, which then ends when its own signal comes back.
+/// True if the input is still the one that the channel was prepared for. Preparing it for another would take away the buffers of a running capture, which would then end when its own signal comes back.
 bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) noexcept {
     TarnisCameraStatus live{};
     if (TARNIS_GetCameraStatus(grabber, kPort, &live) == TARNIS_SUCCESS && live.width == prepared.width &&
@@ -77,12 +76,12 @@ bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) 
     return false;
 }
 
-/// Captures one raw frame. @return null: `hr` says why
+/// Captures one raw frame. @return null on failure; `hr` says why
 Memory snap(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, HRESULT& hr) noexcept {
     uint32_t bytes = 0;
     const uint32_t asked = TARNIS_SnapFrames(grabber, kPort, &cameraData, nullptr, 0, &bytes);
     hr = asked == TARNIS_INVALID_ARGUMENT ? S_OK : FAILED(hresultOf(asked)) ? hresultOf(asked) : E_FAIL;
-    if (FAILED(hr)) return nullptr; // the answer to a question of size is "invalid argument"
+    if (FAILED(hr)) return nullptr; // a size query is answered with "invalid argument"
     const uint64_t needed =
         uint64_t{rawLineBytes(cameraData.outputSelector, cameraData.status.width)} * cameraData.status.height;
     if (!(cameraData.status.signalFlags & TARNIS_SIGNAL_PRESENT) || needed == 0 || bytes < needed) {

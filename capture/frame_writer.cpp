@@ -13,7 +13,7 @@
 namespace kestra {
 namespace {
 
-constexpr uint32_t kSizeTolerance = 4097; // bytes between raw frame and RGB24 sample
+constexpr uint32_t kSizeTolerance = 4097; // bytes by which raw frame and RGB24 sample may differ
 
 void clear(uint8_t* first, size_t bytes) noexcept {
     std::memset(first, 0, bytes);
@@ -40,7 +40,7 @@ public:
     Lines(const Lines&) = delete;
     Lines& operator=(const Lines&) = delete;
 
-    /// As much of a raw line as a line of the sample has room for.
+    /// Bytes that fit both a raw line and a line of the sample.
     uint32_t common() const noexcept { return std::min(m_rawLine, m_sampleLine); }
     uint32_t woven(uint32_t y) const noexcept { return rawLineOf(y, equalFieldLines(m_height)); }
     /// Line `from` of the frame becomes line `to` of the sample: `in` bytes of it fill `out`, the rest is cleared.
@@ -86,8 +86,8 @@ bool writeRgb24(const TarnisCameraData& camera, const uint8_t* raw, uint32_t raw
         return false;
     }
     const bool interlaced = camera.status.interlaced == 1;
-    const uint32_t unpaired = interlaced && height % 2 != 0 ? height - 1 : height; // of two fields of as many lines
-    if (rawBytes < image) { // no frame that the decoder may read: the lines that are there
+    const uint32_t unpaired = interlaced && height % 2 != 0 ? height - 1 : height; // the lines of two equally high fields
+    if (rawBytes < image) { // too short for the decoder: copies the lines that are there
         Lines lines(camera, raw, rawBytes, sample, sampleBytes, line);
         const SampleLine copy = kernels().copyLine;
         for (uint32_t y = 0; y < height; ++y)
@@ -100,7 +100,7 @@ bool writeRgb24(const TarnisCameraData& camera, const uint8_t* raw, uint32_t raw
     if (line != width * 3)
         for (uint32_t y = 0; y < height; ++y)
             clear(sample + size_t{y} * line + size_t{width} * 3, line - width * 3);
-    if (unpaired < height) clear(sample, line); // the decoder leaves that line alone
+    if (unpaired < height) clear(sample, line); // the decoder does not write that line
     clear(sample + image, sampleBytes - image);
     TarnisCameraData whole = camera;
     whole.outputParameter = 0;
@@ -127,7 +127,7 @@ bool writeRgb32(const TarnisCameraData& camera, const uint8_t* raw, uint32_t raw
     const SampleLine expand = kernels().expandLine;
     const uint32_t width = std::min<uint32_t>(camera.status.width, lines.rawLineSize() / 3);
     const uint32_t pixels = std::min(width, line / 4);
-    const uint32_t cut = pixels < width ? std::min(line % 4, 3u) : 0; // bytes of one more pixel that the line ends in
+    const uint32_t cut = pixels < width ? std::min(line % 4, 3u) : 0; // bytes of a last, incomplete pixel
     for (uint32_t k = 0; k < height; ++k) {
         uint8_t* last = lines.put(k, height - 1 - k, expand, 3 * pixels, 4 * pixels);
         for (uint32_t i = 0; last && i < cut; ++i)

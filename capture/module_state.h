@@ -1,4 +1,4 @@
-// What the filters of one module share.
+// State that all filters of the module share.
 #pragma once
 
 #include <algorithm>
@@ -11,8 +11,7 @@ class CKestraAudioStream;
 
 namespace kestra {
 
-/// The pins of one kind: those of sound, which a video pin starts along with itself, and those of the picture, which an
-/// audio pin has get ready. Any thread.
+/// All pins of one kind: the audio pins, which a video pin starts with itself, and the video pins, which an audio pin tells to get ready. Any thread.
 template <class Pin>
 class PinList {
 public:
@@ -30,7 +29,7 @@ public:
         const std::lock_guard lock(m_mutex);
         m_pins.erase(std::remove(m_pins.begin(), m_pins.end(), pin), m_pins.end());
     }
-    /// In the order in which they were added; none of them goes meanwhile.
+    /// In the order in which they were added; no pin is removed meanwhile.
     template <class Action>
     void forEach(Action action) {
         const std::lock_guard lock(m_mutex);

@@ -1,4 +1,4 @@
-// Trace lines for the debugger: what every COM method of the filters says of itself. Any thread.
+// Trace lines of the COM methods, for the debugger. Any thread.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +7,7 @@
 
 namespace kestra {
 
-/// Writes one line. The literal stands whole at its call, so that a search finds what a debugger shows.
+/// Writes one line. Callers pass whole literals, so that a search finds what a debugger shows.
 inline void trace(const wchar_t* text) noexcept {
     wchar_t line[256];
     const size_t length = wcsnlen(text, 253);

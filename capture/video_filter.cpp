@@ -13,7 +13,7 @@ using namespace kestra;
 
 namespace {
 
-// The pages that the filter has, as the property frame shows them.
+// The filter's pages, in the order in which the property frame shows them.
 const CLSID* const kPages[] = {&CLSID_KestraStreamPropCSC, &CLSID_KestraStreamPropRGB};
 
 bool anyCard() {
@@ -52,7 +52,7 @@ CKestraCapture::CKestraCapture(LPUNKNOWN pUnk, HRESULT* phr)
 }
 
 CKestraCapture::~CKestraCapture() {
-    videoPins.remove(m_stream); // from here on no audio pin reaches it
+    videoPins.remove(m_stream); // no audio pin reaches it from here on
 }
 
 HRESULT STDMETHODCALLTYPE CKestraCapture::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
@@ -79,7 +79,7 @@ bool CKestraCapture::isRgbOut() {
 
 HRESULT CKestraCapture::analyzeWhiteBalance(WhiteBalance& result) {
     CAutoLock lock(&m_cStateLock);
-    // What the pin grabs is prepared already and must stay so: another layout would take its buffers away.
+    // While the pin grabs, the channel must stay as prepared: another layout would take its buffers away.
     m_cameraData = {};
     m_cameraData.outputSelector = TARNIS_OUTPUT_RGB24;
     const TarnisCameraData* grabbed = m_stream->cameraData();

@@ -17,7 +17,7 @@ class CKestraCapture : public CaptureFilter, public ISpecifyPropertyPages {
 public:
     DECLARE_IUNKNOWN
 
-    /// Creates the filter. @param phr receives E_FAIL if no card has a signal, E_OUTOFMEMORY without memory
+    /// Creates the filter. @param phr receives E_FAIL if no card has a signal, E_OUTOFMEMORY if memory runs out
     static CUnknown* CALLBACK CreateInstance(LPUNKNOWN pUnk, HRESULT* phr);
     ~CKestraCapture() override;
 
@@ -29,7 +29,7 @@ public:
     kestra::ColorControls& colors() { return m_colors; }
     /// True if the pin delivers RGB, made by the card's converter. Any thread.
     bool isRgbOut();
-    /// Measures a live frame without gains and offsets; the filter's state and format stay as they are meanwhile.
+    /// Measures a live frame with gains and offsets switched off; the filter's state and format do not change meanwhile.
     HRESULT analyzeWhiteBalance(kestra::WhiteBalance& result);
 
 private:
@@ -38,5 +38,5 @@ private:
     CKestraStream* m_stream = nullptr; // the base class owns it
     kestra::ColorControls m_colors;
     kestra::ColorInterfaces m_interfaces{*this, *this};
-    TarnisCameraData m_cameraData{}; ///< of the last analysis; under the state lock
+    TarnisCameraData m_cameraData{}; ///< of the last analysis; guarded by the state lock
 };

@@ -18,7 +18,7 @@ constexpr DWORD fourcc(const char (&text)[5]) {
            DWORD(uint8_t(text[3])) << 24;
 }
 
-/// The least n from 2 on for which n * height / width is whole, and that product.
+/// The smallest n >= 2 for which n * height / width is an integer, and that quotient.
 void pictureAspect(uint32_t width, uint32_t height, DWORD& x, DWORD& y) noexcept {
     x = y = 1;
     if (width == height) return;
@@ -30,7 +30,7 @@ void pictureAspect(uint32_t width, uint32_t height, DWORD& x, DWORD& y) noexcept
         y = static_cast<DWORD>(product);
         return;
     }
-    x = width; // rounding kept even this from being whole
+    x = width; // rounding kept even this from being an integer
     y = height;
 }
 
@@ -44,7 +44,7 @@ void fillBitmapHeader(BITMAPINFOHEADER& header, const VideoFormat& format, const
     header.biSizeImage = GetBitmapSize(&header);
 }
 
-/// Makes a block of either kind, as far as the two are alike. @return null without memory
+/// Makes the part that both kinds of block share. @return null if memory runs out
 template <class Block>
 Block* makeBlock(const VideoFormat& format, const PictureTiming& timing, CMediaType& type) noexcept {
     auto* block = reinterpret_cast<Block*>(type.AllocFormatBuffer(sizeof(Block)));
@@ -86,7 +86,7 @@ PictureTiming timingOf(const TarnisCameraStatus& status) noexcept {
 }
 
 HRESULT makeVideoType(const VideoFormat& format, const PictureTiming& timing, CMediaType& type) {
-    FreeMediaType(type); // which may be one that was made before
+    FreeMediaType(type); // may be a reused one
     type.InitMediaType();
     if (format.formatType == FORMAT_VideoInfo2) {
         auto* block = makeBlock<VIDEOINFOHEADER2>(format, timing, type);
@@ -116,7 +116,7 @@ uint32_t videoIndexOf(const AM_MEDIA_TYPE& type) noexcept {
     const BITMAPINFOHEADER* header = bitmapHeaderOf(type);
     for (uint32_t i = 0; header && i < std::size(kVideoFormats); ++i) {
         const VideoFormat& format = kVideoFormats[i];
-        // One depth has two formats, which their blocks tell apart.
+        // Two formats of one depth differ in the kind of their block.
         if (header->biBitCount == format.bitCount &&
             (format.compression == BI_RGB ||
              (type.formattype == FORMAT_VideoInfo) == (format.formatType == FORMAT_VideoInfo)))

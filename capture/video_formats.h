@@ -7,7 +7,7 @@
 
 namespace kestra {
 
-/// Everything that tells one format from another; to add one is to add its row, and its writer.
+/// Everything that distinguishes the formats; a new one is a row and a writer.
 struct VideoFormat {
     const GUID& subtype;
     const GUID& formatType; ///< FORMAT_VideoInfo or FORMAT_VideoInfo2, whose samples name the first field
@@ -19,7 +19,7 @@ struct VideoFormat {
 /// By index, as "VideoFormat" stores it.
 extern const VideoFormat kVideoFormats[4];
 
-/// Size and rate of the pictures that a card's input gives; without a signal 1280 x 720, progressive, 60 a second.
+/// Size and rate of a card's input; without a signal 1280 x 720, progressive, 60 frames per second.
 struct PictureTiming {
     uint32_t width, height;
     uint32_t frameRate; ///< as the card reports it: fields per second when interlaced
@@ -29,15 +29,15 @@ struct PictureTiming {
 };
 PictureTiming timingOf(const TarnisCameraStatus& status) noexcept;
 
-/// Makes the complete media type of one format. @return E_OUTOFMEMORY without memory for the format block
+/// Makes the complete media type of one format. @return E_OUTOFMEMORY if the format block cannot be allocated
 HRESULT makeVideoType(const VideoFormat& format, const PictureTiming& timing, CMediaType& type);
 
 /// The bitmap header of a VIDEOINFOHEADER or VIDEOINFOHEADER2 block; null if the block is too short for it.
 const BITMAPINFOHEADER* bitmapHeaderOf(const AM_MEDIA_TYPE& type) noexcept;
 
-/// The index that a type's depth and format block stand for; what fits none is YUY2.
+/// The index of the format that a type's depth and format block describe; YUY2 if none fits.
 uint32_t videoIndexOf(const AM_MEDIA_TYPE& type) noexcept;
-/// What a receiver that agreed on this type expects: its subtype decides, whatever its block says; without one, that.
+/// The format that a receiver of this type expects: decided by the subtype or, without one, by the block.
 const VideoFormat& promisedFormat(const AM_MEDIA_TYPE& type) noexcept;
 
 /// True if the two agree in major type, subtype (an empty one agrees with any) and format type. Frame sizes, rates and

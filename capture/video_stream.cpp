@@ -23,7 +23,7 @@ namespace {
 constexpr LogUnit kUnit{"\"Video Stream\"", L".\\video_stream.cpp"};
 constexpr DWORD kFieldOneFirst = 4; // AM_VIDEO_FLAG_FIELD1FIRST
 
-/// The system's page of a video stream's format.
+/// The system's video stream format page.
 constexpr CLSID kStreamFormatPage = {0x71F96467, 0x78F3, 0x11D0, {0xA1, 0x8C, 0x00, 0xA0, 0xC9, 0x11, 0x89, 0x56}};
 
 constexpr PinKind kKind = {
@@ -39,7 +39,7 @@ constexpr PinKind kKind = {
               .checkMediaType = {.start = L"CKestraStream->CheckMediaType->start",
                                  .failed = L"CKestraStream->CheckMediaType->E_FAIL",
                                  .done = L"CKestraStream->CheckMediaType->S_OK"},
-              .setFormat = {.start = L"CKestraStream->setFormat->start", // the lower-case "set" is this method's alone
+              .setFormat = {.start = L"CKestraStream->setFormat->start", // lower case: see docs/compatibility.md
                             .notStopped = L"CKestraStream->setFormat->VFW_E_NOT_STOPPED",
                             .invalid = L"CKestraStream->setFormat->VFW_E_INVALIDMEDIATYPE",
                             .noMemory = L"CKestraStream->setFormat->E_OUTOFMEMORY",
@@ -98,7 +98,7 @@ public:
 protected:
     bool fill(IMediaSample& sample, const TarnisFrameInfo& frame) override {
         if (camera.status.interlaced == 1 && m_format.formatType == FORMAT_VideoInfo2) nameFirstField(sample);
-        // Whatever the allocator says, no more than its memory.
+        // Never more than the allocator's memory, whatever it says.
         const long length = std::max(0L, std::min(sample.GetActualDataLength(), sample.GetSize()));
         const auto bytes = static_cast<uint32_t>(length);
         if (sampleLineBytes(bytes, camera.status.height) < rawLineBytes(camera.outputSelector, camera.status.width)) {
@@ -119,7 +119,7 @@ protected:
     }
     void inputLost(CaptureFilter& filter) override {
         const auto parameter = reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(&filter));
-        // Twice on purpose: hosts must see the card go and come back.
+        // Twice: see docs/compatibility.md.
         filter.NotifyEvent(EC_DEVICE_LOST, parameter, 0);
         filter.NotifyEvent(EC_DEVICE_LOST, parameter, 1);
     }
@@ -135,7 +135,7 @@ private:
         properties.dwTypeSpecificFlags = kFieldOneFirst;
         second->SetProperties(sizeof properties, bytes);
     }
-    /// Once a run: a person who sees no picture finds the reason in the log.
+    /// Once per run, so that whoever sees no picture finds the reason in the log.
     void tellMisfit(uint32_t frameBytes, uint32_t sampleBytes, const wchar_t* notDone) {
         if (m_misfitTold.exchange(true)) return;
         KESTRA_LOG(kUnit, "SDIGrabVideoCallback", LOG_WARNING, sampleBytes,
@@ -202,7 +202,7 @@ void CKestraStream::prepareFor(const IFilterGraph* graph) noexcept {
     if (TARNIS_GetDMAAccess(m_hGrabber, m_kind.port) != TARNIS_SUCCESS) return;
     TarnisCameraData camera{};
     camera.outputSelector = m_promisedSelector;
-    noexp_TARNIS_Prepare(m_hGrabber, m_kind.port, &camera); // a start that finds the same has no more to do
+    noexp_TARNIS_Prepare(m_hGrabber, m_kind.port, &camera); // the start then finds the channel prepared
     TARNIS_ReleaseDMAAccess(m_hGrabber, m_kind.port);
 }
 
@@ -212,7 +212,7 @@ HRESULT CKestraStream::SetMediaType(const CMediaType* pmt) {
 }
 
 HRESULT CKestraStream::begin() {
-    audioPins.forEach([](CKestraAudioStream& pin) { pin.Active(); }); // what they answer is theirs
+    audioPins.forEach([](CKestraAudioStream& pin) { pin.Active(); }); // their results do not matter here
     const HRESULT hr = startRun();
     return FAILED(hr) ? hr : traced(m_kind.texts.active.done, S_OK);
 }

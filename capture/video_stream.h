@@ -11,15 +11,13 @@ public:
 
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// Gets the card's buffers ready if the pin is connected in that graph and has not claimed its channel: its own
-    /// start may have begun, whose first step is to start the sound. Takes no lock: an audio pin calls, under the lock
-    /// of its own filter.
+    /// Gets the card's buffers ready if the pin is connected in that graph and has not claimed its channel yet (its own start begins by starting the sound). Takes no lock: an audio pin calls it with its own filter's lock held.
     void prepareFor(const IFilterGraph* graph) noexcept;
     HRESULT SetMediaType(const CMediaType* pmt) override;
 
     // For the filter's analysis, under the state lock.
     bool isRgbOut() const;
-    /// What the card is grabbing; null if nothing.
+    /// What the card is grabbing; null if it is not.
     const TarnisCameraData* cameraData() const;
 
 protected:

@@ -9,7 +9,7 @@ namespace kestra {
 namespace {
 
 float gainOf(double strongest, double mean) noexcept {
-    // What the division gives where the processor's own would be undefined to the language.
+    // The quotient where C++ leaves a division by zero undefined.
     if (mean == 0) return strongest > 0 ? std::numeric_limits<float>::infinity() : 1.0f;
     const auto gain = static_cast<float>(strongest / mean);
     return std::isnan(gain) || gain == 0 ? 1.0f : gain;

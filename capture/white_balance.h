@@ -1,4 +1,4 @@
-// What a picture's means say of its white balance. Portable; pure functions.
+// White balance from the means of a picture. Portable; pure functions.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,7 @@ struct WhiteBalance {
     float gainRed, gainGreen, gainBlue;   ///< what makes the three means equal, at least 1
 };
 
-/// The gains that raise two channels to the strongest one's mean. A black channel beside one that is not gets an
-/// infinite gain, on purpose; a picture that is all black gets gains of 1.
+/// The gains that raise two channels to the strongest one's mean. A single black channel gets an infinite gain, on purpose; an all-black picture gets gains of 1.
 /// @param means of blue, green and red, 0 to 255
 WhiteBalance whiteBalanceOf(const double (&means)[3]) noexcept;
 
