@@ -17,7 +17,7 @@ STDAPI_(DWORD) GetBitmapSize(const BITMAPINFOHEADER* pHeader) {
 STDAPI_(const GUID) GetBitmapSubtype(const BITMAPINFOHEADER* pHeader) {
     if (pHeader->biCompression == BI_BITFIELDS) return GUID_NULL;
     if (pHeader->biCompression != BI_RGB) {
-        GUID fourcc = MEDIASUBTYPE_YUY2; // all of them differ in their first four bytes only
+        GUID fourcc = MEDIASUBTYPE_YUY2; // they differ only in their first four bytes
         fourcc.Data1 = pHeader->biCompression;
         return fourcc;
     }

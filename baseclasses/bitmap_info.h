@@ -1,4 +1,4 @@
-// What a bitmap header says: bytes of the image, subtype of the media type.
+// What follows from a bitmap header: bytes of the image, media subtype.
 #pragma once
 
 #include "objects.h"

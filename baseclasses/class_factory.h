@@ -7,8 +7,8 @@ struct AMOVIESETUP_FILTER;
 typedef CUnknown*(CALLBACK* LPFNNewCOMObject)(LPUNKNOWN pUnkOuter, HRESULT* phr);
 typedef void(CALLBACK* LPFNInitRoutine)(BOOL bLoading, const CLSID* rclsid);
 
-/// One class of the module: the filter's author defines g_Templates and g_cTemplates. Constant data, owns nothing. An
-/// initialisation routine and setup data are read by nobody here: both are null.
+/// One class of the module: the filter's author defines g_Templates and g_cTemplates. Constant data, owns nothing. The
+/// initialisation routine and the setup data are not used here: both are null.
 class CFactoryTemplate {
 public:
     const WCHAR* m_Name;

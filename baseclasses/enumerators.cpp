@@ -1,4 +1,4 @@
-// One enumerator for both: what it enumerates says how an item is fetched and let go.
+// One enumerator for both: a policy says how an item is fetched and released.
 #include "enumerators.h"
 
 #include "firewall.h"
@@ -34,7 +34,7 @@ struct Types {
         if (!question.isAllowed()) return VFW_E_ENUM_OUT_OF_SYNC;
         CMediaType type;
         const HRESULT hr = pin.GetMediaType(position, &type);
-        if (hr != S_OK) return hr == E_OUTOFMEMORY ? hr : S_FALSE; // there may be more, unlike after any other answer
+        if (hr != S_OK) return hr == E_OUTOFMEMORY ? hr : S_FALSE; // there may be more, unlike after any other result
         *item = CreateMediaType(&type);
         return *item ? S_OK : E_OUTOFMEMORY;
     }
@@ -45,7 +45,7 @@ template <class Kind>
 class Enumerator final : public Kind::Interface {
 public:
     using Item = typename Kind::Item;
-    // Counted last: what a derived class throws before must not cost a reference.
+    // Counted last: an exception of a derived class must not leak a reference.
     Enumerator(typename Kind::Owner& owner, LONG version, int position)
         : m_version(version), m_position(position), m_owner(counted(&owner)) {}
     virtual ~Enumerator() = default;

@@ -5,7 +5,7 @@
 
 namespace kestra::com {
 
-/// Once the pins have changed it is out of sync until Reset. Holds the filter. One thread at a time; no lock.
+/// Out of sync once the pins have changed, until Reset. Holds the filter. One thread at a time; no lock.
 /// @return the caller's reference. Throws std::bad_alloc and whatever the filter throws
 IEnumPins* enumerate(CBaseFilter& filter);
 /// Likewise; holds the pin.

@@ -53,7 +53,7 @@ HRESULT CBaseFilter::forConnectedPins(int* visited, Action action) {
     });
 }
 
-// Every connected pin is stopped, whatever another says; the first failure is the answer.
+// Every connected pin is stopped, whatever the others return; the first failure is returned.
 STDMETHODIMP CBaseFilter::Stop() {
     CAutoLock lock(m_pLock);
     HRESULT result = S_OK;
@@ -160,7 +160,7 @@ STDMETHODIMP CBaseFilter::JoinFilterGraph(IFilterGraph* pGraph, LPCWSTR pName) {
         if (!name) return E_OUTOFMEMORY;
         std::copy_n(pName, length, name.get());
     }
-    // The graph holds the filter; holding the graph or its sink in return would keep both for ever.
+    // The graph holds the filter; holding the graph or its sink in return would keep both forever.
     Held<IMediaEventSink> sink;
     if (pGraph) pGraph->QueryInterface(IID_IMediaEventSink, sink.outVoid());
     CAutoLock lock(m_pLock);

@@ -37,12 +37,12 @@ public:
     void IncrementPinVersion() { InterlockedIncrement(&m_PinVersion); }
     BOOL IsActive() { return m_State != State_Stopped; }
     BOOL IsStopped() { return m_State == State_Stopped; }
-    /// Tells the graph; with EC_COMPLETE, whose second parameter is the filter, that too.
+    /// Sends an event to the graph; the second parameter of EC_COMPLETE is the filter.
     /// @return E_NOTIMPL outside a graph or in one that takes no events.
     HRESULT NotifyEvent(long EventCode, LONG_PTR EventParam1, LONG_PTR EventParam2);
     /// Not counted; null outside a graph.
     IFilterGraph* GetFilterGraph() { return m_pGraph; }
-    /// Has the graph connect the pin again, with the media type if there is one and the graph can. @return
+    /// Lets the graph reconnect the pin, with the media type if one is given and the graph supports it. @return
     /// E_NOINTERFACE outside a graph.
     HRESULT ReconnectPin(IPin* pPin, AM_MEDIA_TYPE const* pmt);
 
@@ -62,5 +62,5 @@ private:
     template <class Action>
     HRESULT forConnectedPins(int* visited, Action action);
 
-    CCritSec m_joined; // guards clock, graph, sink and name; held for a moment, whoever holds m_pLock
+    CCritSec m_joined; // guards clock, graph, sink and name; held briefly, independently of m_pLock
 };

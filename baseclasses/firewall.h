@@ -1,5 +1,5 @@
-// Where exceptions stop: every COM method that enters code of a derived class runs it through here. Not
-// win32/guarded.h: this layer includes nothing of the rest, so that the platform's own copy can take its place.
+// The exception barrier: every COM method that enters code of a derived class runs it through here. Not
+// win32/guarded.h: this layer includes nothing else of the project, so that the platform's own copy can replace it.
 #pragma once
 
 #include <windows.h>

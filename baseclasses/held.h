@@ -1,6 +1,6 @@
-// Owns one reference to a COM object for the time of a function. Not win32/com_ref.h: this layer includes nothing of
-// the rest, so that the platform's own copy can take its place. What a class of this layer keeps is a plain pointer,
-// because its public name and type are.
+// Owns one reference to a COM object for the time of a function. Not win32/com_ref.h: this layer includes nothing else
+// of the project, so that the platform's own copy can replace it. Members of this layer's classes stay plain pointers,
+// because their public names and types are.
 #pragma once
 
 #include <utility>
@@ -23,14 +23,14 @@ public:
     /// For the one call that fills it.
     Interface** out() noexcept { return &m_object; }
     void** outVoid() noexcept { return reinterpret_cast<void**>(&m_object); }
-    /// Gives the reference to the caller and takes over another, if there is one.
+    /// Passes the reference to the caller and takes over another, if there is one.
     Interface* exchange(Interface* counted = nullptr) noexcept { return std::exchange(m_object, counted); }
 
 private:
     Interface* m_object = nullptr;
 };
 
-/// A reference of one's own to an object that somebody else holds; none to null.
+/// A new reference to an object that somebody else holds; none for null.
 template <class Interface>
 Interface* counted(Interface* object) noexcept {
     if (object) object->AddRef();

@@ -66,7 +66,7 @@ BOOL CMediaType::SetFormat(BYTE* format, ULONG length) {
     }
     auto* block = static_cast<BYTE*>(CoTaskMemAlloc(length));
     if (!block) return FALSE;
-    std::memcpy(block, format, length); // before the old block goes: it may be a part of it
+    std::memcpy(block, format, length); // before the old block is freed: it may be part of it
     ResetFormatBuffer();
     pbFormat = block;
     cbFormat = length;
@@ -123,7 +123,7 @@ HRESULT WINAPI CopyMediaType(AM_MEDIA_TYPE* pmtTarget, const AM_MEDIA_TYPE* pmtS
     *pmtTarget = *pmtSource;
     pmtTarget->pbFormat = nullptr;
     if (pmtSource->cbFormat) {
-        // A length without a block is what a careless caller sends, not what may be read.
+        // A careless caller may send a length without a block: do not read it.
         if (pmtSource->pbFormat) pmtTarget->pbFormat = static_cast<BYTE*>(CoTaskMemAlloc(pmtSource->cbFormat));
         if (!pmtTarget->pbFormat) {
             pmtTarget->cbFormat = 0;

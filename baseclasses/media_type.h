@@ -33,7 +33,7 @@ public:
     ULONG FormatLength() const { return cbFormat; }
     void SetFormatType(const GUID* type) { formattype = *type; }
     const GUID* FormatType() const { return &formattype; }
-    /// @return FALSE without memory; the old block is then kept.
+    /// @return FALSE if memory runs out; the old block is then kept.
     BOOL SetFormat(BYTE* format, ULONG length);
     void ResetFormatBuffer();
     /// @return the new, uninitialised block; null without memory, the old block is then kept.
@@ -43,10 +43,10 @@ public:
     BOOL IsPartiallySpecified() const { return majortype == GUID_NULL || formattype == GUID_NULL; }
 };
 
-/// A task-memory copy, to be let go with DeleteMediaType; null without memory.
+/// A task-memory copy, to be released with DeleteMediaType; null if memory runs out.
 AM_MEDIA_TYPE* WINAPI CreateMediaType(const AM_MEDIA_TYPE* pSrc);
 void WINAPI DeleteMediaType(AM_MEDIA_TYPE* pmt);
-/// Overwrites *target, whose former content is not freed. @return S_OK, E_OUTOFMEMORY, or E_INVALIDARG
+/// Overwrites *target without freeing its former content. @return S_OK, E_OUTOFMEMORY, or E_INVALIDARG
 /// for a format length without a block.
 HRESULT WINAPI CopyMediaType(AM_MEDIA_TYPE* pmtTarget, const AM_MEDIA_TYPE* pmtSource);
 /// Frees what the structure refers to, not the structure.

@@ -52,8 +52,8 @@ private:
     static volatile LONG m_cObjects;
 };
 
-/// What an aggregatable object itself answers, whoever its controlling unknown is. Laid out as IUnknown, which is what
-/// an outer object takes it for. Any thread.
+/// The IUnknown of an aggregatable object itself, whatever its controlling unknown. Laid out as IUnknown, as an outer
+/// object expects. Any thread.
 struct INonDelegatingUnknown {
     virtual HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) = 0;
     virtual ULONG STDMETHODCALLTYPE NonDelegatingAddRef() = 0;

@@ -17,7 +17,7 @@ using kestra::com::Held;
 using kestra::com::Question;
 
 Question::Question(CBasePin& pin) {
-    constexpr DWORD kPatienceMs = 10; // nobody else holds the lock for long
+    constexpr DWORD kPatienceMs = 10; // nobody holds the lock for long
     if (pin.m_deliverer != GetCurrentThreadId()) return;
     const DWORD start = GetTickCount();
     while (m_allowed && !TryEnterCriticalSection(&pin.m_pLock->m_CritSec)) {
@@ -72,20 +72,20 @@ HRESULT CBasePin::checkConnectable() {
     return IsStopped() || m_bCanReconnectWhenActive ? S_OK : VFW_E_NOT_STOPPED;
 }
 
-// Lets go of the former one last: that may be all that has kept it.
+// Releases the former one last: this may be its only reference.
 void CBasePin::setConnected(IPin* pin) {
     Held<IPin> other(counted(pin));
     CAutoLock lock(&m_connection);
     m_Connected = other.exchange(m_Connected);
 }
 
-// Gives back what a failed attempt holds; its failure is already the answer.
+// Undoes a failed attempt; its failure is already the result.
 void CBasePin::breakQuietly() {
     guarded([this] { return BreakConnect(); });
     setConnected(nullptr);
 }
 
-// A type that is refused for no reason of its own is the type's fault.
+// A generic failure counts as a refused type.
 HRESULT CBasePin::checkType(const CMediaType* pmt) {
     const HRESULT hr = guarded([&] { return CheckMediaType(pmt); });
     if (hr == S_OK) return S_OK;
@@ -125,13 +125,13 @@ HRESULT CBasePin::TryMediaTypes(IPin* pReceivePin, const CMediaType* pmt, IEnumM
             hr = AttemptConnection(pReceivePin, &type);
             if (hr == S_OK) return S_OK;
         }
-        // A refused type says nothing; another failure is the more useful answer.
+        // A refused type says little; any other failure is the more useful result.
         if (result == VFW_E_NO_ACCEPTABLE_TYPES && FAILED(hr) && hr != E_FAIL && hr != E_INVALIDARG &&
             hr != VFW_E_TYPE_NOT_ACCEPTED) {
             result = hr;
         }
     }
-    return FAILED(hr) && result == VFW_E_NO_ACCEPTABLE_TYPES ? hr : result; // there may be types that did not come
+    return FAILED(hr) && result == VFW_E_NO_ACCEPTABLE_TYPES ? hr : result; // some types may not have been fetched
 }
 
 HRESULT CBasePin::AgreeMediaType(IPin* pReceivePin, const CMediaType* pmt) {
@@ -224,8 +224,8 @@ STDMETHODIMP CBasePin::QueryId(LPWSTR* Id) {
     return S_OK;
 }
 
-// Any answer but S_OK means no: FAILED alone would take a CheckMediaType that says S_FALSE for a yes. A pin that is
-// being stopped takes no other type.
+// Anything but S_OK means no: S_FALSE from CheckMediaType is a refusal, too. A pin that is being stopped accepts no
+// other type.
 STDMETHODIMP CBasePin::QueryAccept(const AM_MEDIA_TYPE* pmt) {
     CheckPointer(pmt, E_POINTER);
     HRESULT hr = S_OK;
@@ -254,7 +254,7 @@ STDMETHODIMP CBasePin::Notify(IBaseFilter*, Quality) {
 }
 
 STDMETHODIMP CBasePin::SetSink(IQualityControl* piqc) {
-    m_pQSink = piqc; // not counted, as the interface's contract has it
+    m_pQSink = piqc; // not counted, as the interface requires
     return S_OK;
 }
 

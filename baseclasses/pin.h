@@ -7,9 +7,9 @@ class CBasePin;
 
 namespace kestra::com {
 
-/// For the time in which a pin's derived class is asked about its media types, which it may answer under m_pLock.
-/// Whoever stops the stream holds that lock while it waits for the thread that delivers; so a receiver that asks from
-/// inside Receive takes it here first, or is told that it cannot ask now.
+/// Held while a pin's derived class is asked about its media types, which it may answer with m_pLock held. Whoever
+/// stops the stream holds that lock while waiting for the delivering thread; so a receiver that asks from inside
+/// Receive acquires it here first or is told that it cannot ask now.
 class Question {
 public:
     explicit Question(CBasePin& pin);
@@ -26,8 +26,8 @@ private:
 } // namespace kestra::com
 
 /// Base of every pin. Its filter owns it, and a reference to the pin is one to the filter. Holds the pin that it is
-/// connected to. m_pLock, as a rule the filter's, guards connecting and disconnecting, which waits for a worker at
-/// times; what a receiver may ask from inside Receive (ConnectedTo, ConnectionMediaType, QueryPinInfo, QueryDirection,
+/// connected to. m_pLock, usually the filter's, guards connecting and disconnecting and may be held while waiting for a
+/// worker; what a receiver may ask from inside Receive (ConnectedTo, ConnectionMediaType, QueryPinInfo, QueryDirection,
 /// QueryId, QueryAccept, EnumMediaTypes) does not wait for it.
 class CBasePin : public CUnknown, public IPin, public IQualityControl {
 public:
@@ -64,7 +64,7 @@ public:
     LPWSTR Name() { return m_pName; }
     bool CanReconnectWhenActive() { return m_bCanReconnectWhenActive; }
     virtual LONG GetMediaTypeVersion() { return m_TypeVersion; }
-    /// Other types are offered from now on: open enumerators of them are out of sync.
+    /// The pin offers other types from now on: open enumerators are out of sync.
     void IncrementTypeVersion() { InterlockedIncrement(&m_TypeVersion); }
 
     virtual HRESULT CheckMediaType(const CMediaType*) = 0;
@@ -102,7 +102,7 @@ private:
     void breakQuietly();
     HRESULT checkType(const CMediaType* pmt);
 
-    CCritSec m_connection;          // guards the other pin and the media type while they change; held for a moment
+    CCritSec m_connection;          // guards the other pin and the media type while they change; held briefly
     volatile DWORD m_deliverer = 0; // the thread that is inside the receiver's Receive
 };
 
@@ -123,7 +123,7 @@ public:
     HRESULT Active() override;
     HRESULT Inactive() override;
 
-    /// Settles on the receiver's allocator or, where that fails, one of ours. @param pAlloc  counted; null on failure
+    /// Agrees on the receiver's allocator or, if that fails, one of ours. @param pAlloc  counted; null on failure
     virtual HRESULT DecideAllocator(IMemInputPin* pPin, IMemAllocator** pAlloc);
     /// Sets the number and size of the buffers. @param ppropInputRequest  in: what the receiver asks for
     virtual HRESULT DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES* ppropInputRequest) = 0;

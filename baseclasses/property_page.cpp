@@ -1,4 +1,4 @@
-// The page between the frame, which calls its methods, and its dialog.
+// Connects the frame, which calls the page's methods, with its dialog.
 #include "property_page.h"
 
 #include "class_factory.h"
@@ -16,8 +16,8 @@ HRESULT CBasePropertyPage::NonDelegatingQueryInterface(REFIID riid, void** ppv) 
     return CUnknown::NonDelegatingQueryInterface(riid, ppv);
 }
 
-// What a frame would have done before; a derived class hears of it in its own functions. That one of them takes and
-// releases a reference must not end the page a second time.
+// Does what a frame should have done before; the derived class is told through its own functions. If one of them takes
+// and releases a reference, the page must not end a second time.
 ULONG CBasePropertyPage::NonDelegatingRelease() {
     if (InterlockedCompareExchange(&m_cRef, 2, 1) == 1) {
         Deactivate();
@@ -56,7 +56,7 @@ STDMETHODIMP CBasePropertyPage::Activate(HWND hwndParent, LPCRECT prect, BOOL) {
     m_Dlg = CreateDialogParam(g_hInst, MAKEINTRESOURCE(m_DialogId), hwndParent, DialogProc, LPARAM(this));
     m_hwnd = m_Dlg;
     if (!m_Dlg) return E_OUTOFMEMORY;
-    // The frame's keys (Tab into the page and out of it, Enter, Escape) pass over a dialog without this style.
+    // Without this style the frame's keys (Tab into and out of the page, Enter, Escape) skip the dialog.
     SetWindowLongPtr(m_Dlg, GWL_EXSTYLE, GetWindowLongPtr(m_Dlg, GWL_EXSTYLE) | WS_EX_CONTROLPARENT);
     guarded([this] { return OnActivate(); });
     Move(prect);
@@ -96,7 +96,7 @@ STDMETHODIMP CBasePropertyPage::GetPageInfo(LPPROPPAGEINFO pPageInfo) {
     pPageInfo->pszTitle = static_cast<LPOLESTR>(CoTaskMemAlloc((size_t(length) + 1) * sizeof(wchar_t)));
     if (!pPageInfo->pszTitle) return E_OUTOFMEMORY;
     std::copy_n(title, length + 1, pPageInfo->pszTitle);
-    pPageInfo->size = {340, 150}; // pixels, where the dialog cannot be measured
+    pPageInfo->size = {340, 150}; // pixels, if the dialog cannot be measured
     const HWND measured = CreateDialogParam(g_hInst, MAKEINTRESOURCE(m_DialogId), GetDesktopWindow(), DialogProc, 0);
     RECT area;
     if (measured && GetWindowRect(measured, &area)) {
@@ -123,13 +123,13 @@ INT_PTR CALLBACK CBasePropertyPage::DialogProc(HWND hwnd, UINT uMsg, WPARAM wPar
     auto* page = reinterpret_cast<CBasePropertyPage*>(GetWindowLongPtr(hwnd, DWLP_USER));
     if (!page) return FALSE; // only measured, or before WM_INITDIALOG
     if (uMsg == WM_INITDIALOG) page->m_hwnd = page->m_Dlg = hwnd;
-    // Some frames take the style away that Activate gave.
+    // Some frames remove the style that Activate set.
     if (uMsg == WM_STYLECHANGING && int(wParam) == GWL_EXSTYLE && page->m_hwnd) {
         reinterpret_cast<STYLESTRUCT*>(lParam)->styleNew |= WS_EX_CONTROLPARENT;
     }
     try {
         return page->OnReceiveMessage(hwnd, uMsg, wParam, lParam);
     } catch (...) {
-        return FALSE; // as a message that nobody handled: no exception may pass through the system's window code
+        return FALSE; // as if unhandled: no exception may pass through the system's window code
     }
 }

@@ -9,7 +9,7 @@ public:
     CBasePropertyPage(LPCTSTR pName, LPUNKNOWN pUnk, int DialogId, int TitleId);
     DECLARE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
-    /// The last one takes the dialog away and lets go of site and object, while the page is still whole.
+    /// The last release destroys the dialog and releases site and object, while the page is still intact.
     ULONG STDMETHODCALLTYPE NonDelegatingRelease() override;
 
     virtual HRESULT OnConnect(IUnknown*) { return S_OK; }
@@ -28,9 +28,9 @@ public:
     STDMETHODIMP Move(LPCRECT prect) override;
     STDMETHODIMP IsPageDirty() override { return m_bDirty ? S_OK : S_FALSE; }
     STDMETHODIMP Apply() override;
-    /// E_NOTIMPL is the contract's "no help of its own": the frame then looks at GetPageInfo.
+    /// E_NOTIMPL means "no help of its own": the frame then consults GetPageInfo.
     STDMETHODIMP Help(LPCWSTR) override { return E_NOTIMPL; }
-    /// E_NOTIMPL is the contract's "no keys of its own": the frame's apply, and its Tab passes through the page.
+    /// E_NOTIMPL means "no keys of its own": the frame's keys apply, and Tab passes through the page.
     STDMETHODIMP TranslateAccelerator(LPMSG) override { return E_NOTIMPL; }
 
 protected:

@@ -26,7 +26,7 @@ HRESULT addClass(const CFactoryTemplate& entry, LPCWSTR path) {
     return hr;
 }
 
-// A class that is not registered is as good as removed.
+// A class that is not registered counts as removed.
 HRESULT removeClass(const CFactoryTemplate& entry) {
     const LSTATUS status = RegDeleteTreeW(HKEY_CLASSES_ROOT, classKey(*entry.m_ClsID).c_str());
     return status == ERROR_FILE_NOT_FOUND ? S_OK : HRESULT_FROM_WIN32(status);
@@ -43,7 +43,7 @@ STDAPI AMovieDllRegisterServer2(BOOL bRegister) try {
     for (int i = 0; i < g_cTemplates; ++i) {
         const HRESULT hr = bRegister ? addClass(g_Templates[i], path) : removeClass(g_Templates[i]);
         if (FAILED(hr) && bRegister) return hr;
-        if (SUCCEEDED(result)) result = hr; // one class that stays must not keep the others
+        if (SUCCEEDED(result)) result = hr; // one class that cannot be removed must not keep the others
     }
     return result;
 } catch (...) {

@@ -15,12 +15,12 @@ CSource::CSource(LPCTSTR pName, LPUNKNOWN lpunk, CLSID clsid) : CBaseFilter(pNam
 
 CSource::~CSource() {
     while (m_streams > 0)
-        delete m_paStreams[m_streams - 1]; // each takes itself out
+        delete m_paStreams[m_streams - 1]; // each removes itself
     delete[] m_paStreams;
 }
 
-// The streams that there are, not m_iPins: a derived class may keep something else in that member, and a filter whose
-// count is wrong cannot be stopped.
+// Counts the streams itself, not through m_iPins: a derived class may keep something else there, and a filter with a
+// wrong count cannot be stopped.
 int CSource::GetPinCount() {
     CAutoLock lock(&m_list);
     return m_streams;

@@ -22,7 +22,7 @@ public:
     int FindPinNumber(IPin* iPin);
 
 protected:
-    int m_iPins = 0; // set by AddPin and RemovePin, read by nobody here
+    int m_iPins = 0; // set by AddPin and RemovePin, not read here
     CSourceStream** m_paStreams = nullptr;
     CCritSec m_cStateLock;
 
@@ -31,11 +31,11 @@ private:
     int m_streams = 0; // entries of m_paStreams
 };
 
-/// What a stream's worker thread is built on elsewhere. This layer has none: its streams are filled from outside.
+/// The base of a stream's worker thread in the platform's layer. Empty here: streams are filled from outside.
 class CAMThread {};
 
-/// An output pin that adds itself to its filter, which then owns it. Samples are pushed by a thread that the derived
-/// class has from elsewhere; FillBuffer, which a worker of its own would call, is called by nobody.
+/// An output pin that adds itself to its filter, which then owns it. Samples are pushed by a thread of the derived
+/// class; FillBuffer, which a worker thread would call, is never called.
 class CSourceStream : public CAMThread, public CBaseOutputPin {
 public:
     CSourceStream(LPCTSTR pObjectName, HRESULT* phr, CSource* pms, LPCWSTR pName);

@@ -96,7 +96,8 @@ protected:
             trace(L"CKestraAudioStream->SDIGrabAudioCallback->GetPointer");
             return false;
         }
-        // The connection's type says how much; a receiver may have agreed on more than its buffer holds or the card delivers.
+        // The connection's type says how much; a receiver may have agreed on more than its buffer holds or the card
+        // delivers.
         const uint32_t wanted = m_bytesPerSecond / static_cast<uint32_t>(rate.load());
         const uint32_t bytes = std::min(wanted, static_cast<uint32_t>(std::max(sample.GetSize(), 0L)));
         const uint32_t made = std::min(bytes, block.bufferSize);
@@ -206,7 +207,8 @@ void CKestraAudioStream::requestBuffers(ALLOCATOR_PROPERTIES& properties) {
     properties.cbBuffer = audioBufferBytes(status, promisedBytesPerSecond());
 }
 
-/// The input may have changed since the buffers were agreed on: a slower one has larger blocks. If the allocator refuses, its buffers stay and the blocks are cut.
+/// The input may have changed since the buffers were agreed on: a slower one has larger blocks. If the allocator
+/// refuses, its buffers stay and the blocks are cut.
 void CKestraAudioStream::fitBuffers(const TarnisCameraStatus& status) {
     ALLOCATOR_PROPERTIES properties{}, actual{};
     const long wanted = audioBufferBytes(status, promisedBytesPerSecond());

@@ -20,10 +20,14 @@ public:
     void storeDeliveryResult(HRESULT hr) { m_iPins = hr; }
 
 protected:
-    /// @param constructed, destructed  trace texts of its construction and destruction; the number of filters and a blank follow
+    /// @param constructed, destructed  trace texts of its construction and destruction; the number of filters and a
+    /// blank follow
     CaptureFilter(LPCTSTR name, LPUNKNOWN pUnk, REFCLSID clsid, const wchar_t* constructed, const wchar_t* destructed);
-    /// Takes the pin, which the base class owns, and the first listed card that is wanted. Each card is opened and its channel claimed only while its status is read; that another program holds the channel shows when grabbing starts.
-    /// @param made  result of making the pin @return that result, E_OUTOFMEMORY if there is no pin, or E_FAIL if there is no card
+    /// Takes the pin, which the base class owns, and the first listed card that is wanted. Each card is opened and its
+    /// channel claimed only while its status is read; that another program holds the channel shows when grabbing
+    /// starts.
+    /// @param made  result of making the pin @return that result, E_OUTOFMEMORY if there is no pin, or E_FAIL if there
+    /// is no card
     HRESULT begin(HRESULT made, kestra::CapturePin* pin, bool (*wanted)(const TarnisCameraStatus& status));
 
     TARNIS_HANDLE m_grabber = nullptr;

@@ -248,7 +248,8 @@ STDMETHODIMP CapturePin::QueryId(LPWSTR* Id) {
     return S_OK;
 }
 
-/// A pin that failed to start, or was started while its own filter is stopped, is deactivated here: nobody would do it after it is disconnected.
+/// A pin that failed to start, or was started while its own filter is stopped, is deactivated here: nobody would do it
+/// after it is disconnected.
 HRESULT CapturePin::BreakConnect() {
     if (m_begun) takeBack();
     return CSourceStream::BreakConnect();

@@ -1,4 +1,5 @@
-// What the video and audio pins share: a list of formats to choose from, a connection, and runs. Each class of pins adds its formats, its samples and its trace texts.
+// What the video and audio pins share: a list of formats to choose from, a connection, and runs. Each class of pins
+// adds its formats, its samples and its trace texts.
 #pragma once
 
 #include "capture/capture_run.h"
@@ -53,13 +54,15 @@ struct PinKind {
     int8_t port; ///< of the card
 };
 
-/// Methods are called on the application's threads. The filter's state lock, which is also m_pLock, guards every member without a note of its own. Frames arrive on the grabbing threads and reach only the run.
+/// Methods are called on the application's threads. The filter's state lock, which is also m_pLock, guards every member
+/// without a note of its own. Frames arrive on the grabbing threads and reach only the run.
 class CapturePin : public CSourceStream, public IKsPropertySet, public IAMStreamConfig, public ISpecifyPropertyPages {
 public:
     DECLARE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// Called by the filter once it has chosen a card, before anyone else can reach the pin: from now on the pin offers the format that the user chose last.
+    /// Called by the filter once it has chosen a card, before anyone else can reach the pin: from now on the pin offers
+    /// the format that the user chose last.
     void useCard(TARNIS_HANDLE grabber);
     /// Passes the filter's state to the run, if there is one.
     void setRunState(CaptureRun::State state) const;
@@ -86,7 +89,8 @@ public:
     // IPin and the base pin's operations.
     STDMETHODIMP Connect(IPin* pReceivePin, const AM_MEDIA_TYPE* pmt) override;
     STDMETHODIMP QueryId(LPWSTR* Id) override;
-    /// Takes no state lock: a receiver asks from inside its Receive, while a stop holds the lock and waits for that call to end.
+    /// Takes no state lock: a receiver asks from inside its Receive, while a stop holds the lock and waits for that
+    /// call to end.
     STDMETHODIMP QueryAccept(const AM_MEDIA_TYPE* pmt) override;
     HRESULT BreakConnect() override;
     HRESULT GetMediaType(int iPosition, CMediaType* pmt) override;
@@ -112,7 +116,8 @@ protected:
     /// Makes a run for the connection's type and sets what the card is to produce.
     virtual std::shared_ptr<CaptureRun> makeRun(CaptureRun::Receiver receiver, CaptureRun::State state) const = 0;
 
-    /// Claims the channel and starts a run. @return S_OK, or E_UNEXPECTED after tracing it; a claim is kept until takeBack
+    /// Claims the channel and starts a run. @return S_OK, or E_UNEXPECTED after tracing it; a claim is kept until
+    /// takeBack
     HRESULT startRun();
     /// Undoes every start since the last call. The caller holds a reference of its own.
     virtual void takeBack();
@@ -125,7 +130,7 @@ protected:
     const PinKind& m_kind;
     TARNIS_HANDLE m_hGrabber = nullptr;
     uint32_t m_format = 0;             ///< index, as persisted; what is delivered follows from the connection's type
-    std::shared_ptr<CaptureRun> m_run; ///< the latest run; kept until the next one, so that its late frames are still recognised
+    std::shared_ptr<CaptureRun> m_run; ///< the latest; kept until the next, so that its late frames are recognised
 
 private:
     std::shared_ptr<const CMediaType> setFormat() const;

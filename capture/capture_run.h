@@ -1,4 +1,5 @@
-// One run of a pin, from start to stop: what its frames are and who receives them. The grabbing threads know a run by its number; a late thread finds its own run, already over, or none.
+// One run of a pin, from start to stop: what its frames are and who receives them. The grabbing threads know a run by
+// its number; a late thread finds its own run, already over, or none.
 #pragma once
 
 #include "device/tarnis.h"
@@ -28,7 +29,8 @@ int32_t framesPerSecond(const TarnisCameraStatus& status) noexcept;
 class CaptureRun {
 public:
     enum class State { Stopped, Starting, Active };
-    /// Where the samples go. Held by the run until it ends and by every callback until it returns, so all of it stays valid for a receiver that blocks longer than a stop is willing to wait.
+    /// Where the samples go. Held by the run until it ends and by every callback until it returns, so all of it stays
+    /// valid for a receiver that blocks longer than a stop is willing to wait.
     struct Receiver {
         CaptureFilter& filter;
         ComRef<IUnknown> owner; ///< the filter's, and so the pin's
@@ -47,7 +49,8 @@ public:
     /// The grab engine's callback.
     static void onFrame(uint64_t number, const TarnisFrameInfo* frame) noexcept;
 
-    /// Sets the filter's state: frames are delivered while it is active and wait while it starts, so that early ones are not lost. Never waits for a callback.
+    /// Sets the filter's state: frames are delivered while it is active and wait while it starts, so that early ones
+    /// are not lost. Never waits for a callback.
     void setState(State state);
     /// Ends the run for good and releases the receiver.
     void end();

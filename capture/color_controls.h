@@ -40,7 +40,8 @@ public:
         resetGains(neutral);
         HRESULT hr = transmit(neutral);
         if (SUCCEEDED(hr)) hr = body();
-        // In any case: the card may have accepted what it reported as refused, and nobody else would send the gains again.
+        // In any case: the card may have accepted what it reported as refused, and nobody else would send the gains
+        // again.
         for (int attempt = 0; attempt < kRestoreAttempts && FAILED(transmit(own)); ++attempt) {
         }
         return hr;

@@ -65,7 +65,9 @@ public:
     STDMETHODIMP put_FreezeUpdate(LONG value) override;
     /// 1 if the pin delivers RGB made by the card's converter; otherwise 0, and the converter is not used.
     STDMETHODIMP get_RGBOut(LONG* value) override;
-    /// Measures a live frame with gains and offsets switched off, which also shows in a running picture. Takes about one frame, during which starts and stops wait. Means of 0 and gains of 1 say that there was no frame (the log explains why) or that it was black.
+    /// Measures a live frame with gains and offsets switched off, which also shows in a running picture. Takes about
+    /// one frame, during which starts and stops wait. Means of 0 and gains of 1 say that there was no frame (the log
+    /// explains why) or that it was black.
     /// @return E_POINTER: an argument is null; kImageLibraryMissing: ippLib.dll is not beside the module; else S_OK
     STDMETHODIMP WhiteBalance(unsigned char* meanRed, unsigned char* meanGreen, unsigned char* meanBlue, FLOAT* gainRed,
                               FLOAT* gainGreen, FLOAT* gainBlue) override;

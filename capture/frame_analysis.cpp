@@ -64,7 +64,8 @@ private:
     Mean m_mean = nullptr;
 };
 
-/// True if the input is still the one that the channel was prepared for. Preparing it for another would take away the buffers of a running capture, which would then end when its own signal comes back.
+/// True if the input is still the one that the channel was prepared for. Preparing it for another would take away the
+/// buffers of a running capture, which would then end when its own signal comes back.
 bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) noexcept {
     TarnisCameraStatus live{};
     if (TARNIS_GetCameraStatus(grabber, kPort, &live) == TARNIS_SUCCESS && live.width == prepared.width &&

@@ -86,7 +86,7 @@ bool writeRgb24(const TarnisCameraData& camera, const uint8_t* raw, uint32_t raw
         return false;
     }
     const bool interlaced = camera.status.interlaced == 1;
-    const uint32_t unpaired = interlaced && height % 2 != 0 ? height - 1 : height; // the lines of two equally high fields
+    const uint32_t unpaired = interlaced && height % 2 != 0 ? height - 1 : height; // lines of two equal fields
     if (rawBytes < image) { // too short for the decoder: copies the lines that are there
         Lines lines(camera, raw, rawBytes, sample, sampleBytes, line);
         const SampleLine copy = kernels().copyLine;

@@ -12,7 +12,9 @@ inline uint32_t sampleLineBytes(uint32_t sampleBytes, uint32_t height) noexcept 
     return height == 0 ? 0 : sampleBytes / height;
 }
 
-/// Fills the whole sample: bytes that no pixel reaches are 0, lines beyond the raw bytes are black, and whatever does not fit into a line of the sample is left out. Even with inconsistent sizes nothing beyond rawBytes is read and nothing beyond sampleBytes is written.
+/// Fills the whole sample: bytes that no pixel reaches are 0, lines beyond the raw bytes are black, and whatever does
+/// not fit into a line of the sample is left out. Even with inconsistent sizes nothing beyond rawBytes is read and
+/// nothing beyond sampleBytes is written.
 /// @param camera  geometry and layout of the frame
 /// @return false if the frame does not belong to such a sample, which is then all black
 using SampleWriter = bool (*)(const TarnisCameraData& camera, const uint8_t* raw, uint32_t rawBytes, uint8_t* sample,

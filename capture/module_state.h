@@ -11,7 +11,8 @@ class CKestraAudioStream;
 
 namespace kestra {
 
-/// All pins of one kind: the audio pins, which a video pin starts with itself, and the video pins, which an audio pin tells to get ready. Any thread.
+/// All pins of one kind: the audio pins, which a video pin starts with itself, and the video pins, which an audio pin
+/// tells to get ready. Any thread.
 template <class Pin>
 class PinList {
 public:

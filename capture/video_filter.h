@@ -29,7 +29,8 @@ public:
     kestra::ColorControls& colors() { return m_colors; }
     /// True if the pin delivers RGB, made by the card's converter. Any thread.
     bool isRgbOut();
-    /// Measures a live frame with gains and offsets switched off; the filter's state and format do not change meanwhile.
+    /// Measures a live frame with gains and offsets switched off; the filter's state and format do not change
+    /// meanwhile.
     HRESULT analyzeWhiteBalance(kestra::WhiteBalance& result);
 
 private:

@@ -11,7 +11,8 @@ public:
 
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
 
-    /// Gets the card's buffers ready if the pin is connected in that graph and has not claimed its channel yet (its own start begins by starting the sound). Takes no lock: an audio pin calls it with its own filter's lock held.
+    /// Gets the card's buffers ready if the pin is connected in that graph and has not claimed its channel yet (its own
+    /// start begins by starting the sound). Takes no lock: an audio pin calls it with its own filter's lock held.
     void prepareFor(const IFilterGraph* graph) noexcept;
     HRESULT SetMediaType(const CMediaType* pmt) override;
 

@@ -10,7 +10,8 @@ struct WhiteBalance {
     float gainRed, gainGreen, gainBlue;   ///< what makes the three means equal, at least 1
 };
 
-/// The gains that raise two channels to the strongest one's mean. A single black channel gets an infinite gain, on purpose; an all-black picture gets gains of 1.
+/// The gains that raise two channels to the strongest one's mean. A single black channel gets an infinite gain, on
+/// purpose; an all-black picture gets gains of 1.
 /// @param means of blue, green and red, 0 to 255
 WhiteBalance whiteBalanceOf(const double (&means)[3]) noexcept;
 

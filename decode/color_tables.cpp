@@ -11,13 +11,13 @@ namespace kestra {
 
 namespace {
 
-/// Toward zero. What no 32-bit integer holds (and NaN) becomes INT32_MIN, as the processor's own conversion gives it.
+/// Toward zero. Values outside 32 bits, and NaN, become INT32_MIN, as in the processor's conversion.
 int32_t truncated(float value) noexcept {
     if (!(value >= -2147483648.0f && value < 2147483648.0f)) return std::numeric_limits<int32_t>::min();
     return static_cast<int32_t>(value);
 }
 
-/// Sum and difference that wrap as the processor's do.
+/// Wrapping sum and difference, as the processor's.
 int32_t plus(int32_t a, int32_t b) noexcept {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
@@ -25,7 +25,7 @@ int32_t minus(int32_t a, int32_t b) noexcept {
     return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
 }
 
-/// All that the tables depend on: everything but the limits.
+/// Everything that the tables depend on: all but the limits.
 bool sameTables(const TarnisConverterParams& a, const TarnisConverterParams& b) noexcept {
     return a.YOff == b.YOff && a.CrOff == b.CrOff && a.CbOff == b.CbOff && a.Y1 == b.Y1 && a.R1 == b.R1 &&
            a.G1 == b.G1 && a.G2 == b.G2 && a.B1 == b.B1 && a.RedOffset == b.RedOffset &&

@@ -1,5 +1,5 @@
-// Y, Cb, Cr to R, G, B by tables: what the decoder's results are defined by. Portable. Any thread may read tables that
-// nobody builds meanwhile; those of the decoder are never built again.
+// The tables from Y, Cb, Cr to R, G, B that define the decoder's results. Portable. Any thread may read tables that
+// nobody is building; the decoder's own are built once.
 #pragma once
 
 #include "protocol/records.h"
@@ -12,12 +12,12 @@ enum class SampleDepth : uint8_t { Bits8 = 0, Bits10 = 1 };
 
 /// One term of the conversion per sample value. 8-bit samples use the first 256 entries.
 struct ColorTables {
-    int32_t YR[1024], YG[1024], YB[1024]; ///< luma, gain and offset of the channel included
+    int32_t YR[1024], YG[1024], YB[1024]; ///< luma, with the channel's gain and offset
     int32_t CrR[1024], CrG[1024];
     int32_t CbB[1024], CbG[1024];
     TarnisConverterParams builtFrom;
     SampleDepth depth;
-    /// The kernels' 16-bit arithmetic gives just the entries that `depth` uses.
+    /// The kernels' 16-bit arithmetic gives exactly the entries that `depth` uses.
     bool arithmeticIsExact;
 };
 
@@ -27,8 +27,8 @@ struct ColorTables {
 /// gain); single precision, left to right; 8-bit samples take YOff, CrOff and CbOff shifted right by 2.
 void buildTables(ColorTables& tables, SampleDepth depth, const TarnisConverterParams& params) noexcept;
 
-/// The tables of the default parameters, which TARNIS_Decode always uses. Built by the first call for that depth, while
-/// other threads that ask for them wait, and never written again.
+/// The tables of the default parameters, which TARNIS_Decode always uses. Built by the first call for that depth (other
+/// callers wait) and never written again.
 const ColorTables& defaultTables(SampleDepth depth) noexcept;
 
 /// Converts one pair of pixels that share Cb and Cr. The limits are those of `params`: the minimum with the upper

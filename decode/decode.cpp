@@ -20,7 +20,7 @@ namespace {
 constexpr LogUnit kUnit{"\"Unpack Functions\"", L".\\TARNIS_unpack.cpp"};
 constexpr char kFunction[] = "TARNIS_Decode";
 
-/// Lines of an image: where the first one is and how far it is to the next.
+/// Lines of an image: the first one and the distance to the next.
 template <class Byte>
 struct Lines {
     Byte* first;
@@ -54,18 +54,18 @@ void convertFrame(const Frame& frame, SampleDepth depth) {
                          convert(conversion, frame.raw[r], out, pairs,
                                  streamed ? nullptr : reinterpret_cast<const uint8_t*>(next)); // a hint only
                      }
-                     if (streamed) _mm_sfence(); // every store is seen before the end of the loop is
+                     if (streamed) _mm_sfence(); // stores become visible before the loop's end does
                  });
 }
 
-/// 24-bit RGB as it is, fields woven: on this thread, for the memory is what it waits for.
+/// Copies 24-bit RGB, fields woven; on this thread only, since it is memory-bound.
 void copyFrame(const Frame& frame) {
     const auto copy = [&](uint32_t from, uint32_t to, ptrdiff_t step, uint32_t lines) {
         copyRegionC3(frame.raw[from], frame.raw.stepBytes, frame.rgb[to], step,
                      {static_cast<int32_t>(frame.width), static_cast<int32_t>(lines)}, frame.streamed());
     };
     if (!frame.interlaced) return copy(0, 0, frame.rgb.stepBytes, frame.height);
-    // Both fields have as many lines here: the last raw line of an odd height is not copied.
+    // Both fields have the same height here: the last raw line of an odd height is not copied.
     const uint32_t fieldLines = equalFieldLines(frame.height);
     copy(0, 0, 2 * frame.rgb.stepBytes, fieldLines);
     copy(fieldLines, 1, 2 * frame.rgb.stepBytes, fieldLines);
@@ -80,6 +80,7 @@ uint32_t refused(int line, const wchar_t* text) noexcept {
 
 uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixels, void* pDst, int32_t* pStrideSize,
                        uint32_t /*outputFormat*/, const void* /*reserved1*/, const void* /*reserved2*/) {
+    // The line numbers are fixed: see docs/compatibility.md.
     if (!cameraData) return refused(610, L"cameraData is NULL");
     if (!pStrideSize) return refused(611, L"pStrideSize is NULL");
     const uint32_t width = cameraData->status.width;
@@ -89,7 +90,7 @@ uint32_t TARNIS_Decode(const TarnisCameraData* cameraData, const void* pRawPixel
         *pStrideSize = needed;
         return TARNIS_INVALID_ARGUMENT;
     }
-    if (!pRawPixels) return refused(624, L"pRawPixels is NULL"); // only without any width
+    if (!pRawPixels) return refused(624, L"pRawPixels is NULL"); // only if the width is 0
 
     Frame frame{width,
                 cameraData->status.height,

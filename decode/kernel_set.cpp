@@ -8,7 +8,7 @@ namespace kestra {
 namespace {
 
 const KernelSet* best() noexcept {
-    __builtin_cpu_init(); // this runs before main
+    __builtin_cpu_init(); // runs before main
     return *std::find_if(kKernelSets.rbegin(), kKernelSets.rend(),
                          [](const KernelSet* set) { return set->runsHere(); });
 }

@@ -7,7 +7,7 @@
 namespace kestra {
 namespace {
 
-/// A constant of full width, so that it can be an operand in memory: there are more than registers.
+/// A full-width constant, so that it can be a memory operand: there are more constants than registers.
 template <class Half>
 struct alignas(32) Wide {
     Half low, high;
@@ -77,10 +77,10 @@ struct Words {
         : kinds{_mm256_shuffle_epi8(_mm256_packus_epi16(v.blue0, v.green0), spread[0].vec()),
                 _mm256_shuffle_epi8(_mm256_packus_epi16(v.red0, v.blue1), spread[1].vec()),
                 _mm256_shuffle_epi8(_mm256_packus_epi16(v.green1, v.red1), spread[2].vec())} {}
-    /// Each word from the kind that it is of in output register kOut of a lane.
+    /// Each word of output register kOut of a lane, taken from the register of its kind.
     template <size_t kOut>
     KESTRA_INLINE __m256i pick() const {
-        constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates, also in a debug build
+        constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates even in a debug build
         return _mm256_blend_epi16(_mm256_blend_epi16(kinds[0], kinds[1], kSecond), kinds[2], kThird);
     }
 };

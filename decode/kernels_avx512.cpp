@@ -198,7 +198,7 @@ KESTRA_INLINE Halves unpack(const uint8_t* words) {
 struct Sums {
     PixelSums<Ops> first, second;
 };
-KESTRA_INLINE void settle(Sums&) {} // bound by the memory: in whatever order
+KESTRA_INLINE void settle(Sums&) {} // memory-bound: the order does not matter
 
 struct Kernel8Bit : Lines8Bit {
     using Set = Ops;

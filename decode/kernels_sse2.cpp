@@ -75,7 +75,7 @@ void convertLine8Bit(const LineConversion& conversion, const uint8_t* raw, uint8
         if (nextLine) __builtin_prefetch(nextLine + size_t{6} * done, 1);
         convert8of8(raw + size_t{4} * done, rgb + size_t{6} * done);
     }
-    if (done < pairs) { // once more over what is done: the same bytes
+    if (done < pairs) { // overlaps what is done and writes the same bytes
         done = pairs - kBlock;
         convert8of8(raw + size_t{4} * done, rgb + size_t{6} * done);
     }
@@ -113,6 +113,6 @@ constinit const KernelSet kSse2Kernels{.name = "sse2",
                                        .picosecondsPerPixel10Bit = 1400,
                                        .copyLine = copyLine<Ops>,
                                        .swapLine = swapLine<Ops>,
-                                       .expandLine = expandLinePlain}; // without a byte shuffle registers gain nothing
+                                       .expandLine = expandLinePlain}; // without a byte shuffle, registers gain nothing
 
 } // namespace kestra

@@ -60,7 +60,7 @@ struct Spread {
 
 template <size_t kOut>
 KESTRA_INLINE __m128i pick(const __m128i (&words)[3]) {
-    constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates, also in a debug build
+    constexpr int kSecond = takenWords(kOut, 1), kThird = takenWords(kOut, 2); // immediates even in a debug build
     return _mm_blend_epi16(_mm_blend_epi16(words[0], words[1], kSecond), words[2], kThird);
 }
 

@@ -14,13 +14,13 @@
 namespace kestra {
 
 struct Lines8Bit {
-    /// After so many blocks the next begins with a whole raw word again.
+    /// Blocks after which the next begins at a whole raw word again.
     static constexpr uint32_t kPhases = 1;
-    /// The first block of a run may begin at every multiple of so many pairs.
+    /// The first block of a run may begin at any multiple of this many pairs.
     static constexpr uint32_t kUnitPairs = 1;
     /// Where the raw bytes of a pair, a multiple of kUnitPairs, begin.
     static constexpr size_t rawByte(uint32_t pair) { return size_t{4} * pair; }
-    /// For lines shorter than a block, and for what is over.
+    /// For lines shorter than a block and for the remainder of longer ones.
     static constexpr ConvertLine plain = convertLine8BitPlain;
 };
 
@@ -45,8 +45,8 @@ KESTRA_INLINE void convertBlock(const uint8_t* raw, uint8_t* rgb) {
                                    Kernel::terms(Kernel::template samples<kPhase>(raw)));
 }
 
-/// Finishes one block after the next one's samples are read and before its terms are computed: a block alone is one
-/// long chain of instructions that wait for each other.
+/// Finishes one block between reading the next one's samples and computing its terms: a block alone is one long chain
+/// of dependent instructions.
 /// @param terms  of the block that is finished; then of the next one
 /// @param raw    where the next block's run begins
 template <class Kernel, class Store, size_t kNextPhase>
@@ -88,7 +88,7 @@ KESTRA_INLINE uint32_t convertBlocks(const uint8_t* raw, uint8_t* rgb, uint32_t 
     return pair;
 }
 
-/// The first pair from which on stores are aligned, if any is: a multiple of kUnitPairs within the first block.
+/// The first pair from which stores are aligned, if there is one: a multiple of kUnitPairs within the first block.
 template <class Kernel>
 KESTRA_INLINE uint32_t alignedPair(const uint8_t* rgb) {
     uint32_t pair = 0;

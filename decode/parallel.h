@@ -1,5 +1,5 @@
-// The decoder's loop over lines, shared with the threads of the OpenMP team where that pays: static scheduling, one
-// contiguous block of lines for each. Private to decode/.
+// The decoder's loop over lines, shared by the threads of the OpenMP team where that pays: static scheduling, one
+// contiguous block of lines per thread. Private to decode/.
 #pragma once
 
 #include <atomic>
@@ -11,24 +11,24 @@
 
 namespace kestra {
 
-/// From which time of one thread on a loop is shared: the start and the end of a parallel region, and the wait for a
-/// helper that the system has put aside, cost more below. Measured with paced streams (bench/decode_pace.cpp; figures
-/// in docs/decoder.md).
+/// A loop is shared if one thread would take at least this long. Below that, starting and ending a parallel region and
+/// waiting for a descheduled helper cost more. Measured with paced streams (bench/decode_pace.cpp; figures in
+/// docs/decoder.md).
 constexpr uint64_t kSharedNanoseconds = 6'000'000;
 
 enum class Sharing { WhereItPays, Never, Always };
 /// For tests and benchmarks.
 extern std::atomic<Sharing> g_sharing;
 
-/// Whether a loop is shared that takes one thread so long.
+/// Whether to share a loop that takes one thread this long.
 bool isShared(uint64_t nanoseconds) noexcept;
 
-/// Keeps the module in its process from the first parallel loop on. The OpenMP runtime keeps a pool of threads for each
+/// Pins the module in its process at the first parallel loop. The OpenMP runtime keeps a pool of threads for each
 /// thread that ran such a loop; unloading the module under them would crash the process.
 void keepModule() noexcept;
 
-/// Calls block(first, count) on each thread for its lines, which altogether are 0..lines-1.
-/// @param nanoseconds  what one thread is expected to take
+/// Calls block(first, count) on each thread for its share of the lines 0..lines-1.
+/// @param nanoseconds  expected time on one thread
 template <class Block>
 void forEachBlock(uint32_t lines, uint64_t nanoseconds, Block block) {
 #ifdef _OPENMP

@@ -1,5 +1,5 @@
-// The plain kernels that other sets fall back to, for lines shorter than a register and for what is left of longer
-// ones. Private to decode/.
+// The plain kernels that other sets fall back to: for lines shorter than a register and the remainders of longer ones.
+// Private to decode/.
 #pragma once
 
 #include "decode/kernel_set.h"

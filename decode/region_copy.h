@@ -18,7 +18,7 @@ enum RegionStatus : int32_t {
 
 /// Copies 3 bytes a pixel, line by line, with the process's kernels. The regions must not overlap.
 /// @param srcStep, dstStep  bytes from one line to the next; negative: towards lower addresses
-/// @param streamed          the image that the region belongs to has kStreamedBytes; no fence is left to the caller
+/// @param streamed          the region's image has kStreamedBytes; the function issues the fence itself
 RegionStatus copyRegionC3(const uint8_t* src, ptrdiff_t srcStep, uint8_t* dst, ptrdiff_t dstStep, RegionSize region,
                           bool streamed) noexcept;
 

@@ -1,4 +1,4 @@
-// The kernels that bring a line over without changing its colours, written once for every register width; see
+// The kernels that copy a line without changing its colours, written once for every register width; see
 // yuv_arithmetic.h for `Ops`. Private to decode/.
 #pragma once
 
@@ -10,9 +10,9 @@ namespace kestra {
 /// Writes map(register) for a whole line, in registers whose stores are aligned wherever the address of the line allows
 /// it; the first and the last may overlap the aligned ones between them.
 /// @param bytes  of the source
-/// @param kUnit  bytes of the image that belong together, so that a register may begin at every multiple of them only
-/// @param kIn    how many bytes of a source register are used up by a register of the image; where it is not all of
-///               them, `rest` does what is left at the end
+/// @param kUnit  bytes of the image that belong together: a register may only begin at a multiple of them
+/// @param kIn    bytes of a source register consumed per image register; if fewer than all, `rest` does the end of the
+/// line
 /// @param rest   the plain kernel of the same mapping
 template <class Ops, size_t kUnit, size_t kIn, class Map>
 KESTRA_INLINE void mapLine(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed, SampleLine rest, Map map) {

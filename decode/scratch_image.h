@@ -1,6 +1,5 @@
-// The scratch image of a 10-bit decode: a region of the system's virtual memory, committed for the time of one call.
-// The kernels convert straight from the packed words and touch none of its pages, so it costs its commitment and no
-// more. Private to decode/.
+// The scratch image of a 10-bit decode: virtual memory committed for one call. The kernels convert straight from the
+// packed words and never touch its pages, so it costs no more than the commitment. Private to decode/.
 #pragma once
 
 #include <cstdint>

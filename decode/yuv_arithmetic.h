@@ -19,7 +19,7 @@ struct PixelSums {
     typename Ops::Vec blueRed, green, redBlue;
 };
 
-/// True if that byte of a pixel comes from `redBlue`, else from `blueRed` or, channel 1, `green`.
+/// True if that byte of a pixel comes from `redBlue`; otherwise it comes from `blueRed` or, for channel 1, `green`.
 constexpr bool fromRedBlue(size_t pixel, size_t channel) noexcept {
     return channel != 1 && (channel == 2) == (pixel % 2 == 0);
 }
@@ -132,7 +132,7 @@ KESTRA_INLINE PairSums<Ops> pairSums10(const PairTerms<Ops>& t) noexcept {
             Ops::quarter(s.blue1), Ops::quarter(s.green1), Ops::quarter(s.red1)};
 }
 
-/// Keeps the compiler from moving what uses these registers to before this place, and what makes them behind it.
+/// Keeps the compiler from moving uses of these registers before this point, or their computation after it.
 template <class Vec>
 KESTRA_INLINE void settleRegister(Vec& v) noexcept {
     asm volatile("" : "+v"(v));

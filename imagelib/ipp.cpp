@@ -1,4 +1,4 @@
-// Means of an image's three channels, with the status codes that callers of such a library expect.
+// Means of an image's three channels.
 #include "imagelib/ipp.h"
 
 #include <stddef.h>
@@ -8,7 +8,7 @@ IppStatus KESTRA_IPP_CALL ippiMean_8u_C3R(const uint8_t* pSrc, int srcStep, Ippi
     if (roiSize.width < 1 || roiSize.height < 1) return ippStsSizeErr;
     if (srcStep < 1 || srcStep / 3 < roiSize.width) return ippStsStepErr;
     const auto width = static_cast<size_t>(roiSize.width), height = static_cast<size_t>(roiSize.height);
-    uint64_t first = 0, second = 0, third = 0; // whole numbers, so that the mean is exact
+    uint64_t first = 0, second = 0, third = 0; // integers, so that the mean is exact
     for (size_t y = 0; y < height; ++y) {
         const uint8_t* pixel = pSrc + y * static_cast<size_t>(srcStep);
         for (size_t x = 0; x < width; ++x, pixel += 3) {

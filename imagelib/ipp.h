@@ -30,8 +30,8 @@ typedef struct IppiSize {
 /// Means of the three channels of an image of three bytes a pixel.
 /// @param pSrc    first byte of the top line
 /// @param srcStep bytes from one line to the next, at least three a pixel
-/// @param mean    receives the means in the order in which the channels lie in memory; left alone on failure
-/// @return 0; -8, -6 or -14, looked for in that order
+/// @param mean    receives the means in the channels' memory order; unchanged on failure
+/// @return 0, or -8, -6 or -14, checked in that order
 IppStatus KESTRA_IPP_CALL ippiMean_8u_C3R(const uint8_t* pSrc, int srcStep, IppiSize roiSize, double mean[3]);
 
 #ifdef __cplusplus

@@ -11,14 +11,14 @@ class LogEngine {
 public:
     static constexpr size_t kMaxSlots = LogLevels{}.size();
 
-    /// Opens the channels whose detail level is not 0 and announces them in themselves.
+    /// Opens the channels whose detail level is not 0 and announces them there.
     /// @return 0, or -1 if the engine has no channel then.
     int32_t Initialize(const wchar_t* moduleTag, const wchar_t* logDirectory, const LogLevels& details) noexcept;
-    /// Takes leave in the channels, closes and releases them. Nobody may be delivering.
+    /// Announces the end in the channels, closes and releases them. Nobody may be delivering.
     void Close() noexcept;
 
-    /// Takes the channel over; null takes an empty slot. @return false if all slots are taken; the channel is then
-    /// released.
+    /// Takes ownership of the channel; null makes an empty slot. @return false if all slots are taken; the channel is
+    /// then released.
     bool append(std::unique_ptr<LogOutput> output) noexcept;
     /// Thresholds below 5 (as signed numbers) stand, all others become ERROR.
     void applyThresholds(const LogLevels& thresholds) noexcept;
@@ -73,11 +73,11 @@ LogEngine* logFindEngine(uint32_t handle) noexcept;
 /// From now on the handle's engine also gets the records of the module with this key: for programs that watch one with
 /// an engine of their own. This library never listens. @return false if memory is short.
 bool logListenToModule(uint64_t moduleKey, uint32_t handle) noexcept;
-/// Takes that back.
+/// Undoes logListenToModule.
 void logIgnoreModule(uint64_t moduleKey, uint32_t handle) noexcept;
 /// Module table key: h = h * 31 + c over the key's two halves printed in hexadecimal.
 uint32_t logModuleHash(uint64_t moduleKey) noexcept;
-/// Call after an engine's channels or thresholds changed: keeps logAccepts quick and right.
+/// Call after an engine's channels or thresholds changed: keeps logAccepts up to date.
 void logUpdateFloor() noexcept;
 /// Reads the current user's configuration (docs/compatibility.md), makes the library's engine and opens the channels
 /// that are configured. Without configuration nothing is ever written. Windows only.

@@ -46,14 +46,14 @@ uint32_t FileOutput::open() noexcept {
     if (!platform::localTime(now, error))
         return fail(static_cast<uint32_t>(error), L"Failed _ftime64_s, error: %d", error);
     m_date = {now.day, now.month, now.year};
-    // Error texts first name the directory, then the mutex, then the file: the order of the calls.
+    // In this order, so that the error text names the directory before the mutex before the file.
     if (const uint32_t status = makeDirectory()) return status;
     if (const uint32_t status = openMutex()) return status;
     return openFile();
 }
 
 uint32_t FileOutput::makeDirectory() noexcept {
-    // The directory is what stands before the last backslash; what follows belongs to the file's name.
+    // The directory ends at the last backslash; what follows belongs to the file's name.
     wchar_t path[kPathCapacity];
     std::wcscpy(path, m_directory);
     wchar_t* end = std::wcsrchr(path, L'\\');
@@ -62,7 +62,7 @@ uint32_t FileOutput::makeDirectory() noexcept {
     if (GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES) return 0;
     for (wchar_t* p = path; (p = std::wcschr(p + 1, L'\\')) != nullptr; *p = L'\\') {
         *p = L'\0';
-        CreateDirectoryW(path, nullptr); // the last one's result decides
+        CreateDirectoryW(path, nullptr); // only the last result matters
     }
     if (CreateDirectoryW(path, nullptr) || GetLastError() == ERROR_ALREADY_EXISTS) return 0;
     const DWORD error = GetLastError();
@@ -109,10 +109,10 @@ uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& 
         if (hadFile) FlushFileBuffers(m_file.get());
         m_file = UniqueFile();
         m_isOpen = false;
-        // A line that finds no file is lost; what made the file go may have passed for the next one.
+        // A line that finds no file is lost; for the next one the cause may have passed.
         if (makeDirectory() != 0 || openFile() != 0 || !hadFile) return kNotOpen;
     }
-    // One write: the line and its line break, in the same order as two would leave them.
+    // Line and line break in one write.
     wchar_t buffer[kLineCapacity + 2];
     length = std::min(length, kLineCapacity);
     std::wmemcpy(buffer, line, length);

@@ -7,7 +7,7 @@
 namespace kestra {
 namespace {
 
-constexpr size_t kPathCapacity = 259; // characters of a source's path that are looked at
+constexpr size_t kPathCapacity = 259; // characters of a source path that count
 
 bool isLineBreak(wchar_t c) noexcept {
     return (c >= L'\n' && c <= L'\r') || c == 0x85 || c == 0x2028 || c == 0x2029;

@@ -30,7 +30,7 @@ uint32_t hashOf(uint64_t moduleKey) noexcept {
     return moduleKey == platform::moduleKey() ? own : logModuleHash(moduleKey);
 }
 
-/// The engines, and who listens to which module. Whoever looks something up stands inside the gate while using it.
+/// The engines, and who listens to which module. Lookups and their use happen inside the gate.
 struct Registry {
     CHashtable<LogEngine> engines;
     CHashtable<HandleList> modules;
@@ -94,15 +94,15 @@ struct Registry {
             --engine->openCount;
             return;
         }
-        // Out of reach first: once the threads that are still delivering have left, nobody disturbs the closing.
+        // Out of reach first: once the threads that are still delivering have left, nobody else uses the engine.
         std::unique_ptr<LogEngine> closing;
         engines.exchange(keyOf(handle), closing);
         updateFloor();
         gate.waitForReaders();
         closing->Close();
     }
-    /// True if the end of the process caught a thread inside the log. It never leaves the gate and never gives
-    /// back what it held there, be it a lock of ours or of the system: nothing may be waited for any more.
+    /// True if the end of the process caught a thread inside the log. That thread never leaves the gate nor releases
+    /// what it held, be it a lock of ours or of the system: waiting would be forever.
     bool wreckedByProcessEnd() noexcept {
         if (!platform::processIsEnding()) return false;
         if (!changes.try_lock()) return true;
@@ -114,7 +114,7 @@ struct Registry {
 struct UnlessWrecked {
     void operator()(Registry* registry) const noexcept {
         logFloor.store(kNobodyListens, std::memory_order_relaxed);
-        if (!registry->wreckedByProcessEnd()) std::destroy_at(registry); // else the system takes everything back
+        if (!registry->wreckedByProcessEnd()) std::destroy_at(registry); // otherwise the system reclaims everything
     }
 };
 
@@ -196,7 +196,7 @@ OwnRecord::OwnRecord(const LogUnit& unit, const char* functionName, int line, ui
 void logPoint(const LogUnit& unit, const char* functionName, int line, uint32_t severity, int32_t code,
               const wchar_t* format, ...) noexcept {
     const platform::KeepLastError keep;
-    const ReaderGate::Pass pass(registry().gate); // marks where the end of the process may catch this thread
+    const ReaderGate::Pass pass(registry().gate); // tells where the end of the process may catch this thread
     va_list arguments;
     va_start(arguments, format);
     const OwnRecord record(unit, functionName, line, severity, code, formatMessage(format, arguments));

@@ -37,7 +37,7 @@ void waitForPendingHandles() noexcept;
 /// @return null if memory is short, or the system has no file channel.
 std::unique_ptr<LogOutput> makeFileOutput(const wchar_t* moduleTag, const wchar_t* logDirectory);
 
-/// Keeps the calling thread's last error as it was.
+/// Keeps the calling thread's last error unchanged.
 class KeepLastError {
 public:
     KeepLastError() noexcept;

@@ -56,7 +56,7 @@ void format(wchar_t* buffer, size_t capacity, const wchar_t* text, va_list argum
 
 void debugOutput(const wchar_t*) noexcept {}
 bool processIsEnding() noexcept {
-    return false; // other threads run on while this one cleans up
+    return false; // other threads keep running during cleanup
 }
 bool addPendingHandle(void*) noexcept {
     return false;

@@ -60,7 +60,7 @@ void debugOutput(const wchar_t* text) noexcept {
 }
 
 bool processIsEnding() noexcept {
-    // Looked up: the import libraries at hand do not all name it.
+    // Looked up at run time: not every import library has it.
     using ShutdownInProgress = BOOLEAN(NTAPI*)();
     const FARPROC found = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
     return found && reinterpret_cast<ShutdownInProgress>(reinterpret_cast<void*>(found))();
@@ -78,15 +78,15 @@ struct PendingHandles {
     std::vector<UniqueObject> handles GUARDED_BY(mutex);
 };
 
-/// Never destroyed: a static object that closes a log may live longer than any other.
+/// Never destroyed: the static object that closes a log may be destroyed last.
 PendingHandles& pending() noexcept {
     alignas(PendingHandles) static std::byte room[sizeof(PendingHandles)];
     static PendingHandles& instance = *new (room) PendingHandles;
     return instance;
 }
 
-/// Dispatches what is in the calling thread's queue. A request to quit stays in it for the thread's own loop.
-/// @return false once that request has been seen.
+/// Dispatches the calling thread's messages. WM_QUIT is left for the thread's own loop.
+/// @return false once WM_QUIT has been seen.
 bool pumpMessages() noexcept {
     MSG message;
     while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
@@ -119,8 +119,8 @@ void waitForPendingHandles() noexcept {
         const LockGuard lock(pending().mutex);
         handles.swap(pending().handles);
     }
-    // MWMO_WAITALL would also ask for input before it returns, and stops at 63 handles: the wait for all is made
-    // of one wait after the other, which ends at the same moment.
+    // MWMO_WAITALL would also need input to return and is limited to 63 handles. Waiting for one after the other ends
+    // at the same moment.
     bool pumping = true;
     for (const UniqueObject& object : handles) {
         const HANDLE handle = object.get();

@@ -1,5 +1,5 @@
-// Lets any number of threads pass without a lock, and lets one that took something out of reach wait until
-// everybody who may still see it has left. Portable.
+// Lets any number of threads read without a lock, and lets a thread that unpublished something wait until no reader can
+// still see it. Portable.
 #pragma once
 
 #include "sync/mutex.h"
@@ -11,7 +11,7 @@ namespace kestra {
 
 class ReaderGate {
 public:
-    /// Stands inside for as long as it lives.
+    /// Stays inside the gate for its lifetime.
     class Pass {
     public:
         explicit Pass(ReaderGate& gate) noexcept : m_gate(gate), m_count(gate.m_inside[gate.m_phase.load() & 1]) {
@@ -34,7 +34,7 @@ public:
         // Twice: a reader may have read the phase just before it turned, and counted itself after.
         for (int turn = 0; turn < 2; ++turn) {
             const uint32_t left = m_phase.fetch_add(1) & 1;
-            // Nobody inside: no lock is touched, for at the end of the process one may stay held by a dead thread.
+            // If nobody is inside, no lock is touched: at the end of the process a dead thread may still hold it.
             if (m_inside[left].load() == 0) continue;
             const LockGuard sleeping(m_wakeMutex);
             m_waiting.store(true); // before the count is read again: a reader reads them in the opposite order

@@ -35,7 +35,7 @@ private:
     LRESULT list(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) const {
         return SendDlgItemMessageW(m_Dlg, IDC_BITS, message, wParam, lParam);
     }
-    /// The low byte of the selected index; -1: nothing is selected. Without a dialog, as it was left.
+    /// The low byte of the selected index, -1 if nothing is selected; without a dialog, the last selection.
     signed char selected() const { return m_Dlg ? static_cast<signed char>(list(CB_GETCURSEL)) : m_choice; }
 
     ComRef<IKestraAudioPropertyPage> m_audio;
@@ -47,7 +47,7 @@ HRESULT CKestraAudioPropertyPage::OnActivate() {
     if (!m_audio) return E_UNEXPECTED; // some frames activate a page whose object was refused
     for (const wchar_t* width : {L"16 bits", L"24 bits"})
         list(CB_ADDSTRING, 0, reinterpret_cast<LPARAM>(width));
-    if (m_bDirty) { // back on a page that was left before it was applied
+    if (m_bDirty) { // back on a page that was left without applying it
         list(CB_SETCURSEL, static_cast<WPARAM>(m_choice));
         return S_OK;
     }
@@ -70,7 +70,7 @@ HRESULT CKestraAudioPropertyPage::OnApplyChanges() {
                         L"This audio format doesn't accepted by input pin of current graph. Please, choose another "
                         L"format.",
                         L"Error", MB_OK | MB_ICONERROR);
-        m_index = index; // a refused one too: it is not tried again until another has been chosen
+        m_index = index; // even if refused: it is not tried again until another is chosen
     }
     if (SUCCEEDED(hr)) m_bDirty = FALSE;
     return hr;
@@ -78,7 +78,7 @@ HRESULT CKestraAudioPropertyPage::OnApplyChanges() {
 
 INT_PTR CKestraAudioPropertyPage::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) {
     if (uMsg == WM_COMMAND && LOWORD(wParam) == IDC_BITS && HIWORD(wParam) == CBN_SELCHANGE) {
-        if (selected() == m_index) return TRUE; // as it was
+        if (selected() == m_index) return TRUE; // unchanged
         m_bDirty = TRUE;
         if (m_pPageSite) m_pPageSite->OnStatusChange(PROPPAGESTATUS_DIRTY);
         return TRUE;

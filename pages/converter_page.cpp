@@ -51,7 +51,7 @@ constexpr Property<IKestraStreamPropCSC> kProperties[] = {
     KESTRA_PROPERTY(GMin), KESTRA_PROPERTY(GMax),  KESTRA_PROPERTY(BMin),  KESTRA_PROPERTY(BMax)};
 #undef KESTRA_PROPERTY
 
-/// Size of the picture that a filter, through its first pin, or a pin can deliver. @return {0, 0}: it does not say
+/// Size of the picture that a pin, or a filter through its first pin, can deliver. @return {0, 0} if unknown
 SIZE pictureSize(IUnknown* object) {
     ComRef<IAMStreamConfig> config = queryFor<IAMStreamConfig>(object, IID_IAMStreamConfig);
     if (const auto filter = queryFor<IBaseFilter>(object, IID_IBaseFilter); filter && !config) {
@@ -94,7 +94,7 @@ void CKestraStreamPropCSC::prepareControls() {
     m_picture = pictureSize(m_object.get());
 }
 
-/// Which preset the fields hold; behind them all: none.
+/// The preset that the fields hold; one past the last if none.
 size_t CKestraStreamPropCSC::shownPreset() const {
     ConverterMatrix matrix;
     for (size_t field = 0; field < kMatrixValues; ++field) {
@@ -125,7 +125,7 @@ void CKestraStreamPropCSC::fieldChanged(size_t field, bool /*byUser*/) {
 void CKestraStreamPropCSC::selectionChanged(int id) {
     if (id != IDC_MATRIX) return;
     const auto chosen = static_cast<size_t>(presets(CB_GETCURSEL));
-    if (chosen >= std::size(kMatrixPresets)) return updatePreset(); // a matrix becomes "Custom" by what is typed
+    if (chosen >= std::size(kMatrixPresets)) return updatePreset(); // "Custom" is what a matrix becomes by typing
     for (size_t field = 0; field < kMatrixValues; ++field)
         edit(field, kMatrixPresets[chosen].matrix[field]);
     markDirty();

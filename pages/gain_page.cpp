@@ -143,19 +143,19 @@ void CKestraStreamPropRGB::prepareControls() {
     showMeans();
 }
 
-/// The slider follows its edit, and with Link the other two gains do.
+/// The slider follows its edit; with Link, so do the other two gains.
 void CKestraStreamPropRGB::fieldChanged(size_t field, bool byUser) {
     if (field >= kColors || !isGood(field)) return;
     if (m_Dlg) {
-        const double shown = value(field) >= 0 ? std::min(value(field), kMostSlider) : 0; // not a number: 0
+        const double shown = value(field) >= 0 ? std::min(value(field), kMostSlider) : 0; // NaN: 0
         m_positions[field] = std::lround(shown * kStepsPerUnit);
         SendMessageW(slider(field), TBM_SETPOS, TRUE, m_positions[field]);
     }
     if (byUser) moveOthers(field);
 }
 
-/// Also told of the end of a drag, and of keys at the end of a slider: a slider that stands still changes nothing, so
-/// that a gain beyond its end stays what it is.
+/// Also called at the end of a drag and for keys at the end of the slider: a slider that has not moved changes nothing,
+/// so a gain beyond its end is kept.
 void CKestraStreamPropRGB::sliderMoved(size_t color) {
     const LRESULT position = SendMessageW(slider(color), TBM_GETPOS, 0, 0);
     if (position == m_positions[color]) return;
@@ -164,8 +164,8 @@ void CKestraStreamPropRGB::sliderMoved(size_t color) {
     markDirty();
 }
 
-/// Keeps the proportions of the linked gains, so that a white balance stays one. A gain of 0 has none: all become
-/// alike.
+/// Keeps the ratios of the linked gains, so that a white balance is preserved. A gain of 0 has no ratio: all become
+/// equal.
 void CKestraStreamPropRGB::moveOthers(size_t color) {
     if (!m_linked) return;
     const double moved = value(color), before = m_proportions[color];
@@ -227,7 +227,7 @@ void CKestraStreamPropRGB::analyze() {
         return report(L"The picture could not be analyzed. " + describe(hr));
     }
     m_meanText = meanText(means);
-    if (means == Means{}) { // and gains of 1, which are no finding
+    if (means == Means{}) { // gains of 1 then mean nothing
         m_meanNote = L"There was no picture to measure, or it is black.";
         if (m_means) m_meanNote += L" Before: " + meanText(*m_means);
         return showMeans();

@@ -12,7 +12,7 @@ namespace {
 
 constexpr COLORREF kMarkedBackground = RGB(255, 218, 214), kMarkedText = RGB(112, 0, 8);
 
-/// A red that can be read on the dialog's own background, light or dark.
+/// A red that is readable on the dialog's background, light or dark.
 COLORREF messageColor() noexcept {
     const COLORREF face = GetSysColor(COLOR_3DFACE);
     const int brightness = GetRValue(face) * 3 + GetGValue(face) * 6 + GetBValue(face);
@@ -20,7 +20,7 @@ COLORREF messageColor() noexcept {
 }
 
 std::wstring typedText(HWND dialog, int id) {
-    wchar_t buffer[81]; // as many characters as are read
+    wchar_t buffer[81]; // as many characters as are used
     const UINT length = GetDlgItemTextW(dialog, id, buffer, 81);
     return {buffer, length};
 }
@@ -45,7 +45,7 @@ std::wstring describe(HRESULT hr) {
 
 NumberPage::NumberPage(LPCTSTR name, LPUNKNOWN pUnk, int dialogAndTitle, std::span<const NumberField> fields)
     : CBasePropertyPage(name, pUnk, dialogAndTitle, dialogAndTitle), m_fields(fields), m_states(fields.size()) {
-    // The dialogs cannot even be measured without their controls' classes.
+    // Without its controls' classes a dialog cannot even be measured.
     const INITCOMMONCONTROLSEX classes{sizeof classes, ICC_BAR_CLASSES | ICC_UPDOWN_CLASS};
     InitCommonControlsEx(&classes);
 }
@@ -75,15 +75,15 @@ HRESULT NumberPage::OnDeactivate() {
 }
 
 HRESULT NumberPage::OnDisconnect() {
-    endPreview(); // cancelled: nobody is left to be told of a failure
+    endPreview(); // cancelled: nobody is left to hear of a failure
     for (State& state : m_states)
         state = State();
     m_bDirty = FALSE;
-    m_available = m_loaded = m_live = false; // a dialog that is still open has nothing to show any more
+    m_available = m_loaded = m_live = false; // a dialog that is still open has nothing left to show
     return S_OK;
 }
 
-/// Shows the object's present value, unless another one waits here to be applied.
+/// Shows the object's present value, unless an edit waits to be applied.
 void NumberPage::load(size_t field) {
     State& state = m_states[field];
     if (!m_bDirty) state.edited = false;
@@ -123,12 +123,12 @@ HRESULT NumberPage::OnApplyChanges() {
     return hr;
 }
 
-/// Puts every property, in their order: what was edited, what a preview has to give back, and else what is there.
+/// Puts every property in order: the edited value, the one a preview must restore, or the present one.
 HRESULT NumberPage::send(bool withEdits) {
     freeze(1); // so that no half-written set reaches the card
     for (size_t i = 0; i < m_fields.size(); ++i) {
         State& state = m_states[i];
-        double value = state.loaded.value; // in case that the present one cannot be read
+        double value = state.loaded.value; // in case the present one cannot be read
         if (withEdits && state.edited) {
             value = std::clamp(state.number.value, m_fields[i].least, m_fields[i].most); // an infinite gain
         } else if (state.before) {
@@ -142,7 +142,7 @@ HRESULT NumberPage::send(bool withEdits) {
     return freeze(0);
 }
 
-/// While it is live, what stands in the fields goes to the card, all of it or nothing.
+/// While the preview is live, the fields go to the card, all or none.
 void NumberPage::preview() {
     const auto counts = [](const State& state) { return state.edited || state.before; };
     if (!m_live || !m_available || firstBad() < m_fields.size() ||
@@ -157,7 +157,7 @@ void NumberPage::preview() {
     if (FAILED(hr)) report(L"The card has not taken these values. " + describe(hr));
 }
 
-/// Gives the card back what the preview has replaced. The fields keep what stands in them.
+/// Restores what the preview has replaced in the card. The fields keep their contents.
 HRESULT NumberPage::endPreview() {
     const auto replaced = [](const State& state) { return state.before.has_value(); };
     return std::any_of(m_states.begin(), m_states.end(), replaced) ? send(false) : S_OK;
@@ -209,7 +209,7 @@ INT_PTR NumberPage::OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM
     }
 }
 
-/// Also told of texts that the page itself or an up-down control has put: those that are known already are no change.
+/// Also called for texts set by the page itself or an up-down control: a known text is no change.
 void NumberPage::takeTyped(int id) {
     const auto field = std::find_if(m_fields.begin(), m_fields.end(), [id](const auto& f) { return f.id == id; });
     if (field == m_fields.end()) return;
@@ -268,7 +268,7 @@ void NumberPage::report(const std::wstring& failure) {
     MessageBeep(MB_ICONWARNING);
 }
 
-/// A failure; else the first field that cannot be taken; else the first edited one that is unusual.
+/// A failure; otherwise the first invalid field; otherwise the first edited unusual one.
 void NumberPage::updateMessage() {
     if (!m_Dlg) return;
     std::wstring message = m_failure;

@@ -1,6 +1,6 @@
-// A page of fields for numbers: shows an object's properties, checks what is typed, marks what cannot be taken, and
-// applies all of them or none. What nobody has edited is put back just as the object has it, never as its text says.
-// The frame's thread only. Private to pages/.
+// A page of number fields: shows an object's properties, checks what is typed, marks invalid fields, and applies all or
+// none. A field that nobody edited is written back bit for bit, never from its text. The frame's thread only. Private
+// to pages/.
 #pragma once
 
 #include "pages/number_text.h"
@@ -19,28 +19,29 @@ public:
     HRESULT OnActivate() override;
     HRESULT OnDeactivate() override;
     HRESULT OnDisconnect() override;
-    /// Checks every field first: if one cannot be taken, the first such gets the focus and nothing is sent.
-    /// @return E_INVALIDARG then; else what the object answered
+    /// Checks every field first: if any is invalid, the first one gets the focus and nothing is sent.
+    /// @return E_INVALIDARG in that case; otherwise the object's answer
     HRESULT OnApplyChanges() override;
     INT_PTR OnReceiveMessage(HWND hwnd, UINT uMsg, WPARAM wParam, LPARAM lParam) override;
 
 protected:
     NumberPage(LPCTSTR name, LPUNKNOWN pUnk, int dialogAndTitle, std::span<const NumberField> fields);
 
-    /// True if the output format uses what this page sets; else it shows one sentence instead of its controls.
+    /// True if the output format uses this page's settings; otherwise the page shows a sentence in place of its
+    /// controls.
     virtual bool isAvailable() = 0;
     virtual HRESULT getProperty(size_t field, double& value) = 0;
     virtual void putProperty(size_t field, double value) = 0;
-    /// Between 1 and 0 no put reaches the card. @return of 0: whether the card has taken what was put
+    /// Between 1 and 0 no put reaches the card. @return for 0: whether the card accepted the values
     virtual HRESULT freeze(LONG frozen) = 0;
-    /// Once the dialog is there, before the values are shown.
+    /// Called once the dialog exists, before the values are shown.
     virtual void prepareControls() {}
-    /// Another value stands in a field, whoever put it there.
+    /// A field's value has changed, whoever changed it.
     virtual void fieldChanged(size_t /*field*/, bool /*byUser*/) {}
     virtual void buttonPressed(int /*id*/) {}
     virtual void selectionChanged(int /*id*/) {}
 
-    /// Puts a value into a field, bit for bit, as an edit that its user can undo. markDirty() is the caller's.
+    /// Puts a value into a field, bit for bit, as an edit that the user can undo. The caller calls markDirty().
     void edit(size_t field, double value);
     double value(size_t field) const { return m_states[field].number.value; }
     bool isGood(size_t field) const { return m_states[field].number.fault == NumberFault::None; }
@@ -51,7 +52,7 @@ protected:
     void report(const std::wstring& failure);
 
 private:
-    /// A value and how it was shown: the same text means the same value again, also where the text is rounded.
+    /// A value and its text: an unchanged text means the same value, even if the text is rounded.
     struct Shown {
         std::wstring text;
         double value = 0;

@@ -9,9 +9,9 @@
 namespace kestra {
 namespace {
 
-constexpr size_t kLongest = 80; // characters of an edit that are read
+constexpr size_t kLongest = 80; // characters read from an edit
 
-/// The number's characters without a plus and blanks, or what is wrong with them.
+/// The number's characters without plus sign and blanks, or what is wrong with them.
 struct Digits {
     std::array<char, kLongest + 1> text{};
     size_t length = 0;
@@ -22,8 +22,7 @@ constexpr bool isBlank(wchar_t c) noexcept {
     return c == L' ' || c == L'\t';
 }
 
-/// Sign, digits and at most one point. A plus, which the conversion does not know, is left out; a comma, which means
-/// nothing else here, is a point.
+/// Sign, digits and at most one point. A plus sign, unknown to the conversion, is dropped; a comma counts as a point.
 Digits digitsOf(std::wstring_view text, bool pointAllowed) noexcept {
     Digits digits;
     while (!text.empty() && isBlank(text.front()))
@@ -63,7 +62,7 @@ std::wstring print(Format... format) {
     return {text, std::to_chars(text, text + sizeof text, format...).ptr};
 }
 
-/// As short as a person would write it.
+/// As short as a person would write it, for example 0.5.
 std::wstring limitsText(double least, double most) {
     return print(least, std::chars_format::fixed) + L" to " + print(most, std::chars_format::fixed);
 }

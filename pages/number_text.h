@@ -7,46 +7,46 @@
 
 namespace kestra {
 
-/// What is wrong with a typed number.
+/// What can be wrong with a typed number.
 enum class NumberFault : uint8_t { None, Empty, NoNumber, OutOfRange };
 
-/// A number as a page holds it. A double holds every 32-bit integer and every float exactly, so that what a program
-/// has set is never more or less than that.
+/// A number as a page holds it. A double holds every 32-bit integer and every float exactly, so a value set by a
+/// program is never altered.
 struct TypedNumber {
     double value; ///< 0 unless the fault is None
     NumberFault fault;
 };
 
-/// One field into which a user types a number.
+/// One field for a number.
 struct NumberField {
     int id;              ///< of its edit control
     const wchar_t* name; ///< as messages call it
     bool whole;          ///< else a 32-bit float
-    /// What the property's record holds; both limits belong to it.
+    /// The range that the property's record can hold, limits included.
     double least, most;
-    /// What makes sense. A value beyond is taken, with a word of warning.
+    /// The useful range. A value outside is accepted with a warning.
     double usualLeast, usualMost;
     const wchar_t* usual; ///< what the usual values are, for that warning
-    /// The control that shows what the card makes of a value that it cannot keep, and that rule; 0: it keeps them all.
+    /// The control that shows how the card rounds a value, and the rounding rule; 0 if it keeps every value.
     int cardId = 0;
     double (*onCard)(double value) = nullptr;
 };
 
 /// Digits with an optional sign and, unless the field takes whole numbers, a point or a comma before decimals: then the
-/// nearest float. Blanks around it are passed over.
+/// nearest float. Surrounding blanks are ignored.
 TypedNumber parse(const NumberField& field, std::wstring_view text) noexcept;
 
 std::wstring wholeText(int32_t value);
-/// Three decimals, rounded; "inf" and "nan" for what is no number.
+/// Three decimals, rounded; "inf" and "nan" where it is not a number.
 std::wstring decimalText(double value);
 /// A value as its field shows it.
 std::wstring textOf(const NumberField& field, double value);
 
 /// Tells a user what to type instead: one or two short sentences.
 std::wstring explain(const NumberField& field, NumberFault fault);
-/// "= " and what the card makes of a value; empty: just that value, or what its text says already.
+/// "= " and the value that the card will use; empty if the text already says it.
 std::wstring cardText(const NumberField& field, double value, std::wstring_view text);
-/// Tells a user that a value that is taken is beyond the usual ones; empty: it is not.
+/// Tells the user that an accepted value is unusual; empty if it is not.
 std::wstring warn(const NumberField& field, double value);
 
 } // namespace kestra

@@ -1,4 +1,4 @@
-// What the pages share: the owner of a brush, and their creation. Private to pages/.
+// What the pages share: the owner of a brush, and their creator. Private to pages/.
 #pragma once
 
 #include <streams.h>
@@ -16,7 +16,7 @@ struct BrushDelete {
 };
 using Brush = std::unique_ptr<std::remove_pointer_t<HBRUSH>, BrushDelete>;
 
-/// What the class table calls for a page.
+/// Creates a page, for the class table.
 template <class Page>
 CUnknown* createPage(LPUNKNOWN pUnk, HRESULT* phr) {
     auto* page = new (std::nothrow) Page(pUnk);

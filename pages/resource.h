@@ -9,7 +9,7 @@
 #define IDS_GAIN 118
 #define IDS_CONVERTER 145
 
-// Every page: shown in place of all the rest, and the line for messages.
+// On every page: the text shown in place of everything else, and the message line.
 #define IDC_NOT_AVAILABLE 200
 #define IDC_MESSAGE 201
 #define IDC_REVERT 202

@@ -1,11 +1,11 @@
-// By what the system finds the cards. Needs no header of the system. Plain data.
+// How the system finds the cards. Needs no system header. Plain data.
 #pragma once
 
 #include <cstdint>
 
 namespace kestra {
 
-/// A GUID without the system's headers, laid out as the system's own type.
+/// A GUID with the system's layout, without its headers.
 struct InterfaceId {
     uint32_t data1;
     uint16_t data2, data3;
@@ -17,7 +17,7 @@ static_assert(sizeof(InterfaceId) == 16);
 /// hardware.
 constexpr InterfaceId kCardInterface = {0xedde25e4, 0x9980, 0x4876, {0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03}};
 
-/// The same as another type of that layout: asGuid<GUID>(kCardInterface).
+/// Converts to another type of that layout: asGuid<GUID>(kCardInterface).
 template <class Guid>
 constexpr Guid asGuid(const InterfaceId& id) noexcept {
     static_assert(sizeof(Guid) == sizeof(InterfaceId));

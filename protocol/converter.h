@@ -1,5 +1,4 @@
-// The converter's parameters in their two forms: as programs see them and as the card holds them. Portable; pure
-// functions.
+// Converts the converter's parameters between the form that programs see and the card's. Portable; pure functions.
 #pragma once
 
 #include "protocol/records.h"
@@ -19,8 +18,8 @@ constexpr int8_t offsetFromWire(uint8_t b) noexcept {
 }
 static_assert(offsetToWire(-5) == 0x85 && offsetFromWire(0x85) == -5 && offsetToWire(-128) == 0x80);
 
-/// 8.8 fixed point, truncated toward zero. What no 32-bit integer holds (and NaN) becomes INT32_MIN, as the
-/// processor's own conversion gives it.
+/// 8.8 fixed point, truncated toward zero. Values outside 32 bits, and NaN, become INT32_MIN, as in the processor's
+/// conversion.
 constexpr int32_t fixedToWire(float v) noexcept {
     const float scaled = v * 256.0f;
     if (!(scaled >= -2147483648.0f && scaled < 2147483648.0f)) return std::numeric_limits<int32_t>::min();

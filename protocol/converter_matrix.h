@@ -1,4 +1,4 @@
-// The converter's matrix as the television standards define it: for the property page and for tools. Portable; pure.
+// The converter matrices of the television standards, for the property page and tools. Portable; pure functions.
 #pragma once
 
 #include "protocol/converter.h"
@@ -17,7 +17,7 @@ using ConverterMatrix = std::array<double, kMatrixValues>;
 /// Largest coefficient or gain whose multiple of 1/256 fits the card's 32-bit number.
 inline constexpr double kMostCoefficient = 8388607.5;
 
-/// What the card makes of a coefficient or a gain: a multiple of 1/256, truncated toward zero.
+/// A coefficient or gain as the card keeps it: a multiple of 1/256, truncated toward zero.
 constexpr double coefficientOnCard(double value) noexcept {
     const double held = value > kMostCoefficient    ? kMostCoefficient
                         : value < -kMostCoefficient ? -kMostCoefficient
@@ -25,12 +25,12 @@ constexpr double coefficientOnCard(double value) noexcept {
     return wire::fixedFromWire(wire::fixedToWire(static_cast<float>(held)));
 }
 
-/// What the card makes of an offset of red, green or blue, -128 to 127: it has no -128.
+/// A red, green or blue offset as the card keeps it: -128 becomes 0.
 constexpr double offsetOnCard(double value) noexcept {
     return wire::offsetFromWire(wire::offsetToWire(static_cast<int8_t>(value)));
 }
 
-/// Weights of red and blue in luma; green has the rest.
+/// Weights of red and blue in luma; green gets the rest.
 struct LumaWeights {
     double kr, kb;
 };
@@ -54,7 +54,7 @@ constexpr ConverterMatrix converterMatrix(LumaWeights weights, SampleRange range
     const double kr = weights.kr, kb = weights.kb, kg = 1 - kr - kb;
     const auto rounded = [](double v) {
         const int thousandths =
-            static_cast<int>(v * 1000 + 0.5); // NOLINT(bugprone-incorrect-roundings): none is below 0
+            static_cast<int>(v * 1000 + 0.5); // NOLINT(bugprone-incorrect-roundings): none is negative
         return static_cast<double>(static_cast<float>(thousandths / 1000.0)); // as the record holds it
     };
     return {studio ? 64.0 : 0.0,
@@ -78,7 +78,7 @@ inline constexpr MatrixPreset kMatrixPresets[] = {
     {L"ITU-R BT.601, full to full", false, converterMatrix(kBt601, SampleRange::Full)},
     {L"ITU-R BT.709, full to full", true, converterMatrix(kBt709, SampleRange::Full)}};
 
-/// The preset that a matrix is once the card has it; std::size(kMatrixPresets): none of them.
+/// The preset that equals a matrix as the card keeps it; std::size(kMatrixPresets) if none does.
 constexpr size_t presetOf(const ConverterMatrix& matrix) noexcept {
     const auto isSame = [&](const ConverterMatrix& preset) {
         for (size_t i = 0; i < kMatrixValues; ++i) {

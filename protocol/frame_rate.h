@@ -1,4 +1,4 @@
-// What the card says of the input's rate, and what follows from it. Portable; pure functions.
+// The input's rate as the card reports it, and what follows from it. Portable; pure functions.
 #pragma once
 
 #include "protocol/records.h"
@@ -8,10 +8,10 @@
 
 namespace kestra {
 
-/// The video standard with 24 pictures a second, whatever the measured rate says.
+/// The video mode with 24 frames per second, whatever the measured rate says.
 constexpr uint32_t kVideoMode24 = 16;
 
-/// Video modes of a receiver that has not locked onto its input yet.
+/// Video modes of a receiver that has not yet locked onto its input.
 constexpr uint32_t kVideoModeSettlingFirst = 254, kVideoModeSettlingLast = 255;
 constexpr bool isSettling(uint32_t videoMode) noexcept {
     return videoMode >= kVideoModeSettlingFirst && videoMode <= kVideoModeSettlingLast;
@@ -30,7 +30,7 @@ constexpr uint8_t rateOfMeasured(uint32_t measured, uint16_t inputRegister) noex
 static_assert(rateOfMeasured(23, 0) == 0 && rateOfMeasured(24, 0) == 25 && rateOfMeasured(24, kInputRateIs24) == 24 &&
               rateOfMeasured(29, 0) == 30 && rateOfMeasured(25, kInputInterlaced) == 50);
 
-/// Pictures, or fields if interlaced, per second, as the record gives them; 0: not measured.
+/// Frames, or fields if interlaced, per second, as in the record; 0 if not measured.
 constexpr uint32_t reportedRate(const TarnisCameraStatus& status) noexcept {
     return status.videoMode == kVideoMode24 ? 24u : status.frameRate;
 }

@@ -35,25 +35,25 @@ constexpr uint32_t rawFrameBytes(uint32_t outputSelector, uint32_t width, uint32
     return rawLineBytes(outputSelector, width) * height;
 }
 
-/// Lines of an interlaced frame's first field, and so the first raw line of the second one. The odd line of an odd
-/// height is the first field's: it begins and ends the picture.
+/// Lines of an interlaced frame's first field, which is also the first raw line of the second. With an odd height the
+/// first field has one line more: it begins and ends the picture.
 constexpr uint32_t firstFieldLines(uint32_t height) noexcept {
     return (height + 1) / 2;
 }
 
-/// The same for whoever takes both fields for equally high, as everybody does who copies lines without decoding them.
-/// The rest of an odd height then falls to the end of the second field.
+/// The same for code that treats both fields as equally high, which all do that copy lines without decoding. The odd
+/// line then ends up after the second field.
 constexpr uint32_t equalFieldLines(uint32_t height) noexcept {
     return height / 2;
 }
 
-/// Line of the woven picture that a raw line of an interlaced frame shows.
+/// The line of the woven picture that a raw line of an interlaced frame belongs to.
 /// @param secondField  first raw line of the second field
 constexpr uint32_t wovenLine(uint32_t rawLine, uint32_t secondField) noexcept {
     return rawLine < secondField ? rawLine * 2 : (rawLine - secondField) * 2 + 1;
 }
 
-/// Raw line of an interlaced frame that a line of the woven picture shows.
+/// The raw line of an interlaced frame that a line of the woven picture comes from.
 constexpr uint32_t rawLineOf(uint32_t pictureLine, uint32_t secondField) noexcept {
     return pictureLine / 2 + pictureLine % 2 * secondField;
 }

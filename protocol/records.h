@@ -22,7 +22,7 @@ enum TarnisResult {
     TARNIS_FAILURE = 255        ///< any other failure
 };
 
-/// DMA status of a frame. The names are the ones that the capture pins print, letter for letter.
+/// DMA status of a frame. Spelled as the capture pins print them: see docs/compatibility.md.
 enum TarnisDmaStatus {
     DMA_STATUS_GOOD = 0,
     DMA_STATUS_FRAME_DROPED = 1,

@@ -1,7 +1,7 @@
 // Every request that the card's driver knows, in one list: its code, what is sent, what comes back, its name. Portable;
 // plain data.
-// A request is a type: Prepare::kCode, Prepare::Sent, Prepare::Answer. Who asks for a Prepare can neither send nor
-// receive anything else.
+// A request is a type: Prepare::kCode, Prepare::Sent, Prepare::Answer. A Prepare can be sent and answered with its own
+// records only.
 #pragma once
 
 #include "protocol/wire.h"
@@ -39,14 +39,14 @@ namespace kestra::wire {
     RECORD(UnlockBuffer,       0xCE322634, UnlockBufferRequest,       Reply,               "unlock buffer")
 // clang-format on
 
-// The codes by name, for whoever handles requests of any type.
+// The codes by name, for code that handles any request.
 #define KESTRA_RECORD(Type, code, Request, ReplyRecord, text) k##Type = (code),
 #define KESTRA_DIRECT(Type, code, stride, text) k##Type = (code),
 enum Code : uint32_t { KESTRA_REQUESTS(KESTRA_RECORD, KESTRA_DIRECT) };
 #undef KESTRA_RECORD
 #undef KESTRA_DIRECT
 
-/// A port that a direct request is for stands in its code.
+/// A direct request carries its port in its code.
 constexpr uint32_t kPortStride = 4;
 
 #define KESTRA_RECORD(Type, code, Request, ReplyRecord, text)                                                          \
@@ -65,7 +65,7 @@ KESTRA_REQUESTS(KESTRA_RECORD, KESTRA_DIRECT)
 #undef KESTRA_RECORD
 #undef KESTRA_DIRECT
 
-/// What a request looks like from outside.
+/// Size and form of a request.
 struct RequestShape {
     uint32_t code;
     uint32_t portStride; ///< distance of port 1's code; 0: the port is not in the code
@@ -83,7 +83,7 @@ constexpr RequestShape kRequests[] = {KESTRA_REQUESTS(KESTRA_RECORD, KESTRA_DIRE
 #undef KESTRA_DIRECT
 #undef KESTRA_REQUESTS
 
-/// @return null: no such request
+/// @return null if there is no such request
 constexpr const RequestShape* shapeOf(uint32_t code) noexcept {
     for (const RequestShape& shape : kRequests)
         if (code == shape.code || (shape.portStride != 0 && code == shape.code + shape.portStride)) return &shape;
@@ -96,7 +96,7 @@ constexpr const char* requestName(uint32_t code) noexcept {
     return shape ? shape->name : "unknown";
 }
 
-/// How much of a reply is read: a driver may leave away what comes after it.
+/// How much of a reply is read: a driver may omit the rest.
 template <class Answer>
 inline constexpr uint32_t kReadBytes = sizeof(Answer);
 template <>
@@ -109,7 +109,7 @@ template <>
 inline constexpr uint32_t kReadBytes<LockBufferReply> = offsetof(LockBufferReply, reserved1);
 static_assert(kReadBytes<GrabStatisticsReply> == 68 && kReadBytes<LockBufferReply> == 45);
 
-/// Every question about an input goes to the even port of the pair.
+/// Questions about an input go to the even port of the pair.
 constexpr int8_t inputPort(int8_t port) noexcept {
     return static_cast<int8_t>(port & ~1);
 }

@@ -1,5 +1,5 @@
 // The wire format between the device library and the card's kernel driver: every request and reply as a packed
-// little-endian record. Which belong together says requests.h. Portable; plain data.
+// little-endian record. requests.h says which belong together. Portable; plain data.
 #pragma once
 
 #include <cstddef>
@@ -9,13 +9,13 @@ namespace kestra::wire {
 
 #pragma pack(push, 1)
 
-/// Opens every request that has a request buffer, but for the slot information.
+/// Starts every request that has a request buffer, except the slot information.
 struct Header {
     uint8_t port; ///< some requests carry it with its lowest bit cleared
     uint32_t sessionId;
 };
 
-/// Opens every reply: 0 means success.
+/// Starts every reply; 0 means success.
 struct Reply {
     uint32_t result;
 };
@@ -123,7 +123,7 @@ struct PrepareReply {
     uint32_t frameSizeBytes;
 };
 
-/// Opens the chunk table; one Chunk per locked chunk follows.
+/// Starts the chunk table; one Chunk per locked chunk follows.
 struct ChunkTableHead {
     uint32_t result; ///< 0 when sent; the driver's answer
     uint32_t chunkCount;

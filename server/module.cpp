@@ -8,7 +8,7 @@
 
 #include <kestra_interfaces.h>
 
-extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE, ULONG, LPVOID); // of the base classes, in no header of theirs
+extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE, ULONG, LPVOID); // in the base classes, but in none of their headers
 
 namespace {
 
@@ -16,8 +16,7 @@ kestra::LogLifetime g_log; // the library's log is open for as long as the modul
 
 } // namespace
 
-// A further class is one line. One without a name has an empty one, so that its key has an empty value, not a missing
-// one or a null pointer's text.
+// A new class is one line. A class without a name has an empty text, not null, so that its key gets an empty value.
 CFactoryTemplate g_Templates[] = {
     {L"Kestra Capture Video", &CLSID_KestraCapture, kestra::createVideoFilter, nullptr, nullptr},
     {L"Kestra Capture Audio", &CLSID_KestraAudioCapture, kestra::createAudioFilter, nullptr, nullptr},

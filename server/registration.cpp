@@ -1,4 +1,4 @@
-// What the module enters with the system, and takes back. Nothing here depends on how the base classes go about it.
+// Registers the module with the system and unregisters it. Independent of how the base classes do their part.
 #include "server/registration.h"
 
 #include "win32/com_ref.h"
@@ -17,7 +17,7 @@
 namespace kestra {
 namespace {
 
-/// One filter as the mapper lists it: a capture source of one output pin.
+/// One filter for the filter mapper: a capture source with one output pin.
 struct Filter {
     const CLSID* clsid;
     const wchar_t* name;
@@ -49,7 +49,7 @@ HRESULT openMapper(ComRef<IFilterMapper2>& mapper) {
                             reinterpret_cast<void**>(mapper.out()));
 }
 
-/// This module's path. The system's code page, by which its name is asked for first, may lack a character of it.
+/// This module's path. The base classes use the ANSI code page, which may lack one of its characters.
 HRESULT modulePath(wchar_t (&path)[MAX_PATH]) {
     char narrow[MAX_PATH];
     if (GetModuleFileNameA(g_hInst, narrow, MAX_PATH) == 0) return HRESULT_FROM_WIN32(GetLastError());
@@ -61,8 +61,8 @@ HRESULT modulePath(wchar_t (&path)[MAX_PATH]) {
     return S_OK;
 }
 
-/// Has the base classes write or remove the classes' keys. On a thread of its own: the platform's initialise COM for
-/// themselves and end it even where that was refused, which a caller in a multithreaded apartment would have to pay.
+/// Lets the base classes write or remove the classes' keys, on a separate thread: the platform's own copy uninitialises
+/// COM even where its initialisation failed, which would hurt a caller in a multithreaded apartment.
 HRESULT runFrameworksRegistration(BOOL registering) {
     HRESULT hr = E_UNEXPECTED;
     try {
@@ -73,7 +73,7 @@ HRESULT runFrameworksRegistration(BOOL registering) {
     return hr;
 }
 
-/// Writes the path into the classes' keys: the base classes may know it by the code page only.
+/// Writes the path into the classes' keys: the base classes may have written it through the ANSI code page.
 HRESULT writeServerPath(const wchar_t* path) {
     for (int i = 0; i < g_cTemplates; ++i) {
         wchar_t key[] = L"CLSID\\{00000000-0000-0000-0000-000000000000}\\InprocServer32";

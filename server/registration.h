@@ -6,9 +6,9 @@
 namespace kestra {
 
 /// Puts the filters into their capture categories, registers the type library and the classes of the module.
-/// @return what the last filter's or the classes' registration answered; the others' failures are passed over
+/// @return the result of registering the last filter or the classes; earlier failures are ignored
 HRESULT registerModule() noexcept;
-/// Takes it all back. @return what the removal of the classes answered
+/// Undoes it. @return the result of removing the classes
 HRESULT unregisterModule() noexcept;
 
 } // namespace kestra

@@ -36,20 +36,19 @@ private:
     Lockable& m_lock;
 };
 
-/// Lets threads that hold a Mutex wait for each other. Wait in a loop that tests the state: the analysis does not look
-/// into a predicate.
+/// A condition variable for a Mutex. Wait in a loop that tests the state: the analysis does not look into predicates.
 class Condition {
 public:
     Condition() = default;
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
-    /// Lets go of the mutex while it waits. May return without reason.
+    /// Releases the mutex while waiting. May wake spuriously.
     void wait(Mutex& mutex) REQUIRES(mutex) {
         std::unique_lock lock(mutex.m_mutex, std::adopt_lock);
         m_condition.wait(lock);
-        (void)lock.release(); // still held: the caller's again
+        (void)lock.release(); // still held, by the caller
     }
-    /// @return false: the time has come.
+    /// @return false on timeout.
     template <class Clock, class Duration>
     bool waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& time) REQUIRES(mutex) {
         std::unique_lock lock(mutex.m_mutex, std::adopt_lock);

@@ -1,5 +1,4 @@
-// What a lock guards, said so that clang's -Wthread-safety checks it; nothing for other compilers. The names are the
-// ones of clang's documentation.
+// Attributes for clang's -Wthread-safety, empty for other compilers. The names are those of clang's documentation.
 #pragma once
 
 #ifdef __clang__
@@ -10,13 +9,13 @@
 
 #define CAPABILITY(name) KESTRA_THREAD_ATTRIBUTE(capability(name))
 #define SCOPED_CAPABILITY KESTRA_THREAD_ATTRIBUTE(scoped_lockable)
-/// The field may be touched only with that lock held; for a pointer: what it points to.
+/// The field may be accessed only with that lock held; PT_: what the pointer points to.
 #define GUARDED_BY(lock) KESTRA_THREAD_ATTRIBUTE(guarded_by(lock))
 #define PT_GUARDED_BY(lock) KESTRA_THREAD_ATTRIBUTE(pt_guarded_by(lock))
-/// The function wants the lock held, or not held, by its caller.
+/// The caller must hold the lock, or must not hold it.
 #define REQUIRES(...) KESTRA_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) KESTRA_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
-/// The function takes the lock, or gives it back.
+/// The function acquires or releases the lock.
 #define ACQUIRE(...) KESTRA_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) KESTRA_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KESTRA_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))

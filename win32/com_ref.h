@@ -29,7 +29,7 @@ public:
     explicit operator bool() const noexcept { return m_object != nullptr; }
     Interface* operator->() const noexcept { return m_object; }
     Interface* get() const noexcept { return m_object; }
-    /// For a function that returns a reference; lets go of the one that is held.
+    /// Output argument for a function; releases the current reference first.
     Interface** out() noexcept {
         *this = ComRef();
         return &m_object;
@@ -39,7 +39,7 @@ private:
     Interface* m_object = nullptr;
 };
 
-/// Asks an object for an interface. @return null: it has none, or there is no object
+/// Asks an object for an interface. @return null if there is no object or it lacks the interface
 template <class Interface>
 ComRef<Interface> queryFor(IUnknown* object, REFIID riid) noexcept {
     void* found = nullptr;

@@ -1,4 +1,4 @@
-// Owner of a list that the device-installation service made. Link setupapi.
+// Owner of a device information list. Link setupapi.
 #pragma once
 
 #include "win32/handle.h"
@@ -29,7 +29,7 @@ inline std::vector<std::wstring> interfacePaths(const GUID& interfaceClass) {
         SetupDiGetDeviceInterfaceDetailW(set.get(), &data, nullptr, 0, &bytes, nullptr);
         std::vector<std::byte> memory(bytes);
         auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(memory.data());
-        if (memory.size() < sizeof *detail) continue; // it has gone meanwhile
+        if (memory.size() < sizeof *detail) continue; // removed meanwhile
         detail->cbSize = sizeof *detail;
         if (SetupDiGetDeviceInterfaceDetailW(set.get(), &data, detail, bytes, nullptr, nullptr))
             paths.emplace_back(detail->DevicePath);

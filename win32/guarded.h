@@ -1,4 +1,4 @@
-// Where exceptions stop: every COM method that may meet one runs its body through here.
+// The exception barrier: every COM method that may meet an exception runs its body through here.
 #pragma once
 
 #include <windows.h>

@@ -1,4 +1,4 @@
-// Owners of handles. An owner is one thread's at a time.
+// Owners of handles. Use each owner from one thread at a time.
 #pragma once
 
 #include <windows.h>
@@ -8,7 +8,7 @@
 namespace kestra {
 
 /// Owns a handle. Traits::none() is what "no handle" looks like: CreateFileW fails with INVALID_HANDLE_VALUE,
-/// CreateEventW with null, and mixing the two leaks or closes a stranger's. Traits::close() gives it back.
+/// CreateEventW with null, and mixing the two leaks a handle or closes somebody else's. Traits::close() closes it.
 template <class Traits>
 class UniqueHandle {
 public:
@@ -22,15 +22,15 @@ public:
     }
     ~UniqueHandle() {
         if (!*this) return;
-        const DWORD error = GetLastError(); // cleanup must not hide the error that led here
+        const DWORD error = GetLastError(); // cleanup must not overwrite the error that led here
         Traits::close(m_handle);
         SetLastError(error);
     }
     explicit operator bool() const noexcept { return m_handle != Traits::none(); }
     Type get() const noexcept { return m_handle; }
-    /// The handle becomes the caller's.
+    /// Passes the handle to the caller.
     Type release() noexcept { return std::exchange(m_handle, Traits::none()); }
-    /// For a function that returns a handle; lets go of the one that is held.
+    /// Output argument for a function; closes the current handle first.
     Type* out() noexcept {
         *this = UniqueHandle();
         return &m_handle;

@@ -1,20 +1,20 @@
-// The module that this code is in, and owners of modules. Any thread.
+// The module that contains this code, and owners of modules. Any thread.
 #pragma once
 
 #include "win32/handle.h"
 
 #include <cwchar>
 
-extern "C" IMAGE_DOS_HEADER __ImageBase; // the linker's name for a module's first byte, which is its handle
+extern "C" IMAGE_DOS_HEADER __ImageBase; // the linker's symbol at the module's base address, which is its handle
 
 namespace kestra {
 
-/// The module that this code is in, without a reference to it.
+/// The module that contains this code; adds no reference.
 inline HMODULE ownModule() noexcept {
     return reinterpret_cast<HMODULE>(&__ImageBase);
 }
 
-/// Keeps it in its process for good.
+/// Keeps the module loaded until the process ends.
 inline bool pinOwnModule() noexcept {
     HMODULE module = nullptr;
     return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
@@ -28,7 +28,7 @@ struct LibraryTraits {
 /// A reference to a loaded module.
 using UniqueLibrary = UniqueHandle<LibraryTraits>;
 
-/// Loads a library from the own module's folder: no other folder of the host's may take its place. @return null: not
+/// Loads a library from this module's own folder only, never from the host's search path. @return null if it is not
 /// there
 inline UniqueLibrary loadFromOwnFolder(const wchar_t* fileName) noexcept {
     wchar_t path[MAX_PATH];
@@ -39,15 +39,15 @@ inline UniqueLibrary loadFromOwnFolder(const wchar_t* fileName) noexcept {
     return UniqueLibrary(LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
 }
 
-/// Keeps the module that this code is in from being unloaded.
+/// Keeps the module that contains this code from being unloaded.
 class ModuleReference {
 public:
     ModuleReference() noexcept {
         GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&__ImageBase),
                            m_module.out());
     }
-    /// Ends the calling thread, which may be the last that runs the module's code. Objects on its stack stay as they
-    /// are.
+    /// Ends the calling thread, which may be the last one to run the module's code. Objects on its stack are not
+    /// destroyed.
     [[noreturn]] void releaseAndExitThread(DWORD code) noexcept { FreeLibraryAndExitThread(m_module.release(), code); }
 
 private:

@@ -1,11 +1,12 @@
-// Holds a mutex of the system, such as processes share.
+// Holds a system mutex, which processes can share.
 #pragma once
 
 #include <windows.h>
 
 namespace kestra {
 
-/// Holds a mutex object for a scope, if it was to be had in time. A thread that ended with it passes it on.
+/// Holds a mutex object for a scope if it could be had in time. A mutex abandoned by an ended thread counts as
+/// acquired.
 class MutexLock {
 public:
     explicit MutexLock(HANDLE mutex, DWORD timeoutMs = INFINITE) noexcept : m_mutex(mutex) {
