@@ -283,7 +283,7 @@ void examineFilter(DoctorReport& report, const FilterKind& kind, const Patient* 
     const uint32_t rate = framesOfRate(reportedRate(*patient->status), patient->status->interlaced != 0);
     constexpr double kEnough = 0.9; // of what the signal has; the machine was busy otherwise
     if (rate != 0 && samples < kEnough * rate * seconds)
-        return report.add({id, Mark::Note, name, "runs: " + counts + format(" of %u a second", rate),
+        return report.add({id, Mark::Note, name, "runs: " + counts + format("; the signal has %u a second", rate),
                            "the machine is too slow or too busy for this format"});
     report.add({id, Mark::Good, name, "runs: " + counts, ""});
 }

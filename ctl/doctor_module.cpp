@@ -122,7 +122,7 @@ bool examineFile(DoctorReport& report, const std::wstring& file, Console& consol
         report.add({"module.version", Mark::Note, "Module",
                     (version.empty() ? "without a version" : "version " + version) + ", and this program is " +
                         KESTRA_VERSION_TEXT,
-                    "an older copy may be registered: " + registerHint()});
+                    "another copy may be registered; " + registerHint()});
     const std::wstring images = (std::filesystem::path(file).parent_path() / L"ippLib.dll").wstring();
     if (isFile(images))
         report.add({"module.images", Mark::Good, "Image library", "beside the module", ""});
