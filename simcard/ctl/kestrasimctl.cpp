@@ -7,64 +7,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace kestra;
 using namespace kestra::simcard;
 
 namespace {
-
-struct Command {
-    const char* name;
-    const char* arguments;
-    const char* text;
-};
-
-constexpr Command kCommands[] = {
-    {"install", "COUNT INF", "install COUNT simulated cards (1..8) from kestrasim.inf, in place of those there are"},
-    {"remove", "", "remove all simulated cards"},
-    {"hold", "", "keep the Wine prefix, and with it the cards, alive until `release`"},
-    {"release", "", "end `hold`"},
-    {"status", "", "signal, options and counters of the card"},
-    {"plug", "", "put the card in"},
-    {"unplug", "", "pull the card"},
-    {"signal", "none | WxH RATE [i] [noaudio] [mode=N]",
-     "what arrives at the input; RATE is frames per second, for example: signal 1920x1080 30000/1001 i"},
-    {"picture", "bars | tinted | grey", "what the picture shows"},
-    {"pace", "realtime | taken", "frames in real time, or as fast as the client takes buffers"},
-    {"stop", "abort | pending | cancel", "what a stop does to a lock request that waits"},
-    {"fault", "KIND CODE VALUE [COUNT [SKIP]]",
-     "make requests fail\n"
-     "  KIND    status (VALUE: NT status), result (first word of the reply), short (bytes of the reply),\n"
-     "          delay (milliseconds), never, unplug, dma (CODE: port, VALUE: DMA status), open (until cleared)\n"
-     "  CODE    request code in hexadecimal, 0 for any\n"
-     "  COUNT   how many requests, 1 if not given, 0 until cleared; SKIP: after how many\n"
-     "  fault signal CODE SKIP SIGNAL...            the input changes when a request arrives\n"
-     "  fault signal-at-frame 0 FRAME SIGNAL...     the input changes before a frame; SIGNAL as in `signal`"},
-    {"clear-faults", "", "forget all faults"},
-    {"clear-log", "", "empty the request log"},
-    {"reset", "", "plugged in, 1080p60 with audio, no faults, empty log"},
-    {"log", "", "the requests that the card received: number, time, client, code, NT status, result, sizes, bytes"},
-};
-
-void printUsage(const Command& command) {
-    std::printf("usage: kestrasimctl [--card N] [--json] %s%s%s\n%s\n", command.name, *command.arguments ? " " : "",
-                command.arguments, command.text);
-}
-
-void printUsage(std::FILE* file) {
-    std::fputs("usage: kestrasimctl [--card N] [--json] COMMAND [ARGUMENT...]\n", file);
-    for (const Command& command : kCommands)
-        std::fprintf(file, "  %-13s %s\n", command.name, command.arguments);
-    std::fputs("kestrasimctl COMMAND --help explains a command. Exit codes: 0 done, 1 failed, 2 wrong usage.\n", file);
-}
-
-const Command* findCommand(const std::string& name) {
-    for (const Command& command : kCommands)
-        if (name == command.name) return &command;
-    return nullptr;
-}
 
 struct UsageError {
     std::string text;
@@ -188,70 +139,125 @@ void printLog(const std::vector<LogEntry>& log, bool json) {
 
 constexpr wchar_t kHoldEvent[] = L"KestraSimHold";
 
-int run(uint32_t card, bool json, const std::string& command, const std::vector<std::string>& arguments) {
-    const CardControl control(card);
-    const auto expect = [&](size_t count) {
-        if (arguments.size() != count) throw UsageError{"wrong number of arguments for '" + command + "'"};
-    };
-    if (command == "install") {
-        expect(2);
-        wchar_t path[MAX_PATH] = {};
-        const std::wstring given(arguments[1].begin(), arguments[1].end());
-        GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
-        installCards(number(arguments[0]), path);
-    } else if (command == "remove") {
-        std::printf(json ? "{\"removed\":%u}\n" : "%u cards removed\n", removeCards());
-    } else if (command == "hold") {
-        const UniqueObject event(CreateEventW(nullptr, TRUE, FALSE, kHoldEvent));
-        WaitForSingleObject(event.get(), INFINITE);
-    } else if (command == "release") {
-        if (const UniqueObject event{OpenEventW(EVENT_MODIFY_STATE, FALSE, kHoldEvent)}) SetEvent(event.get());
-    } else if (command == "status") {
-        expect(0);
-        printState(control.state(), json);
-    } else if (command == "plug") {
-        control.plug();
-    } else if (command == "unplug") {
-        control.unplug();
-    } else if (command == "signal") {
-        control.setSignal(parseSignal(arguments));
-    } else if (command == "pace" || command == "stop" || command == "picture") {
-        expect(1);
-        Options options = control.state().options;
-        const std::string& word = arguments[0];
-        if (command == "pace" && word == "realtime")
-            options.pace = Pace::RealTime;
-        else if (command == "pace" && word == "taken")
-            options.pace = Pace::AsTaken;
-        else if (command == "picture" && word == "bars")
-            options.picture = 0;
-        else if (command == "picture" && word == "tinted")
-            options.picture = 1;
-        else if (command == "picture" && word == "grey")
-            options.picture = 2;
-        else if (command == "stop" && word == "abort")
-            options.stopBehaviour = StopBehaviour::Abort;
-        else if (command == "stop" && word == "pending")
-            options.stopBehaviour = StopBehaviour::LeavePending;
-        else if (command == "stop" && word == "cancel")
-            options.stopBehaviour = StopBehaviour::Cancel;
-        else
-            throw UsageError{"unknown word '" + word + "'"};
-        control.setOptions(options);
-    } else if (command == "fault") {
-        control.addFault(parseFault(arguments));
-    } else if (command == "clear-faults") {
-        control.clearFaults();
-    } else if (command == "clear-log") {
-        control.clearLog();
-    } else if (command == "reset") {
-        control.reset();
-    } else if (command == "log") {
-        printLog(control.log(), json);
-    } else {
-        throw UsageError{"there is no command '" + command + "'"};
-    }
-    return 0;
+/// One call of the program.
+struct Call {
+    CardControl card;
+    bool json;
+    std::vector<std::string> arguments;
+};
+
+void install(const Call& call) {
+    wchar_t path[MAX_PATH] = {};
+    const std::wstring given(call.arguments[1].begin(), call.arguments[1].end());
+    GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
+    installCards(number(call.arguments[0]), path);
+}
+
+void remove(const Call& call) {
+    std::printf(call.json ? "{\"removed\":%u}\n" : "%u cards removed\n", removeCards());
+}
+
+void hold(const Call&) {
+    const UniqueObject event(CreateEventW(nullptr, TRUE, FALSE, kHoldEvent));
+    WaitForSingleObject(event.get(), INFINITE);
+}
+
+void release(const Call&) {
+    if (const UniqueObject event{OpenEventW(EVENT_MODIFY_STATE, FALSE, kHoldEvent)}) SetEvent(event.get());
+}
+
+/// Sets one of the options to the value of the word that the command was given.
+template <class Value>
+void choose(const Call& call, Value Options::*option, std::initializer_list<std::pair<const char*, Value>> words) {
+    Options options = call.card.state().options;
+    for (const auto& [word, value] : words)
+        if (call.arguments[0] == word) {
+            options.*option = value;
+            return call.card.setOptions(options);
+        }
+    throw UsageError{"unknown word '" + call.arguments[0] + "'"};
+}
+
+constexpr int kAnyCount = -1;
+
+struct Command {
+    const char* name;
+    const char* arguments;
+    int count; ///< of arguments
+    const char* text;
+    void (*run)(const Call& call);
+};
+
+const Command kCommands[] = {
+    {"install", "COUNT INF", 2, "install COUNT simulated cards (1..8) from kestrasim.inf, in place of those there are",
+     install},
+    {"remove", "", 0, "remove all simulated cards", remove},
+    {"hold", "", 0, "keep the Wine prefix, and with it the cards, alive until `release`", hold},
+    {"release", "", 0, "end `hold`", release},
+    {"status", "", 0, "signal, options and counters of the card",
+     [](const Call& call) { printState(call.card.state(), call.json); }},
+    {"plug", "", 0, "put the card in", [](const Call& call) { call.card.plug(); }},
+    {"unplug", "", 0, "pull the card", [](const Call& call) { call.card.unplug(); }},
+    {"signal", "none | WxH RATE [i] [noaudio] [mode=N]", kAnyCount,
+     "what arrives at the input; RATE is frames per second, for example: signal 1920x1080 30000/1001 i",
+     [](const Call& call) { call.card.setSignal(parseSignal(call.arguments)); }},
+    {"picture", "bars | tinted | grey", 1, "what the picture shows",
+     [](const Call& call) {
+         choose(call, &Options::picture, {{"bars", 0}, {"tinted", 1}, {"grey", 2}});
+     }},
+    {"pace", "realtime | taken", 1, "frames in real time, or as fast as the client takes buffers",
+     [](const Call& call) {
+         choose(call, &Options::pace, {{"realtime", Pace::RealTime}, {"taken", Pace::AsTaken}});
+     }},
+    {"stop", "abort | pending | cancel", 1, "what a stop does to a lock request that waits",
+     [](const Call& call) {
+         choose(call, &Options::stopBehaviour,
+                {{"abort", StopBehaviour::Abort},
+                 {"pending", StopBehaviour::LeavePending},
+                 {"cancel", StopBehaviour::Cancel}});
+     }},
+    {"fault", "KIND CODE VALUE [COUNT [SKIP]]", kAnyCount,
+     "make requests fail\n"
+     "  KIND    status (VALUE: NT status), result (first word of the reply), short (bytes of the reply),\n"
+     "          delay (milliseconds), never, unplug, dma (CODE: port, VALUE: DMA status), open (until cleared)\n"
+     "  CODE    request code in hexadecimal, 0 for any\n"
+     "  COUNT   how many requests, 1 if not given, 0 until cleared; SKIP: after how many\n"
+     "  fault signal CODE SKIP SIGNAL...            the input changes when a request arrives\n"
+     "  fault signal-at-frame 0 FRAME SIGNAL...     the input changes before a frame; SIGNAL as in `signal`",
+     [](const Call& call) { call.card.addFault(parseFault(call.arguments)); }},
+    {"clear-faults", "", 0, "forget all faults", [](const Call& call) { call.card.clearFaults(); }},
+    {"clear-log", "", 0, "empty the request log", [](const Call& call) { call.card.clearLog(); }},
+    {"reset", "", 0, "plugged in, 1080p60 with audio, no faults, empty log",
+     [](const Call& call) { call.card.reset(); }},
+    {"log", "", 0, "the requests that the card received: number, time, client, code, NT status, result, sizes, bytes",
+     [](const Call& call) { printLog(call.card.log(), call.json); }},
+};
+
+void printUsage(const Command& command) {
+    std::printf("usage: kestrasimctl [--card N] [--json] %s%s%s\n%s\n", command.name, *command.arguments ? " " : "",
+                command.arguments, command.text);
+}
+
+void printUsage(std::FILE* file) {
+    std::fputs("usage: kestrasimctl [--card N] [--json] COMMAND [ARGUMENT...]\n", file);
+    for (const Command& command : kCommands)
+        std::fprintf(file, "  %-13s %s\n", command.name, command.arguments);
+    std::fputs("kestrasimctl COMMAND --help explains a command. Exit codes: 0 done, 1 failed, 2 wrong usage.\n", file);
+}
+
+const Command* findCommand(const std::string& name) {
+    for (const Command& command : kCommands)
+        if (name == command.name) return &command;
+    return nullptr;
+}
+
+/// @throws UsageError, or what the card's driver refused
+void run(const std::string& name, const Call& call) {
+    const Command* command = findCommand(name);
+    if (!command) throw UsageError{"there is no command '" + name + "'"};
+    if (command->count != kAnyCount && call.arguments.size() != size_t(command->count))
+        throw UsageError{"wrong number of arguments for '" + name + "'"};
+    command->run(call);
 }
 
 } // namespace
@@ -281,7 +287,8 @@ int main(int argc, char** argv) {
                 arguments.push_back(word);
         }
         if (command.empty()) throw UsageError{"no command given"};
-        return run(card, json, command, arguments);
+        run(command, {CardControl(card), json, arguments});
+        return 0;
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrasimctl: %s\n", error.text.c_str());
         printUsage(stderr);
