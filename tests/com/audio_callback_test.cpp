@@ -1,5 +1,5 @@
-// The audio pin with the grab engine's blocks made by the test: every branch of the callback and every rate. The
-// filter's code is linked into the test.
+// The audio pin with blocks made by the test: every branch of the callback and every rate. The filter's code is linked
+// into the test.
 #include "capture/audio_filter.h"
 #include "capture/audio_stream.h"
 #include "capture/module_state.h"
@@ -17,7 +17,7 @@
 namespace kestra::test {
 namespace {
 
-/// What the pin gave to the grab engine, which does not start.
+/// What the pin passed to the grab engine, which never starts.
 struct Intercepted {
     int starts;
     uint32_t extra; ///< the last field of the camera data, as the pin set it
@@ -307,7 +307,7 @@ TEST_F(AudioCallback, TypeWithALengthButNoBlockIsNoType) {
 
 TEST_F(AudioCallback, SecondActivationOnlyReadsTheRateAgain) {
     connect();
-    ASSERT_EQ(m_stream->Active(), S_OK); // as a video pin does it
+    ASSERT_EQ(m_stream->Active(), S_OK); // as a video pin does
     EXPECT_TRUE(CKestraAudioStream::m_bactive);
     EXPECT_EQ(written(DMA_STATUS_GOOD, m_sound), startAnd(kCallback + L"!m_pFilter->IsActive()"));
     simcard::Signal interlaced = simcard::kDefaultSignal;

@@ -17,7 +17,7 @@ using namespace kestra::simcard;
 
 class AudioFormats : public AudioTest {
 protected:
-    /// A filter whose pin could not apply the persisted format, because the card did not answer just then.
+    /// A filter whose pin could not apply the persisted format, because the card did not answer at that moment.
     void makeFilterWithoutASetFormat() {
         m_card.failNext(wire::kVideoStatus, 0xC0000001, 1, 1);
         ASSERT_EQ(makeFilter(), S_OK);
@@ -311,7 +311,7 @@ TEST_F(AudioFormats, FormatCannotBeSetWhileTheFilterIsNotStopped) {
 TEST_F(AudioFormats, FormatOfAConnectedPinIsTheConnections) {
     connect(1);
     EXPECT_EQ(format().wave()->wBitsPerSample, 24);
-    // Without a graph there is nobody to reconnect the pin.
+    // Without a graph nobody can reconnect the pin.
     const OwnedType other = capability(0);
     clearTrace();
     EXPECT_EQ(config()->SetFormat(other.type), VFW_E_INVALIDMEDIATYPE);

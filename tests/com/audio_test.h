@@ -1,5 +1,5 @@
 // What the audio filter's tests share: the module, a filter on the simulated card, its pin, a sink, the system's graph,
-// and the account of the trace lines that were seen.
+// and a record of the trace lines seen.
 #pragma once
 
 #include "tests/com/sink_filter.h"
@@ -25,10 +25,10 @@ inline constexpr simcard::Signal kInterlaced60 = {1, 1, 1, 7, 0, 0, 1920, 1080, 
 inline constexpr simcard::Signal kProgressive50 = {1, 0, 1, 8, 0, 0, 1280, 720, 0, 50, 1, 0};
 inline constexpr simcard::Signal kCinema = {1, 0, 1, kVideoMode24, 0, 0, 1280, 720, 0, 24, 1, 0};
 
-/// Without line ends: every text that the tests of this program have seen.
+/// Every trace text that this program's tests have seen, without line ends.
 inline std::set<std::wstring> seenLines;
 
-/// Fails the program, if all of its tests ran, for every text that none of them has seen.
+/// If all tests ran, fails for every text that none of them has seen.
 class TraceAccount : public testing::Environment {
 public:
     explicit TraceAccount(std::vector<std::wstring> texts) : m_texts(std::move(texts)) {}
@@ -125,7 +125,7 @@ protected:
         EXPECT_EQ(config()->GetFormat(&result.type), S_OK);
         return result;
     }
-    /// The type that the pin offers at a position, or nothing.
+    /// The type that the pin offers at a position, if any.
     OwnedType offered(ULONG position) {
         OwnedType result;
         ComRef<IEnumMediaTypes> types;
@@ -139,7 +139,7 @@ protected:
         filter->GetState(0, &now);
         return now;
     }
-    bool receives(int count = 3) { // at most sixteen a second are waited for
+    bool receives(int count = 3) { // waits for at most sixteen a second
         const int before = m_sink->pin.received;
         return waitUntil([&] { return m_sink->pin.received >= before + count; }, std::chrono::seconds(10 + count / 16));
     }

@@ -12,7 +12,7 @@ namespace {
 
 using namespace kestra::simcard;
 
-constexpr Signal kSmall = {1, 0, 1, 9, 0, 0, 320, 240, 0, 60, 1, 0}; // a picture that takes no time
+constexpr Signal kSmall = {1, 0, 1, 9, 0, 0, 320, 240, 0, 60, 1, 0}; // a picture that costs no time
 
 class AudioVideo : public AudioTest {
 protected:
@@ -313,7 +313,7 @@ TEST_F(AudioVideo, OneGraphRunsBothAndLeavesNothingHoweverItEnds) {
 }
 
 TEST_F(AudioVideo, PictureAndSoundOfOneGraphBeginWithinAFrame) {
-    m_card.setSignal(kInterlaced60); // large pictures, whose buffers take the system long to lock
+    m_card.setSignal(kInterlaced60); // large pictures, whose buffers take long to lock
     m_videoSink->pin.keep = 1;
     for (const bool soundFirst : {false, true}) {
         SCOPED_TRACE(soundFirst);

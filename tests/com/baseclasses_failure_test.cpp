@@ -1,4 +1,4 @@
-// The layer when the system has no memory: an error, null pointers, and nothing held.
+// The base classes without memory: an error, null pointers, and nothing held.
 #include "tests/com/baseclasses_fixture.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/process_counts.h"
@@ -22,7 +22,7 @@ protected:
     }
     void SetUp() override { ASSERT_TRUE(m_taskAlloc.installed()); }
 
-    /// Repeats `step` with its first, second, ... allocation failing, until it meets no failure and succeeds.
+    /// Repeats `step` with its first, second, ... allocation failing, until it succeeds without a failure.
     /// After each failure `nothingLeft` must hold. @return how many allocations it makes
     template <class Step, class Check>
     int failEachAllocation(Step step, Check nothingLeft) {

@@ -1,5 +1,5 @@
 // A source filter, a sink filter and a graph for the tests of the base classes: each step can be counted and made to
-// fail, and the fixture wants every object gone at the end.
+// fail, and the fixture checks that no object is left at the end.
 #pragma once
 
 #include <streams.h>
@@ -50,11 +50,11 @@ inline ULONG referencesOf(IUnknown* object) {
     return object->Release();
 }
 
-/// What a step answers, how often it was taken, and what it throws instead.
+/// What a step returns or throws, and how often it was taken.
 struct Step {
     HRESULT result = S_OK;
     int throws = 0;  // 1: std::runtime_error, 2: std::bad_alloc
-    int passing = 0; // so many calls pass before that
+    int passing = 0; // calls that pass before that
     std::atomic<int> calls{0};
     HRESULT take() {
         ++calls;
@@ -76,8 +76,7 @@ inline CMediaType testType(int index = 0) {
     return type;
 }
 
-/// Pushes samples from a thread of its own while active, as a stream does whose samples come from elsewhere. Looks at
-/// its types under the filter's lock, and is stopped under it.
+/// Pushes samples from its own thread while active. Looks at its types, and is stopped, with the filter's lock held.
 class TestStream : public CSourceStream {
 public:
     TestStream(HRESULT* phr, CSource* filter, LPCWSTR name = L"Out")
@@ -238,7 +237,7 @@ public:
         m_require;
     std::atomic<int> m_eos{0}, m_notified{0};
     std::function<void()> m_onReceive;
-    int m_refusals = 0; // so many allocators are not taken
+    int m_refusals = 0; // allocators that are refused
     bool m_hasTransport = true, m_offersAllocator = false, m_offersNothing = false;
     ALLOCATOR_PROPERTIES m_required{};
     IMemAllocator* m_allocator = nullptr;
@@ -339,7 +338,7 @@ public:
 inline TestInput::TestInput(TestSink* filter, CCritSec* lock, HRESULT* phr)
     : CBasePin(NAME("input"), filter, lock, phr, L"In", PINDIR_INPUT) {}
 
-/// A graph that only listens. On the stack: the counts are watched, not obeyed.
+/// A graph that only listens. Lives on the stack: its reference count is only counted.
 class TestGraph : public IFilterGraph, public IMediaEventSink {
 public:
     LONG m_references = 1;
@@ -381,7 +380,7 @@ public:
     }
 };
 
-/// COM on the test's thread, one source and one sink, and no object of the module left over.
+/// COM on the test's thread, one source and one sink; checks that no object of the module is left.
 class BaseClassesTest : public testing::Test {
 protected:
     BaseClassesTest() : m_objects(CBaseObject::ObjectsActive()), m_com(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {

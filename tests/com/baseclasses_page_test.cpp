@@ -134,7 +134,7 @@ TEST_F(PageTest, IsOneObject) {
 }
 
 TEST_F(PageTest, AggregatedItAnswersThroughItsOuterObject) {
-    TestGraph outer; // any object will do
+    TestGraph outer; // any object would do
     auto* controlling = static_cast<IUnknown*>(static_cast<IFilterGraph*>(&outer));
     auto* page = new TestPage(TEST_PAGE_DIALOG, controlling);
     page->NonDelegatingAddRef();

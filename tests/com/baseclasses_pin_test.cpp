@@ -77,7 +77,7 @@ TEST_F(PinTest, InternalConnectionsAreLeftToTheDefault) {
     EXPECT_EQ(in().CBasePin::EndOfStream(), S_OK);
     EXPECT_EQ(out().BeginFlush(), E_UNEXPECTED);
     EXPECT_EQ(out().EndFlush(), E_UNEXPECTED);
-    TestGraph sink; // any object will do
+    TestGraph sink; // any object would do
     auto* control = reinterpret_cast<IQualityControl*>(static_cast<IFilterGraph*>(&sink));
     EXPECT_EQ(out().SetSink(control), S_OK);
     EXPECT_EQ(out().m_pQSink, control);

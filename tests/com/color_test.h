@@ -21,7 +21,7 @@ protected:
         release();
         VideoTest::TearDown();
     }
-    /// Stops the filter and lets go of its interfaces.
+    /// Stops the filter and releases its interfaces.
     void release() {
         if (m_filter) m_filter->Stop();
         if (m_pin) m_pin->Disconnect();
@@ -64,7 +64,7 @@ protected:
         b.hr = m_rgb->WhiteBalance(&b.mean[0], &b.mean[1], &b.mean[2], &b.gain[0], &b.gain[1], &b.gain[2]);
         return b;
     }
-    /// The bytes of a sample that comes from now on.
+    /// The bytes of a sample that arrives from now on.
     std::vector<uint8_t> nextSample() {
         std::vector<uint8_t> bytes;
         m_sink.forget();

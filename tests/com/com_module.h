@@ -1,4 +1,4 @@
-// The built module as COM sees it: loaded by its path, classes made through its factory, nothing registered.
+// The built module as COM sees it: loaded by path, objects made through its class factory, nothing registered.
 #pragma once
 
 #include "tests/support/wait_until.h"

@@ -14,7 +14,7 @@ protected:
     LRESULT list(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) const {
         return SendMessageW(m_host.control(IDC_BITS), message, wParam, lParam);
     }
-    /// As a user does it: the list takes it and tells the page.
+    /// As a user would: the list changes and notifies the page.
     void choose(int index) const {
         list(CB_SETCURSEL, WPARAM(index));
         SendMessageW(m_host.dialog(), WM_COMMAND, MAKEWPARAM(IDC_BITS, CBN_SELCHANGE),
@@ -29,7 +29,7 @@ public:
     ~BoxClicker() { finish(); }
     BoxClicker(const BoxClicker&) = delete;
     BoxClicker& operator=(const BoxClicker&) = delete;
-    /// No box is waited for any more; what was seen may be read.
+    /// Stops waiting for boxes; their texts may be read.
     void finish() {
         m_stop = true;
         if (m_thread.joinable()) m_thread.join();
@@ -260,7 +260,7 @@ TEST_F(AudioPage, ObjectWithoutAudioFormatIsRefused) {
 TEST_F(AudioPage, NoTextIsCutAndNoControlHidesAnother) {
     openAudio();
     EXPECT_EQ(m_host.cutTexts(), std::vector<std::wstring>());
-    // A narrower label, a control that hangs out and one that hides another would have been found.
+    // Shows that a narrow label, an overhanging control and an overlapping one are found.
     const auto children = m_host.children();
     SetWindowPos(children[1], nullptr, 0, 0, 60, 9, SWP_NOMOVE | SWP_NOZORDER);
     EXPECT_EQ(m_host.cutTexts().size(), 1u);

@@ -20,7 +20,7 @@ protected:
         list(CB_GETLBTEXT, WPARAM(list(CB_GETCURSEL)), reinterpret_cast<LPARAM>(entry));
         return entry;
     }
-    /// As a user does it: the list takes it and tells the page.
+    /// As a user would: the list changes and notifies the page.
     void chooseMatrix(const wchar_t* entry) const {
         const LRESULT index = list(CB_FINDSTRINGEXACT, WPARAM(-1), reinterpret_cast<LPARAM>(entry));
         ASSERT_NE(index, CB_ERR);

@@ -1,4 +1,4 @@
-// An object with the interfaces of the property pages that does as a test says, and writes down what it is asked.
+// A test double with the interfaces of the property pages: does as a test says and records what it is asked.
 #pragma once
 
 #include <windows.h>

@@ -39,7 +39,7 @@ HWND findBelow(HWND parent, const std::function<bool(HWND)>& matches) {
     return nullptr;
 }
 
-/// This process's property sheet; null: none is to be seen.
+/// This process's property sheet, null if none is visible.
 HWND findFrame() {
     HWND found = nullptr;
     for (HWND window = nullptr; !found && (window = FindWindowExW(nullptr, window, L"#32770", nullptr));) {

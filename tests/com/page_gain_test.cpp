@@ -16,7 +16,7 @@ using namespace kestra::simcard;
 class GainPage : public PageTest {
 protected:
     int slider(int color) const { return int(SendMessageW(m_host.control(IDC_RED_SLIDER + color), TBM_GETPOS, 0, 0)); }
-    /// As the mouse does it: the thumb goes, then the page is told.
+    /// As the mouse would: the thumb moves, then the page is notified.
     void drag(int color, int position) const {
         const HWND bar = m_host.control(IDC_RED_SLIDER + color);
         SendMessageW(bar, TBM_SETPOS, TRUE, position);

@@ -1,4 +1,4 @@
-// Pages whose object was refused, as some base classes leave them: they are activated and applied all the same.
+// Pages whose object was refused, which some frames activate and apply all the same.
 #include "pages/pages.h"
 #include "tests/com/page_double.h"
 
@@ -38,7 +38,7 @@ TEST_P(RefusedPage, ReachesNoObjectWhateverIsAskedOfIt) {
     Stranger stranger;
     IUnknown* object = &stranger;
     EXPECT_EQ(page->SetObjects(1, &object), E_NOINTERFACE);
-    page->OnActivate(); // what the frame's Activate and Apply come to
+    page->OnActivate(); // what the frame's Activate and Apply lead to
     EXPECT_TRUE(FAILED(page->OnApplyChanges()));
     for (int control = 200; control < 300; ++control)
         for (const int event : {BN_CLICKED, EN_CHANGE, CBN_SELCHANGE})

@@ -193,7 +193,7 @@ void PageHost::type(int id, const std::wstring& text) const {
         SendMessageW(edit, WM_CHAR, c, 1);
 }
 
-/// As a frame's message loop does it: the page first, then the frame's own dialog keys.
+/// Like a frame's message loop: the page first, then the frame's own dialog keys.
 void PageHost::dispatchKey(MSG message) const {
     if (m_page->TranslateAccelerator(&message) != S_OK) IsDialogMessageW(m_frame, &message);
 }

@@ -22,7 +22,7 @@ public:
 
     /// Does what a frame does: site, object, size, activation. @return the first failure
     HRESULT open(ComRef<IPropertyPage> page, IUnknown* object);
-    /// Takes it all back in the reverse order and lets the page go.
+    /// Undoes it in reverse order and releases the page.
     void close();
     HRESULT apply() { return m_page->Apply(); }
     bool isDirty() const { return m_page->IsPageDirty() == S_OK; }
@@ -45,7 +45,7 @@ public:
     std::vector<int> tabOrder() const;
     /// Every child window of the dialog.
     std::vector<HWND> children() const;
-    /// Texts that need more room than their control has, and controls that hang out of the page or lie upon another.
+    /// Texts that do not fit their control, and controls that leave the page or overlap another.
     std::vector<std::wstring> cutTexts() const;
 
     // What a user does.
@@ -76,7 +76,7 @@ private:
     long m_references = 1;
 };
 
-/// What this process has of the system's windows and drawing objects.
+/// The window and drawing objects that this process holds.
 struct GuiCounts {
     int gdiObjects, windows;
 };

@@ -55,7 +55,7 @@ bool save(HWND window, SIZE size, const std::wstring& path) {
 
 void paintAll() {
     MSG message;
-    // Until nothing is left to be painted.
+    // Until everything has been painted.
     while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
         TranslateMessage(&message);
         DispatchMessageW(&message);

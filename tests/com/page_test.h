@@ -1,4 +1,4 @@
-// What the tests of the property pages share: the page on the real filter, or on an object that does as a test says.
+// What the tests of the property pages share: the page on the real filter or on a test double.
 #pragma once
 
 #include "pages/resource.h"
@@ -59,7 +59,7 @@ protected:
         ASSERT_EQ(m_pin->Connect(&m_sink, nullptr), S_OK);
         ASSERT_EQ(m_filter->Run(0), S_OK);
     }
-    /// The bytes of a sample that comes from now on.
+    /// The bytes of a sample that arrives from now on.
     std::vector<uint8_t> nextSample() {
         std::vector<uint8_t> bytes;
         m_sink.forget();
@@ -96,7 +96,7 @@ protected:
         return lstrcmpW(kind, L"Static") == 0 ? text : L"";
     }
 
-    /// Goes through a cycle of an open page many times: it leaves no window and no drawing object.
+    /// Repeats a cycle of an open page many times and checks that it leaves no window and no drawing object.
     template <class Cycle>
     void expectNothingLeftBy(Cycle cycle) {
         cycle();

@@ -1,5 +1,5 @@
 // What a receiver asks the video pin and its filter from inside Receive, as renderers do, while the stream is being
-// stopped: nothing of it waits for the stop, which waits for the receiver.
+// stopped: none of it waits for the stop, which itself waits for the receiver.
 #include "tests/com/sink_filter.h"
 #include "tests/com/video_test.h"
 

@@ -1,5 +1,5 @@
-// Registration as regsvr32 asks for it: what stands in the registry and in the system's lists of devices afterwards,
-// what failing system calls leave, and what the module's file shows of itself.
+// Registration as through regsvr32: the resulting registry keys and device lists, the effect of failing system calls,
+// and the module's file properties.
 #include "kestra_interfaces.h"
 #include "tests/com/com_module.h"
 #include "tests/support/scoped_import_hook.h"
@@ -324,7 +324,7 @@ TEST_F(Registration, FolderThatTheCodePageCannotNameIsRegisteredAsItIs) {
         EXPECT_EQ(module.registerServer(), S_OK);
         for (const Class& entry : kClasses)
             EXPECT_EQ(classesValue(std::wstring(L"CLSID\\") + entry.clsid + L"\\InprocServer32", nullptr), file);
-        // The system may put its sign for long paths before it.
+        // The system may prefix it as a long path.
         EXPECT_TRUE(classesValue(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0\\0\\win64", nullptr).ends_with(file));
         EXPECT_EQ(module.unregisterServer(), S_OK);
         EXPECT_FALSE(classesKeyExists(L"TypeLib\\" + textOf(kLibrary) + L"\\1.0"));

@@ -1,4 +1,4 @@
-// A receiving filter of ours for the system's graph or for none: keeps what it gets, and misbehaves as a test asks.
+// Our receiving filter, with or without the system's graph: keeps what it gets and misbehaves as a test asks.
 #pragma once
 
 #include <streams.h>

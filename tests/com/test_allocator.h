@@ -1,4 +1,4 @@
-// An allocator of ours for a receiving pin: the system's, which fails as a test asks. Any thread.
+// Our allocator for a receiving pin: wraps the system's and fails as a test asks. Any thread.
 #pragma once
 
 #include "win32/com_ref.h"
@@ -22,7 +22,7 @@ public:
     TestAllocator(const TestAllocator&) = delete;
     TestAllocator& operator=(const TestAllocator&) = delete;
 
-    // A failure here is what the method returns instead of doing its work.
+    // A failure set here is returned in place of doing the work.
     std::atomic<HRESULT> setPropertiesResult{S_OK}, commitResult{S_OK}, decommitResult{S_OK}, getBufferResult{S_OK};
     std::atomic<bool> withoutMemory{false}; ///< samples have no pointer
     std::atomic<long> claimedLength{0};     ///< what samples say is their length, whatever their size; 0: the truth

@@ -1,4 +1,4 @@
-// A receiving pin of ours: keeps what it gets, and misbehaves as a test asks.
+// Our receiving pin: keeps what it gets and misbehaves as a test asks.
 #pragma once
 
 #include "win32/com_ref.h"

@@ -1,5 +1,5 @@
-// The video pin with the grab engine's frames made by the test: every branch of the frame callback, a receiver's
-// allocator that fails, and memory that is not there. The filter's code is linked into the test.
+// The video pin with frames made by the test: every branch of the frame callback, failing allocators, and lack of
+// memory. The filter's code is linked into the test.
 #include "capture/video_filter.h"
 #include "capture/video_formats.h"
 #include "capture/video_stream.h"
@@ -18,7 +18,7 @@ int g_cTemplates = 0;
 namespace kestra::test {
 namespace {
 
-/// What the pin gave to the grab engine, which does not start.
+/// What the pin passed to the grab engine, which never starts.
 struct Intercepted {
     TarnisCameraData* cameraData;
     TarnisFrameCallback callback;
@@ -432,7 +432,7 @@ TEST_F(VideoCallback, MediaTypeAttachedToASampleLeavesItsBytesTheConnections) {
     EXPECT_TRUE(samples[0].bytes == samples[1].bytes);
 }
 
-/// A frame that a receiver keeps for as long as a test wants, on a thread of its own.
+/// A frame that a receiver keeps, on its own thread, for as long as a test wants.
 class BlockedFrame {
 public:
     BlockedFrame(TestSink& sink, std::function<void()> bringFrame) : m_sink(sink) {
@@ -494,7 +494,7 @@ TEST_F(VideoCallback, ReceiverThatBlocksIsHeldUntilItReturnsAndSoIsTheFilter) {
     EXPECT_EQ(lines(L"CKestraCapture->Destructor->#1 "), 1) << "on the late thread";
     EXPECT_EQ(m_sink.references(), 0);
     m_trace.clear();
-    frame(DMA_STATUS_GOOD, m_grey); // of a filter that there is no more
+    frame(DMA_STATUS_GOOD, m_grey); // for a filter that no longer exists
     EXPECT_TRUE(m_trace.lines().empty());
 }
 
@@ -519,7 +519,7 @@ TEST_F(VideoCallback, PinAnswersAReceiverThatAsksFromReceiveWhileAStopWaits) {
     std::atomic<bool> answered{false};
     std::thread grabbing;
     {
-        CAutoLock stop(m_capture->pStateLock()); // as whoever stops the filter holds it
+        CAutoLock stop(m_capture->pStateLock()); // as held while the filter is being stopped
         m_sink.onReceive = [&](IMediaSample*) {
             LPWSTR id = nullptr;
             PIN_INFO info{};
@@ -605,7 +605,7 @@ TEST_F(VideoCallback, AllocatorThatRefusesTheSizeIsNamed) {
     EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->S_OK"), 1);
 }
 
-/// The task memory of this program: what there is, and how much of it may still be had.
+/// This program's task memory: blocks in use, and how many more may be allocated.
 class TaskMemory {
 public:
     TaskMemory()
@@ -692,7 +692,7 @@ TEST_F(VideoCallback, MissingMemoryIsNamedAndChangesNothing) {
     EXPECT_EQ(lines(L"CKestraStream->setFormat->E_OUTOFMEMORY"), 1);
     formatSet = false; // but for this: a format that could not be stored takes the old one's place from it
     expectUnchanged();
-    memory.allow(1); // the copy, but no candidate to compare it with
+    memory.allow(1); // enough for the copy, but not for a candidate to compare it with
     EXPECT_EQ(config->SetFormat(got), VFW_E_INVALIDMEDIATYPE);
     expectUnchanged();
 
@@ -769,7 +769,7 @@ TEST_F(VideoCallback, TypesAreMadeAndSetWithoutLeavingMemory) {
         SCOPED_TRACE(format);
         long before = 0;
         for (int i = 0; i < 10; ++i) {
-            if (i == 1) before = memory.blocks(); // by then this format is the set one
+            if (i == 1) before = memory.blocks(); // this format has been set by then
             AM_MEDIA_TYPE* type = nullptr;
             VIDEO_STREAM_CONFIG_CAPS caps;
             ASSERT_EQ(config->GetStreamCaps(format, &type, reinterpret_cast<BYTE*>(&caps)), S_OK);
@@ -822,7 +822,7 @@ TEST_F(VideoCallback, StopOfAFilterThatDidNotStartGivesEverythingBack) {
     EXPECT_EQ(m_allocator.GetBuffer(&sample, nullptr, nullptr, 0), VFW_E_NOT_COMMITTED);
     EXPECT_EQ(other->Pause(), S_OK);
     EXPECT_EQ(other->Stop(), S_OK);
-    // Disconnecting does it too.
+    // Disconnecting does so too.
     g_grab.result = TARNIS_FAILURE;
     EXPECT_EQ(m_filter->Pause(), E_UNEXPECTED);
     g_grab.result = TARNIS_SUCCESS;

@@ -283,7 +283,7 @@ TEST_F(VideoFormats, FormatOfAConnectedPinIsTheConnections) {
     EXPECT_EQ(type->subtype, MEDIASUBTYPE_RGB24);
     CoTaskMemFree(type->pbFormat);
     CoTaskMemFree(type);
-    // Without a graph there is nobody to reconnect the pin.
+    // Without a graph nobody can reconnect the pin.
     const Type other = capability(0);
     EXPECT_EQ(config()->SetFormat(other.type), VFW_E_INVALIDMEDIATYPE);
     EXPECT_EQ(offered(0).type->subtype, MEDIASUBTYPE_YUY2) << "set all the same";

@@ -28,7 +28,7 @@ struct Picture {
     bool rgb() const { return format == 1 || format == 3; }
     uint32_t bytesPerPixel() const { return format == 3 ? 4 : format == 1 ? 3 : 2; }
     uint32_t lineBytes() const { return (width() * bytesPerPixel() + 3) & ~3u; }
-    /// Raw line that a line of the sample shows, from its top on; fields count as equally high.
+    /// Raw line shown by a line of the sample, counted from the top; the fields count as equally high.
     uint32_t rawLine(uint32_t line) const {
         const bool woven = interlaced() && (format == 0 || format == 1);
         return woven ? line / 2 + (line % 2) * (height() / 2) : line;
@@ -45,7 +45,7 @@ struct Picture {
     }
 };
 
-/// The sample that a frame must become, made from the card's raw frame the slow way.
+/// The expected sample, made from the card's raw frame the slow way.
 std::vector<uint8_t> expectedSample(const Picture& picture, uint32_t frameNumber) {
     const PictureFormat format{picture.signal.width,
                                picture.signal.height,
@@ -290,7 +290,7 @@ TEST_F(VideoStream, StatusesOfTheCardAreTracedAndDeliverNothing) {
 
 TEST_F(VideoStream, SampleTooSmallForALineIsDroppedAndMadeWholeAgain) {
     connect();
-    m_sink.leaveActualLength = 1000; // as it comes back from the allocator
+    m_sink.leaveActualLength = 1000; // as returned by the allocator
     ASSERT_EQ(m_filter->Run(0), S_OK);
     ASSERT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->SetActualDataLength") >= 1; }));
     m_sink.leaveActualLength = 0;
@@ -335,7 +335,7 @@ TEST_F(VideoStream, ReceiverThatBlocksHoldsUpAStopForASecondAtMost) {
     m_sink.blockUntil = nullptr;
     SetEvent(gate);
     EXPECT_TRUE(waitUntil([&] { return m_sink.insideReceive == 0; }));
-    for (int run = 0; run < 2; ++run) { // the second one as if nothing had ever been late
+    for (int run = 0; run < 2; ++run) { // the second as if nothing had been late
         m_sink.forget();
         ASSERT_EQ(m_filter->Run(0), S_OK);
         ASSERT_TRUE(receives(3)) << "the next run works";
@@ -381,7 +381,7 @@ TEST_F(VideoStream, ModuleCanBeUnloadedAfterUseInEveryFormat) {
         EXPECT_EQ(m_module.canUnloadNow(), S_OK);
         m_module.unload();
         EXPECT_FALSE(m_module.isInMemory()) << "format " << format;
-        // A thread that were left in the module's code would fall now.
+        // A thread left in the module's code would crash now.
         if (longRun()) std::this_thread::sleep_for(std::chrono::seconds(10));
         m_module.load();
     }
@@ -477,7 +477,7 @@ TEST_F(VideoStream, ChoosingFormatsAgainAndAgainLeavesNoMemoryBehind) {
     ASSERT_EQ(makeFilter(), S_OK);
     CountsOverCycles counts;
     for (int i = 0; i < choices; ++i) {
-        ASSERT_EQ(choose(3), S_OK); // found after the other three have been made
+        ASSERT_EQ(choose(3), S_OK); // found last, after the other three
         m_trace.clear();
         if (i % 10 == 9) counts.note();
     }

@@ -36,7 +36,7 @@ protected:
         return hr;
     }
     ComRef<IAMStreamConfig> config() { return query<IAMStreamConfig>(m_pin.get(), IID_IAMStreamConfig); }
-    /// The type that the pin offers at a position, or nothing.
+    /// The type that the pin offers at a position, if any.
     struct Type {
         AM_MEDIA_TYPE* type = nullptr;
         Type() = default;

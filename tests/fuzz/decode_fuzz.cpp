@@ -1,5 +1,5 @@
-// Any record, stride and raw bytes: a decode reads only the raw frame and writes only its image, whatever it is given.
-// Both lie in blocks of just their size, so that the address sanitizer sees every byte beyond.
+// Any record, stride and raw bytes: a decode reads only the raw frame and writes only its image. Both lie in blocks of
+// exactly their size, so that the address sanitizer sees every access beyond.
 #include "decode/decode.h"
 #include "decode/kernel_set.h"
 #include "protocol/raw_frame.h"

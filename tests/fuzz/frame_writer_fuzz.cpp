@@ -1,6 +1,6 @@
 // Any format, layout, geometry and sizes: a frame writer reads only the raw frame, writes the whole sample and nothing
-// beyond. Both lie in blocks of just their size, so that the address sanitizer sees every byte beyond. What a sample
-// must become is computed here once more, byte by byte.
+// beyond. Both lie in blocks of exactly their size, so that the address sanitizer sees every access beyond. The
+// expected sample is computed here again, byte by byte.
 #include "capture/frame_writer.h"
 #include "decode/kernel_set.h"
 #include "protocol/raw_frame.h"
@@ -34,7 +34,7 @@ constexpr Format kFormats[] = {{writeYuy2, TARNIS_OUTPUT_YUV422_8, 2, false, tru
                                {writeUyvy, TARNIS_OUTPUT_YUV422_8, 2, false, false},
                                {writeRgb32, TARNIS_OUTPUT_RGB24, 4, true, false}};
 
-/// The sample that a frame of the format's own layout must become.
+/// The expected sample for a frame of the format's own layout.
 std::vector<uint8_t> expected(const Format& format, const TarnisCameraData& camera, const uint8_t* raw, size_t rawBytes,
                               size_t sampleBytes) {
     std::vector<uint8_t> sample(sampleBytes);
@@ -100,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         const std::vector<uint8_t> wanted = expected(format, camera, raw.get(), rawBytes, sampleBytes);
         if (!std::equal(wanted.begin(), wanted.end(), sample.get())) std::abort();
     }
-    // Black is all black; and a sample that is shown or not is filled to its last byte either way.
+    // Black means all black; shown or not, the sample is filled to its last byte.
     if (!shown && std::any_of(sample.get(), sample.get() + sampleBytes, [](uint8_t byte) { return byte != 0; }))
         std::abort();
     return 0;

@@ -1,4 +1,4 @@
-// The debugger output raises an exception that a vectored handler sees before anybody else.
+// Debugger output raises an exception, which a vectored handler sees first.
 #include "tests/support/debug_output_capture.h"
 
 #include <windows.h>

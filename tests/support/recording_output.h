@@ -1,4 +1,4 @@
-// A log channel that keeps its lines and records: puts a test where a file would be.
+// A log output that keeps its lines and records, for tests.
 #pragma once
 
 #include "log/engine.h"
@@ -39,7 +39,7 @@ public:
             m_seen.records.push_back({textOf(r.group), textOf(r.functionName), textOf(r.moduleTag), textOf(r.timeText),
                                       textOf(r.sourceFile), textOf(r.message), r.severity, r.code, r.line});
             return 0;
-        } catch (const std::bad_alloc&) { // a test's doing: the record is lost
+        } catch (const std::bad_alloc&) { // provoked by a test: the record is lost
             return 1;
         }
     }

@@ -1,4 +1,4 @@
-// The test helpers themselves: a helper that cannot see is worse than none.
+// The test helpers themselves: a helper that misses things is worse than none.
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/registry_sandbox.h"

@@ -1,4 +1,4 @@
-// Waiting for a condition with a deadline: the only way in which tests wait. Any thread.
+// Waits for a condition with a deadline: the only way in which tests wait. Any thread.
 #pragma once
 
 #include <chrono>

@@ -1,5 +1,5 @@
-// A channel's life without threads: every order in which events can come, up to a length that meets every pair of
-// transitions at least twice. KESTRA_LONG=1: two events more.
+// A channel's life without threads: every order of events, up to a length that covers every pair of transitions at
+// least twice. KESTRA_LONG=1: two events more.
 #include "device/channel_life.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What the decoder's tests share: raw lines of known samples, memory with guards, and the rows that run here.
+// What the decoder's tests share: raw lines of known samples, guarded memory, and the kernel sets that run here.
 #pragma once
 
 #include "decode/kernel_set.h"
@@ -62,11 +62,10 @@ private:
     const Sharing m_before;
 };
 
-/// Bytes that end where the next page cannot be touched (or begin where the one before cannot): whoever reads or writes
-/// beyond them is stopped.
+/// Bytes that end at (or begin after) an inaccessible page: reading or writing beyond them faults.
 class GuardedBytes {
 public:
-    /// @param atEnd the bytes end at the guard; else they begin at one
+    /// @param atEnd the bytes end at the guard page; otherwise they begin after one
     explicit GuardedBytes(size_t size, bool atEnd = true) : m_size(size) {
         m_pages = (size + kPage - 1) / kPage * kPage;
         m_base = reserve(m_pages + 2 * kPage);
@@ -111,7 +110,7 @@ private:
     uint8_t *m_base, *m_data;
 };
 
-/// Pages so far apart that only they take memory.
+/// Sparse pages: only those that are used take memory.
 class SparseBytes {
 public:
     SparseBytes(size_t step, size_t count) : m_step(step), m_size(step * (count - 1) + kPage) {
@@ -143,7 +142,7 @@ private:
     uint8_t* m_base;
 };
 
-/// A set's name as a test's: letters and digits.
+/// A set's name as a test name: letters and digits only.
 inline std::string setName(const testing::TestParamInfo<const KernelSet*>& info) {
     std::string name = info.param->name;
     name.erase(std::remove(name.begin(), name.end(), '.'), name.end());

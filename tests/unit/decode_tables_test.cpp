@@ -58,7 +58,7 @@ TEST(ColorTables, DefaultEntriesAreTruncatedProducts) {
     EXPECT_EQ(ten->YR[940], 1019);  // 876 * 1.164 = 1019.66
     EXPECT_EQ(ten->CbB[0], -1032);  // -512 * 2.017 = -1032.7
     EXPECT_EQ(ten->CrR[1023], 815); // 511 * 1.596 = 815.556
-    // Entries that only single precision, rounded at each product, gives.
+    // Entries that only single precision with rounding at each product produces.
     for (const int i : {12, 262, 762, 1012})
         EXPECT_EQ(ten->CrR[i], static_cast<int32_t>(static_cast<float>(i - 512) * 1.596f)) << i;
     EXPECT_EQ(ten->CrR[12], -798) << "-500 * 1.596";
@@ -308,7 +308,7 @@ TEST(KernelSets, RunWhereTheProcessorAndTheSystemSaySo) {
     unsigned a = 0, b = 0, basic = 0, d = 0, extendedB = 0, extendedC = 0;
     ASSERT_TRUE(__get_cpuid(1, &a, &b, &basic, &d));
     __get_cpuid_count(7, 0, &a, &extendedB, &extendedC, &d);
-    unsigned saved = 0; // of the registers, by the system
+    unsigned saved = 0; // registers saved by the system
     if (basic & bit_OSXSAVE) asm volatile("xgetbv" : "=a"(saved), "=d"(d) : "c"(0));
     const bool avx = (saved & 6) == 6, avx512 = (saved & 0xE6) == 0xE6;
     constexpr unsigned kAvx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512VL;

@@ -1,5 +1,5 @@
-// TARNIS_Decode as its callers see it: results, texts, geometry, and every layout against a reference written from the
-// formulas in the plainest way.
+// TARNIS_Decode as its callers see it: results, log texts, geometry, and every layout against a reference written
+// plainly from the formulas.
 #include "decode/decode.h"
 #include "tests/support/recording_output.h"
 #include "tests/unit/decode_support.h"
@@ -46,7 +46,7 @@ void referencePixel(uint32_t y, uint32_t cb, uint32_t cr, bool ten, uint8_t* bgr
         bgr[i] = static_cast<uint8_t>(std::clamp(sums[i] >> shift, 0, 255));
 }
 
-/// The whole image that a decode must leave behind in `rgb` (top line first, `stride` bytes a line).
+/// The whole image that a decode must leave in `rgb` (top line first, `stride` bytes a line).
 void reference(const TarnisCameraData& data, const uint8_t* raw, std::vector<uint8_t>& rgb, uint32_t stride) {
     uint32_t height = data.status.height;
     bool interlaced = data.status.interlaced == 1;

@@ -1,5 +1,4 @@
-// A module that decodes on several threads may be released at any time: the process goes on, whatever becomes of the
-// threads that helped.
+// A module that decodes on several threads may be released at any time without harming the process.
 #include "tests/support/process_counts.h"
 #include "tests/unit/decode_support.h"
 

@@ -1,5 +1,5 @@
-// The sample writers at their edges: frames too short or too long, odd heights of fields, lines that hold no whole
-// number of pixels, samples larger than the picture.
+// Edge cases of the sample writers: frames too short or too long, odd field heights, lines with a partial pixel,
+// samples larger than the picture.
 #include "capture/frame_writer.h"
 #include "protocol/raw_frame.h"
 
@@ -47,7 +47,7 @@ protected:
         EXPECT_TRUE(std::all_of(memory.end() - kGuardBytes, memory.end(), isGuard)) << "behind the sample";
         return {shown, {memory.begin() + kGuardBytes, memory.end() - kGuardBytes}};
     }
-    /// The line numbers of the frame's lines that a sample shows, from its first byte on; 0 for black.
+    /// Numbers of the frame's lines in the order in which the sample shows them; 0 for black.
     std::vector<int> linesOf(const Written& written, uint16_t height) {
         std::vector<int> lines;
         const size_t line = written.sample.size() / height;
@@ -122,7 +122,7 @@ TEST_F(FrameWriter, LineOfRgb32EndsWithinAPixel) {
     const std::vector<uint8_t> expected = {8, 9, 10, 0, 8, 9, 10, 0, 8, 9, 10, 0, 8, 9, // fourteen bytes a line
                                            4, 5, 6,  0, 4, 5, 6,  0, 4, 5, 6,  0, 4, 5};
     EXPECT_EQ(write(writeRgb32, data, raw, 28).sample, expected);
-    std::vector<uint8_t> wide(40); // a fifth pixel has nothing to show
+    std::vector<uint8_t> wide(40); // nothing to show in the fifth pixel
     for (const size_t line : {0, 1})
         for (size_t i = 0; i < 16; ++i)
             wide[line * 20 + i] = static_cast<uint8_t>(i % 4 == 3 ? 0 : 8 - 4 * line + i % 4);

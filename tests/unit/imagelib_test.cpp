@@ -34,7 +34,8 @@ TEST(ImageMean, IsExactAndIgnoresTheGapsBetweenLines) {
 
 TEST(ImageMean, KeepsTheChannelsApart) {
     for (size_t channel = 0; channel < 3; ++channel) {
-        std::vector<uint8_t> image(3 * 1920); // ends where the line ends: a byte too far is found by the sanitizer
+        // Ends where the line ends, so that the sanitizer finds an access beyond it.
+        std::vector<uint8_t> image(3 * 1920);
         for (size_t i = channel; i < image.size(); i += 3)
             image[i] = 255;
         double mean[3] = {};

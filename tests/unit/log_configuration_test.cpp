@@ -1,4 +1,4 @@
-// The log as the registry configures it: its life, its channels and what they write.
+// The log as configured in the registry: its lifetime, its outputs and what they write.
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/registry_sandbox.h"
@@ -19,7 +19,7 @@ namespace {
 
 constexpr wchar_t kLogKey[] = L"Software\\Quorvane\\TARNIS\\SDK\\Log";
 
-/// The engine's channels as the registry configures them, in a folder of their own.
+/// The outputs as configured in the registry, in a folder of their own.
 class LogConfigurationTest : public LogFolder {
 protected:
     LogConfigurationTest()
@@ -37,7 +37,7 @@ protected:
         static constexpr LogUnit unit{"group", L".\\unit.cpp"};
         KESTRA_LOG(unit, "function", severity, 1, L"%ls", message);
     }
-    /// A line of level 3 with its source line, which changes with every edit, made a "#".
+    /// A line of level 3 with its source line number, which changes with every edit, replaced by "#".
     static std::wstring maskSourceLine(const std::wstring& line) {
         const size_t end = line.find(L';'), begin = line.rfind(L',', end);
         return line.substr(0, begin + 1) + L"#" + line.substr(end);
@@ -133,7 +133,7 @@ TEST_F(LogConfigurationTest, DirectoryWithoutATerminatorIsReadAsFarAsItGoes) {
     set(L"FileOutDetail", 1);
     const std::wstring directory = (m_folder / L"d").wstring() + L"\\";
     std::filesystem::create_directory(directory);
-    // No null behind it in the registry either: the system would take that one along.
+    // No null follows it in the registry either: the system would append it.
     m_registry.setRaw(kLogKey, L"LogDir", REG_SZ, (directory + L"x").c_str(),
                       static_cast<DWORD>(directory.size() * sizeof(wchar_t)));
     ASSERT_TRUE(logLoadConfiguration());
@@ -351,7 +351,7 @@ TEST_F(LogConfigurationTest, ConfigurationKeyIsOpenedForReadingOnly) {
 
 TEST_F(LogConfigurationTest, LifetimeOpensAndClosesAndLeavesNoHandle) {
     set(L"FileOutDetail", 1);
-    { const LogLifetime first; } // what is made once per process is made here
+    { const LogLifetime first; } // things made once per process are made here
     const int handles = processCounts().handles;
     for (int i = 0; i < 20; ++i) {
         const LogLifetime life;

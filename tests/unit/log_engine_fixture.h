@@ -1,4 +1,4 @@
-// An engine under a handle of the test's own, with channels that keep what they are given.
+// A log engine under the test's own handle, with outputs that keep what they are given.
 #pragma once
 
 #include "tests/support/recording_output.h"

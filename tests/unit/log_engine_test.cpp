@@ -1,4 +1,5 @@
-// Engines and dispatch: who is asked, who gets a record, with which context. Channels are the test's own.
+// Engines and dispatch: which engines are asked, which get a record, with which context. The outputs are the test's
+// own.
 #include "tests/unit/log_engine_fixture.h"
 
 #include "log/platform.h"
@@ -13,7 +14,7 @@ using testing::ElementsAre;
 
 namespace {
 
-/// The seconds between which something happened.
+/// The range of seconds in which something happened.
 struct Seconds {
     uint32_t from, to;
 };
@@ -29,7 +30,7 @@ void expectLine(const std::wstring& line, uint32_t threadId, Seconds first, cons
     EXPECT_THAT(possible, testing::Contains(line));
 }
 
-/// A channel that reports a failure for every line.
+/// An output that fails for every line.
 class FailingOutput final : public LogOutput {
 public:
     FailingOutput() noexcept : LogOutput(L"Failing", kFile, 0) { setDetail(1); }
@@ -334,7 +335,7 @@ TEST_F(LogEngineTest, FirstRecordsOfManyThreadsRaceOnOneEngine) {
         threads.emplace_back([t] {
             for (uint32_t i = 0; i < kRecords; ++i) {
                 LogRecord r = record(5);
-                r.threadId = t * kRecords + i; // each looks like a new thread
+                r.threadId = t * kRecords + i; // each poses as a new thread
                 LogSend(kHandle, r);
             }
         });

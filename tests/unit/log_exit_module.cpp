@@ -1,12 +1,11 @@
-// A module with the library's log in it, closed when the module is detached: what a process looks like that ends
-// while its threads log.
+// A module with the library's log, closed when the module is detached: for a process that ends while its threads log.
 #include "log/engine.h"
 
 #include <windows.h>
 
 namespace {
 
-/// The log for as long as the module is there.
+/// Keeps the log open while the module is loaded.
 struct ModuleLog {
     ModuleLog() noexcept {
         const bool file = GetEnvironmentVariableW(L"KESTRA_EXIT_CHANNEL", m_channel, 16) == 4;

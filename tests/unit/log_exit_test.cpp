@@ -1,4 +1,4 @@
-// The end of a process closes its log, and a thread that it caught while logging cannot keep it from ending.
+// A process that ends closes its log; a thread caught while logging cannot keep it from ending.
 #include <windows.h>
 
 #include <gtest/gtest.h>

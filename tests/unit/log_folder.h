@@ -1,4 +1,4 @@
-// A folder of its own for a test that writes log files, and how to read them. Windows only.
+// A separate folder for a test that writes log files, and a reader for them. Windows only.
 #pragma once
 
 #include "log/log.h"
@@ -33,7 +33,7 @@ inline std::vector<std::wstring> linesOf(const std::filesystem::path& path) {
     return lines;
 }
 
-/// A record of now.
+/// A record stamped with the present date.
 inline LogRecord today(uint32_t severity = 5) {
     LogRecord r;
     LogFreeText(LogMakeTimeStamp(r));
@@ -41,7 +41,7 @@ inline LogRecord today(uint32_t severity = 5) {
     return r;
 }
 
-/// A folder of its own, which is also the current directory.
+/// A folder for one test, which is also the current directory.
 class LogFolder : public testing::Test {
 protected:
     LogFolder() {

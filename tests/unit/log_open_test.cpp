@@ -1,4 +1,4 @@
-// Opening and closing of engines: who may, what is said, and what happens to threads that are delivering.
+// Opening and closing of engines: by whom, with which announcements, and while threads are delivering.
 #include "tests/support/wait_until.h"
 #include "tests/unit/log_engine_fixture.h"
 
@@ -18,7 +18,7 @@ using namespace kestra::test;
 
 namespace {
 
-/// A channel that keeps its writer until it is let go.
+/// An output that blocks its writer until released.
 class HoldingOutput final : public LogOutput {
 public:
     struct Gate {
@@ -26,7 +26,7 @@ public:
     };
     explicit HoldingOutput(Gate& gate) noexcept : LogOutput(L"Holding", kFile, 0), m_gate(gate) { setDetail(1); }
     uint32_t write(const wchar_t*, size_t, const LogRecord& record) noexcept override {
-        if (record.severity == 6) return 0; // the engine's own leave
+        if (record.severity == 6) return 0; // the engine's closing announcement
         m_gate.inside = true;
         waitUntil([&] { return m_gate.open.load(); }, std::chrono::seconds(30));
         return 0;

@@ -1,4 +1,4 @@
-// The channels, with the system's answers where they can be had and refused ones where not.
+// The log outputs, with real system calls where possible and failing ones where needed.
 #include "tests/support/debug_output_capture.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/scoped_import_hook.h"
@@ -47,7 +47,7 @@ namespace {
 IDEOutput* g_logging;
 std::atomic<int> g_handled;
 
-/// Logs from within the exception that carries a text to a debugger, once.
+/// Logs once from within the exception that carries a text to a debugger.
 LONG CALLBACK logFromTheHandler(EXCEPTION_POINTERS*) {
     if (g_handled++ == 0) g_logging->write(L"inner", 5, {});
     return EXCEPTION_CONTINUE_SEARCH;
@@ -414,7 +414,7 @@ TEST_F(LogFile, NameIsCutAt259Characters) {
 }
 
 TEST_F(LogFile, LocalTimeThatCannotBeHadLeavesTheConstantText) {
-    // The clock answers, but with a time that has no local form.
+    // The clock answers with a time that cannot be converted to local time.
     const ScopedImportHook<decltype(&_ftime64_s)> hook("msvcrt.dll", "_ftime64_s",
                                                        [](struct __timeb64* now) -> errno_t {
                                                            *now = {};
@@ -537,7 +537,7 @@ TEST(LogChannelNames, AreCutAt256CharactersInTheAnnouncement) {
 TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
     const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     ASSERT_TRUE(platform::addPendingHandle(done));
-    // The timer's message is dispatched by the wait, and only that sets the event.
+    // Only dispatching the timer's message, which the wait does, sets the event.
     static HANDLE toSet;
     toSet = done;
     const UINT_PTR timer = SetTimer(nullptr, 0, 10, [](HWND, UINT, UINT_PTR, DWORD) { SetEvent(toSet); });
@@ -560,7 +560,7 @@ TEST(LogPendingHandles, RequestToQuitStaysForTheThreadsOwnLoop) {
     const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     ASSERT_TRUE(platform::addPendingHandle(done));
     PostQuitMessage(7);
-    // Set only after the wait has met the request: that is when it waits for the event alone.
+    // Set once the wait has seen WM_QUIT: from then on it waits for the event alone.
     static HANDLE toSet;
     toSet = done;
     const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject",

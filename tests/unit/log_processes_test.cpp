@@ -41,7 +41,7 @@ TEST(LogFileOfManyProcesses, IsWrittenOnWhenAProcessDiedWithTheMutex) {
     ASSERT_EQ(runWriter(L""), 77u);
     EXPECT_EQ(runWriter(L" \"" + folder.wstring() + L"\\\\\" 0 1 3"), 0u);
     CloseHandle(mutex);
-    // Mark, opening line, three records, closing line: the records alone tell that none was dropped.
+    // Byte-order mark, opening line, three records, closing line: the records show that none was dropped.
     std::ifstream in(folder / "TARNIS.txt", std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), {});
     in.close();

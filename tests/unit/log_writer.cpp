@@ -1,5 +1,5 @@
 // One of many processes that log into the same file: log_writer DIRECTORY PROCESS THREADS RECORDS
-// Without arguments it dies with the mutex that keeps their lines apart.
+// Without arguments it dies while holding the mutex.
 #include "log/engine.h"
 
 #include <windows.h>

@@ -1,4 +1,4 @@
-// What a user may type into the pages' fields, and what is said about the rest.
+// What a user may type into the pages' fields, and the messages for everything else.
 #include "pages/number_text.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// What the card's language says in numbers: request codes and sizes, geometry of raw frames, rates, the interface's
-// class.
+// The numbers of the protocol: request codes and sizes, geometry of raw frames, rates, the interface class.
 #include "protocol/card_interface.h"
 #include "protocol/frame_rate.h"
 #include "protocol/raw_frame.h"

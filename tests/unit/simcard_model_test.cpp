@@ -1,4 +1,4 @@
-// The simulated card's model without a system around it: protocol, faults, buffers, and requests of garbage.
+// The simulated card's model by itself: protocol, faults, buffers, and garbage requests.
 #include "simcard/model/card.h"
 
 #include <gtest/gtest.h>
@@ -158,10 +158,10 @@ TEST_F(SimcardModel, ClosingAClientFreesItsChannel) {
 }
 
 TEST_F(SimcardModel, CountersOutliveTheirClientAndTellSkippedFramesFromDroppedOnes) {
-    m_card->skip(1); // nobody grabs yet
+    m_card->skip(1); // no client is grabbing yet
     makeReady(0, 1);
     FrameJob job = {};
-    for (int i = 0; i < 12; ++i) { // ten buffers and nobody who takes them
+    for (int i = 0; i < 12; ++i) { // ten buffers that nobody takes
         m_card->tick();
         if (m_card->beginFrame(job)) m_card->endFrame(job, true);
     }

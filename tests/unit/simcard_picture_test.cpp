@@ -1,4 +1,4 @@
-// The simulated card's picture: other tests trust it to know every byte, so its own rules are pinned here.
+// The simulated card's picture: other tests rely on every byte of it, so its rules are pinned here.
 #include "simcard/model/picture.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What the check of recorded sound finds, and what it takes for whole.
+// What the check of recorded sound finds and what it accepts.
 #include "tests/support/sound_check.h"
 
 #include "simcard/model/sound.h"

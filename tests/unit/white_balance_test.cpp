@@ -1,4 +1,4 @@
-// Gains from means, with the pictures that have no answer.
+// Gains from means, including pictures that have no solution.
 #include "capture/white_balance.h"
 
 #include <gtest/gtest.h>
