@@ -3,10 +3,14 @@
 ;
 ; Given by packaging/make-setup: VERSION ("1.2.0-7-gabc"), NUMBERS ("1.2.0.7"), FILES (the folder of what is installed,
 ; with its list files.txt), LIST (the File lines for it), NEEDED_KB, OUTPUT; DOCTOR if kestra-ctl.exe is among the files;
-; SIGN: a command that signs one file.
+; SIGN: a command that signs one file; QUICK: compress less.
 Unicode true
 Target amd64-unicode
-SetCompressor /SOLID lzma
+!ifdef QUICK
+  SetCompressor zlib
+!else
+  SetCompressor /SOLID lzma
+!endif
 SetDateSave off
 RequestExecutionLevel admin
 ManifestDPIAware true
@@ -257,6 +261,13 @@ Function moveFile
     ${EndIf}
 FunctionEnd
 
+; $line: moves it from $2 to $3, also if somebody has loaded it already; its name is needed.
+Function takeBack
+    Call moveFile
+    StrCpy $failure ""
+    Call removeEmptyFolder
+FunctionEnd
+
 ; $line: removes it from $2, at the next restart if it is in use.
 !macro RemoveFileFunction un
 Function ${un}removeFile
@@ -353,11 +364,11 @@ Function giveUp
     ${EndIf}
     ${If} $placed = 1
         StrCpy $2 $INSTDIR
-        CopyFiles /SILENT "$incoming\files.txt" "$PLUGINSDIR\files.txt"
-        ${ForEachFile} "$PLUGINSDIR\files.txt" removeFile
+        StrCpy $3 $incoming
+        ${ForEachFile} "$PLUGINSDIR\files.txt" takeBack
     ${EndIf}
     ${If} $incoming != ""
-        RMDir /r "$incoming"
+        RMDir /r /REBOOTOK "$incoming"
     ${EndIf}
     ${If} $saved != ""
         Call bringBack
@@ -460,7 +471,9 @@ Function lookAtInstallation
         nsExec::ExecToStack '"$INSTDIR\kestra-ctl.exe" doctor --installed'
         Pop $0
         Pop $1
-        ${Log} "kestra-ctl doctor --installed: $0$\r$\n$1"
+        ; It writes UTF-8, and was read by the code page.
+        System::Call 'kernel32::MultiByteToWideChar(i 65001, i 0, m r1, i -1, w .r2, i ${NSIS_MAX_STRLEN})'
+        ${Log} "kestra-ctl doctor --installed: $0$\r$\n$2"
         ${If} $0 != 0
             ${Note} ${EXIT_NOT_WORKING} "The check of the installation failed; the log says where."
         ${EndIf}

@@ -15,12 +15,12 @@ release_zip() {
 
 # release_notes VERSION: the subjects of the commits since the release before this one.
 release_notes() {
-    local since range=HEAD
+    local since range=HEAD heading='All changes'
     since=$(git -C "$root" describe --tags --abbrev=0 --match 'v[0-9]*' HEAD^ 2> /dev/null || true)
-    [ -z "$since" ] || range=$since..HEAD
+    [ -z "$since" ] || range=$since..HEAD heading="Changes since $since"
     printf '# Kestra Capture %s\n\n' "$1"
     [ -n "${KESTRA_SIGN:-}" ] || printf 'These files are unsigned.\n\n'
-    printf '%s\n\n' "${since:+Changes since $since:}${since:-All changes:}" | sed "s/:$since\$/:/"
+    printf '%s:\n\n' "$heading"
     git -C "$root" log --no-merges --format='- %s' "$range"
 }
 
@@ -33,7 +33,7 @@ release_package() {
 
 # release_components VERSION: what is inside, as SPDX 2.3: our own, and the libraries that are linked into it.
 release_components() {
-    local gcc mingw nsis file separator='' id=0 relations='' component
+    local gcc mingw nsis file separator='' id=0 relations='' component name licence supplier
     gcc=$(x86_64-w64-mingw32-g++-posix -dumpfullversion)
     mingw=$(dpkg-query -W -f '${Version}' mingw-w64-x86-64-dev)
     nsis=$(dpkg-query -W -f '${Version}' nsis)
@@ -54,7 +54,14 @@ JSON
     done
     release_package mingw-w64 "mingw-w64 runtime" "$mingw" "ZPL-2.1" "mingw-w64 project" && printf ',\n'
     release_package winpthreads winpthreads "$mingw" "MIT AND BSD-3-Clause" "mingw-w64 project" && printf ',\n'
-    release_package nsis "NSIS stub and plug-ins, in the setup program" "$nsis" "Zlib" "NSIS contributors" && printf '\n'
+    while read -r component name licence supplier; do
+        release_package "$component" "$name" "$(dpkg-query -W -f '${Version}' "$component")" "$licence" "$supplier" && printf ',\n'
+    done << 'LIST'
+libcli11-dev CLI11 BSD-3-Clause CLI11 contributors
+nlohmann-json3-dev nlohmann-json MIT nlohmann-json contributors
+libstb-dev stb MIT stb contributors
+LIST
+    release_package nsis "NSIS stub and plug-ins, in the setup program" "$nsis" "Zlib AND CPL-1.0" "NSIS contributors" && printf '\n'
     printf '  ],\n  "files": [\n'
     while read -r file; do
         id=$((id + 1))
@@ -66,7 +73,7 @@ JSON
         separator=$',\n'
         relations+=$(printf ',\n    {"spdxElementId": "SPDXRef-Kestra", "relationshipType": "CONTAINS", "relatedSpdxElement": "SPDXRef-File-%d"}' $id)
     done < <(cd "$release_work/shipped" && find . -type f -printf '%P\n' | LC_ALL=C sort)
-    for component in libgcc libstdcpp libgomp mingw-w64 winpthreads; do
+    for component in libgcc libstdcpp libgomp mingw-w64 winpthreads libcli11-dev nlohmann-json3-dev libstb-dev; do
         relations+=$(printf ',\n    {"spdxElementId": "SPDXRef-Kestra", "relationshipType": "STATIC_LINK", "relatedSpdxElement": "SPDXRef-%s"}' $component)
     done
     cat << JSON

@@ -7,6 +7,7 @@ export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml,winemenubuilder.exe="
 export LC_ALL=C.UTF-8 # names of files in any script
 export PATH=$PATH:/usr/lib/wine
+export KESTRA_SETUP_QUICK=1
 unset KESTRA_WATCH_SECONDS # a setup starts programs of its own
 drive=$WINEPREFIX/drive_c
 target="$drive/Program Files/Kestra Capture"
@@ -69,12 +70,13 @@ start_clean() {
     [ -f "$work/clean.files" ] || cp "$work/before.files" "$work/clean.files"
 }
 
-# snapshot NAME: registry and file tree. Without the times of keys, and what Wine writes about its devices at each start.
+# snapshot NAME: registry and file tree. Without the times of keys, and what Wine writes about its devices
+# and consoles when it starts, or when somebody asks for them first.
 snapshot() {
     stop_windows
     local file
     for file in system user userdef; do
-        sed -E '/^\[Software\\\\Wine\\\\Drivers/,/^$/d; /^#time=/d; s/^(\[.*\]) [0-9]+$/\1/; /^"DriverDateData"=/d' "$WINEPREFIX/$file.reg"
+        sed -E '/^\[(Console|Software\\\\Wine\\\\Drivers|Software\\\\Microsoft.*\\\\MMDevices)/,/^$/d; /^#time=/d; s/^(\[.*\]) [0-9]+$/\1/; /^"DriverDateData"=/d' "$WINEPREFIX/$file.reg"
     done > "$work/$1.registry"
     # Without the folder for temporary files, in which an uninstallation leaves the copy of itself that removes it all.
     (cd "$drive" && find . -path './users/*/Temp/*' -prune -o -type f -printf '%P %s\n' -o -type d -printf '%P/\n' |
