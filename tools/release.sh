@@ -34,7 +34,7 @@ release_package() {
 # release_components VERSION: what is inside, as SPDX 2.3: our own, and the libraries that are linked into it.
 release_components() {
     local gcc mingw nsis file separator='' id=0 relations='' component name licence supplier
-    gcc=$(x86_64-w64-mingw32-g++-posix -dumpfullversion)
+    gcc=$(dpkg-query -W -f '${Version}' g++-mingw-w64-x86-64-posix)
     mingw=$(dpkg-query -W -f '${Version}' mingw-w64-x86-64-dev)
     nsis=$(dpkg-query -W -f '${Version}' nsis)
     cat << JSON
