@@ -55,9 +55,23 @@ void send(const char* what, uint32_t code, const Record& record) {
 
 } // namespace
 
+namespace {
+
+/// A card that goes away under a program cannot be told from one that fails.
+void refuseWhileInUse() {
+    for (const uint32_t card : installedCards())
+        if (const uint32_t clients = CardControl(card).state().clients; clients != 0)
+            throw ControlError("Card " + std::to_string(card) + " is in use by " + std::to_string(clients) +
+                                   (clients == 1 ? " program; close it first" : " programs; close them first"),
+                               ERROR_DEVICE_IN_USE);
+}
+
+} // namespace
+
 ControlError::ControlError(const std::string& what, uint32_t error) : std::runtime_error(what), m_error(error) {}
 
 unsigned removeCards() {
+    refuseWhileInUse();
     const DeviceSet set = checked(SetupDiGetClassDevsW(&kSystemClass, L"root\\kestrasim", nullptr, 0));
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof device;

@@ -20,10 +20,10 @@ private:
     uint32_t m_error;
 };
 
-/// Installs `count` cards (1..kMaxCards), after removing what was installed.
+/// Installs `count` cards (1..kMaxCards), after removing what was installed, unless a program uses it.
 /// @param infPath kestrasim.inf, with kestrasim.sys beside it.
 void installCards(unsigned count, const std::wstring& infPath);
-/// Removes every card; none is not an error. @return how many there were.
+/// Removes every card; none is not an error, one that a program uses is. @return how many there were.
 unsigned removeCards();
 
 /// One card, through the driver's control device; works while the card is unplugged. Throws ControlError.

@@ -7,8 +7,11 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
+#include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace kestra::test {
 namespace {
@@ -159,6 +162,117 @@ TEST_F(CardRequestsTest, CardIsClosedInBoundedTimeThoughTheDriverLetsGoOfNothing
     asker.join();
     EXPECT_EQ(code, TARNIS_FAILURE);
     EXPECT_TRUE(waitUntil([&] { return m_card.state().clients == 0; })) << "with the request goes the handle";
+}
+
+namespace {
+
+/// Who is using which handle of the card, as the system's functions see it.
+struct HandleUse {
+    std::mutex mutex;
+    std::map<const OVERLAPPED*, HANDLE> requests; ///< synchronous ones, from their issue until their end was seen
+    int closedUnderOne = 0, usedAfterwards = 0, seen = 0;
+};
+HandleUse* g_use;
+decltype(&GetOverlappedResult) g_collect;
+decltype(&CloseHandle) g_close;
+
+BOOL WINAPI watchedIoctl(HANDLE device, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize, DWORD* bytes,
+                         OVERLAPPED* overlapped) {
+    if (code != wire::kConnection) return g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
+    {
+        const std::lock_guard lock(g_use->mutex);
+        g_use->requests[overlapped] = device;
+        ++g_use->seen;
+    }
+    const BOOL ok = g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
+    const DWORD error = ok ? DWORD{ERROR_SUCCESS} : GetLastError();
+    if (error != ERROR_IO_PENDING) {
+        const std::lock_guard lock(g_use->mutex);
+        g_use->requests.erase(overlapped);
+        g_use->usedAfterwards += error == ERROR_INVALID_HANDLE;
+    }
+    SetLastError(error);
+    return ok;
+}
+
+BOOL WINAPI watchedCollect(HANDLE device, OVERLAPPED* overlapped, DWORD* bytes, BOOL wait) {
+    const BOOL ok = g_collect(device, overlapped, bytes, wait);
+    const DWORD error = GetLastError();
+    if (wait) {
+        const std::lock_guard lock(g_use->mutex);
+        g_use->requests.erase(overlapped);
+    }
+    SetLastError(error);
+    return ok;
+}
+
+BOOL WINAPI watchedClose(HANDLE handle) {
+    {
+        const std::lock_guard lock(g_use->mutex);
+        for (const auto& [overlapped, device] : g_use->requests)
+            g_use->closedUnderOne += device == handle;
+    }
+    return g_close(handle);
+}
+
+} // namespace
+
+TEST_F(CardRequestsTest, NoHandleIsClosedUnderAnotherThreadsRequest) {
+    HandleUse use;
+    g_use = &use;
+    const ScopedImportHook<decltype(&DeviceIoControl)> ioctl("kernel32.dll", "DeviceIoControl", watchedIoctl);
+    const ScopedImportHook<decltype(&GetOverlappedResult)> collect("kernel32.dll", "GetOverlappedResult",
+                                                                   watchedCollect);
+    const ScopedImportHook<decltype(&CloseHandle)> close("kernel32.dll", "CloseHandle", watchedClose);
+    ASSERT_TRUE(ioctl.installed() && collect.installed() && close.installed());
+    g_collect = collect.original();
+    g_close = close.original();
+
+    constexpr uint32_t kRequestMs = 20; // long enough that a removal nearly always meets one
+    m_card.addFault({FaultKind::Delay, wire::kConnection, kRequestMs, 0, kForever, {}});
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> askers;
+    for (int i = 0; i < 4; ++i)
+        askers.emplace_back([&] {
+            for (uint8_t connected = 0; !enough;)
+                if (TARNIS_IsCameraConnected(m_grabber, 0, &connected) != TARNIS_SUCCESS)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1)); // pulled: every refusal is logged
+        });
+    for (int cycle = 0; cycle < 10; ++cycle) {
+        SCOPED_TRACE(cycle);
+        const auto seen = [&] {
+            const std::lock_guard lock(use.mutex);
+            return use.seen;
+        };
+        const int before = seen();
+        EXPECT_TRUE(waitUntil([&] { return seen() >= before + 4; }, std::chrono::seconds(30)));
+        m_log.clear();
+        m_card.unplug();
+        EXPECT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStopped Leave") == 1; }, std::chrono::seconds(30)));
+        m_card.plug();
+        EXPECT_TRUE(waitUntil([&] { return m_log.count(L"OnCardStarted Leave") == 1; }, std::chrono::seconds(30)));
+    }
+    enough = true;
+    for (std::thread& asker : askers)
+        asker.join();
+
+    // And a close by the client, which meets a request of each thread.
+    m_card.clearFaults();
+    m_card.clearLog();
+    m_card.addFault({FaultKind::Delay, wire::kConnection, 300, 0, kForever, {}});
+    askers.clear();
+    for (int i = 0; i < 4; ++i)
+        askers.emplace_back([&] {
+            uint8_t connected = 0;
+            TARNIS_IsCameraConnected(m_grabber, 0, &connected);
+        });
+    EXPECT_TRUE(waitUntil([&] { return m_card.log().size() == 4; }, std::chrono::seconds(30)));
+    EXPECT_EQ(TARNIS_Done(m_grabber), TARNIS_SUCCESS);
+    for (std::thread& asker : askers)
+        asker.join();
+    m_grabber = nullptr;
+    EXPECT_EQ(use.closedUnderOne, 0);
+    EXPECT_EQ(use.usedAfterwards, 0);
 }
 
 } // namespace kestra::test

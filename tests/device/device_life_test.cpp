@@ -467,6 +467,7 @@ TEST_F(DeviceLife, EachMissingEventOfAStartFailsItOrIsNotNeeded) {
             ++failed;
             EXPECT_EQ(code, 255u);
             EXPECT_EQ(m_card.state().channels[0].grabbing, 0u);
+            EXPECT_FALSE(waitUntil([&] { return counter.good > 0; }, 150ms)) << "nor does it start later";
         }
         // The next start prepares anew.
         m_data.outputSelector = TARNIS_OUTPUT_RGB24;
@@ -497,6 +498,8 @@ TEST_F(DeviceLife, ChunkLockWithoutItsEventIsAFailure) {
         if (code == 0 && received(wire::kPrepare) == 1) {
             EXPECT_EQ(received(wire::kLockChunk), 1);
         }
+        EXPECT_EQ(m_card.state().pendingRequests, code == 0 ? 2u : 1u)
+            << "the session watch, and the chunk's lock if any";
         failed += code != 0;
         if (!met) break;
     }

@@ -81,6 +81,7 @@ protected:
 } // namespace
 
 TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
+    g_lockReally = false; // should one be asked for, it is gigabytes
     struct Limit {
         DWORD major, minor;
         uint32_t largest;
@@ -103,6 +104,7 @@ TEST_F(DeviceLimits, FrameThatNoChunkHoldsIsRefusedWithoutALock) {
 
 TEST_F(DeviceLimits, StartWithAnOversizedFrameIsRefusedAndTheNextWorks) {
     g_frameSize = kLargestChunk + 1;
+    g_lockReally = false;
     FrameCounter counter;
     EXPECT_EQ(restart(counter), TARNIS_FAILURE);
     int lines = 0;
@@ -115,6 +117,7 @@ TEST_F(DeviceLimits, StartWithAnOversizedFrameIsRefusedAndTheNextWorks) {
     EXPECT_EQ(m_log.count(L"Grab not started!"), 1);
     EXPECT_TRUE(g_lockedChunks.empty());
     g_frameSize = kAsPrepared;
+    g_lockReally = true;
     ASSERT_EQ(restart(counter), 0u);
     EXPECT_TRUE(counter.waitForFrames(2));
     EXPECT_EQ(TARNIS_StopGrab(m_grabber, 0), 0u);

@@ -54,7 +54,24 @@ public:
         return waitUntil([&] { return good >= before + count; });
     }
 
+    /// What was wrong with the first frame that was. Once the grab has ended.
+    std::string firstWrong() const { return m_firstWrong; }
+
 private:
+    void noteWrong(const TarnisFrameInfo& frame) {
+        if (wrong != 0) return;
+        m_firstWrong = "frame " + std::to_string(frame.frameWord0) + " of " + std::to_string(frame.bufferSize) +
+                       " bytes after frame " + std::to_string(m_last);
+        const auto* bytes = static_cast<const uint8_t*>(frame.lpRawBuffer);
+        if (!bytes || frame.bufferSize != m_expected.size()) return;
+        size_t differing = 0, first = 0, zeros = 0;
+        for (size_t i = m_expected.size(); i-- > 0;) {
+            zeros += bytes[i] == 0;
+            if (bytes[i] != m_expected[i]) ++differing, first = i;
+        }
+        m_firstWrong += ": " + std::to_string(differing) + " bytes differ, the first at " + std::to_string(first) +
+                        "; " + std::to_string(zeros) + " are zero";
+    }
     void take(const TarnisFrameInfo& frame) {
         switch (frame.dmaStatus) {
         case DMA_STATUS_GOOD:
@@ -71,6 +88,7 @@ private:
         }
         const bool right = frame.bufferSize == m_expected.size() && frame.lpRawBuffer &&
                            std::memcmp(frame.lpRawBuffer, m_source.advance(frame.frameWord0), m_expected.size()) == 0;
+        if (!right) noteWrong(frame);
         if (m_last != 0 && frame.frameWord0 > m_last + 1) missed += int(frame.frameWord0 - m_last - 1);
         m_last = frame.frameWord0;
         ++(right ? good : wrong);
@@ -80,6 +98,7 @@ private:
     std::vector<uint8_t> m_expected;
     simcard::PictureSource m_source;
     uint32_t m_last = 0;
+    std::string m_firstWrong;
 };
 
 /// The one record that a call is expected to leave; forgets it.

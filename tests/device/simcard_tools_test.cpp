@@ -1,5 +1,6 @@
 // kestrasimctl and kestraprobe as a person or a script uses them: what they print and how they exit.
 #include "tests/support/card_fixture.h"
+#include "win32/handle.h"
 
 #include <windows.h>
 
@@ -105,6 +106,16 @@ TEST_F(SimcardTools, OtherCardIsAddressedByNumber) {
     const Result missing = control("--card 7 status");
     EXPECT_EQ(missing.exitCode, 1u);
     EXPECT_THAT(missing.output, StartsWith("kestrasimctl: "));
+}
+
+TEST_F(SimcardTools, CardThatAProgramUsesIsNotTakenAway) {
+    const UniqueFile program(CreateFileW(m_card.devicePath().c_str(), GENERIC_READ | GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS, 0, nullptr));
+    ASSERT_TRUE(program);
+    const Result result = control("remove");
+    EXPECT_EQ(result.exitCode, 1u);
+    EXPECT_THAT(result.output, HasSubstr("Card 0 is in use by 1 program; close it first"));
+    EXPECT_EQ(m_card.state().clients, 1u) << "it is still there";
 }
 
 TEST_F(SimcardTools, WrongWordsAreNamedAndChangeNothing) {
