@@ -2,20 +2,16 @@
 // everything as it was.
 #pragma once
 
+#include "compliance/process_counts.h"
+
 #include <cstddef>
 #include <string>
 #include <vector>
 
 namespace kestra::test {
 
-struct ProcessCounts {
-    int handles;
-    int threads;
-    size_t privateBytes; ///< committed, not shared with other processes
-};
-
-/// Counts now. Throws std::runtime_error if the system refuses.
-ProcessCounts processCounts();
+using compliance::ProcessCounts;
+using compliance::processCounts;
 
 /// Follows what a process holds over cycles that should leave nothing behind. The first third of the cycles is what the
 /// system takes up once; compared are the least counts of the second third and of the last. So what a cycle holds for a

@@ -1,0 +1,75 @@
+// Handles come from the system's table and memory from a walk over the addresses: the counters that the system offers
+// for one process say 0 on some systems.
+#include "compliance/process_counts.h"
+
+#include "win32/handle.h"
+
+#include <windows.h>
+
+#include <tlhelp32.h>
+
+#include <stdexcept>
+#include <vector>
+
+namespace kestra::compliance {
+namespace {
+
+constexpr ULONG kHandleInformation = 64;
+constexpr LONG kTooSmall = static_cast<LONG>(0xC0000004);
+
+struct HandleEntry {
+    void* object;
+    ULONG_PTR process, handle;
+    ULONG access;
+    USHORT backTrace, type;
+    ULONG attributes, reserved;
+};
+struct HandleTable {
+    ULONG_PTR count, reserved;
+    HandleEntry entries[1];
+};
+
+int countHandles() {
+    using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
+    const auto query = reinterpret_cast<Query>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    std::vector<unsigned char> table(1 << 20);
+    LONG status = 0;
+    while ((status = query(kHandleInformation, table.data(), static_cast<ULONG>(table.size()), nullptr)) == kTooSmall)
+        table.resize(table.size() * 2);
+    if (status < 0) throw std::runtime_error("the handle table cannot be read");
+    const auto* handles = reinterpret_cast<const HandleTable*>(table.data());
+    int count = 0;
+    for (ULONG_PTR i = 0; i < handles->count; ++i)
+        if (handles->entries[i].process == GetCurrentProcessId()) ++count;
+    return count;
+}
+
+int countThreads() {
+    const UniqueFile snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    if (!snapshot) throw std::runtime_error("the threads cannot be listed");
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    int count = 0;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more; more = Thread32Next(snapshot.get(), &entry))
+        if (entry.th32OwnerProcessID == GetCurrentProcessId()) ++count;
+    return count;
+}
+
+size_t countPrivateBytes() {
+    size_t bytes = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const char* address = nullptr; VirtualQuery(address, &region, sizeof region) == sizeof region;
+         address = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+    return bytes;
+}
+
+} // namespace
+
+ProcessCounts processCounts() {
+    const auto objects = [](DWORD kind) { return static_cast<int>(GetGuiResources(GetCurrentProcess(), kind)); };
+    return {countHandles(), countThreads(), countPrivateBytes(), objects(GR_GDIOBJECTS), objects(GR_USEROBJECTS)};
+}
+
+} // namespace kestra::compliance

@@ -1,0 +1,18 @@
+// What this process holds: for tests that must leave everything as it was. Any thread.
+#pragma once
+
+#include <cstddef>
+
+namespace kestra::compliance {
+
+struct ProcessCounts {
+    int handles;
+    int threads;
+    size_t privateBytes; ///< committed, not shared with other processes
+    int gdiObjects = 0, userObjects = 0;
+};
+
+/// Counts now. Throws std::runtime_error if the system refuses.
+ProcessCounts processCounts();
+
+} // namespace kestra::compliance

@@ -1,0 +1,205 @@
+// Each fault is planted into a filter that keeps all rules otherwise, and kestra-compliance run on it: the tests that
+// should find it do, and no other does.
+#include "win32/handle.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kestra::UniqueFile;
+using kestra::UniqueObject;
+
+using Tests = std::set<std::string>;
+struct Planted {
+    const char* fault;
+    Tests foundBy;
+};
+const Planted kPlanted[] = {
+    {"accept-anything", {"config.set-unsupported"}},
+    {"accept-reads-block", {"config.set-unsupported", "hostile.no-block"}},
+    {"buffer-alignment", {"allocator.wants-alignment"}},
+    {"buffer-small",
+     {"allocator.none-of-receiver", "allocator.receivers", "allocator.wants-0", "allocator.wants-1",
+      "allocator.wants-2", "allocator.wants-32", "allocator.wants-alignment", "allocator.wants-prefix",
+      "stream.whole-samples"}},
+    {"caps-interval", {"config.consistent"}},
+    {"caps-leak", {"stress.formats"}},
+    {"caps-negative", {"config.negative-index"}},
+    {"caps-past-end", {"config.past-end"}},
+    {"caps-size", {"config.consistent", "config.counts"}},
+    {"category-any", {"category.unsupported"}},
+    {"category-exact", {"category.sizes"}},
+    {"category-short", {"category.sizes"}},
+    {"category-size-query", {"category.size-query"}},
+    {"class-id", {"filter.class-id"}},
+    {"clock-forgotten", {"filter.clock"}},
+    {"connect-active", {"connect.not-stopped"}},
+    {"connect-leak", {"connect.refused"}},
+    {"cues-paused", {"state.paused-cannot-cue"}},
+    {"delivers-after-refusal", {"sink.stops-after-error", "sink.stops-after-false"}},
+    {"delivers-paused", {"state.paused-delivers-nothing"}},
+    {"direction-null", {"pin.direction"}},
+    {"disconnect-active", {"connect.disconnect"}},
+    {"duration", {"stream.duration"}},
+    {"end-after-stop", {"stream.nothing-after-stop"}},
+    {"ends-running", {"stream.no-end-while-running"}},
+    {"filter-identity", {"unknown.filter-identity"}},
+    {"filter-name", {"filter.join-graph"}},
+    {"filter-pointer-left", {"unknown.filter-unknown-interface"}},
+    {"find-pin", {"filter.find-pin"}},
+    {"get-connected", {"config.get-connected"}},
+    {"graph-counted", {"filter.graph-uncounted"}},
+    {"handle-leak", {"stress.binds", "stress.lives"}},
+    {"never-unloaded", {"module.unload"}},
+    {"no-sync-point", {"stream.sync-points"}},
+    {"not-decommitted", {"allocator.committed"}},
+    {"output-end", {"pin.output-only"}},
+    {"pin-count", {"module.unload", "unknown.pin-counts"}},
+    {"pin-fickle", {"unknown.pin-interfaces", "unknown.pin-symmetric"}},
+    {"pin-info-direction", {"pin.info"}},
+    {"pin-null", {"unknown.pin-null"}},
+    {"sample-kept", {"allocator.all-returned"}},
+    {"set-anything", {"config.set-unsupported"}},
+    {"set-ignored", {"config.connectable", "config.offered-first", "config.set-and-get", "config.set-connected"}},
+    {"set-not-reconnected", {"config.set-connected"}},
+    {"set-running", {"config.set-running"}},
+    {"short-samples", {"stream.whole-samples"}},
+    {"stamps-back", {"stream.monotonic"}},
+    {"stamps-go-on", {"stream.second-run"}},
+    {"stamps-negative", {"stream.first-stamp"}},
+    {"stamps-none", {"stream.timed"}},
+    {"state-lock", {"state.stop-while-asked"}},
+    {"state-wrong", {"state.orders-connected", "state.orders-unconnected", "state.paused-cannot-cue"}},
+    {"thread-leak", {"stress.lives"}},
+    {"two-threads", {"stream.one-at-a-time"}},
+    {"type-header", {"enum-types.well-formed"}},
+    {"type-on-samples", {"stream.no-new-type"}},
+    {"types-clone", {"enum-types.clone"}},
+    {"types-next-many", {"enum-types.next-many"}},
+    {"types-next-none", {"enum-types.next-none"}},
+    {"types-next-null", {"enum-types.next-null"}},
+    {"types-reset", {"enum-types.out-of-sync", "enum-types.reset", "enum-types.skip"}},
+    {"types-skip", {"enum-types.skip"}},
+    {"unconnected", {"connect.disconnect", "pin.unconnected"}},
+};
+
+nlohmann::json contents(const std::wstring& path) {
+    std::string text;
+    if (FILE* file = _wfopen(path.c_str(), L"rb")) {
+        char buffer[65536];
+        for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;)
+            text.append(buffer, got);
+        std::fclose(file);
+    }
+    return nlohmann::json::parse(text, nullptr, false);
+}
+
+/// One run with one fault. @param environment  this process's, with the fault
+nlohmann::json complianceWith(const std::string& fault) {
+    const std::wstring wideFault(fault.begin(), fault.end());
+    wchar_t folder[MAX_PATH], program[] = KESTRA_COMPLIANCE;
+    GetTempPathW(MAX_PATH, folder);
+    const std::wstring report =
+        folder + (L"faults-" + std::to_wstring(GetCurrentProcessId()) + L"-" + wideFault + L".json");
+    std::wstring line =
+        std::wstring(L"\"") + program + L"\" --dll \"" + KESTRA_FAULTY_SOURCE +
+        L"\" --clsid {6B1A7F02-53CD-4D0E-9A31-207E4C5B8810} --quick --quiet --shared-process --limit 15 --json \"" +
+        report + L"\"";
+    // The environment of this process and the fault in it.
+    std::wstring environment = L"KESTRA_FAULT=" + wideFault + L'\0';
+    wchar_t* const own = GetEnvironmentStringsW();
+    for (const wchar_t* variable = own; *variable; variable += std::wcslen(variable) + 1)
+        environment += variable + std::wstring(1, L'\0');
+    FreeEnvironmentStringsW(own);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, environment.data(),
+                        nullptr, &startup, &process))
+        return nullptr;
+    const UniqueObject thread(process.hThread), owner(process.hProcess);
+    WaitForSingleObject(process.hProcess, INFINITE); // each of its tests has a limit
+    auto json = contents(report);
+    DeleteFileW(report.c_str());
+    return json;
+}
+
+struct Found {
+    Tests failed, warned;
+    int passed = 0;
+    std::string text;
+};
+
+Found readReport(const nlohmann::json& report) {
+    Found found;
+    if (!report.is_object()) {
+        found.failed.insert("no report");
+        return found;
+    }
+    for (const auto& test : report["tests"]) {
+        const std::string verdict = test.value("verdict", std::string());
+        if (verdict == "FAIL") {
+            found.failed.insert(test.value("test", std::string()));
+            found.text += "    " + test.value("test", std::string()) + ": expected " +
+                          test.value("expected", std::string()) + ", got " + test.value("got", std::string()) + " (" +
+                          test.value("kind", std::string()) + " after " + test.value("call", std::string()) + ")\n";
+        }
+        if (verdict == "warning")
+            found.warned.insert(test.value("test", std::string()) + ": " + test.value("note", std::string()));
+        found.passed += verdict == "OK";
+    }
+    return found;
+}
+
+std::string joined(const Tests& tests) {
+    std::string text;
+    for (const std::string& test : tests)
+        text += (text.empty() ? "" : ", ") + test;
+    return text;
+}
+
+TEST(PlantedFaults, TheCorrectFilterHasNone) {
+    const Found found = readReport(complianceWith("none"));
+    EXPECT_EQ(found.failed, Tests{}) << found.text;
+    EXPECT_GT(found.passed, 120);
+    EXPECT_EQ(found.warned, Tests{});
+}
+
+TEST(PlantedFaults, EachIsFoundByTheTestsThatShouldFindIt) {
+    // Several at once: a run waits for time more than it computes.
+    std::vector<Found> found(std::size(kPlanted));
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> runners;
+    std::mutex mutex;
+    const auto began = std::chrono::steady_clock::now();
+    std::printf("%-24s %s\n", "planted fault", "found by");
+    for (int i = 0; i < 6; ++i)
+        runners.emplace_back([&] {
+            for (size_t n; (n = next++) < std::size(kPlanted);) {
+                found[n] = readReport(complianceWith(kPlanted[n].fault));
+                const std::lock_guard lock(mutex);
+                std::printf("%-24s %s\n", kPlanted[n].fault, joined(found[n].failed).c_str());
+                std::fflush(stdout);
+            }
+        });
+    for (auto& runner : runners)
+        runner.join();
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    std::printf("%zu faults in %.0f s\n", std::size(kPlanted), took.count());
+    for (size_t n = 0; n < std::size(kPlanted); ++n)
+        EXPECT_EQ(found[n].failed, kPlanted[n].foundBy) << kPlanted[n].fault << "\n" << found[n].text;
+}
+
+} // namespace
