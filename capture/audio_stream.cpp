@@ -6,6 +6,7 @@
 #include "capture/module_state.h"
 #include "capture/trace.h"
 #include "capture/video_stream.h"
+#include "protocol/user_settings.h"
 
 #include <algorithm>
 #include <cstring>
@@ -61,7 +62,7 @@ constexpr PinKind kKind = {
                            .done = L"CKestraAudioStream->Inactive->NOERROR"}},
     .matches = matchesAudioType,
     .indexOf = audioIndexOf,
-    .setting = L"AudioFormat",
+    .setting = kAudioFormatValue,
     .formats = std::size(kAudioFormats),
     .capabilityBytes = sizeof(AUDIO_STREAM_CONFIG_CAPS),
     .page = CLSID_KestraAudioPropertyPage,

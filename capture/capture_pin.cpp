@@ -3,6 +3,7 @@
 
 #include "capture/capture_filter.h"
 #include "capture/trace.h"
+#include "protocol/user_settings.h"
 #include "win32/registry_key.h"
 
 #include <algorithm>
@@ -23,20 +24,19 @@ HRESULT copyOf(const AM_MEDIA_TYPE& type, CMediaType& copy) {
     return SUCCEEDED(hr) && copy.cbFormat != type.cbFormat ? E_OUTOFMEMORY : hr;
 }
 
-constexpr wchar_t kSettingsKey[] = L"Software\\Quorvane\\HD-SDI Kestra\\DirectShow"; // of the current user
 
 /// @return 0 if the key or value is missing or is not four bytes long
 uint32_t readSetting(const wchar_t* name) noexcept {
     UniqueKey key;
     DWORD value = 0, size = sizeof value;
-    if (RegOpenKeyW(HKEY_CURRENT_USER, kSettingsKey, key.out()) != ERROR_SUCCESS) return 0;
+    if (RegOpenKeyW(HKEY_CURRENT_USER, kFormatsKey, key.out()) != ERROR_SUCCESS) return 0;
     const LSTATUS status = RegQueryValueExW(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size);
     return status == ERROR_SUCCESS && size == sizeof value ? value : 0;
 }
 
 void writeSetting(const wchar_t* name, uint32_t value) noexcept {
     UniqueKey key;
-    if (RegCreateKeyW(HKEY_CURRENT_USER, kSettingsKey, key.out()) != ERROR_SUCCESS) return;
+    if (RegCreateKeyW(HKEY_CURRENT_USER, kFormatsKey, key.out()) != ERROR_SUCCESS) return;
     RegSetValueExW(key.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
 }
 

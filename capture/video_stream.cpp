@@ -8,6 +8,7 @@
 #include "capture/video_formats.h"
 #include "log/log.h"
 #include "protocol/raw_frame.h"
+#include "protocol/user_settings.h"
 
 #include <dvdmedia.h>
 
@@ -69,7 +70,7 @@ constexpr PinKind kKind = {
                            .done = L"CKestraStream->Inactive->NOERROR"}},
     .matches = matchesVideoType,
     .indexOf = videoIndexOf,
-    .setting = L"VideoFormat",
+    .setting = kVideoFormatValue,
     .formats = std::size(kVideoFormats),
     .capabilityBytes = sizeof(VIDEO_STREAM_CONFIG_CAPS),
     .page = kStreamFormatPage,

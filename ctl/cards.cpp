@@ -2,6 +2,7 @@
 #include "ctl/cards.h"
 
 #include "ctl/exit_code.h"
+#include "ctl/signal_text.h"
 #include "ctl/system_error.h"
 #include "ctl/text.h"
 #include "protocol/card_interface.h"
@@ -198,6 +199,14 @@ TarnisCameraStatus cameraStatus(OpenCard& card) {
     card.need("what arrives", status, [](TARNIS_HANDLE handle, TarnisCameraStatus& result) {
         return TARNIS_GetCameraStatus(handle, 0, &result);
     });
+    return status;
+}
+
+TarnisCameraStatus needSignal(OpenCard& card) {
+    const TarnisCameraStatus status = cameraStatus(card);
+    if (!hasSignal(status))
+        throw Failure(ExitCode::NoSignal, "nothing arrives at card " + std::to_string(card.entry().number),
+                      "check the cable, and that the source sends HD-SDI; kestra-ctl watch shows when it comes");
     return status;
 }
 

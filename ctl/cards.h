@@ -84,5 +84,7 @@ private:
 
 /// What arrives at the card. Throws Failure.
 TarnisCameraStatus cameraStatus(OpenCard& card);
+/// The same; throws Failure (no signal) unless something arrives.
+TarnisCameraStatus needSignal(OpenCard& card);
 
 } // namespace kestra::ctl

@@ -6,6 +6,7 @@
 #include "ctl/verbs.h"
 
 #include <CLI/CLI.hpp>
+#include <kestra_version.h>
 
 #include <algorithm>
 #include <sstream>
@@ -51,6 +52,7 @@ ExitCode parseAndRun(const std::vector<std::string>& arguments, Console& console
     CLI::App app("kestra-ctl: Kestra capture cards at the command line", "kestra-ctl");
     app.footer("kestra-ctl VERB --help explains a verb, with an example.\n" + std::string(kExitCodes));
     app.set_help_flag("--help,-h", "this text");
+    app.set_version_flag("--version", "kestra-ctl " KESTRA_VERSION_TEXT, "the program's version");
     app.require_subcommand(1, 1);
     for (const Verb& verb : kVerbs) {
         CLI::App& sub = *app.add_subcommand(verb.name, verb.help);

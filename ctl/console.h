@@ -14,14 +14,11 @@ public:
 
     /// Writes UTF-8 to the standard output at once. Throws Failure if nobody takes it.
     virtual void write(std::string_view text) = 0;
-    /// The same for bytes of a file.
-    virtual void writeBytes(const void* bytes, size_t size) = 0;
     /// Writes UTF-8 to the error output; what cannot be written is lost.
     virtual void writeError(std::string_view text) noexcept = 0;
 
     /// True if a person looks at the standard output, not a program.
     virtual bool isTerminal() const noexcept = 0;
-    virtual bool isErrorTerminal() const noexcept = 0;
     /// False if the standard output is a terminal whose font lacks most of Unicode.
     virtual bool showsEverySign() const noexcept { return true; }
     /// Shows these lines in place of those that the last call showed. For terminals.

@@ -48,10 +48,30 @@ std::string byteCount(uint64_t bytes) {
 }
 
 std::string field(std::string_view name, std::string_view value) {
-    constexpr size_t kColumn = 14;
+    constexpr size_t kColumn = 16;
     std::string line = "  " + std::string(name);
     line.resize(std::max(line.size() + 1, kColumn), ' ');
     return line + std::string(value) + '\n';
+}
+
+namespace {
+
+/// Where a file's ending begins, its dot included; the end of the name if there is none.
+size_t endingOf(const std::string& file) noexcept {
+    const size_t slash = file.find_last_of("/\\"), dot = file.rfind('.');
+    const size_t name = slash == std::string::npos ? 0 : slash + 1;
+    return dot == std::string::npos || dot <= name ? file.size() : dot;
+}
+
+} // namespace
+
+std::string withEnding(const std::string& file, std::string_view ending) {
+    return file.substr(0, endingOf(file)) + std::string(ending);
+}
+
+std::string withNumber(const std::string& file, uint32_t number) {
+    const size_t ending = endingOf(file);
+    return file.substr(0, ending) + '-' + std::to_string(number) + file.substr(ending);
 }
 
 std::string joined(const std::vector<std::string>& words, std::string_view separator) {

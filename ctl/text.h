@@ -23,6 +23,11 @@ std::string byteCount(uint64_t bytes);
 /// A name and its value in two columns, as every verb shows them.
 std::string field(std::string_view name, std::string_view value);
 
+/// The name of a file with another ending: "a/b.png" and ".raw" give "a/b.raw".
+std::string withEnding(const std::string& file, std::string_view ending);
+/// The name of a file with a number: "a/b.y4m" and 2 give "a/b-2.y4m".
+std::string withNumber(const std::string& file, uint32_t number);
+
 /// The words with `separator` between each two.
 std::string joined(const std::vector<std::string>& words, std::string_view separator);
 

@@ -21,6 +21,21 @@ enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2
 /// VERB(name, Function, common options, what it does in one line, example and what it means)
 #define KESTRA_CTL_VERBS(VERB)                                                                                         \
     VERB("list", List, kTakesJson, "the cards, whether they open, and what arrives at them", "kestra-ctl list")        \
+    VERB("status", Status, kTakesCard | kTakesJson,                                                                    \
+         "everything that a card tells, and the settings of FFmpeg and OBS that fit", "kestra-ctl status --card 1")    \
+    VERB("watch", Watch, kTakesCard | kTakesJson, "what arrives and what is lost, once a second, until Ctrl-C",        \
+         "kestra-ctl watch --passive")                                                                                 \
+    VERB("snap", Snap, kTakesCard | kTakesJson, "one picture as a PNG file", "kestra-ctl snap picture.png --depth 10") \
+    VERB("capture", Capture, kTakesCard | kTakesJson, "picture and sound into files, or into another program",         \
+         "kestra-ctl capture film.y4m --seconds 60\n"                                                                  \
+         "kestra-ctl capture - --depth 10 | ffmpeg -i - -c:v ffv1 film.mkv")                                           \
+    VERB("converter", Converter, kTakesCard | kTakesJson, "how the card makes RGB: matrix, gains, offsets, limits",    \
+         "kestra-ctl converter preset bt709\nkestra-ctl converter set RedGain=1.25 BlueOffset=-3")                     \
+    VERB("formats", Formats, kTakesJson, "the formats that DirectShow applications chose last",                        \
+         "kestra-ctl formats set video=uyvy audio=16")                                                                 \
+    VERB(                                                                                                              \
+        "log", Log, kTakesJson, "what the library has logged, and how it does",                                        \
+        "kestra-ctl log set detail=3 folder=C:\\Temp\nkestra-ctl log tail --follow\nkestra-ctl log bundle C:\\report") \
     VERB("doctor", Doctor, kTakesCard | kTakesJson,                                                                    \
          "why an application does not see, start or keep the card; the exit code is the number of problems",           \
          "kestra-ctl doctor")

@@ -66,10 +66,6 @@ void WindowsConsole::write(std::string_view text) {
     put(m_out, m_outIsTerminal, text);
 }
 
-void WindowsConsole::writeBytes(const void* bytes, size_t size) {
-    put(m_out, false, {static_cast<const char*>(bytes), size});
-}
-
 void WindowsConsole::writeError(std::string_view text) noexcept {
     try {
         showProgress("");

@@ -14,10 +14,8 @@ public:
     WindowsConsole();
 
     void write(std::string_view text) override;
-    void writeBytes(const void* bytes, size_t size) override;
     void writeError(std::string_view text) noexcept override;
     bool isTerminal() const noexcept override { return m_outIsTerminal; }
-    bool isErrorTerminal() const noexcept override { return m_errorIsTerminal; }
     bool showsEverySign() const noexcept override;
     void showScreen(std::string_view lines) override;
     void showProgress(std::string_view line) noexcept override;

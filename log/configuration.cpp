@@ -1,6 +1,7 @@
 // Registry values, with defaults for whatever is missing or makes no sense.
 #include "log/engine.h"
 #include "log/platform.h"
+#include "protocol/user_settings.h"
 #include "win32/registry_key.h"
 
 #include <windows.h>
@@ -10,7 +11,6 @@
 namespace kestra {
 namespace {
 
-constexpr wchar_t kKeyPath[] = L"Software\\Quorvane\\TARNIS\\SDK\\Log";
 constexpr DWORD kMaxDirectoryBytes = 520;
 
 template <class... Arguments>
@@ -28,9 +28,9 @@ void openConfigurationKey(UniqueKey& key) noexcept {
         debugPrint(L"RegOpenCurrentUser failed (%d)\n", static_cast<int>(status));
         return;
     }
-    status = RegOpenKeyExW(user.get(), kKeyPath, 0, KEY_READ, key.out());
+    status = RegOpenKeyExW(user.get(), kLogKey, 0, KEY_READ, key.out());
     if (status != ERROR_SUCCESS)
-        debugPrint(L"RegOpenKeyEx(\"\\%ls\") failed (%d)\n", kKeyPath, static_cast<int>(status));
+        debugPrint(L"RegOpenKeyEx(\"\\%ls\") failed (%d)\n", kLogKey, static_cast<int>(status));
 }
 
 uint32_t number(const UniqueKey& key, const wchar_t* name, uint32_t missing) noexcept {

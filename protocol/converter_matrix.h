@@ -69,14 +69,15 @@ constexpr ConverterMatrix converterMatrix(LumaWeights weights, SampleRange range
 
 struct MatrixPreset {
     const wchar_t* name;
+    const char* shortName; ///< for command lines
     bool isHighDefinition; ///< of the signals that the standard is for
     ConverterMatrix matrix;
 };
 inline constexpr MatrixPreset kMatrixPresets[] = {
-    {L"ITU-R BT.601, studio to full", false, converterMatrix(kBt601, SampleRange::Studio)},
-    {L"ITU-R BT.709, studio to full", true, converterMatrix(kBt709, SampleRange::Studio)},
-    {L"ITU-R BT.601, full to full", false, converterMatrix(kBt601, SampleRange::Full)},
-    {L"ITU-R BT.709, full to full", true, converterMatrix(kBt709, SampleRange::Full)}};
+    {L"ITU-R BT.601, studio to full", "bt601", false, converterMatrix(kBt601, SampleRange::Studio)},
+    {L"ITU-R BT.709, studio to full", "bt709", true, converterMatrix(kBt709, SampleRange::Studio)},
+    {L"ITU-R BT.601, full to full", "bt601-full", false, converterMatrix(kBt601, SampleRange::Full)},
+    {L"ITU-R BT.709, full to full", "bt709-full", true, converterMatrix(kBt709, SampleRange::Full)}};
 
 /// The preset that equals a matrix as the card keeps it; std::size(kMatrixPresets) if none does.
 constexpr size_t presetOf(const ConverterMatrix& matrix) noexcept {

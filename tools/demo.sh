@@ -130,6 +130,10 @@ verb_demo() {
         -vf scale=in_color_matrix=bt709:out_range=pc -frames:v 1 "Z:$demo/frame.png"
     rm -f "$demo_build/frames.yuv" "$demo_build/sound.pcm"
 
+    step "what kestra-ctl says of the card, and a picture in 16 bits"
+    run_windows "$root/out/kestra-ctl.exe" status | tee -a "$demo/report.txt"
+    run_windows "$root/out/kestra-ctl.exe" snap --depth 10 "Z:$demo/snap.png"
+
     step "done"
     say "look at out/demo/recording.mp4 (picture and sound), frame.png (one of its frames) and report.txt (the figures)"
     say "next: ./kestra shell opens a shell in which a card is plugged in; card --help says what it can do"

@@ -51,10 +51,8 @@ ChildProgram::ChildProgram(std::string command, std::function<bool(const char*, 
     startup.hStdOutput = outWrite.get();
     startup.hStdError = errorWrite.get();
     PROCESS_INFORMATION child = {};
-    if (CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP, nullptr, nullptr,
-                       &startup, &child)) {
+    if (CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
         m_process = UniqueObject(child.hProcess);
-        m_processId = child.dwProcessId;
         CloseHandle(child.hThread);
     }
     outWrite = UniqueObject();
@@ -70,10 +68,6 @@ ChildProgram::~ChildProgram() {
     if (m_process && isRunning()) TerminateProcess(m_process.get(), ~0u);
     for (Reader* reader : {m_output.get(), m_error.get()})
         if (reader->thread.joinable()) reader->thread.join();
-}
-
-bool ChildProgram::interrupt() noexcept {
-    return GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_processId) != 0;
 }
 
 ProgramResult ChildProgram::finish(DWORD deadlineMs) {
@@ -94,11 +88,6 @@ ProgramResult ChildProgram::finish(DWORD deadlineMs) {
 std::string ChildProgram::outputSoFar() const {
     const std::lock_guard lock(m_output->mutex);
     return m_output->text;
-}
-
-bool ChildProgram::saysError(const std::string& text) {
-    const std::lock_guard lock(m_error->mutex);
-    return m_error->text.find(text) != std::string::npos;
 }
 
 } // namespace kestra::test

@@ -1,4 +1,4 @@
-// A Windows program as a person or a script runs it: what it prints, how it exits, and Ctrl-Break. One thread's.
+// A Windows program as a person or a script runs it: what it prints and how it exits. One thread's.
 #pragma once
 
 #include "win32/handle.h"
@@ -28,19 +28,14 @@ public:
     ~ChildProgram();
 
     bool isRunning() const noexcept { return WaitForSingleObject(m_process.get(), 0) == WAIT_TIMEOUT; }
-    /// Presses Ctrl-Break, as a console does.
-    bool interrupt() noexcept;
     /// Waits for its end.
     ProgramResult finish(DWORD deadlineMs = 60000);
-    /// True once the error output holds the text.
-    bool saysError(const std::string& text);
     /// What it has written to the standard output until now.
     std::string outputSoFar() const;
 
 private:
     struct Reader;
     UniqueObject m_process;
-    DWORD m_processId = 0;
     std::shared_ptr<Reader> m_output, m_error;
 };
 

@@ -1,0 +1,254 @@
+// log: how the library logs, what it has logged, and all of it for a request for support.
+#include "ctl/cards.h"
+#include "ctl/console.h"
+#include "ctl/json.h"
+#include "ctl/log_text.h"
+#include "ctl/output_file.h"
+#include "ctl/system_error.h"
+#include "ctl/text.h"
+#include "ctl/user_registry.h"
+#include "ctl/verbs.h"
+#include "protocol/user_settings.h"
+
+#include <kestra_version.h>
+
+#include <windows.h>
+
+#include <algorithm>
+#include <charconv>
+#include <span>
+
+namespace kestra::ctl {
+
+namespace {
+
+constexpr uint32_t kFollowMs = 250;
+constexpr uint32_t kMostDetail = 5, kDefaultSeverity = 4;
+
+struct Value {
+    const char* name; ///< on the command line
+    const wchar_t* value;
+    bool isSeverity;
+    const char* text;
+};
+constexpr Value kValues[] = {{"detail", L"FileOutDetail", false, "file detail"},
+                             {"severity", L"FileSeverityThrsh", true, "file from"},
+                             {"debugger-detail", L"IdeOutDetail", false, "debugger detail"},
+                             {"debugger-severity", L"IdeSeverityThrsh", true, "debugger from"}};
+constexpr const char* kSeverities[] = {"debug", "trace", "notice", "warning", "error"};
+
+/// The folder that the log's file lies in, ended by a backslash; empty: each program's current one.
+std::string logFolder() {
+    return readText(kLogKey, L"LogDir").value_or("");
+}
+
+std::string logFile(const Options::Log& log) {
+    return log.file.empty() ? logFolder() + "TARNIS.txt" : log.file;
+}
+
+uint32_t severityOf(std::optional<uint32_t> stored) noexcept {
+    return stored && *stored < std::size(kSeverities) ? *stored : kDefaultSeverity;
+}
+
+std::string fullFolder(const std::string& folder) {
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetFullPathNameW(wideOfUtf8(folder).c_str(), MAX_PATH, path, nullptr);
+    const DWORD attributes = length != 0 && length < MAX_PATH ? GetFileAttributesW(path) : INVALID_FILE_ATTRIBUTES;
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        throw Failure(ExitCode::Usage, "there is no folder '" + folder + "'", "make it first");
+    std::string full = utf8OfWide(path);
+    if (full.back() != '\\') full += '\\';
+    return full;
+}
+
+/// @param isTrial  only says what is wrong
+void setValue(const std::string& assignment, bool isTrial) {
+    const size_t equals = assignment.find('=');
+    const std::string name = assignment.substr(0, equals);
+    const std::string wanted = equals == std::string::npos ? "" : assignment.substr(equals + 1);
+    if (name == "folder") {
+        const std::string folder = fullFolder(wanted);
+        if (!isTrial) writeText(kLogKey, L"LogDir", folder);
+        return;
+    }
+    const auto* value =
+        std::find_if(std::begin(kValues), std::end(kValues), [&](const Value& known) { return name == known.name; });
+    if (value == std::end(kValues))
+        throw Failure(ExitCode::Usage, "the log has no '" + name + "'",
+                      "it has: detail, severity, folder, debugger-detail, debugger-severity");
+    uint32_t number = 0;
+    if (value->isSeverity) {
+        const auto* severity = std::find(std::begin(kSeverities), std::end(kSeverities), wanted);
+        if (severity == std::end(kSeverities))
+            throw Failure(ExitCode::Usage, "'" + wanted + "' is no severity",
+                          "there are: debug, trace, notice, warning, error");
+        number = static_cast<uint32_t>(severity - kSeverities);
+    } else {
+        const auto [end, error] = std::from_chars(wanted.data(), wanted.data() + wanted.size(), number);
+        if (error != std::errc() || end != wanted.data() + wanted.size() || number > kMostDetail)
+            throw Failure(ExitCode::Usage, "'" + wanted + "' is no detail",
+                          "it takes a number from 0 (off) to 5 (all)");
+    }
+    if (!isTrial) writeNumber(kLogKey, value->value, number);
+}
+
+ExitCode show(const Options& options, Console& console) {
+    Json json = jsonOf("log");
+    std::string text;
+    for (const Value& value : kValues) {
+        const std::optional<uint32_t> stored = readNumber(kLogKey, value.value);
+        if (value.isSeverity) {
+            const char* severity = kSeverities[severityOf(stored)];
+            json[value.name] = severity;
+            text += field(value.text, severity);
+        } else {
+            json[value.name] = stored.value_or(0);
+            text += field(value.text, stored.value_or(0) == 0 ? "0: off" : std::to_string(*stored) + " of 5");
+        }
+    }
+    const std::string folder = logFolder();
+    json["folder"] = folder.empty() ? Json(nullptr) : Json(folder);
+    text += field("folder", folder.empty() ? "none: each program logs into its current folder" : folder);
+    if (readNumber(kLogKey, L"FileOutDetail").value_or(0) == 0)
+        text +=
+            "The log is off: kestra-ctl log set detail=3 folder=FOLDER switches it on for programs that start then.\n";
+    console.write(options.json ? jsonLine(json) : text);
+    return ExitCode::Done;
+}
+
+/// Writes lines as they are, or as JSON, with or without what their numbers mean.
+void writeLines(const Options& options, Console& console, std::string_view text, bool explains) {
+    std::string out;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        const std::string line(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        const std::string meaning = explains ? explainLogLine(line, systemErrorText) : "";
+        if (options.json) {
+            Json json = jsonOf("log");
+            json["line"] = line;
+            if (explains) json["meaning"] = meaning.empty() ? Json(nullptr) : Json(meaning);
+            out += jsonLine(json);
+        } else {
+            out += line + '\n' + (meaning.empty() ? "" : "    = " + meaning + '\n');
+        }
+    }
+    console.write(out);
+}
+
+ExitCode tail(const Options& options, Console& console) {
+    const std::string name = logFile(options.log);
+    std::string bytes = readFile(name);
+    size_t known = bytes.size() & ~size_t{1};
+    writeLines(options, console, lastLines(textOfLog(bytes), options.log.lines), false);
+    while (options.log.follow && !console.isInterrupted(kFollowMs)) {
+        bytes = readFile(name);
+        if (bytes.size() < known) known = 0; // begun anew
+        const std::string fresh = textOfLog(std::string_view(bytes).substr(known));
+        const size_t whole = fresh.rfind('\n');
+        if (whole == std::string::npos) continue;
+        writeLines(options, console, std::string_view(fresh).substr(0, whole + 1), false);
+        known = bytes.size() & ~size_t{1};
+    }
+    return ExitCode::Done;
+}
+
+/// Keeps what a verb says.
+class CollectingConsole final : public Console {
+public:
+    explicit CollectingConsole(Console& real) : m_real(real) {}
+    void write(std::string_view text) override { said += text; }
+    void writeError(std::string_view text) noexcept override {
+        try {
+            said += text;
+        } catch (const std::exception&) { // no memory for what is only told
+        }
+    }
+    bool isTerminal() const noexcept override { return false; }
+    void showScreen(std::string_view) override {}
+    void showProgress(std::string_view) noexcept override {}
+    bool isInterrupted(uint32_t waitMs) noexcept override { return m_real.isInterrupted(waitMs); }
+
+    std::string said;
+
+private:
+    Console& m_real;
+};
+
+std::string saidBy(const Verb& verb, const Options& options, Console& console) {
+    CollectingConsole collecting(console);
+    try {
+        verb.run(options, collecting);
+    } catch (const Failure& failure) {
+        collecting.writeError(std::string(failure.what()) + "\n" + failure.remedy() + "\n");
+    }
+    return collecting.said;
+}
+
+std::string versions() {
+    OSVERSIONINFOEXW system{};
+    system.dwOSVersionInfoSize = sizeof system;
+    GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&system)); // of the system as far as it tells this program
+    return format("kestra-ctl " KESTRA_VERSION_TEXT "\nWindows %lu.%lu build %lu\n", system.dwMajorVersion,
+                  system.dwMinorVersion, system.dwBuildNumber);
+}
+
+ExitCode bundle(const Options& options, Console& console) {
+    const std::string& folder = options.log.folder;
+    if (!CreateDirectoryW(wideOfUtf8(folder).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
+        throw Failure(ExitCode::Failure, folder + " cannot be made: " + systemErrorText(GetLastError()),
+                      "choose another folder");
+    std::string made;
+    const auto put = [&](const std::string& name, const std::string& text) {
+        writeFile(folder + '\\' + name, text.data(), text.size());
+        made += "  " + name + '\n';
+    };
+    put("versions.txt", versions());
+    for (const Verb& verb : kVerbs) {
+        const std::string name = verb.name;
+        Options asked;
+        if (name == "list" || name == "formats" || name == "log") {
+            asked.formats.name = asked.log.action = "show";
+            put(name + ".txt", saidBy(verb, asked, console));
+        } else if (name == "doctor") {
+            put("doctor.txt", saidBy(verb, asked, console));
+        } else if (name == "status") {
+            for (const CardEntry& card : findCards()) {
+                asked.card = std::to_string(card.number);
+                put("status-" + asked.card + ".txt", saidBy(verb, asked, console));
+            }
+        }
+    }
+    try {
+        put("TARNIS.txt", readFile(logFile(options.log)));
+    } catch (const Failure& failure) {
+        put("no-log.txt", std::string(failure.what()) + '\n');
+    }
+    if (options.json) {
+        Json json = jsonOf("log");
+        json["folder"] = folder;
+        console.write(jsonLine(json));
+    } else {
+        console.write(folder + " holds:\n" + made +
+                      "Look through it before you pass it on: it names folders of yours.\n");
+    }
+    return ExitCode::Done;
+}
+
+} // namespace
+
+ExitCode runLog(const Options& options, Console& console) {
+    const std::string& action = options.log.action;
+    if (action == "tail") return tail(options, console);
+    if (action == "bundle") return bundle(options, console);
+    if (action == "decode") {
+        writeLines(options, console, textOfLog(readFile(logFile(options.log))), true);
+        return ExitCode::Done;
+    }
+    for (const bool isTrial : {true, false}) // all are sensible before one is changed
+        for (const std::string& assignment : options.log.values)
+            setValue(assignment, isTrial);
+    return show(options, console);
+}
+
+} // namespace kestra::ctl
