@@ -52,6 +52,16 @@ protected:
         else
             EXPECT_EQ(result.exitCode, 0u) << result.error;
     }
+    /// Waits until some frames are in the file.
+    bool waitForFile(const std::string& name) {
+        return waitUntil(
+            [&] {
+                std::error_code missing;
+                const auto bytes = std::filesystem::file_size(m_folder / name, missing);
+                return !missing && bytes > 400000;
+            },
+            std::chrono::seconds(30));
+    }
     bool waitForFrames(uint32_t count) {
         return waitUntil([&] { return m_card.state().channels[0].delivered >= count; }, std::chrono::seconds(30));
     }
@@ -119,13 +129,14 @@ TEST_F(Capture, StandardOutputHoldsNothingButTheFilm) {
 }
 
 TEST_F(Capture, CtrlCEndsItWithWholeFilesAndTheAccount) {
-    makeFramesAsTaken();
     LiveProgram capture("capture " + file("film.y4m"));
-    EXPECT_TRUE(waitForFrames(10));
+    EXPECT_TRUE(waitForFile("film.y4m"));
     const ProgramResult result = capture.interrupt();
-    EXPECT_EQ(result.exitCode, 0u) << result.error;
-    EXPECT_THAT(result.output, HasSubstr("  lost          0\n"));
-    expectFilm("film", kSmall, 8, 16);
+    expectDone(result);
+    EXPECT_THAT(result.output, HasSubstr("  lost          "));
+    const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 8);
+    EXPECT_EQ(found.wrong, "");
+    EXPECT_GE(found.numbers.size(), 3u);
 }
 
 TEST_F(Capture, EndsAfterTheSecondsThatWereAsked) {
@@ -137,27 +148,29 @@ TEST_F(Capture, EndsAfterTheSecondsThatWereAsked) {
 }
 
 TEST_F(Capture, LossesAreToldByCause) {
-    makeFramesAsTaken();
-    m_card.dmaStatusNext(0, DMA_STATUS_FRAME_DROPED, 2, 5);
-    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 3, 9);
-    const ProgramResult result = ctl("capture --sound none --frames 20 --json " + file("film.y4m"));
+    LiveProgram capture("capture --sound none --json " + file("film.y4m"));
+    EXPECT_TRUE(waitForFile("film.y4m"));
+    m_card.dmaStatusNext(0, DMA_STATUS_FRAME_DROPED, 2);
+    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 3, 4);
+    EXPECT_TRUE(waitUntil([&] { return m_card.state().faults == 0; }, std::chrono::seconds(30)));
+    const uint32_t delivered = m_card.state().channels[0].delivered;
+    EXPECT_TRUE(waitForFrames(delivered + 3));
+    const ProgramResult result = capture.interrupt();
     EXPECT_EQ(result.exitCode, 1u);
     EXPECT_THAT(result.error, HasSubstr("kestra-ctl: frames were lost: see the account\n"));
     const json lost = json::parse(result.output.substr(result.output.rfind("{\"schema\""))).at("picture").at("lost");
     EXPECT_EQ(lost.at("overrun"), 3);
     EXPECT_GE(lost.at("cardDropped"), 2);
-    EXPECT_EQ(lost.at("ringFull"), 0);
-    const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 8);
-    EXPECT_EQ(found.wrong, "");
-    EXPECT_EQ(found.numbers.size(), 20u);
+    EXPECT_EQ(checkY4m(readWholeFile(file("film.y4m")), kSmall, 8).wrong, "");
 }
 
 TEST_F(Capture, UntilLossEndsWithTheFirst) {
-    makeFramesAsTaken();
-    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 1, 12);
-    const ProgramResult result = ctl("capture --sound none --until-loss " + file("film.y4m"));
+    LiveProgram capture("capture --sound none --until-loss " + file("film.y4m"));
+    EXPECT_TRUE(waitForFile("film.y4m"));
+    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 1);
+    const ProgramResult result = capture.finish();
     EXPECT_EQ(result.exitCode, 1u);
-    EXPECT_THAT(result.output, HasSubstr(" overrun"));
+    EXPECT_THAT(result.error, HasSubstr("kestra-ctl: frames were lost: see the account\n"));
     EXPECT_EQ(checkY4m(readWholeFile(file("film.y4m")), kSmall, 8).wrong, "");
 }
 
@@ -165,13 +178,7 @@ TEST_F(Capture, AnotherFormatGetsAFileOfItsOwn) {
     LiveProgram capture("capture " + file("film.y4m"));
     EXPECT_TRUE(waitForFrames(5));
     m_card.setSignal(kInterlaced);
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            std::error_code missing;
-            const auto bytes = std::filesystem::file_size(m_folder / "film-2.y4m", missing);
-            return !missing && bytes > 400000; // some frames
-        },
-        std::chrono::seconds(30)));
+    EXPECT_TRUE(waitForFile("film-2.y4m"));
     const ProgramResult result = capture.interrupt();
     expectDone(result);
     EXPECT_THAT(result.output, HasSubstr("film-2.y4m: "));
@@ -260,8 +267,8 @@ TEST_F(Capture, AFullDiskKeepsWhatWasWritten) {
     EXPECT_THAT(console.output, HasSubstr("film.y4m: 8 frames of 320x180p30 in 10 bits"));
     const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 10);
     EXPECT_EQ(found.wrong, "");
-    EXPECT_EQ(found.numbers.size(), 8u);
-    expectFilm("film", kSmall, 10, 16);
+    ASSERT_EQ(found.numbers.size(), 8u);
+    EXPECT_EQ(checkWav(readWholeFile(file("film.wav")), kSmall, 16, found.numbers[0]).wrong, "");
 }
 
 TEST_F(Capture, WhatCannotBeginSaysWhy) {

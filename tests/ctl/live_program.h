@@ -38,11 +38,15 @@ public:
     bool waitForError(const std::string& text) { return m_console.waitFor(text, &LiveConsole::error); }
     bool has(const std::string& text) { return m_console.has(text, &LiveConsole::output); }
 
+    /// Waits until it ends by itself.
+    ProgramResult finish() {
+        m_thread.join();
+        return {m_exitCode, m_console.output, m_console.error};
+    }
     /// Presses Ctrl-C and waits for the end.
     ProgramResult interrupt() {
         m_console.interrupt();
-        m_thread.join();
-        return {m_exitCode, m_console.output, m_console.error};
+        return finish();
     }
 
 private:
