@@ -131,7 +131,7 @@ int run(const Options& options) {
     return std::min(totals.failures(), 125);
 }
 
-int main(int argc, char** argv) {
+int runProgram(int argc, char** argv) {
     Options options;
     CLI::App app("kestra-compliance: does a DirectShow capture filter keep the platform's rules?", "kestra-compliance");
     app.set_version_flag("--version", KESTRA_VERSION_TEXT);
@@ -178,5 +178,9 @@ int main(int argc, char** argv) {
 } // namespace kestra::compliance
 
 int main(int argc, char** argv) {
-    return kestra::compliance::main(argc, argv);
+    try {
+        return kestra::compliance::runProgram(argc, argv);
+    } catch (...) { // without memory even for the options
+        return 126;
+    }
 }

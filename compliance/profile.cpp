@@ -31,7 +31,7 @@ std::wstring wide(const std::string& text) {
 /// @throws Failure, about a test that there is not
 void addDeviations(Profile& profile, const nlohmann::json& deviations) {
     for (const auto& entry : deviations.items()) {
-        const std::string test = entry.key();
+        const std::string& test = entry.key();
         const auto& tests = allTests();
         if (std::none_of(tests.begin(), tests.end(), [&](const Test& known) { return known.id() == test; }))
             throw Failure{"a test in the profile", "\"" + test + "\", which there is not"};

@@ -133,7 +133,7 @@ ComRef<IPin> capturePin(IBaseFilter* filter) {
                                       &returned)) &&
             category == PIN_CATEGORY_CAPTURE)
             return pin;
-        if (!first) first = std::move(pin);
+        if (!first) first = ComRef<IPin>::share(pin.get());
     }
     expect(bool{first}, "an output pin", "none");
     return first;

@@ -301,6 +301,7 @@ void acceptNull(Context& context) {
 
 template <ULONG bytes>
 void blockOf(Context& context) {
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): as every change is called
     provoke(context, [](Type type) { return withBlock(type, bytes); });
 }
 

@@ -52,7 +52,7 @@ void picky(Context& context) {
     Rig rig(context);
     const auto offered = offeredTypes(rig.pin.get());
     expect(!offered.empty(), "a media type", "none");
-    const Type last = offered.back();
+    const Type& last = offered.back();
     rig.sink->accepts = [&](const AM_MEDIA_TYPE& type) { return Type(type) == last; };
     rig.connect();
     expect(rig.sink->type() == last, "the one type that the receiver takes: " + last.text(), rig.sink->type().text());

@@ -108,6 +108,7 @@ void manyThreads(IUnknown* object) {
     const ULONG before = countOf(object);
     note("AddRef and Release on four threads");
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([object] {
             for (int n = 0; n < 20'000; ++n) {
