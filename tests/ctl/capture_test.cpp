@@ -76,6 +76,7 @@ protected:
         EXPECT_EQ(sound.numbers.back(), picture.numbers.back()) << name << ": sound and picture end together";
     }
 };
+class Watch : public Capture {};
 
 } // namespace
 
@@ -127,12 +128,50 @@ TEST_F(Capture, StandardOutputHoldsNothingButTheFilm) {
     EXPECT_EQ(checkWav(readWholeFile(file("film.wav")), kSmall, 16, found.numbers[0]).wrong, "");
 }
 
+TEST_F(Capture, CtrlCEndsItWithWholeFilesAndTheAccount) {
+    LiveProgram capture("capture " + file("film.y4m"));
+    EXPECT_TRUE(waitForFile("film.y4m"));
+    const ProgramResult result = capture.interrupt();
+    expectDone(result);
+    EXPECT_THAT(result.output, HasSubstr("  lost          "));
+    const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 8);
+    EXPECT_EQ(found.wrong, "");
+    EXPECT_GE(found.numbers.size(), 3u);
+}
+
 TEST_F(Capture, EndsAfterTheSecondsThatWereAsked) {
     const ProgramResult result = ctl("capture --sound none --seconds 1.5 " + file("film.y4m"));
     expectDone(result);
     const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 8);
     EXPECT_EQ(found.wrong, "");
     EXPECT_GE(found.numbers.size(), 10u);
+}
+
+TEST_F(Capture, LossesAreToldByCause) {
+    LiveProgram capture("capture --sound none --json " + file("film.y4m"));
+    EXPECT_TRUE(waitForFile("film.y4m"));
+    m_card.dmaStatusNext(0, DMA_STATUS_FRAME_DROPED, 2);
+    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 3, 4);
+    EXPECT_TRUE(waitUntil([&] { return m_card.state().faults == 0; }, std::chrono::seconds(30)));
+    const uint32_t delivered = m_card.state().channels[0].delivered;
+    EXPECT_TRUE(waitForFrames(delivered + 3));
+    const ProgramResult result = capture.interrupt();
+    EXPECT_EQ(result.exitCode, 1u);
+    EXPECT_THAT(result.error, HasSubstr("kestra-ctl: frames were lost: see the account\n"));
+    const json lost = json::parse(result.output.substr(result.output.rfind("{\"schema\""))).at("picture").at("lost");
+    EXPECT_EQ(lost.at("overrun"), 3);
+    EXPECT_GE(lost.at("cardDropped"), 2);
+    EXPECT_EQ(checkY4m(readWholeFile(file("film.y4m")), kSmall, 8).wrong, "");
+}
+
+TEST_F(Capture, UntilLossEndsWithTheFirst) {
+    LiveProgram capture("capture --sound none --until-loss " + file("film.y4m"));
+    EXPECT_TRUE(waitForFile("film.y4m"));
+    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 1);
+    const ProgramResult result = capture.finish();
+    EXPECT_EQ(result.exitCode, 1u);
+    EXPECT_THAT(result.error, HasSubstr("kestra-ctl: frames were lost: see the account\n"));
+    EXPECT_EQ(checkY4m(readWholeFile(file("film.y4m")), kSmall, 8).wrong, "");
 }
 
 TEST_F(Capture, AnotherFormatGetsAFileOfItsOwn) {
@@ -200,6 +239,124 @@ TEST_F(Capture, APipeThatClosesEndsItAtOnce) {
     EXPECT_EQ(result.exitCode, 1u);
     EXPECT_THAT(result.error, HasSubstr("kestra-ctl: the standard output cannot be written: "));
     EXPECT_THAT(result.error, HasSubstr("whoever reads it has ended: look at its own messages\n"));
+}
+
+TEST_F(Capture, AFullDiskKeepsWhatWasWritten) {
+    makeFramesAsTaken();
+    using Write = decltype(&WriteFile);
+    static ScopedImportHook<Write>* hook;
+    static std::atomic<DWORD> room; // of frames, in bytes; headers are small and lie in room that they have
+    room = 8 * (320 * 180 * 4 + 6) + 1000;
+    ScopedImportHook<Write> full(
+        "kernel32.dll", "WriteFile",
+        [](HANDLE file, LPCVOID bytes, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) -> BOOL {
+            if (size < 100000) return hook->original()(file, bytes, size, written, overlapped);
+            const DWORD fitting = std::min<DWORD>(size, room);
+            room -= fitting;
+            if (fitting != 0) return hook->original()(file, bytes, fitting, written, overlapped);
+            SetLastError(ERROR_DISK_FULL);
+            return FALSE;
+        });
+    hook = &full;
+    ASSERT_TRUE(full.installed());
+    PatientConsole console;
+    EXPECT_EQ(ctl::runCommandLine({"capture", "--depth", "10", file("film.y4m")}, console), ctl::ExitCode::Failure);
+    EXPECT_THAT(console.error, HasSubstr(file("film.y4m") + " cannot be written: "));
+    EXPECT_THAT(console.error,
+                HasSubstr("the disk is full: make room or take another; what was written before is whole\n"));
+    EXPECT_THAT(console.output, HasSubstr("film.y4m: 8 frames of 320x180p30 in 10 bits"));
+    const MediaFindings found = checkY4m(readWholeFile(file("film.y4m")), kSmall, 10);
+    EXPECT_EQ(found.wrong, "");
+    ASSERT_EQ(found.numbers.size(), 8u);
+    EXPECT_EQ(checkWav(readWholeFile(file("film.wav")), kSmall, 16, found.numbers[0]).wrong, "");
+}
+
+TEST_F(Capture, WhatCannotBeginSaysWhy) {
+    expectFailure(ctl("capture film.wav"), 2, "picture and sound would have the same file, film.wav",
+                  "give the picture's file another ending, or name the sound's: --wav FILE");
+    EXPECT_EQ(ctl("capture film.y4m --frames 0").exitCode, 2u);
+    EXPECT_EQ(ctl("capture film.y4m --seconds -1").exitCode, 2u);
+    EXPECT_EQ(ctl("capture film.y4m --sound 20").exitCode, 2u);
+    EXPECT_THAT(ctl("capture " + file("no/film.y4m")).error, HasSubstr(" cannot be written: Path not found (3)"));
+    m_card.refuseNext(wire::kPrepare, 3, simcard::kForever);
+    const ProgramResult refused = ctl("capture " + file("film.y4m"));
+    EXPECT_EQ(refused.exitCode, 1u);
+    EXPECT_THAT(refused.error, HasSubstr("card 0 was asked for frames, and its driver failed"));
+    EXPECT_FALSE(std::filesystem::exists(file("film.y4m")));
+    m_card.clearFaults();
+    m_card.setSignal({});
+    EXPECT_EQ(ctl("capture " + file("film.y4m")).exitCode, 4u);
+    EXPECT_EQ(ctl("capture --card 5 " + file("film.y4m")).exitCode, 3u);
+    const TARNIS_HANDLE other = openCard();
+    ASSERT_EQ(TARNIS_GetDMAAccess(other, 1), 0u);
+    m_card.setSignal(kSmall);
+    EXPECT_EQ(ctl("capture " + file("film.y4m")).exitCode, 5u);
+    EXPECT_EQ(m_card.state().clients, 1u);
+    TARNIS_Done(other);
+}
+
+TEST_F(Watch, LinesTellWhatArrives) {
+    const ProgramResult result = ctl("watch --seconds 2");
+    EXPECT_EQ(result.exitCode, 0u) << result.error;
+    EXPECT_THAT(result.output, HasSubstr("  320x180p30, sound  "));
+    EXPECT_THAT(result.output, HasSubstr(" frames  lost "));
+    EXPECT_THAT(result.output, HasSubstr("\nwatched "));
+    EXPECT_THAT(result.output, Not(HasSubstr("  0 frames  lost 0\nwatched"))) << "none was counted";
+}
+
+TEST_F(Watch, ChangesAreToldWithTheirTimes) {
+    LiveProgram watch("watch");
+    EXPECT_TRUE(watch.waitFor("  320x180p30, sound  "));
+    m_card.setSignal({});
+    EXPECT_TRUE(watch.waitFor("  ! the signal has gone\n"));
+    m_card.setSignal(kInterlaced);
+    EXPECT_TRUE(watch.waitFor("  ! a signal has come: 322x182i50, sound\n"));
+    EXPECT_TRUE(waitForFrames(5));
+    m_card.unplug();
+    EXPECT_TRUE(watch.waitFor("  ! the card was pulled\n"));
+    m_card.plug();
+    EXPECT_TRUE(watch.waitFor("  ! the card is back: 322x182i50, sound\n"));
+    const ProgramResult result = watch.interrupt();
+    EXPECT_EQ(result.exitCode, 0u) << result.error;
+    EXPECT_THAT(result.output, HasSubstr(", 4 changes, "));
+}
+
+TEST_F(Watch, LossesAreTold) {
+    m_card.dmaStatusNext(0, DMA_STATUS_FIFO_OVERRUN, 2, 3);
+    LiveProgram watch("watch");
+    EXPECT_TRUE(watch.waitFor("2 overrun"));
+    const ProgramResult result = watch.interrupt();
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_THAT(result.output, HasSubstr(" lost; in all "));
+}
+
+TEST_F(Watch, JsonIsOneObjectALine) {
+    const ProgramResult result = ctl("watch --json --seconds 1");
+    EXPECT_EQ(result.exitCode, 0u) << result.error;
+    std::istringstream lines(result.output);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count)
+        expectSchema("watch", line);
+    EXPECT_GE(count, 3);
+}
+
+TEST_F(Watch, PassiveOneTakesNothing) {
+    const ProgramResult result = ctl("watch --passive --seconds 1");
+    EXPECT_EQ(result.exitCode, 0u) << result.error;
+    EXPECT_EQ(result.error, "");
+    for (const LogEntry& entry : m_card.log())
+        EXPECT_NE(entry.code, uint32_t(wire::kChannelAccess));
+    EXPECT_THAT(result.output, Not(HasSubstr("frames")));
+}
+
+TEST_F(Watch, BesideAnotherCaptureItOnlyLooks) {
+    const TARNIS_HANDLE other = openCard();
+    ASSERT_EQ(TARNIS_GetDMAAccess(other, 0), 0u);
+    const ProgramResult result = ctl("watch --seconds 1");
+    EXPECT_EQ(result.exitCode, 0u);
+    EXPECT_THAT(result.error, HasSubstr("another program captures the picture of card 0: frames are not counted\n"));
+    EXPECT_THAT(result.output, HasSubstr("  320x180p30, sound\n"));
+    TARNIS_Done(other);
 }
 
 } // namespace kestra::test
