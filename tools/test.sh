@@ -89,6 +89,7 @@ test_some() {
         build_preset "$preset" "${targets[@]}"
         if [ "$preset" = windows ]; then
             [[ " ${wanted[*]} " != *" e2e_"* ]] || build_preset native check_recording check_synchrony
+            [[ " ${wanted[*]} " != *" ctl_film"* ]] || build_preset native check_film
             session_start
         fi
         test_run "$preset" -R "^($(IFS='|'; echo "${wanted[*]}"))\$"
@@ -102,7 +103,7 @@ test_all() {
     install_out
     build_preset native-sanitize
     build_preset native-thread
-    build_preset native check_recording check_synchrony
+    build_preset native check_film check_recording check_synchrony
     bench_build
     check_format
     check_clang
