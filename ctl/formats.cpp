@@ -43,7 +43,8 @@ void setFormat(const std::string& assignment, bool isTrial) {
             }
             names.emplace_back(choice.name);
         }
-        throw Failure(ExitCode::Usage, "'" + wanted + "' is no format for " + name, "it takes: " + joined(names, ", "));
+        throw Failure(ExitCode::Usage, ctl::format("'%s' is no format for %s", wanted.c_str(), name.c_str()),
+                      "it takes: " + joined(names, ", "));
     }
     throw Failure(ExitCode::Usage, "there is no format '" + name + "'", "for example: video=uyvy audio=16");
 }

@@ -43,14 +43,14 @@ void splitLine10(const uint8_t* raw, uint32_t width, uint16_t* y, uint16_t* cb, 
 }
 
 void splitLine8(const uint8_t* raw, uint32_t width, uint8_t* y, uint8_t* cb, uint8_t* cr) noexcept {
-    uint32_t pair = 0;
+    size_t pair = 0;
     for (; pair < width / 2; ++pair) {
         y[2 * pair] = raw[4 * pair];
         cb[pair] = raw[4 * pair + 1];
         y[2 * pair + 1] = raw[4 * pair + 2];
         cr[pair] = raw[4 * pair + 3];
     }
-    splitRest(2 * pair, width, y, cb, cr, uint8_t{128}, [raw](uint32_t index) { return raw[index]; });
+    splitRest(width & ~1u, width, y, cb, cr, uint8_t{128}, [raw](uint32_t index) { return raw[index]; });
 }
 
 } // namespace kestra::ctl

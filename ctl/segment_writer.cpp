@@ -104,7 +104,8 @@ void SegmentWriter::close() {
 }
 
 double SegmentWriter::soundSeconds() const noexcept {
-    return static_cast<double>(m_soundBytes / soundFrameBytes(m_format.soundBits)) / kSoundSamplesPerSecond;
+    const uint64_t samples = m_soundBytes / soundFrameBytes(m_format.soundBits);
+    return static_cast<double>(samples) / kSoundSamplesPerSecond;
 }
 
 } // namespace kestra::ctl

@@ -35,7 +35,8 @@ std::string counted(uint64_t count, std::string_view noun) {
 std::string duration(double seconds) {
     if (seconds < 59.95) return format("%.1f s", seconds);
     const auto whole = uint64_t(seconds);
-    if (seconds < 3599.95) return format("%u min %.1f s", unsigned(whole / 60), seconds - double(whole / 60 * 60));
+    const uint64_t minutes = whole / 60;
+    if (seconds < 3599.95) return format("%u min %.1f s", unsigned(minutes), seconds - double(minutes) * 60);
     return format("%llu h %u min %u s", static_cast<unsigned long long>(whole / 3600), unsigned(whole / 60 % 60),
                   unsigned(whole % 60));
 }
