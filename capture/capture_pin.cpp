@@ -24,7 +24,6 @@ HRESULT copyOf(const AM_MEDIA_TYPE& type, CMediaType& copy) {
     return SUCCEEDED(hr) && copy.cbFormat != type.cbFormat ? E_OUTOFMEMORY : hr;
 }
 
-
 /// @return 0 if the key or value is missing or is not four bytes long
 uint32_t readSetting(const wchar_t* name) noexcept {
     UniqueKey key;

@@ -12,9 +12,9 @@ struct Profile {
     std::wstring unplug, plug;                     ///< commands; empty: none
 };
 
-/// Reads a profile: {"filters": {"NAME": {"class": "{…}", "deviations": {"group.test": "reason"}, "deviationsOnWine": {…},
-/// "unplug": "…", "plug": "…"}}}. A filter is known by its friendly NAME or its class; "*" is every filter. @throws
-/// Failure, with what is wrong with the file
+/// Reads a profile: {"filters": {"NAME": {"class": "{…}", "deviations": {"group.test": "reason"}, "deviationsOnWine":
+/// {…}, "unplug": "…", "plug": "…"}}}. A filter is known by its friendly NAME or its class; "*" is every filter.
+/// @throws Failure, with what is wrong with the file
 Profile readProfile(const std::wstring& path, const SubjectName& subject);
 
 /// Marks deviations that the profile excuses, and excuses that nothing needs.
