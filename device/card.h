@@ -34,8 +34,8 @@ private:
     const UniqueObject m_mutex;
 };
 
-/// Counted: the creator, each grabbing thread and each call that is under way hold it, so that a close on another
-/// thread takes it from under nobody.
+/// Counted: the creator, each grabbing thread and each call in progress hold a reference, so that a close on another
+/// thread never frees it while it is in use.
 class Card : public IDeviceAddRemove {
 public:
     /// Opens the card. isUsable() says whether that went well. Throws if there is no memory or no thread.

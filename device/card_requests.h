@@ -27,7 +27,7 @@ static_assert(sizeof(RequestResult) == 4);
 /// The library's status for a Win32 error.
 uint8_t statusOf(DWORD error) noexcept;
 
-/// One opening of the card. Whoever uses the handle holds this, so that it is closed under nobody.
+/// One opening of the card. Whoever uses the handle holds this, so that it is never closed while in use.
 struct OpenedCard {
     UniqueFile file;
     uint32_t number = 0;    ///< of the opening: 1, 2, ...
@@ -107,7 +107,7 @@ public:
     }
     /// The outcome of a lasting request that has ended by now: a driver may take it and refuse it a moment later.
     static RequestResult judgeEnded(uint32_t code, const void* answer, PendingRequest& pending) noexcept;
-    /// Without header, and without a look at what comes back: the memory is the caller's. Logs nothing. Both are issued
+    /// Without a header, and the reply is not judged: the memory is the caller's. Logs nothing. Both are issued
     /// by the thread that lives as long as this.
     RequestResult askDirect(uint32_t code, void* memory, uint32_t bytes, DWORD patienceMs) noexcept;
     RequestResult issueDirect(uint32_t code, void* memory, uint32_t bytes, PendingRequest& pending) noexcept {
@@ -153,7 +153,7 @@ private:
     uint32_t m_underWay GUARDED_BY(m_mutex) = 0;
     uint32_t m_givenUp GUARDED_BY(m_mutex) = 0; ///< of those: a drain has waited for them in vain
     bool m_refusing GUARDED_BY(m_mutex) = true; ///< what StopCard says: asking the system twice a frame would show
-    /// For requests to come: making an event for each would show, too.
+    /// Kept for later requests: making an event for each would show in the time per frame.
     std::array<UniqueObject, 4> m_spareEvents GUARDED_BY(m_mutex);
     RequestThread m_thread;
 };

@@ -57,7 +57,7 @@ public:
     HANDLE inputCheck() const noexcept { return m_inputCheck.get(); }
 
     enum class Start { Started, NotStarted, NoThread };
-    /// @param cameraData  in: what is wanted; out: what the channel was prepared for, as far as the start came
+    /// @param cameraData  in: what is wanted; out: what the channel was prepared for, if the start got that far
     Start start(uint32_t startParam, TarnisCameraData* cameraData, TarnisFrameCallback callback, uint64_t context);
     uint32_t stop() { return m_life.stop(); }
     /// Removal, AccessReleased or Close.
@@ -67,7 +67,7 @@ public:
     /// Programs the channel and locks its buffers, unless that is what it has. Needs DMA access. Throws std::bad_alloc.
     uint32_t prepare(TarnisCameraData& cameraData) EXCLUDES(m_prepareMutex, m_mutex);
     uint32_t bufferSizeBytes() EXCLUDES(m_mutex);
-    /// With the card refusing requests: lets the system have its hands off the buffers.
+    /// While the card refuses requests: waits until the system no longer uses the buffers.
     void unlockBuffers() noexcept EXCLUDES(m_mutex);
     /// Closed: a late callback may keep the buffers.
     void forget() noexcept EXCLUDES(m_mutex);

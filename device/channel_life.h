@@ -41,7 +41,7 @@ enum class LifeEvent : uint8_t {
 };
 constexpr int kLifeEvents = 11;
 
-/// What whoever tells an event has to do then.
+/// What the one who reports an event has to do next.
 enum LifeAction : uint8_t {
     kNothing = 0,
     kBegin = 1,       ///< make a run

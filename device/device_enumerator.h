@@ -21,8 +21,7 @@ constexpr GUID kCardInterfaceClass = asGuid<GUID>(kCardInterface);
 /// @param slotValue    optional; stored whenever the driver answered
 /// @param text         optional
 /// @param textCapacity optional; in: characters of `text`, out: characters needed with the terminator (0: the driver
-/// has
-///                     no description; `text` is then empty)
+///                     has no description; `text` is then empty)
 /// @return 0; 1 if the text did not fit or there is no buffer; 255 if the driver failed
 uint32_t noexp_TARNIS_GetSlotInfo(HANDLE device, uint32_t* slotValue, wchar_t* text, uint32_t* textCapacity) noexcept;
 

@@ -25,7 +25,7 @@ namespace kestra {
 
 class DeviceNotifier {
 public:
-    /// Returns when the window is ready or the thread has ended. Failures are not reported: nothing is heard then.
+    /// Returns when the window is ready or the thread has ended. Failures are not reported: no event arrives then.
     DeviceNotifier();
     /// Waits until the thread has left its message loop: never call it with a lock that a callback may want.
     ~DeviceNotifier();
