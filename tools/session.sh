@@ -28,7 +28,7 @@ session_start_display() {
 session_start_wine() {
     export WINEPREFIX=$windows_build/wineprefix
     export WINEDEBUG=${WINEDEBUG:--all}
-    export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+    export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=;winedbg.exe=d}
     mkdir -p "$windows_build"
     # The installer leaves a driver file alone that is there already, so an old build's driver would stay.
     local installed=$WINEPREFIX/drive_c/windows/system32/drivers/kestrasim.sys
