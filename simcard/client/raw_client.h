@@ -54,10 +54,10 @@ public:
 
 private:
     const UniqueFile m_file;
+    const DWORD m_openError; // right behind the opening: whatever is made next changes the last error
     /// Sends the memory of frames: while one is written into this process, Wine stops the process's first thread, and
     /// loses it if it is just sending more than a pipe holds.
     RequestThread m_direct;
-    DWORD m_openError;
     DWORD m_size = 0;
     uint32_t m_session = 0;
     uint32_t m_channelFlags = 0;
