@@ -8,6 +8,7 @@
 
 #include <dvdmedia.h>
 
+#include <algorithm>
 #include <iterator>
 #include <limits>
 
@@ -42,6 +43,7 @@ constexpr NumberField kFields[] = {
     coefficientField(IDC_G2, L"G2"),   coefficientField(IDC_B1, L"B1"),    limitField(IDC_RMIN, L"Red Min"),
     limitField(IDC_RMAX, L"Red Max"),  limitField(IDC_GMIN, L"Green Min"), limitField(IDC_GMAX, L"Green Max"),
     limitField(IDC_BMIN, L"Blue Min"), limitField(IDC_BMAX, L"Blue Max")};
+static_assert(std::ranges::all_of(kFields, canBeShown));
 
 #define KESTRA_PROPERTY(name)                                                                                          \
     property<IKestraStreamPropCSC, &IKestraStreamPropCSC::get_##name, &IKestraStreamPropCSC::put_##name>()

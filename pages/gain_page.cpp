@@ -50,6 +50,7 @@ constexpr NumberField kFields[] = {
     gainField(IDC_RED_GAIN, L"Red gain"),           gainField(IDC_GREEN_GAIN, L"Green gain"),
     gainField(IDC_BLUE_GAIN, L"Blue gain"),         offsetField(IDC_RED_OFFSET, L"Red offset"),
     offsetField(IDC_GREEN_OFFSET, L"Green offset"), offsetField(IDC_BLUE_OFFSET, L"Blue offset")};
+static_assert(std::ranges::all_of(kFields, canBeShown));
 
 #define KESTRA_PROPERTY(name)                                                                                          \
     property<IKestraStreamPropRGBGainOffset, &IKestraStreamPropRGBGainOffset::get_##name,                              \

@@ -1,10 +1,16 @@
-// Numbers as the user types and reads them.
+// Numbers as the user types and reads them. Decimals are converted by exact arithmetic on their digits: the C runtime's
+// conversions follow the application's locale and differ from one runtime to the next, and those of the C++ library
+// bring tables of 170 kB into the module.
 #include "pages/number_text.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
+#include <span>
+#include <string>
 
 namespace kestra {
 namespace {
@@ -48,23 +54,64 @@ Digits digitsOf(std::wstring_view text, bool pointAllowed) noexcept {
     return found == 0 || points > 1 ? refuse(NumberFault::NoNumber) : digits;
 }
 
-template <class Value>
-TypedNumber convert(const Digits& digits, const NumberField& field) noexcept {
-    Value value{};
+/// Doubles a number of so many decimal digits. @return what goes beyond them, 0 or 1
+int doubled(std::span<char> digits) noexcept {
+    int carry = 0;
+    for (size_t i = digits.size(); i-- > 0;) {
+        const int twice = (digits[i] - '0') * 2 + carry;
+        digits[i] = static_cast<char>('0' + twice % 10);
+        carry = twice / 10;
+    }
+    return carry;
+}
+
+/// value / 2^count, of two integers as near the even one; as it is for a count that is not positive. value: below 2^63
+uint64_t roundedShift(uint64_t value, int count) noexcept {
+    if (count <= 0 || count > 63) return count <= 0 ? value : 0;
+    const uint64_t half = uint64_t{1} << (count - 1), odd = value >> count & 1;
+    return (value + half - 1 + odd) >> count;
+}
+
+/// Takes any 64-bit integer exactly.
+TypedNumber wholeOf(const Digits& digits, const NumberField& field) noexcept {
+    int64_t value{};
     const auto [end, error] = std::from_chars(digits.text.data(), digits.text.data() + digits.length, value);
     if (error != std::errc() || value < field.least || value > field.most) return {0, NumberFault::OutOfRange};
     return {static_cast<double>(value), NumberFault::None};
 }
 
-template <class... Format>
-std::wstring print(Format... format) {
-    char text[400]; // the largest double has 309 digits
-    return {text, std::to_chars(text, text + sizeof text, format...).ptr};
+/// The nearest float, of two the even one.
+TypedNumber floatOf(Digits digits, const NumberField& field) noexcept {
+    char* const end = digits.text.data() + digits.length;
+    char* const first = digits.text.data() + (digits.text[0] == '-');
+    char* const point = std::find(first, end, '.');
+    uint64_t bits = 0; // of the value's binary digits; it is bits * 2^exponent
+    const auto error = std::from_chars(first, point, bits).ec;
+    if (error == std::errc::result_out_of_range || bits >= kWholeLimit) return {0, NumberFault::OutOfRange};
+    // Twice a fraction is its next binary digit and the rest: two digits more than a float has at its least, so that
+    // all further ones only matter by being 0 or not.
+    int exponent = 0;
+    const std::span<char> fraction(point == end ? end : point + 1, end);
+    for (; bits < uint64_t{1} << 26 && exponent > -151; --exponent)
+        bits = bits * 2 + static_cast<uint64_t>(doubled(fraction));
+    if (std::any_of(fraction.begin(), fraction.end(), [](char digit) { return digit != '0'; })) bits |= 1;
+    double value = static_cast<float>(std::ldexp(static_cast<double>(bits), exponent));
+    if (first != digits.text.data()) value = -value;
+    if (value < field.least || value > field.most) return {0, NumberFault::OutOfRange};
+    return {value, NumberFault::None};
 }
 
 /// As short as a person would write it, for example 0.5.
+std::wstring shortText(double value) {
+    std::wstring text = decimalText(value);
+    while (text.back() == L'0')
+        text.pop_back();
+    if (text.back() == L'.') text.pop_back();
+    return text;
+}
+
 std::wstring limitsText(double least, double most) {
-    return print(least, std::chars_format::fixed) + L" to " + print(most, std::chars_format::fixed);
+    return shortText(least) + L" to " + shortText(most);
 }
 
 } // namespace
@@ -72,15 +119,31 @@ std::wstring limitsText(double least, double most) {
 TypedNumber parse(const NumberField& field, std::wstring_view text) noexcept {
     const Digits digits = digitsOf(text, !field.whole);
     if (digits.fault != NumberFault::None) return {0, digits.fault};
-    return field.whole ? convert<int64_t>(digits, field) : convert<float>(digits, field);
+    return field.whole ? wholeOf(digits, field) : floatOf(digits, field);
 }
 
 std::wstring wholeText(int32_t value) {
-    return print(value);
+    const std::string text = std::to_string(value);
+    return {text.begin(), text.end()};
 }
 
 std::wstring decimalText(double value) {
-    return print(value, std::chars_format::fixed, 3);
+    std::string text;
+    if (std::isfinite(value)) {
+        // mantissa * 2^exponent; what has no leading one, 0 too, is far below a thousandth.
+        const auto pattern = std::bit_cast<uint64_t>(value);
+        const int exponent = static_cast<int>(pattern >> 52 & 0x7FF) - 1075;
+        const uint64_t mantissa = (pattern & 0xF'FFFF'FFFF'FFFF) | uint64_t{1} << 52;
+        text = std::to_string(roundedShift(mantissa * 1000, -exponent));
+        for (int power = 0; power < exponent; ++power)
+            if (doubled(text) > 0) text.insert(0, 1, '1');
+        if (text.size() < 4) text.insert(0, 4 - text.size(), '0');
+        text.insert(text.size() - 3, 1, '.');
+    } else {
+        text = std::isnan(value) ? "nan" : "inf";
+    }
+    if (std::signbit(value)) text.insert(0, 1, '-');
+    return {text.begin(), text.end()};
 }
 
 std::wstring textOf(const NumberField& field, double value) {

@@ -32,6 +32,20 @@ struct NumberField {
     double (*onCard)(double value) = nullptr;
 };
 
+/// Fields hold numbers whose whole part is below this.
+inline constexpr uint64_t kWholeLimit = uint64_t{1} << 53;
+
+/// Whether the texts of a field can be made: its range is not beyond kWholeLimit, and three decimals show its limits
+/// whole.
+constexpr bool canBeShown(const NumberField& field) noexcept {
+    for (const double limit : {field.least, field.most, field.usualLeast, field.usualMost}) {
+        constexpr double kMost = double{kWholeLimit} / 1000;
+        if (limit < -kMost || limit > kMost || limit * 1000 != static_cast<double>(static_cast<int64_t>(limit * 1000)))
+            return false;
+    }
+    return true;
+}
+
 /// Digits with an optional sign and, unless the field takes whole numbers, a point or a comma before decimals: then the
 /// nearest float. Surrounding blanks are ignored.
 TypedNumber parse(const NumberField& field, std::wstring_view text) noexcept;

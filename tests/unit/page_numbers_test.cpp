@@ -1,9 +1,12 @@
-// What a user may type into the pages' fields, and the messages for everything else.
+// What a user may type into the pages' fields, and the messages for everything else. KESTRA_LONG=1: many more numbers.
 #include "pages/number_text.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <random>
@@ -21,6 +24,28 @@ constexpr NumberField kGain = {1, L"Red gain", false, -8388607.5, 8388607.5, 0, 
 constexpr NumberField kOffset = {2, L"Red offset", true, -128, 127, -127, 127, L"which the card can hold"};
 constexpr NumberField kLevel = {
     3, L"Y Off", true, -2147483648.0, 2147483647.0, 0, 1023, L"the levels of a 10-bit sample"};
+
+/// Takes every float.
+constexpr NumberField kAny = {
+    4, L"Any", false, -std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(), 0, 1, L""};
+
+bool longRun() {
+    const char* value = std::getenv("KESTRA_LONG");
+    return value && *value != '0' && *value != 0;
+}
+
+/// What the C++ library prints, which is exact.
+std::wstring expectedText(double value) {
+    char text[400];
+    return {text, std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, 3).ptr};
+}
+
+/// The C++ library's nearest float; what is nearer to 0 than to any other is 0.
+float expectedFloat(const std::string& text) {
+    float value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
 
 NumberFault faultOf(const NumberField& field, std::wstring_view text) {
     return parse(field, text).fault;
@@ -85,6 +110,77 @@ TEST(PageNumbers, TextsAreTheSameInEveryLocale) {
     EXPECT_EQ(wholeText(-2147483647 - 1), L"-2147483648");
     EXPECT_EQ(textOf(kLevel, -2147483648.0), L"-2147483648");
     EXPECT_EQ(textOf(kGain, 2), L"2.000");
+}
+
+TEST(PageNumbers, EveryTextIsTheExactValueRoundedToThreeDecimals) {
+    // What the card can hold, ties among it, and what lies near a tie; then any double.
+    const int most = longRun() ? 1 << 28 : 1 << 16;
+    for (int wire = 0; wire < most; ++wire)
+        for (const double value : {wire / 256.0, wire / -10000.0})
+            ASSERT_EQ(decimalText(value), expectedText(value)) << value;
+    std::mt19937_64 random(11);
+    for (int i = longRun() ? 3'000'000 : 3'000; i > 0; --i) {
+        const auto any = std::bit_cast<double>(random());
+        ASSERT_EQ(decimalText(any), expectedText(any)) << any;
+    }
+    for (int i = longRun() ? 30'000'000 : 30'000; i > 0; --i) {
+        // Of the magnitude of thousandths up to where a double has no decimals left.
+        const double usual = std::ldexp(static_cast<double>(random() >> 11), -static_cast<int>(random() % 70));
+        ASSERT_EQ(decimalText(usual), expectedText(usual)) << usual;
+    }
+    for (const double value : {0.0, -0.0, 0.0005, 0.0625, 0.1875, -0.0004, 0.9995, 0.99951171875, 4503599627370496.5,
+                               9007199254740993.0, 1e22, 5e-324, -std::numeric_limits<double>::infinity(),
+                               std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN()})
+        EXPECT_EQ(decimalText(value), expectedText(value)) << value;
+}
+
+TEST(PageNumbers, EveryTypedNumberIsTheNearestFloat) {
+    const auto check = [](const std::string& text) {
+        const auto typed = parse(kAny, std::wstring(text.begin(), text.end()));
+        ASSERT_EQ(typed.fault, NumberFault::None) << text;
+        ASSERT_EQ(typed.value, double{expectedFloat(text)}) << text;
+    };
+    std::mt19937_64 random(13);
+    for (int i = longRun() ? 20'000'000 : 20'000; i > 0; --i) {
+        std::string text(random() % 2, '-');
+        for (auto digits = random() % 16; digits > 0; --digits)
+            text += static_cast<char>('0' + random() % 10);
+        text += '.';
+        const auto size = random() % 8; // near 1 mostly, some near the least float of full precision, or anywhere below
+        text.append(size == 0 ? 38 : size == 1 ? random() % 46 : 0, '0');
+        for (auto digits = 1 + random() % (78 - text.size()); digits > 0; --digits)
+            text += static_cast<char>('0' + random() % 10);
+        ASSERT_NO_FATAL_FAILURE(check(text));
+    }
+    // Exactly between two floats, and a trace to either side of that.
+    for (int i = longRun() ? 10'000'000 : 10'000; i > 0; --i) {
+        const auto odd = static_cast<double>((uint64_t{1} << 23 | random() >> 41) * 2 + 1); // of 25 bits
+        char digits[400];
+        const auto middle = std::ldexp(odd, -static_cast<int>(random() % 44));
+        std::string text(digits, std::to_chars(digits, digits + sizeof digits, middle, std::chars_format::fixed).ptr);
+        if (text.find('.') == std::string::npos) text += '.';
+        ASSERT_NO_FATAL_FAILURE(check(text));
+        ASSERT_NO_FATAL_FAILURE(check(text + std::string(79 - text.size(), '0') + "1"));
+        ASSERT_NO_FATAL_FAILURE(check(text + std::string(79 - text.size(), '0')));
+        const auto below = std::nextafter(middle, 0);
+        text.assign(digits, std::to_chars(digits, digits + sizeof digits, below, std::chars_format::fixed).ptr);
+        ASSERT_NO_FATAL_FAILURE(check(text));
+    }
+    EXPECT_EQ(parse(kAny, L"0," + std::wstring(50, L'0') + L"1").value, 0) << "no float is nearer";
+    EXPECT_EQ(parse(kAny, L"9007199254740991.9").value, 9007199254740992.0);
+    EXPECT_EQ(faultOf(kAny, L"9007199254740992"), NumberFault::OutOfRange) << "no field's range ends there";
+}
+
+TEST(PageNumbers, LimitsAreShownWhole) {
+    NumberField field = kGain;
+    EXPECT_TRUE(canBeShown(field));
+    field.most = 0.125;
+    EXPECT_TRUE(canBeShown(field));
+    EXPECT_EQ(explain(field, NumberFault::Empty), L"Red gain: Please enter a number from -8388607.5 to 0.125.");
+    field.most = 0.0625;
+    EXPECT_FALSE(canBeShown(field)) << "four decimals";
+    field.most = 1e300;
+    EXPECT_FALSE(canBeShown(field));
 }
 
 TEST(PageNumbers, WhatIsShownIsTakenBack) {
