@@ -1,5 +1,6 @@
-# ./kestra bare [12|13] [demo|test]: what a newcomer on a fresh Debian gets. Makes a bare system below build/bare with
-# debootstrap, runs the verb on a clone of the present commit in it, prints how long each stage took, and removes it all.
+# ./kestra bare [12|13] [demo|test|release]: what a newcomer on a fresh Debian gets. Makes a bare system below build/bare with
+# debootstrap, runs the verb on a clone of the present commit in it, prints how long each stage took, and removes it all; a
+# release stays, in build/bare/release-12 or -13.
 # Sourced by ./kestra.
 
 bare_suites=([12]=bookworm [13]=trixie)
@@ -56,6 +57,11 @@ verb_bare() {
     bare_run "$folder" bash -c "cd /kestra && ./kestra $verb" || status=$?
     step "Debian $release, ./kestra $verb: $([ "$status" -eq 0 ] && echo 'passed' || echo "failed with status $status")"
     bare_table "$folder/kestra/build/times.txt" "$(date +%s)"
+    if [ "$verb" = release ] && [ "$status" -eq 0 ]; then
+        rm -rf "$root/build/bare/release-$release"
+        cp -r "$folder/kestra/out/release" "$root/build/bare/release-$release"
+        say "the release is in build/bare/release-$release"
+    fi
     [ "$verb" != demo ] || [ "$status" -ne 0 ] || {
         step "a second run"
         bare_run "$folder" bash -c "cd /kestra && ./kestra demo" > "$root/build/bare-second.log" 2>&1 || status=$?

@@ -88,7 +88,7 @@ JSON
 }
 
 verb_release() {
-    local version numbers program
+    local version numbers program programs
     setup build release
     SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct)} || die "a release is built from a commit, or with SOURCE_DATE_EPOCH"
     export SOURCE_DATE_EPOCH
@@ -124,6 +124,9 @@ verb_release() {
         done < <(find "$release_work/out/sdk" -name '*.dll' -o -name '*.exe')
         release_zip "$release_work/out/sdk" "$release/KestraSDK-$version.zip"
     fi
+    # Another compiler's runtime may want more of the system.
+    mapfile -t programs < <(find "$files" "$release_work/card" "$release_work/out/sdk" -name '*.dll' -o -name '*.exe' -o -name '*.sys')
+    quietly build/release/binaries.log "$root/tests/packaging/check-binaries" "${programs[@]}"
     release_zip "$symbols" "$release/KestraSymbols-$version.zip"
     release_components "$version" > "$release/KestraCapture-$version.spdx.json"
     release_notes "$version" > "$release/RELEASE_NOTES.md"
