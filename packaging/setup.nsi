@@ -72,6 +72,7 @@ Var oldFolder   ; of the version that is installed; empty: there is none
 Var saved       ; where its files are while they are exchanged; empty: they have not been moved
 Var incoming    ; where the new files are until they are moved into place; empty: nowhere
 Var placed      ; 1: new files may be in place
+Var replaced    ; where a stranger's files of the same names are meanwhile; empty: there is no such folder
 Var registering ; 1: the new module may be registered
 Var undone      ; 1: after a failure
 Var parents     ; the topmost folder that was made for this installation; empty: all were there
@@ -261,6 +262,24 @@ Function moveFile
     ${EndIf}
 FunctionEnd
 
+; $line: moves it back from $2 to $3. What an interrupted setup left in its place goes, also if somebody has loaded it: its
+; name is needed.
+Function moveFileBack
+    StrCpy $1 $line "" -1
+    ${If} $1 != "\"
+    ${AndIf} ${FileExists} "$2\$line"
+        ${GetParent} "$3\$line" $1
+        CreateDirectory "$1"
+        ${If} ${FileExists} "$3\$line"
+            GetTempFileName $1 "$3"
+            Delete "$1"
+            Rename "$3\$line" "$1"
+            Delete /REBOOTOK "$1"
+        ${EndIf}
+        Call moveFile
+    ${EndIf}
+FunctionEnd
+
 ; $line: moves it from $2 to $3, also if somebody has loaded it already; its name is needed.
 Function takeBack
     Call moveFile
@@ -323,9 +342,9 @@ Function bringBack
     StrCpy $0 $oldFolder
     ${ForEachFile} "$saved\files.txt" makeFolder
     ; The list goes last: as long as it is here, this can be done again.
-    ${ForEachFile} "$saved\files.txt" moveFileButList
+    ${ForEachFile} "$saved\files.txt" moveBackButList
     StrCpy $line files.txt
-    Call moveFile
+    Call moveFileBack
     ${If} $failure != ""
         ${Log} "$failure"
     ${Else}
@@ -335,10 +354,30 @@ Function bringBack
     StrCpy $saved ""
     DeleteRegValue HKLM "${APPS_KEY}" Exchanging
 FunctionEnd
-Function moveFileButList
+Function moveBackButList
     ${If} $line != "files.txt"
-        Call moveFile
+        Call moveFileBack
     ${EndIf}
+FunctionEnd
+
+; Moves a stranger's files back into place.
+Function bringBackReplaced
+    ${If} $replaced == ""
+        Return
+    ${EndIf}
+    StrCpy $2 $replaced
+    ${GetParent} "$replaced" $3
+    StrCpy $4 $failure
+    StrCpy $failure ""
+    ${ForEachFile} "$replaced\replaced.txt" moveFileBack
+    ${If} $failure != ""
+        ${Log} "$failure"
+    ${Else}
+        RMDir /r "$replaced"
+    ${EndIf}
+    StrCpy $failure $4
+    StrCpy $replaced ""
+    DeleteRegValue HKLM "${APPS_KEY}" Replaced
 FunctionEnd
 
 ; Leaves everything as it was before this setup ran, and says why.
@@ -369,7 +408,9 @@ Function giveUp
     ${EndIf}
     ${If} $incoming != ""
         RMDir /r /REBOOTOK "$incoming"
+        DeleteRegValue HKLM "${APPS_KEY}" Incoming
     ${EndIf}
+    Call bringBackReplaced
     ${If} $saved != ""
         Call bringBack
         ${If} $registering = 1
@@ -494,6 +535,12 @@ Section
         ${EndIf}
         StrCpy $saved ""
     ${EndIf}
+    ReadRegStr $replaced HKLM "${APPS_KEY}" Replaced
+    Call bringBackReplaced
+    ReadRegStr $0 HKLM "${APPS_KEY}" Incoming
+    ${If} $0 != ""
+        RMDir /r "$0"
+    ${EndIf}
     ClearErrors
 
     ${Log} "Installing into $INSTDIR"
@@ -518,6 +565,8 @@ Section
     StrCpy $1 incoming
     Call unusedName
     StrCpy $incoming $0
+    WriteRegStr HKLM "${APPS_KEY}" Incoming "$incoming"
+    ClearErrors
     CreateDirectory "$incoming"
     ${If} ${Errors}
         ${Note} ${EXIT_NOT_WRITABLE} "The folder $INSTDIR cannot be written to. Please choose another one, or check your rights."
@@ -565,10 +614,23 @@ Section
         ${ForEachFile} "$PLUGINSDIR\former.txt" moveFile
         ${StopOnFailure}
     ${EndIf}
+    CopyFiles /SILENT "$incoming\files.txt" "$PLUGINSDIR\files.txt"
+    ; Somebody else's files of the same names make way, all of them before the first of ours is there.
+    StrCpy $0 $INSTDIR
+    StrCpy $1 replaced
+    Call unusedName
+    CreateDirectory "$0"
+    ${ForEachFile} "$PLUGINSDIR\files.txt" makeFolder
+    CopyFiles /SILENT "$PLUGINSDIR\files.txt" "$0\replaced.txt"
+    StrCpy $replaced $0
+    WriteRegStr HKLM "${APPS_KEY}" Replaced "$replaced"
+    StrCpy $2 $INSTDIR
+    StrCpy $3 $replaced
+    ${ForEachFile} "$PLUGINSDIR\files.txt" moveFile
+    ${StopOnFailure}
     StrCpy $placed 1
     StrCpy $0 $INSTDIR
-    ${ForEachFile} "$incoming\files.txt" makeFolder
-    CopyFiles /SILENT "$incoming\files.txt" "$PLUGINSDIR\files.txt"
+    ${ForEachFile} "$PLUGINSDIR\files.txt" makeFolder
     StrCpy $2 $incoming
     StrCpy $3 $INSTDIR
     ${ForEachFile} "$PLUGINSDIR\files.txt" placeFile
@@ -613,7 +675,10 @@ Section
 
     ; The new version is in place and works; what follows cannot undo that.
     DeleteRegValue HKLM "${APPS_KEY}" Exchanging
+    DeleteRegValue HKLM "${APPS_KEY}" Replaced
+    DeleteRegValue HKLM "${APPS_KEY}" Incoming
     RMDir /r "$incoming"
+    RMDir /r /REBOOTOK "$replaced"
     ${If} $saved != ""
         RMDir /r /REBOOTOK "$saved"
         StrCpy $2 $INSTDIR
@@ -641,13 +706,8 @@ Function removeEmptyFolder
     ${EndIf}
 FunctionEnd
 
-; $line: moves it from the folder of new files into place. A stranger's file of that name makes way for good.
+; $line: moves it from the folder of new files into place.
 Function placeFile
-    StrCpy $1 $line "" -1
-    ${If} $1 != "\"
-    ${AndIf} ${FileExists} "$INSTDIR\$line"
-        Delete "$INSTDIR\$line"
-    ${EndIf}
     Call moveFile
     ${If} $line != "files.txt"
     ${AndIf} $1 != "\"
