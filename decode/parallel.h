@@ -12,9 +12,9 @@
 namespace kestra {
 
 /// A loop is shared if one thread would take at least this long. Below that, starting and ending a parallel region and
-/// waiting for a descheduled helper cost more. Measured with paced streams (bench/decode_pace.cpp; figures in
-/// docs/decoder.md).
-constexpr uint64_t kSharedNanoseconds = 6'000'000;
+/// waiting for a descheduled helper cost as much as sharing saves. Measured with paced streams (bench/decode_pace.cpp;
+/// figures in docs/decoder.md).
+constexpr uint64_t kSharedNanoseconds = 10'000'000;
 
 enum class Sharing { WhereItPays, Never, Always };
 /// For tests and benchmarks.

@@ -324,12 +324,16 @@ TEST(DecodeAtOnce, DecodesOfDifferentDepthDoNotDisturbEachOther) {
 TEST(DecodeSharing, FollowsFromTheTimeThatOneThreadIsExpectedToTake) {
     EXPECT_FALSE(isShared(kSharedNanoseconds - 1));
     EXPECT_TRUE(isShared(kSharedNanoseconds));
-    const auto isShared1080p = [](uint32_t picosecondsPerPixel) {
-        return isShared(uint64_t{picosecondsPerPixel} * 1920 * 1080 / 1000);
+    const auto takes = [](uint32_t picosecondsPerPixel, uint64_t pixels) {
+        return picosecondsPerPixel * pixels / 1000;
     };
     for (const KernelSet* set : kKernelSets) {
-        EXPECT_FALSE(isShared1080p(set->picosecondsPerPixel8Bit)) << set->name;
-        EXPECT_EQ(isShared1080p(set->picosecondsPerPixel10Bit), set == &kPlainKernels) << set->name;
+        const bool plain = set == &kPlainKernels;
+        for (const uint32_t cost : {set->picosecondsPerPixel8Bit, set->picosecondsPerPixel10Bit})
+            EXPECT_FALSE(isShared(takes(cost, 1920 * 1080))) << set->name;
+        EXPECT_EQ(isShared(takes(set->picosecondsPerPixel8Bit, 3840 * 2160)), plain) << set->name;
+        EXPECT_EQ(isShared(takes(set->picosecondsPerPixel10Bit, 3840 * 2160)), plain || set == &kSse2Kernels)
+            << set->name;
     }
     const ForcedSharing always(Sharing::Always);
     EXPECT_TRUE(isShared(0));
