@@ -7,7 +7,7 @@ test_tally=$root/build/tests.txt # a line for each test program that ran
 run_ctest() {
     step "tests: $1"
     # Less than a test's time, so that a hung one can still be asked what it was doing.
-    [ "$1" != windows ] || [ -n "${KESTRA_LONG:-}" ] || local -x KESTRA_WATCH_SECONDS=115
+    [ "$1" != windows ] || [ -n "${KESTRA_LONG:-}" ] || local -x KESTRA_WATCH_SECONDS=280
     local status=0
     (cd "$root" && ctest --preset "$1" --no-tests=error -j "$(nproc)" "${@:2}") || status=$?
     # A list of tests, too, would overwrite what ctest has written.
