@@ -1,12 +1,14 @@
 // Talks to the driver's control device, and installs the driver through the device-installation service.
 #include "simcard/ctl/control.h"
 
+#include "simcard/ctl/services.h"
 #include "win32/device_set.h"
 
 #include <windows.h>
 
 #include <newdev.h>
 
+#include <cstdio>
 #include <cstring>
 
 namespace kestra::simcard {
@@ -57,6 +59,31 @@ void send(const char* what, uint32_t code, const Record& record) {
 
 namespace {
 
+/// New devices of the cards' kind, still without a driver.
+void registerCards(unsigned count) {
+    const DeviceSet set = checked(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
+    for (unsigned i = 0; i < count; ++i) {
+        SP_DEVINFO_DATA device = {};
+        device.cbSize = sizeof device;
+        const std::wstring name = L"root\\kestrasim\\000" + std::to_wstring(i);
+        if (!SetupDiCreateDeviceInfoW(set.get(), name.c_str(), &kSystemClass, nullptr, nullptr, 0, &device))
+            fail("Creating a card's device");
+        if (!SetupDiSetDeviceRegistryPropertyW(set.get(), &device, SPDRP_HARDWAREID,
+                                               reinterpret_cast<const BYTE*>(kHardwareId), sizeof kHardwareId))
+            fail("Naming a card's device");
+        if (!SetupDiCallClassInstaller(DIF_REGISTERDEVICE, set.get(), &device)) fail("Registering a card's device");
+    }
+}
+
+constexpr int kAttempts = 3;
+constexpr ULONGLONG kStartMs = 10000; ///< for each attempt
+
+bool haveStarted(unsigned count) {
+    for (const ULONGLONG deadline = GetTickCount64() + kStartMs; installedCards().size() < count; Sleep(20))
+        if (GetTickCount64() > deadline) return false;
+    return true;
+}
+
 /// A card that goes away under a program cannot be told from one that fails.
 void refuseWhileInUse() {
     for (const uint32_t card : installedCards())
@@ -86,26 +113,18 @@ unsigned removeCards() {
 void installCards(unsigned count, const std::wstring& infPath) {
     if (count == 0 || count > kMaxCards) throw ControlError("Between 1 and 8 cards can be installed", 87);
     if (GetFileAttributesW(infPath.c_str()) == INVALID_FILE_ATTRIBUTES) fail("Finding kestrasim.inf");
-    removeCards();
-    const DeviceSet set = checked(SetupDiCreateDeviceInfoList(&kSystemClass, nullptr));
-    for (unsigned i = 0; i < count; ++i) {
-        SP_DEVINFO_DATA device = {};
-        device.cbSize = sizeof device;
-        const std::wstring name = L"root\\kestrasim\\000" + std::to_wstring(i);
-        if (!SetupDiCreateDeviceInfoW(set.get(), name.c_str(), &kSystemClass, nullptr, nullptr, 0, &device))
-            fail("Creating a card's device");
-        if (!SetupDiSetDeviceRegistryPropertyW(set.get(), &device, SPDRP_HARDWAREID,
-                                               reinterpret_cast<const BYTE*>(kHardwareId), sizeof kHardwareId))
-            fail("Naming a card's device");
-        if (!SetupDiCallClassInstaller(DIF_REGISTERDEVICE, set.get(), &device)) fail("Registering a card's device");
-    }
-    BOOL reboot = FALSE;
-    if (!UpdateDriverForPlugAndPlayDevicesW(nullptr, L"root\\kestrasim", infPath.c_str(), INSTALLFLAG_FORCE, &reboot))
-        fail("Installing the driver");
-    const ULONGLONG deadline = GetTickCount64() + 20000;
-    while (installedCards().size() < count) {
-        if (GetTickCount64() > deadline) throw ControlError("The cards did not start within 20 s", WAIT_TIMEOUT);
-        Sleep(20);
+    awaitOneServiceManager();
+    for (int attempt = 1;; ++attempt) {
+        removeCards();
+        registerCards(count);
+        BOOL reboot = FALSE;
+        if (!UpdateDriverForPlugAndPlayDevicesW(nullptr, L"root\\kestrasim", infPath.c_str(), INSTALLFLAG_FORCE,
+                                                &reboot))
+            fail("Installing the driver");
+        if (haveStarted(count)) return;
+        // A service manager that has only just begun may forget that it was told to start a driver.
+        if (attempt == kAttempts) throw ControlError("The cards did not start within 30 s", WAIT_TIMEOUT);
+        std::fprintf(stderr, "kestrasimctl: the cards have not started; installing them once more\n");
     }
 }
 

@@ -20,7 +20,8 @@ private:
     uint32_t m_error;
 };
 
-/// Installs `count` cards (1..kMaxCards), after removing what was installed, unless a program uses it.
+/// Installs `count` cards (1..kMaxCards), after removing what was installed, unless a program uses it. Waits for the
+/// service manager (simcard/ctl/services.h).
 /// @param infPath kestrasim.inf, with kestrasim.sys beside it.
 void installCards(unsigned count, const std::wstring& infPath);
 /// Removes every card; none is not an error, one that a program uses is. @return how many there were.
