@@ -3,10 +3,10 @@
 # its shortest form, which shows only that it works.
 # Sourced by ./kestra.
 
-bench_names=(log device decode capture)
+bench_names=(log device decode capture load)
 bench_figures=$root/build/bench/figures # a JSON object a line
 bench_native=(decode_bench decode_time sample_bench)
-bench_windows=(log_bench device_bench decode_time decode_pace capture_bench)
+bench_windows=(log_bench device_bench decode_time decode_pace capture_bench load_time)
 
 # The programs write their figures where this points to.
 bench_run() { "$root/tools/run-windows" "$windows_build/bench/$1.exe" "${@:2}"; }
@@ -52,10 +52,18 @@ bench_capture() {
     bench_unplug
 }
 
+bench_load() {
+    step "loading the module (through Wine), as it ships and with its symbols, beside Wine's own"
+    local shipped=$root/build/bench/KestraCapture.dll built=$windows_build/server/KestraCapture.dll
+    "$root/packaging/strip-program" "$built" "$shipped"
+    bench_run load_time ours "KestraCapture.dll, $(($(stat -c %s "$shipped") / 1000)) kB" "$shipped" \
+        ours "with symbols, $(($(stat -c %s "$built") / 1000)) kB" "$built" peer "Wine's qcap.dll" 'C:\windows\system32\qcap.dll'
+}
+
 # bench_build: whatever measures.
 bench_build() {
     build_preset native "${bench_native[@]}"
-    build_preset windows "${bench_windows[@]}" kestrasimctl kestrasim
+    build_preset windows "${bench_windows[@]}" kestrasimctl kestrasim KestraCapture
 }
 
 # bench_all NAME...: runs them, in one Windows session.
@@ -75,7 +83,7 @@ bench_short() {
     local -x KESTRA_BENCH_SHORT=1
     local benchmark
     visibly build/bench/short.log '^(.*took.*)$' bench_all "${bench_names[@]}"
-    for benchmark in log 'device library' 'decoder, one thread' 'paced stream' samples 'callback of the video pin'; do
+    for benchmark in log 'device library' 'decoder, one thread' 'paced stream' samples 'callback of the video pin' 'load time'; do
         grep -qF "{\"benchmark\":\"$benchmark\"" "$bench_figures" || die "no figure came from '$benchmark'"
     done
     say "$(wc -l < "$bench_figures") figures from their shortest forms"
