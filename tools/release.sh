@@ -117,6 +117,10 @@ verb_release() {
     done
     cp "$release_work/out/kestrasim.inf" "$release_work/out/LICENSE" "$release_work/card/"
     release_zip "$release_work/card" "$release/KestraSimulatedCard-$version.zip"
+    # For authors of filters, any filters.
+    "$root/packaging/strip-program" "$release_work/out/kestra-compliance.exe" "$release_work/compliance/kestra-compliance.exe" "$symbols"
+    cp -r "$release_work/out/profiles" "$release_work/out/LICENSE" "$release_work/compliance/"
+    release_zip "$release_work/compliance" "$release/KestraCompliance-$version.zip"
     if [ -d "$release_work/out/sdk" ]; then
         while read -r program; do
             "$root/packaging/strip-program" "$program" "$program.stripped" "$symbols"
@@ -125,7 +129,7 @@ verb_release() {
         release_zip "$release_work/out/sdk" "$release/KestraSDK-$version.zip"
     fi
     # Another compiler's runtime may want more of the system.
-    mapfile -t programs < <(find "$files" "$release_work/card" "$release_work/out/sdk" -name '*.dll' -o -name '*.exe' -o -name '*.sys')
+    mapfile -t programs < <(find "$files" "$release_work"/{card,compliance,out/sdk} -name '*.dll' -o -name '*.exe' -o -name '*.sys')
     quietly build/release/binaries.log "$root/tests/packaging/check-binaries" "${programs[@]}"
     release_zip "$symbols" "$release/KestraSymbols-$version.zip"
     release_components "$version" > "$release/KestraCapture-$version.spdx.json"
