@@ -218,12 +218,7 @@ bool writeFrame(Extension& x, const FrameJob& job) {
         std::memcpy(job.target, bytes, job.bytes);
         return true;
     }
-    uint32_t processId;
-    {
-        Locked state(x.state);
-        processId = x.card->processOf(job.client);
-    }
-    HANDLE process = openClient(processId);
+    HANDLE process = openClient(job.processId);
     if (!process) return false;
     SIZE_T written = 0;
     const NTSTATUS status =

@@ -71,9 +71,10 @@ struct Outcome {
 struct FrameJob {
     bool snap; ///< write to `target`; else into the client's memory at `address`
     uint32_t client;
+    uint32_t processId; ///< whose memory `address` is in
     uint32_t port;
     uint32_t buffer;
-    uint32_t generation;
+    uint32_t serial; ///< of this filling of the buffer
     uint64_t address;
     uint8_t* target;
     void* token;
@@ -164,7 +165,6 @@ private:
         Signal preparedFor;
         uint32_t frameSize;
         uint32_t bufferCount, nextFill;
-        uint32_t generation;
         uint32_t lastTick;
         uint64_t eventHandle;
         ChannelCounters counters;

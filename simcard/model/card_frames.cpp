@@ -101,9 +101,10 @@ bool Card::beginFrame(FrameJob& job) noexcept {
             buffer.frameNumber = m_frameNumber;
             buffer.serial = ++m_serial;
             job.client = i;
+            job.processId = m_clients[i].processId;
             job.port = port;
             job.buffer = index;
-            job.generation = channel.generation;
+            job.serial = buffer.serial;
             job.address = buffer.address;
             job.bytes = channel.frameSize;
             job.selector = channel.selector;
@@ -120,8 +121,9 @@ void Card::endFrame(const FrameJob& job, bool written) noexcept {
         return;
     }
     Channel& channel = m_clients[job.client].channels[job.port];
-    if (!m_clients[job.client].used || !channel.grabbing || channel.generation != job.generation) return;
     Buffer& buffer = channel.buffers[job.buffer];
+    // The run that it was for may have ended meanwhile, and its client be another one.
+    if (!channel.grabbing || buffer.state != BufferState::Filling || buffer.serial != job.serial) return;
     buffer.dmaStatus = written ? DMA_STATUS_GOOD : DMA_STATUS_FIFO_OVERRUN;
     if (const Fault* fault = matchFault(job.port, true)) buffer.dmaStatus = fault->value;
     if (!written) ++channel.counters.failed;
@@ -177,7 +179,6 @@ void Card::startChannel(Channel& channel) noexcept {
         buffer.state = BufferState::Free;
     channel.nextFill = 0;
     channel.lastTick = m_frameNumber;
-    ++channel.generation;
     channel.counters = {};
     channel.grabbing = true;
 }
@@ -185,7 +186,6 @@ void Card::startChannel(Channel& channel) noexcept {
 void Card::stopChannel(uint32_t client, uint8_t port, StopBehaviour behaviour) noexcept {
     Channel& channel = m_clients[client].channels[port];
     channel.grabbing = false;
-    ++channel.generation;
     if (behaviour == StopBehaviour::LeavePending) return;
     while (Pending* pending = oldest(client, PendingKind::LockBuffer, port)) {
         ++channel.counters.aborted;

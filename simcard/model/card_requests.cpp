@@ -218,9 +218,7 @@ void Card::endSession(uint32_t index, uint32_t watchStatus) noexcept {
         completeKind(index, PendingKind::LockChunk, port, kStatusCancelled, 0);
         completeKind(index, PendingKind::Snap, port, kStatusCancelled, 0);
         disown(index, port);
-        const uint32_t generation = client.channels[port].generation;
         std::memset(static_cast<void*>(&client.channels[port]), 0, sizeof client.channels[port]);
-        client.channels[port].generation = generation;
     }
     completeKind(index, PendingKind::Watch, -1, watchStatus, watchStatus == kStatusSuccess ? sizeof(wire::Reply) : 0);
     client.sessionId = 0;

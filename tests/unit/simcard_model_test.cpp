@@ -157,6 +157,24 @@ TEST_F(SimcardModel, ClosingAClientFreesItsChannel) {
     makeReady(0, 2);
 }
 
+TEST_F(SimcardModel, AFrameThatOutlivesItsClientIsNotTheNextClients) {
+    makeReady(0, 1);
+    m_card->tick();
+    FrameJob slow = {};
+    ASSERT_TRUE(m_card->beginFrame(slow));
+    m_card->close(m_client);
+    ASSERT_EQ(m_card->open(78, m_client), 0u);
+    ASSERT_EQ(m_client, slow.client);
+    makeReady(0, 1);
+    wire::LockBufferReply locked = {};
+    send(wire::kLockBuffer, header(), locked, &locked);
+    m_host.done.clear();
+    m_card->endFrame(slow, true);
+    EXPECT_EQ(m_host.done.count(&locked), 0u) << "nothing was written into the new client's buffers";
+    EXPECT_EQ(runFrame(), 1);
+    EXPECT_EQ(m_host.done.count(&locked), 1u);
+}
+
 TEST_F(SimcardModel, CountersOutliveTheirClientAndTellSkippedFramesFromDroppedOnes) {
     m_card->skip(1); // no client is grabbing yet
     makeReady(0, 1);
