@@ -123,8 +123,8 @@ verb_release() {
     release_zip "$release_work/compliance" "$release/KestraCompliance-$version.zip"
     if [ -d "$release_work/out/sdk" ]; then
         while read -r program; do
-            "$root/packaging/strip-program" "$program" "$program.stripped" "$symbols"
-            mv "$program.stripped" "$program"
+            "$root/packaging/strip-program" "$program" "$release_work/stripped/$(basename "$program")" "$symbols"
+            mv "$release_work/stripped/$(basename "$program")" "$program"
         done < <(find "$release_work/out/sdk" -name '*.dll' -o -name '*.exe')
         release_zip "$release_work/out/sdk" "$release/KestraSDK-$version.zip"
     fi
