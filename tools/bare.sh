@@ -1,6 +1,6 @@
 # ./kestra bare [12|13] [demo|test|release]: what a newcomer on a fresh Debian gets. Makes a bare system below build/bare with
 # debootstrap, runs the verb on a clone of the present commit in it, prints how long each stage took, and removes it all; a
-# release stays, in build/bare/release-12 or -13.
+# release stays, in build/bare/release-12 or -13. KESTRA_BARE_KEEP=1: the system stays too, to be looked into.
 # Sourced by ./kestra.
 
 bare_suites=([12]=bookworm [13]=trixie)
@@ -42,7 +42,7 @@ verb_bare() {
     [ "$(id -u)" -eq 0 ] || die "making a bare system needs root: run it with sudo"
     command -v debootstrap > /dev/null || visibly build/apt.log '^(Get:.*)$' apt-get install -y --no-install-recommends debootstrap
     folder=$root/build/bare/$release
-    trap 'rm -rf --one-file-system "$root/build/bare/'"$release"'"' EXIT
+    [ -n "${KESTRA_BARE_KEEP:-}" ] || trap 'rm -rf --one-file-system "$root/build/bare/'"$release"'"' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     rm -rf --one-file-system "$folder"
