@@ -15,6 +15,7 @@ namespace {
 
 constexpr wchar_t kMutexName[] = L"ZELIB_WRITING_MUTEX";
 constexpr DWORD kMutexTimeoutMs = 25000;
+constexpr DWORD kHeldUpTimeoutMs = 10; // once the mutex was not had in time: no further call waits as long again
 constexpr uint32_t kNotOpen = 0xFFFFFFFF;
 
 } // namespace
@@ -85,10 +86,16 @@ uint32_t FileOutput::openFile() noexcept {
     if (m_options.dailyNames) std::swprintf(date, 40, L"_%02d_%02d_%04d", m_date.day, m_date.month, m_date.year);
     _snwprintf(name, kPathCapacity - 1, L"%ls%ls%ls.txt", m_directory, m_baseName, date);
     name[kPathCapacity - 1] = L'\0';
-    m_file =
-        UniqueFile(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                               m_options.createAnew ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    const DWORD error = GetLastError();
+    // A folder of pipes or devices is none for a log; whoever waits behind such a name must not act as this program.
+    constexpr DWORD kAsNobody = SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS;
+    m_file = UniqueFile(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                    m_options.createAnew ? CREATE_ALWAYS : OPEN_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL | kAsNobody, nullptr));
+    DWORD error = GetLastError();
+    if (m_file && GetFileType(m_file.get()) != FILE_TYPE_DISK) {
+        m_file = UniqueFile();
+        error = ERROR_BAD_PATHNAME;
+    }
     m_isOpen = bool(m_file);
     if (!m_file) return fail(error, L"Can't create log file: %ls; error: %d", name, error);
     constexpr uint16_t kByteOrderMark = 0xFEFF; // the bytes FF FE
@@ -97,10 +104,15 @@ uint32_t FileOutput::openFile() noexcept {
     return 0;
 }
 
+uint32_t FileOutput::patienceMs() const noexcept {
+    return m_isHeldUp ? kHeldUpTimeoutMs : kMutexTimeoutMs;
+}
+
 uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& record) noexcept {
     const bool wasOpen = m_isOpen;
     if (!m_mutex) return kNotOpen;
-    const MutexLock lock(m_mutex.get(), wasOpen ? kMutexTimeoutMs : 0);
+    const MutexLock lock(m_mutex.get(), wasOpen ? patienceMs() : 0);
+    if (wasOpen) m_isHeldUp = !lock.isHeld();
     if (!lock.isHeld()) return wasOpen ? 0 : kNotOpen;
     const Date date{record.day, record.month, record.year};
     const bool hadFile = bool(m_file);
@@ -128,7 +140,7 @@ uint32_t FileOutput::write(const wchar_t* line, size_t length, const LogRecord& 
 
 void FileOutput::close() noexcept {
     if (m_file)
-        if (const MutexLock lock(m_mutex.get(), kMutexTimeoutMs); lock.isHeld()) FlushFileBuffers(m_file.get());
+        if (const MutexLock lock(m_mutex.get(), patienceMs()); lock.isHeld()) FlushFileBuffers(m_file.get());
     m_file = UniqueFile();
     m_mutex = UniqueObject();
     m_isOpen = false;

@@ -21,7 +21,8 @@ public:
     FileOutput(const wchar_t* moduleTag, const wchar_t* logDirectory, Options options) noexcept;
     ~FileOutput() override { FileOutput::close(); }
 
-    /// @return 0; 0xFFFFFFFF at once with no file. A line that cannot be written is lost.
+    /// @return 0; 0xFFFFFFFF at once with no file. A line that cannot be written is lost. Somebody who never gives the
+    ///         mutex back costs each thread one wait of 25 s; until it is free again, lines are then lost quickly.
     ///         A line that finds no file after a change of date tries to open it for the lines that follow.
     uint32_t write(const wchar_t* line, size_t length, const LogRecord& record) noexcept override;
     uint32_t open() noexcept override;
@@ -40,6 +41,7 @@ private:
     uint32_t openMutex() noexcept;
     uint32_t openFile() noexcept;
     uint32_t makeDirectory() noexcept;
+    uint32_t patienceMs() const noexcept;
     uint32_t fail(uint32_t error, const wchar_t* format, ...) noexcept;
 
     const Options m_options;
@@ -47,7 +49,8 @@ private:
     wchar_t m_baseName[kPathCapacity];
     wchar_t m_error[kPathCapacity + 64] = L"";
     kestra::UniqueObject m_mutex;
-    kestra::UniqueFile m_file;         // while writing: under m_mutex
-    std::atomic<bool> m_isOpen{false}; // there is a file
-    Date m_date;                       // of the file; under m_mutex
+    kestra::UniqueFile m_file;           // while writing: under m_mutex
+    std::atomic<bool> m_isOpen{false};   // there is a file
+    std::atomic<bool> m_isHeldUp{false}; // the last line was lost because somebody kept the mutex
+    Date m_date;                         // of the file; under m_mutex
 };

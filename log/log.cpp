@@ -75,13 +75,16 @@ struct Registry {
         });
         logFloor.store(floor, std::memory_order_relaxed);
     }
-    int32_t open(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details) noexcept REQUIRES(changes) {
+    /// @param closed  set if the engine has been closed again
+    int32_t open(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details, bool& closed) noexcept
+        REQUIRES(changes) {
         LogEngine* engine = handle == 0 ? findOrCreate(handle) : find(handle);
         if (!engine) return -1;
         if (engine->slotCount() != 0) {
             ++engine->openCount;
         } else if (engine->Initialize(L"TARNIS", logDirectory, details) != 0) {
             close(handle);
+            closed = true;
             return -1;
         }
         updateFloor();
@@ -207,11 +210,12 @@ void logPoint(const LogUnit& unit, const char* functionName, int line, uint32_t 
 int32_t logOpen(uint32_t handle, const wchar_t* logDirectory, const LogLevels& details) noexcept {
     Registry& all = registry();
     int32_t result;
+    bool closed = false;
     {
         const LockGuard lock(all.changes);
-        result = all.open(handle, logDirectory, details);
+        result = all.open(handle, logDirectory, details, closed);
     }
-    if (result != 0) platform::waitForPendingHandles(); // as closing does
+    if (closed) platform::waitForPendingHandles(); // as LogClose does
     return result;
 }
 

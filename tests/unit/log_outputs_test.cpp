@@ -244,6 +244,34 @@ TEST_F(LogFile, LineIsDroppedWhenTheMutexIsNotHadInTime) {
     EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
 }
 
+TEST_F(LogFile, MutexThatIsNeverGivenBackCostsOneLongWaitOnly) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    // The longest wait of a line, or of closing, while somebody keeps the mutex.
+    const auto waitOf = [&](const wchar_t* line) {
+        g_longestWaitMs = 0;
+        const ScopedImportHook<decltype(&WaitForSingleObject)> hook(kKernel, "WaitForSingleObject", waitInVain);
+        line ? (void)writeLine(output, line, today()) : output.close();
+        return g_longestWaitMs;
+    };
+    EXPECT_EQ(waitOf(L"dropped"), 25000u);
+    EXPECT_EQ(waitOf(L"dropped, too"), 10u) << "a grabbing thread may log a failure for every frame";
+    EXPECT_EQ(writeLine(output, L"kept", today()), 0u) << "it is free again";
+    EXPECT_EQ(waitOf(L"dropped again"), 25000u) << "and then it is waited for as before";
+    EXPECT_EQ(waitOf(nullptr), 10u) << "closing happens while the module is unloaded";
+    EXPECT_THAT(linesOf(m_folder / "TARNIS.txt"), ElementsAre(L"kept"));
+}
+
+TEST_F(LogFile, NameThatBelongsToAnotherObjectMeansNoFile) {
+    const UniqueObject squatter(CreateEventW(nullptr, FALSE, FALSE, L"ZELIB_WRITING_MUTEX"));
+    ASSERT_TRUE(squatter);
+    FileOutput output(L"TARNIS", nullptr);
+    EXPECT_EQ(output.open(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_STREQ(output.errorText(), L"Can't open mutex: ZELIB_WRITING_MUTEX; error: 6");
+    EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "TARNIS.txt"));
+}
+
 TEST_F(LogFile, WithoutAFileRefusesALineWithoutAWait) {
     std::filesystem::create_directory(m_folder / "TARNIS.txt");
     FileOutput output(L"TARNIS", nullptr);
@@ -289,6 +317,30 @@ TEST_F(LogFile, FileThatCannotBeMadeGivesItsErrorText) {
     EXPECT_THAT(std::wstring(output.errorText()),
                 testing::StartsWith(L"Can't create log file: " + m_folder.wstring() + L"\\TARNIS.txt; error: "));
     EXPECT_EQ(writeLine(output, L"lost", today()), 0xFFFFFFFF);
+}
+
+TEST_F(LogFile, PipeInThePlaceOfTheFileIsNotWrittenTo) {
+    const UniqueFile pipe(CreateNamedPipeW(L"\\\\.\\pipe\\TARNIS.txt", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_NOWAIT,
+                                           1, 4096, 4096, 0, nullptr));
+    ASSERT_TRUE(pipe);
+    static DWORD flags; // of the last opening
+    static decltype(&CreateFileW) original;
+    const ScopedImportHook<decltype(&CreateFileW)> hook(
+        kKernel, "CreateFileW",
+        [](LPCWSTR, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES rights, DWORD how, DWORD with, HANDLE) -> HANDLE {
+            flags = with;
+            return original(L"\\\\.\\pipe\\TARNIS.txt", access, share, rights, how, with, nullptr);
+        });
+    ASSERT_TRUE(hook.installed());
+    original = hook.original();
+    FileOutput output(L"TARNIS", nullptr);
+    EXPECT_EQ(output.open(), DWORD{ERROR_BAD_PATHNAME});
+    EXPECT_EQ(flags & (SECURITY_SQOS_PRESENT | SECURITY_IMPERSONATION), DWORD{SECURITY_SQOS_PRESENT});
+    EXPECT_EQ(writeLine(output, L"secret", today()), 0xFFFFFFFF);
+    char bytes[4096]; // all of it, as closing would wait for the reader
+    DWORD got = 0;
+    ReadFile(pipe.get(), bytes, sizeof bytes, &got, nullptr);
+    EXPECT_EQ(got, 0u) << "not even the mark";
 }
 
 TEST_F(LogFile, ClockThatFailsGivesItsErrorText) {
@@ -545,6 +597,20 @@ TEST(LogPendingHandles, ClosingWaitsForThemWithMessagesPumped) {
     KillTimer(nullptr, timer);
     DWORD flags = 0;
     EXPECT_FALSE(GetHandleInformation(done, &flags)) << "the waited-for handle is closed";
+}
+
+TEST(LogPendingHandles, OpeningAnUnknownHandleWaitsForNone) {
+    const HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_TRUE(platform::addPendingHandle(never));
+    std::atomic<bool> returned{false};
+    std::thread opener([&] {
+        EXPECT_EQ(LogOpen(0x12345678, L"TARNIS", nullptr, 0, 0, 0, 0, 1), -1);
+        returned = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return returned.load(); }, std::chrono::seconds(30)));
+    SetEvent(never);
+    opener.join();
+    LogClose(0x12345678); // waits for the event, which is set, and closes it
 }
 
 TEST(LogPendingHandles, MoreThanSixteenAreWaitedForAndClosed) {
