@@ -3,10 +3,22 @@
 
 #include "win32/module.h"
 
+#include <cstddef>
+#include <cwchar>
+
 namespace kestra {
 namespace {
 
 constexpr wchar_t kWindowClass[] = L"Brenna_DeviceNotification";
+
+/// Whether the record is as long as it must be to be read: any program of the session can send one.
+bool isWhole(const DEV_BROADCAST_HDR& header) noexcept {
+    constexpr size_t kNameAt = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
+    if (header.dbch_size < kNameAt) return false;
+    const auto* name = reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W&>(header).dbcc_name;
+    const size_t most = (header.dbch_size - kNameAt) / sizeof(wchar_t);
+    return std::wmemchr(name, L'\0', most) != nullptr;
+}
 
 /// Takes the window class along when the module goes.
 struct WindowClassGuard {
@@ -90,7 +102,7 @@ LRESULT CALLBACK DeviceNotifier::windowProcedure(HWND window, UINT message, WPAR
 
 void DeviceNotifier::deviceChange(WPARAM event, const DEV_BROADCAST_HDR* header) noexcept {
     if ((event != DBT_DEVICEARRIVAL && event != DBT_DEVICEREMOVECOMPLETE) || !header ||
-        header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE)
+        header->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE || !isWhole(*header))
         return;
     const auto& device = *reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(header);
     for (size_t i = 0; IDeviceAddRemove* const callback = callbackOf(device.dbcc_classguid, i); ++i) {

@@ -17,14 +17,18 @@ constexpr char kEnumerate[] = "CDeviceEnumerator::EnumerateDevice";
 
 decltype(&DeviceIoControl) g_ioctl;
 
-/// The driver answers, but has no description of the slot.
-BOOL WINAPI withoutDescription(HANDLE device, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize,
-                               DWORD* bytes, OVERLAPPED* overlapped) {
+uint32_t g_descriptionLength, g_descriptionGrowth; // characters now, and more with each answer
+
+/// The driver answers, but describes the slot with so many letters.
+BOOL WINAPI withDescription(HANDLE device, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize, DWORD* bytes,
+                            OVERLAPPED* overlapped) {
     const BOOL answered = g_ioctl(device, code, in, inSize, out, outSize, bytes, overlapped);
     if (answered && code == wire::kGetSlotInfo) {
         wire::SlotInfoReply reply;
         std::memcpy(&reply, out, sizeof reply);
-        reply.description[0] = u'\0';
+        std::fill(std::begin(reply.description), std::end(reply.description), u'\0');
+        std::fill_n(reply.description, std::min<size_t>(g_descriptionLength, std::size(reply.description)), u'x');
+        g_descriptionLength += g_descriptionGrowth;
         std::memcpy(out, &reply, sizeof reply);
     }
     return answered;
@@ -140,8 +144,9 @@ TEST_F(DeviceEnumerator, SlotInformationSaysHowMuchRoomItsTextNeeds) {
 }
 
 TEST_F(DeviceEnumerator, EmptySlotDescriptionLeavesATerminatedEmptyText) {
-    const ScopedImportHook<decltype(&DeviceIoControl)> hook("kernel32.dll", "DeviceIoControl", withoutDescription);
+    const ScopedImportHook<decltype(&DeviceIoControl)> hook("kernel32.dll", "DeviceIoControl", withDescription);
     ASSERT_TRUE(hook.installed());
+    g_descriptionLength = g_descriptionGrowth = 0;
     g_ioctl = hook.original();
     const UniqueFile device = openDevice();
     wchar_t text[] = L"what was there before";
@@ -163,6 +168,29 @@ TEST_F(DeviceEnumerator, EmptySlotDescriptionLeavesATerminatedEmptyText) {
     data.size = sizeof data;
     ASSERT_EQ(TARNIS_EnumNext(&enumerator, &data), TARNIS_SUCCESS);
     EXPECT_EQ(data.slotText, nullptr) << "a record has no empty text";
+}
+
+TEST_F(DeviceEnumerator, DescriptionWithoutAnEndOrThatGrowsStaysWithinItsMemory) {
+    const ScopedImportHook<decltype(&DeviceIoControl)> hook("kernel32.dll", "DeviceIoControl", withDescription);
+    ASSERT_TRUE(hook.installed());
+    g_ioctl = hook.original();
+    const std::wstring whole(256, L'x');
+    {
+        g_descriptionLength = 256; // all of the record, and nothing ends it
+        g_descriptionGrowth = 0;
+        CDeviceEnumerator enumerator;
+        DeviceEnumData data{};
+        data.size = sizeof data;
+        ASSERT_EQ(TARNIS_EnumNext(&enumerator, &data), TARNIS_SUCCESS);
+        EXPECT_EQ(data.slotText, whole);
+    }
+    g_descriptionLength = 2; // asked for its length; then it is longer
+    g_descriptionGrowth = 254;
+    CDeviceEnumerator enumerator;
+    DeviceEnumData data{};
+    data.size = sizeof data;
+    ASSERT_EQ(TARNIS_EnumNext(&enumerator, &data), TARNIS_SUCCESS) << "the card is listed";
+    EXPECT_STREQ(data.slotText, L"") << "without the text that did not fit";
 }
 
 TEST_F(DeviceEnumerator, SlowCardIsListedWithItsDescription) {

@@ -109,6 +109,30 @@ TEST(DeviceNotifier, OtherDeviceTypesAndOtherEventsCallNothing) {
     EXPECT_EQ(listener.arrived + listener.removed, 0);
 }
 
+TEST(DeviceNotifier, RecordThatEndsBeforeItsNameCallsNothing) {
+    Listener listener;
+    DeviceNotifier notifier;
+    notifier.registerCallback(listener, kCardInterfaceClass);
+    const HWND window = notifierWindow();
+    ASSERT_NE(window, nullptr);
+    constexpr DWORD kNameAt = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
+    for (const DWORD size : {DWORD{0}, DWORD{sizeof(DEV_BROADCAST_HDR)}, kNameAt - 1, kNameAt, kNameAt + 1}) {
+        SCOPED_TRACE(size);
+        DEV_BROADCAST_DEVICEINTERFACE_W cut = broadcast(kCardInterfaceClass);
+        cut.dbcc_size = size;
+        for (const WPARAM event : {WPARAM{DBT_DEVICEARRIVAL}, WPARAM{DBT_DEVICEREMOVECOMPLETE}})
+            EXPECT_EQ(send(window, event, cut), 0);
+    }
+    DEV_BROADCAST_DEVICEINTERFACE_W endless = broadcast(kCardInterfaceClass);
+    endless.dbcc_size = kNameAt + sizeof(wchar_t);
+    endless.dbcc_name[0] = L'x'; // no end within the record
+    EXPECT_EQ(send(window, DBT_DEVICEARRIVAL, endless), 0);
+    EXPECT_EQ(listener.arrived + listener.removed, 0);
+    endless.dbcc_name[0] = L'\0';
+    EXPECT_EQ(send(window, DBT_DEVICEARRIVAL, endless), 0);
+    EXPECT_EQ(listener.arrived, 1) << "the shortest record that has a name";
+}
+
 TEST(DeviceNotifier, DestroyingItWaitsForAHandlerThatIsStillRunning) {
     Listener listener;
     const UniqueObject entered(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -168,6 +192,24 @@ TEST(DeviceNotifier, DestroyingItGivesEveryNotificationBack) {
     std::sort(registered.begin(), registered.end());
     std::sort(unregistered.begin(), unregistered.end());
     EXPECT_EQ(unregistered, registered) << "each one once, when the destructor has returned";
+}
+
+TEST(DeviceNotifier, StrangerWhoEndsItTakesTheNoticesAndNothingElse) {
+    for (const UINT message : {UINT{WM_USER}, UINT{WM_QUIT}}) {
+        const int before = processCounts().threads;
+        Listener listener;
+        auto notifier = std::make_unique<DeviceNotifier>();
+        notifier->registerCallback(listener, kCardInterfaceClass);
+        const HWND window = notifierWindow();
+        ASSERT_NE(window, nullptr);
+        ASSERT_TRUE(message == WM_QUIT ? PostThreadMessageW(GetWindowThreadProcessId(window, nullptr), message, 0, 0)
+                                       : PostMessageW(window, message, 0, 0));
+        EXPECT_TRUE(waitUntil([&] { return processCounts().threads == before; }, std::chrono::seconds(30)));
+        notifier->registerCallback(listener, kOtherClass); // and whoever comes later
+        notifier.reset();
+        EXPECT_EQ(listener.arrived + listener.removed, 0);
+        EXPECT_EQ(notifierWindow(), nullptr);
+    }
 }
 
 TEST(DeviceNotifier, ThreadThatEndsBeforeItsWindowIsReadyEndsTheWaitToo) {
