@@ -77,22 +77,30 @@ bool isStillPrepared(TARNIS_HANDLE grabber, const TarnisCameraStatus& prepared) 
     return false;
 }
 
+/// True if a frame as the record describes it lies within so many bytes.
+bool isFrame(const TarnisCameraData& camera, uint32_t bytes) noexcept {
+    const uint64_t needed = rawFrameBytes(camera.outputSelector, camera.status.width, camera.status.height);
+    if ((camera.status.signalFlags & TARNIS_SIGNAL_PRESENT) && needed != 0 && bytes >= needed) return true;
+    KESTRA_LOG(kUnit, __func__, LOG_ERROR, bytes, L"no frame to analyse: %ux%u, %u bytes",
+               unsigned{camera.status.width}, unsigned{camera.status.height}, bytes);
+    return false;
+}
+
 /// Captures one raw frame. @return null on failure; `hr` says why
 Memory snap(TARNIS_HANDLE grabber, TarnisCameraData& cameraData, HRESULT& hr) noexcept {
     uint32_t bytes = 0;
     const uint32_t asked = TARNIS_SnapFrames(grabber, kPort, &cameraData, nullptr, 0, &bytes);
     hr = asked == TARNIS_INVALID_ARGUMENT ? S_OK : FAILED(hresultOf(asked)) ? hresultOf(asked) : E_FAIL;
     if (FAILED(hr)) return nullptr; // a size query is answered with "invalid argument"
-    const uint64_t needed =
-        uint64_t{rawLineBytes(cameraData.outputSelector, cameraData.status.width)} * cameraData.status.height;
-    if (!(cameraData.status.signalFlags & TARNIS_SIGNAL_PRESENT) || needed == 0 || bytes < needed) {
-        KESTRA_LOG(kUnit, __func__, LOG_ERROR, bytes, L"no frame to analyse: %ux%u, %u bytes",
-                   unsigned{cameraData.status.width}, unsigned{cameraData.status.height}, bytes);
+    if (!isFrame(cameraData, bytes)) {
         hr = E_FAIL;
         return nullptr;
     }
     Memory raw = allocate(bytes);
-    hr = raw ? hresultOf(TARNIS_SnapFrames(grabber, kPort, &cameraData, raw.get(), bytes, &bytes)) : E_OUTOFMEMORY;
+    uint32_t now = 0;
+    hr = raw ? hresultOf(TARNIS_SnapFrames(grabber, kPort, &cameraData, raw.get(), bytes, &now)) : E_OUTOFMEMORY;
+    // The record is the second answer's: the signal may have changed since the memory was made.
+    if (SUCCEEDED(hr) && !isFrame(cameraData, bytes)) hr = E_FAIL;
     if (FAILED(hr)) raw.reset();
     return raw;
 }

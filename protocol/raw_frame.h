@@ -30,9 +30,9 @@ constexpr uint32_t rawLineBytes(uint32_t outputSelector, uint32_t width) noexcep
     }
 }
 
-/// Bytes of one raw frame; 0 for another selector.
-constexpr uint32_t rawFrameBytes(uint32_t outputSelector, uint32_t width, uint32_t height) noexcept {
-    return rawLineBytes(outputSelector, width) * height;
+/// Bytes of one raw frame; 0 for another selector. 64 bits: the largest size that a driver can report has 13 GB.
+constexpr uint64_t rawFrameBytes(uint32_t outputSelector, uint32_t width, uint32_t height) noexcept {
+    return uint64_t{rawLineBytes(outputSelector, width)} * height;
 }
 
 /// Lines of an interlaced frame's first field, which is also the first raw line of the second. With an odd height the
@@ -60,6 +60,7 @@ constexpr uint32_t rawLineOf(uint32_t pictureLine, uint32_t secondField) noexcep
 
 static_assert(rawLineBytes(TARNIS_OUTPUT_YUV422_10, 1921) == 5128 &&
               rawLineBytes(TARNIS_OUTPUT_YUV422_8, 1921) == 3844 && rawLineBytes(TARNIS_OUTPUT_RGB24, 1921) == 5764);
+static_assert(rawFrameBytes(TARNIS_OUTPUT_RGB24, 0xFFFF, 0xFFFF) == 196608ull * 65535);
 static_assert(firstFieldLines(5) == 3 && equalFieldLines(5) == 2 && wovenLine(3, 3) == 1 && rawLineOf(1, 3) == 3);
 
 } // namespace kestra

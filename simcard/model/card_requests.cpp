@@ -252,8 +252,9 @@ Outcome Card::prepare(Channel& channel, uint8_t port, const uint8_t* in, const R
     if (channel.grabbing) return reply(request, wire::PrepareReply{kResultAlreadyGrabbing, 0});
     if (!m_signal.present) return reply(request, wire::PrepareReply{kResultNoSignal, 0});
     // Output parameter 1 concerns the decoder: the card writes both fields in any case.
-    const uint32_t size = port == 0 ? rawFrameBytes(wanted.selector, m_signal.width, m_signal.height)
-                                    : audioBlockBytes(wanted.selector, m_signal.nominalFrameRate());
+    const auto size = static_cast<uint32_t>(port == 0 // a valid signal's frame has at most 201 MB
+                                                ? rawFrameBytes(wanted.selector, m_signal.width, m_signal.height)
+                                                : audioBlockBytes(wanted.selector, m_signal.nominalFrameRate()));
     if (size == 0) return reply(request, wire::PrepareReply{kResultBadFormat, 0});
     channel.prepared = true;
     channel.selector = wanted.selector;

@@ -18,7 +18,7 @@ enum class PictureKind : uint32_t {
     Grey = 2    ///< a flat neutral grey
 };
 
-/// Everything that decides a frame's bytes, but for its number.
+/// Everything that decides a frame's bytes, except its number.
 struct PictureFormat {
     uint16_t width;          ///< pixels a line, any value from 1
     uint16_t height;         ///< lines a frame, both fields together, any value from 1
@@ -34,7 +34,7 @@ struct Pixel10 {
     uint16_t y, cb, cr;
 };
 
-constexpr uint32_t frameSizeBytes(const PictureFormat& format) noexcept {
+constexpr uint64_t frameSizeBytes(const PictureFormat& format) noexcept {
     return rawFrameBytes(format.selector, format.width, format.height);
 }
 
@@ -64,7 +64,7 @@ private:
     int32_t m_cbToBlue[256], m_cbToGreen[256], m_crToGreen[256], m_crToRed[256];
 };
 
-/// Makes one frame after another in memory of the caller's, redrawing only what changed.
+/// Draws one frame after another into the caller's memory, and only what changed.
 class PictureSource {
 public:
     /// Draws the first frame whole.

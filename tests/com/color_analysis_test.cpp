@@ -210,6 +210,22 @@ TEST_F(ColorAnalysis, AnalysisWithoutASignalFailsInTime) {
     expectNothingMeasured(analyze()); // none from the start
 }
 
+TEST_F(ColorAnalysis, PictureThatGrowsBetweenTwoAnswersIsNotReadBeyondItsMemory) {
+    Signal small = kDefaultSignal;
+    small.width = 320;
+    small.height = 180;
+    m_card.setSignal(small);
+    make();
+    // Asked for the size, the card answers for the small picture; then it says that it is a large one, and that it has
+    // written it.
+    m_card.addFault({FaultKind::SignalChange, wire::kVideoStatus, 0, 1, 1, kDefaultSignal});
+    m_card.addFault({FaultKind::DriverResult, wire::kSnap, 0, 0, 1, {}});
+    expectNothingMeasured(analyze());
+    EXPECT_EQ(m_card.state().signal.height, kDefaultSignal.height) << "it changed within the analysis";
+    m_card.clearFaults();
+    EXPECT_GT(analyze().mean[0], 0) << "and then it works again";
+}
+
 TEST_F(ColorAnalysis, InterlacedAndOddPicturesAreMeasured) {
     showPicture(PictureKind::Grey);
     for (const Signal& signal : {kInterlaced60, Signal{1, 1, 0, 7, 0, 0, 723, 487, 0, 30, 1, 0}}) {

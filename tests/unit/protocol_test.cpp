@@ -71,6 +71,7 @@ TEST(RawFrame, LinesAreWordsOrPaddedToFourBytes) {
     EXPECT_EQ(rawLineBytes(TARNIS_OUTPUT_RGB24, 1), 4u);
     EXPECT_EQ(rawLineBytes(3, 1920), 0u);
     EXPECT_EQ(rawFrameBytes(TARNIS_OUTPUT_YUV422_8, 1920, 1080), 4147200u);
+    EXPECT_EQ(rawFrameBytes(TARNIS_OUTPUT_YUV422_8, 0xFFFF, 32769), 0x100020000u) << "more than 32 bits hold";
 }
 
 TEST(RawFrame, FieldsWeaveAndUnweaveForEveryHeight) {
