@@ -28,15 +28,16 @@ struct LibraryTraits {
 /// A reference to a loaded module.
 using UniqueLibrary = UniqueHandle<LibraryTraits>;
 
-/// Loads a library from this module's own folder only, never from the host's search path. @return null if it is not
-/// there
+/// Loads a library from this module's own folder only, and what that needs from there or from the system: never from
+/// the host's folder, the current one or the search path. @return null if it is not there
 inline UniqueLibrary loadFromOwnFolder(const wchar_t* fileName) noexcept {
     wchar_t path[MAX_PATH];
     const DWORD length = GetModuleFileNameW(ownModule(), path, MAX_PATH);
     wchar_t* slash = length > 0 && length < MAX_PATH ? std::wcsrchr(path, L'\\') : nullptr;
     if (!slash || slash + 2 + std::wcslen(fileName) > path + MAX_PATH) return UniqueLibrary();
     std::wcscpy(slash + 1, fileName);
-    return UniqueLibrary(LoadLibraryExW(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    return UniqueLibrary(
+        LoadLibraryExW(path, nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
 }
 
 /// Keeps the module that contains this code from being unloaded.
