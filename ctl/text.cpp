@@ -162,4 +162,11 @@ std::u16string utf16(std::string_view text) {
     return result;
 }
 
+std::u16string utf16ForTerminal(std::string_view text) {
+    std::u16string result = utf16(text);
+    for (char16_t& c : result)
+        if ((c < u' ' && c != u'\n' && c != u'\t') || (c >= 0x7F && c < 0xA0)) c = 0xFFFD;
+    return result;
+}
+
 } // namespace kestra::ctl

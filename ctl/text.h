@@ -34,5 +34,8 @@ std::string joined(const std::vector<std::string>& words, std::string_view separ
 /// UTF-8 of UTF-16, and back. A lone surrogate and a malformed byte become U+FFFD.
 std::string utf8(std::u16string_view text);
 std::u16string utf16(std::string_view text);
+/// utf16 for a terminal: whatever would control it, but for line ends and tabs, becomes U+FFFD. Log lines, slot texts
+/// and file names are others' words.
+std::u16string utf16ForTerminal(std::string_view text);
 
 } // namespace kestra::ctl

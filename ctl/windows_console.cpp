@@ -45,7 +45,7 @@ WindowsConsole::WindowsConsole()
 
 void WindowsConsole::put(HANDLE handle, bool isTerminal, std::string_view text) {
     if (isTerminal) {
-        const std::u16string wide = utf16(text);
+        const std::u16string wide = utf16ForTerminal(text);
         DWORD written = 0;
         WriteConsoleW(handle, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
         return;
@@ -83,7 +83,7 @@ void WindowsConsole::showScreen(std::string_view lines) {
     }
     // Each line is cut to the width and filled with blanks, so that none wraps and nothing old stays.
     const auto width = static_cast<size_t>(std::max<int>(info.dwSize.X - 1, 20));
-    const std::u16string wide = utf16(lines);
+    const std::u16string wide = utf16ForTerminal(lines);
     std::u16string screen;
     m_screenLines = 0;
     for (size_t at = 0; at < wide.size(); ++m_screenLines) {
@@ -100,7 +100,7 @@ void WindowsConsole::showScreen(std::string_view lines) {
 void WindowsConsole::showProgress(std::string_view line) noexcept {
     if (!m_errorIsTerminal || (line.empty() && m_progressLength == 0)) return;
     try {
-        std::u16string wide = utf16(line);
+        std::u16string wide = utf16ForTerminal(line);
         const size_t length = wide.size();
         wide.resize(std::max(length, m_progressLength), u' ');
         wide = u'\r' + wide + u'\r';

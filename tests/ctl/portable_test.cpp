@@ -115,6 +115,13 @@ TEST(Text, UnicodeGoesBothWaysAndNonsenseIsReplaced) {
         EXPECT_EQ(utf16(wrong)[0], char16_t(0xFFFD)) << testing::PrintToString(wrong);
 }
 
+TEST(Text, NobodysWordsControlATerminal) {
+    EXPECT_EQ(utf16ForTerminal("a\tb\n\x1B[2Jc\rd\x7F\xC2\x9B"
+                               "e\xC2\xA0"),
+              u"a\tb\n\uFFFD[2Jc\uFFFDd\uFFFD\uFFFDe\u00A0");
+    EXPECT_EQ(utf16ForTerminal(std::string("\0x", 2)), u"\uFFFDx");
+}
+
 TEST(RawSamples, EveryWidthIsSplitAsItsBitsSay) {
     std::mt19937_64 random(1);
     for (uint32_t width = 1; width <= 40; ++width) {
