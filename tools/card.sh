@@ -17,18 +17,22 @@ verb_card() {
     "$root/tools/run-windows" "$simcard_build/kestrasimctl.exe" "$@"
 }
 
-# A shell in which a card is plugged in, and `card` and `probe` are commands.
+# A shell in which a card is plugged in, and `card`, `probe` and `run-windows` are commands.
 verb_shell() {
     verb_build
     build_preset windows kestraprobe
     session_start
     card_install 1
-    local commands=$root/build/commands
+    local commands=$root/build/commands run='#!/bin/sh\nexec "%s" %s"$@"\n'
     mkdir -p "$commands"
-    printf '#!/bin/sh\nexec "%s" "%s" "$@"\n' "$root/tools/run-windows" "$simcard_build/kestrasimctl.exe" > "$commands/card"
-    printf '#!/bin/sh\nexec "%s" "%s" "$@"\n' "$root/tools/run-windows" "$simcard_build/kestraprobe.exe" > "$commands/probe"
-    chmod +x "$commands/card" "$commands/probe"
+    # shellcheck disable=SC2059 # the format is above
+    {
+        printf "$run" "$root/tools/run-windows" "\"$simcard_build/kestrasimctl.exe\" " > "$commands/card"
+        printf "$run" "$root/tools/run-windows" "\"$simcard_build/kestraprobe.exe\" " > "$commands/probe"
+        printf "$run" "$root/tools/run-windows" '' > "$commands/run-windows"
+    }
+    chmod +x "$commands"/*
     say "a simulated card is plugged in; try: card status, probe, card signal 1920x1080 30000/1001 i, card --help"
-    say "any other Windows program: tools/run-windows PROGRAM; leave with exit"
+    say "any other Windows program: run-windows PROGRAM; leave with exit"
     (cd "$root" && PATH=$commands:$PATH PS1='kestra$ ' bash --norc) || true
 }
