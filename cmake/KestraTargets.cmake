@@ -1,6 +1,6 @@
 # The project's own target functions: one way to declare a library, a test, a header check.
 
-# Compile options of everything that we write. Third-party code (GoogleTest) is built without them.
+# Compile options for our own code; third-party code (GoogleTest) is built without them.
 add_library(kestra_options INTERFACE)
 target_compile_features(kestra_options INTERFACE cxx_std_20)
 target_compile_options(kestra_options INTERFACE -Wall -Wextra -Werror -ffp-contract=off

@@ -1,5 +1,5 @@
-# The one place for the version: project(VERSION) names the last release; what lies between two releases is asked of git.
-# Only what includes the generated kestra_version.h is built again when a commit changes it:
+# The one place for the version: project(VERSION) names the last release; git tells how many commits have followed it.
+# A commit changes the generated kestra_version.h, so only what includes that is built again:
 #   KESTRA_VERSION_TEXT      "1.2.0", or as `git describe` has it: "1.2.0-7-g0123abc"
 #   KESTRA_VERSION_NUMBERS   1,2,0,7: of version resources; the fourth counts the commits since the release
 set(kestra_version_folder ${PROJECT_BINARY_DIR}/version)
@@ -12,9 +12,9 @@ add_library(kestra_version INTERFACE)
 target_include_directories(kestra_version INTERFACE ${kestra_version_folder})
 add_dependencies(kestra_version kestra_version_header)
 
-# kestra_version_resource(TARGET "description" [RELEASE]): what the system shows of this file: product, version, licence.
-# Any
-# binary that ships has one, and the tests of shipped files look at each that has. RELEASE: the last release's version, not the commit's.
+# kestra_version_resource(TARGET "description" [RELEASE]): what the system shows of this file: product, version, licence. Every
+# binary that ships has one, and the tests of shipped files look at each of them. RELEASE: the version of the last release, not
+# of the commit.
 function(kestra_version_resource target description)
   set(version_text KESTRA_VERSION_TEXT)
   set(version_numbers KESTRA_VERSION_NUMBERS)
@@ -40,7 +40,7 @@ function(kestra_version_resource target description)
   set(file_name ${internal_name}${extension})
   set(resource ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${resource} @ONLY)
-  # windres tells nobody what it included.
+  # windres does not report what it included.
   set_source_files_properties(${resource} PROPERTIES OBJECT_DEPENDS ${kestra_version_folder}/kestra_version.h)
   target_sources(${target} PRIVATE ${resource})
   target_link_libraries(${target} PRIVATE kestra_version)

@@ -1,4 +1,4 @@
-# What both Windows toolchains share: where libraries are looked for, and how a Windows program runs here.
+# What both Windows toolchains share: where to look for libraries, and how to run a Windows program here.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(KESTRA_MINGW x86_64-w64-mingw32)

@@ -1,5 +1,5 @@
-// tarnis.dll: the device library and the decoder for programs that want the card itself, without DirectShow. All of it
-// lies in device/ and decode/; here is what a module adds.
+// tarnis.dll: the device library and the decoder for programs that want the card itself, without DirectShow. Their
+// code is in device/ and decode/; here is what a module adds.
 #include "log/log.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 namespace kestra {
 
-/// Puts the filters into their capture categories, registers the type library and the classes of the module.
+/// Enters the filters in their capture categories; registers the type library and the module's classes.
 /// @return the result of registering the last filter or the classes; earlier failures are ignored
 HRESULT registerModule() noexcept;
 /// Undoes it. @return the result of removing the classes

@@ -5,7 +5,7 @@
 
 bare_suites=([12]=bookworm [13]=trixie)
 
-# In namespaces of its own, so that no process and no mount outlives it however it ends.
+# Runs in its own namespaces, so that no process and no mount outlives it, however it ends.
 bare_run() {
     unshare --mount --pid --fork --kill-child bash -euc '
         root=$1
@@ -16,7 +16,7 @@ bare_run() {
     ' bare "$@"
 }
 
-# bare_table TIMES END: the stages of a run from the marks that it left, in seconds.
+# bare_table TIMES END: how many seconds each stage of a run took, from the marks that it left.
 bare_table() {
     awk -v end="$2" '
         function stage(title) {
@@ -49,7 +49,7 @@ verb_bare() {
     mkdir -p "$folder"
     step "making a bare Debian $release ($suite)"
     visibly build/bare.log '^I: (.*)$' debootstrap --variant=minbase "$suite" "$folder"
-    # This machine's way to the outside is the bare one's too.
+    # The bare system reaches the outside as this machine does.
     cp -r /usr/local/share/ca-certificates "$folder/usr/local/share/"
     cp /etc/resolv.conf "$folder/etc/" 2> /dev/null || true
     git clone -q "$root" "$folder/kestra"

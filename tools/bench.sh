@@ -1,4 +1,4 @@
-# ./kestra bench [NAME...]: benchmarks, ours and others' side by side in one run; all of them without a name. What they
+# ./kestra bench [NAME...]: the named benchmarks, or all, ours beside others' in one run. What they
 # measure is printed, and kept in build/bench/results.json and on one page, out/bench.html. ./kestra bench --short: each in
 # its shortest form, which shows only that it works.
 # Sourced by ./kestra.
@@ -60,7 +60,7 @@ bench_load() {
         ours "with symbols, $(($(stat -c %s "$built") / 1000)) kB" "$built" peer "Wine's qcap.dll" 'C:\windows\system32\qcap.dll'
 }
 
-# bench_build: whatever measures.
+# bench_build: every program that measures.
 bench_build() {
     build_preset native "${bench_native[@]}"
     build_preset windows "${bench_windows[@]}" kestrasimctl kestrasim KestraCapture
@@ -78,7 +78,7 @@ bench_all() {
     done
 }
 
-# bench_short: each benchmark once in its shortest form, so that none can rot; a figure must come from each.
+# bench_short: runs each benchmark in its shortest form, so that none can rot: each must give a figure.
 bench_short() {
     local -x KESTRA_BENCH_SHORT=1
     local benchmark
@@ -89,7 +89,7 @@ bench_short() {
     say "$(wc -l < "$bench_figures") figures from their shortest forms"
 }
 
-# bench_write: the figures with where they come from, and the page that draws them.
+# bench_write: the figures and where they were measured, and the page that draws them.
 bench_write() {
     local results=$root/build/bench/results.json page=$root/out/bench.html
     {

@@ -1,4 +1,4 @@
-# The checks that need no run: formatting, both compilers, clang-tidy. Sourced by ./kestra.
+# The checks that run nothing: formatting, both compilers, clang-tidy. Sourced by ./kestra.
 
 # One pinned version on every system: two releases of clang-format do not agree on this tree.
 clang_format_version=1.8.0 # of the npm package, which holds LLVM's 15.0.0
@@ -25,8 +25,8 @@ check_clang() {
     build_preset windows-clang
 }
 
-# clang-tidy over what the clang build compiles of the product, the simulated card and the tools: of each source that it has
-# not seen since the source, a header that it includes, or the configuration changed.
+# clang-tidy over the product, the simulated card and the tools, as far as the clang build compiles them: over each source that
+# has changed since it was last checked, or of which a header or clang-tidy's configuration has.
 check_tidy() {
     step "$(clang-tidy --version | grep -m 1 -i version)"
     local build=$root/build/windows-clang stamps=$root/build/tidy file files=()
@@ -48,7 +48,7 @@ check_tidy() {
         mv "$stamps/$0.begun" "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
 }
 
-# check_newer STAMP FILE: what the compiler read for FILE, or clang-tidy's configuration, that is newer than STAMP.
+# check_newer STAMP FILE: names a file that is newer than STAMP, of those that FILE is compiled from and clang-tidy's configuration.
 check_newer() {
     (cd "$root/build/windows-clang" && {
         printf '%s\n' "$root/.clang-tidy" "$root/$2"

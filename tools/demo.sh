@@ -22,8 +22,8 @@ demo_set_signal() {
     simcard signal "${width}x$height" "$rate/1" > /dev/null
 }
 
-# demo_judge STATUS TIMES: of a check of a recording. Fails if the machine was too slow: frames were dropped by the card for
-# want of a buffer or by FFmpeg for want of time, or the card itself fell behind its clock. Ends the demo if a frame was lost
+# demo_judge STATUS TIMES: judges a recording by the result of its check. Fails if the machine was too slow: the card had no free
+# buffer, FFmpeg had no time, or the card itself fell behind its clock. Ends the demo if a frame was lost
 # in any other way, or is not what the card sent.
 demo_judge() {
     case $1 in
@@ -58,7 +58,7 @@ demo_record_both() {
     demo_judge "$status" "$demo_build/times.picture"
 }
 
-# demo_holds: records a second of each format, the largest first. Fails if the machine could not take one.
+# demo_holds: records a second of each format, the largest first. Fails if the machine is too slow for one.
 demo_holds() {
     local format
     for format in bgr0 bgr24 yuyv422 uyvy422; do
@@ -69,7 +69,7 @@ demo_holds() {
     done
 }
 
-# demo_record_all: the recordings of the report. Fails at the first that the machine could not take.
+# demo_record_all: makes the recordings for the report. Fails at the first for which the machine is too slow.
 demo_record_all() {
     local format
     printf '%sp%s\n' "$height" "$rate" >> "$demo/report.txt"

@@ -1,5 +1,5 @@
-# ./kestra pictures: shows every property page of the real filters, on the simulated card, in each of its states and keeps
-# pictures of them in docs/pages, at 100 % and, of the ordinary states, at 150 %. Fails if a text is cut. Sourced by
+# ./kestra pictures: shows every property page of the filters in each of its states, on the simulated card, and keeps
+# pictures in docs/pages: of all at 100 %, of the ordinary states also at 150 %. Fails if a text is cut. Sourced by
 # ./kestra.
 
 # pictures_take DPI SUFFIX FOLDER: the pictures of one resolution, as bitmaps.

@@ -46,7 +46,7 @@ record_video() {
 }
 
 # check_video FORMAT WIDTH HEIGHT SCAN RATE < raw frames: compares each frame with the simulated card's picture. SCAN: p or i;
-# RATE: whole frames per second, rounded up. Fails with 3 if the only fault is that frames were dropped.
+# RATE: whole frames per second, rounded up. The result is 3 if frames were dropped and nothing else is wrong.
 check_video() {
     local interlaced=0
     [ "$4" = p ] || interlaced=1
@@ -58,8 +58,8 @@ card_dropped() {
     simcard status | tr -d '\r' | sed -nE '/^ *port 0 /{s/.* ([0-9]+) dropped.*/\1/p;q}'
 }
 
-# frame_rate TIMES: the mean rate in Hz by the time stamps in milliseconds, without the first quarter: a graph that starts
-# has its first frames late.
+# frame_rate TIMES: the mean rate in Hz, from the time stamps in milliseconds after the first quarter: a graph that starts
+# gets its first frames late.
 frame_rate() {
     awk '!/^#/ { stamp[n++] = $1 }
          END { first = int(n / 4); printf "%.2f", (n > 1 ? 1000 * (n - 1 - first) / (stamp[n - 1] - stamp[first]) : 0) }' "$1"

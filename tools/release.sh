@@ -1,4 +1,4 @@
-# ./kestra release: everything that is handed out, in out/release, the same to the byte from the same commit wherever it is
+# ./kestra release: everything that is handed out, in out/release; the same commit gives the same bytes wherever it is
 # built. Sourced by ./kestra. KESTRA_SIGN: a command that signs one file in place.
 
 release=$root/out/release
@@ -31,7 +31,7 @@ release_package() {
     printf '"licenseDeclared": "%s", "copyrightText": "NOASSERTION"}' "$4"
 }
 
-# release_components VERSION: what is inside, as SPDX 2.3: our own, and the libraries that are linked into it.
+# release_components VERSION: what is inside, as SPDX 2.3: our own files, and the libraries that are linked into them.
 release_components() {
     local gcc mingw nsis file separator='' id=0 relations='' component name licence supplier
     gcc=$(dpkg-query -W -f '${Version}' g++-mingw-w64-x86-64-posix)

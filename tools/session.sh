@@ -1,4 +1,4 @@
-# A private Windows for one run: its own display and its own Wine prefix, gone without a trace afterwards.
+# A private Windows for one run: its own display and its own Wine prefix; no process is left afterwards.
 # Sourced by ./kestra. Uses: say, die (from there), $root.
 
 windows_build=$root/build/windows
@@ -56,7 +56,7 @@ session_start_wine() {
 }
 
 session_start() {
-    [ -z "$session_display_pid" ] || return 0 # for this run, once
+    [ -z "$session_display_pid" ] || return 0 # once in a run
     trap session_end EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP

@@ -1,4 +1,4 @@
-# ./kestra test [NAME...]: everything, or the tests of one folder (device, log, com, ...) or of which the names contain NAME.
+# ./kestra test [NAME...]: all tests, or those of a folder (device, log, com, ...), or those whose names contain NAME.
 # Sourced by ./kestra.
 
 test_tally=$root/build/tests.txt # a line for each test program that ran
@@ -6,11 +6,11 @@ test_tally=$root/build/tests.txt # a line for each test program that ran
 # run_ctest PRESET [ARGUMENT...]: fails if a test failed; notes what ran in the tally.
 run_ctest() {
     step "tests: $1"
-    # Less than a test's time, so that a hung one can still be asked what it was doing.
+    # Shorter than a test's time limit, so that a hung test can still be asked what it was doing.
     [ "$1" != windows ] || [ -n "${KESTRA_LONG:-}" ] || local -x KESTRA_WATCH_SECONDS=280
     local status=0
     (cd "$root" && ctest --preset "$1" --no-tests=error -j "$(nproc)" "${@:2}") || status=$?
-    # A list of tests, too, would overwrite what ctest has written.
+    # Listing tests would overwrite what ctest has written.
     mv "$root/build/$1/Testing/Temporary/LastTest.log" "$root/build/$1/tests.log"
     test_note "$1"
     return "$status"
@@ -30,7 +30,7 @@ test_folders() {
 }
 
 # test_note PRESET: adds what ctest has just run to the tally: folder, program, preset, 1 if it failed, seconds, and how
-# many of its own tests passed, failed and were skipped. A program that does not count them is one test.
+# many of its tests passed, failed and were skipped. A program that does not count its tests is one.
 test_note() {
     awk -v preset="$1" '
         FNR == NR { if (!($2 in folder)) folder[$2] = $1; next }
@@ -68,7 +68,7 @@ test_summary() {
 test_failed=0
 test_run() { run_ctest "$@" || test_failed=1; }
 
-# test_end: the summary; fails if a test did.
+# test_end: prints the summary; fails if a test failed.
 test_end() { test_summary && [ "$test_failed" -eq 0 ]; }
 
 # test_some NAME...: builds what the tests of these names need, and runs them.
@@ -80,7 +80,7 @@ test_some() {
         mapfile -t wanted < <({ test_list "$preset" -L "$label"; test_list "$preset" -R "$pattern"; } | sort -u)
         [ "${#wanted[@]}" -gt 0 ] || continue
         found=1
-        # Where a test is more than its program, a target of its name says what it needs.
+        # A test that is more than its program has a target of its name, which builds what it needs.
         targets=()
         for name in "${wanted[@]}"; do
             ! grep -q "^build $name: phony" "$root/build/$preset/build.ninja" || targets+=("$name")
@@ -97,7 +97,7 @@ test_some() {
     [ "$found" -eq 1 ] || die "no test and no folder is called that: $*"
 }
 
-# The whole of it.
+# Everything.
 test_all() {
     build_preset windows
     install_out
@@ -130,7 +130,7 @@ verb_test() {
     test_end
 }
 
-# ./kestra soak [ctest's arguments]: the long forms, one at a time.
+# ./kestra soak [CTEST-ARGUMENT...]: the long forms of the tests, one at a time.
 verb_soak() {
     with_tests=ON
     setup build demo test release

@@ -1,5 +1,5 @@
 // Lists the cards, opens the first one with a signal, grabs frames and stops:
-//   grab [FRAMES]      100 if not said
+//   grab [FRAMES]      100 by default
 // Ends with 0: done, 1: failure, 3: no card, 4: no signal, 5: in use by another program.
 #include <tarnis.h>
 

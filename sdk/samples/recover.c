@@ -1,5 +1,5 @@
 // Grabs until it has enough frames, whatever happens to the card and its input meanwhile:
-//   recover [FRAMES]   600 if not said
+//   recover [FRAMES]   600 by default
 // - The card is pulled and put back: the library goes on with the same callback by itself.
 // - The input takes another format: the callback is told once, the grab has ended, and main() starts it anew.
 // - No frame comes: main() asks why, says so, and starts anew when there is an input again and still no frame.

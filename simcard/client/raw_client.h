@@ -1,5 +1,5 @@
 // The card's request protocol without the device library: for tests of the simulated card and for kestraprobe.
-// One thread per object, but for begin/end of different Pending records, which may run side by side.
+// One thread per object, except that begin and end of different Pending records may run side by side.
 #pragma once
 
 #include "protocol/requests.h"
@@ -13,10 +13,10 @@
 
 namespace kestra::simcard {
 
-/// One open of a card. All calls return 0 or a Win32 error.
+/// One opening of a card. All calls return 0 or a Win32 error.
 class RawClient {
 public:
-    /// A request that is under way. Must outlive it: cancel it before it goes.
+    /// A request that is under way, and must not outlive this: cancel it first.
     struct Pending {
         OVERLAPPED overlapped = {};
         const UniqueObject event{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
@@ -54,7 +54,7 @@ public:
 
 private:
     const UniqueFile m_file;
-    const DWORD m_openError; // right behind the opening: whatever is made next changes the last error
+    const DWORD m_openError; // read right after the opening: whatever is made next changes it
     /// Sends the memory of frames: while one is written into this process, Wine stops the process's first thread, and
     /// loses it if it is just sending more than a pipe holds.
     RequestThread m_direct;

@@ -24,7 +24,7 @@ private:
 /// service manager (simcard/ctl/services.h).
 /// @param infPath kestrasim.inf, with kestrasim.sys beside it.
 void installCards(unsigned count, const std::wstring& infPath);
-/// Removes every card; none is not an error, one that a program uses is. @return how many there were.
+/// Removes every card. No card is no error; one that a program uses is. @return how many there were.
 unsigned removeCards();
 
 /// One card, through the driver's control device; works while the card is unplugged. Throws ControlError.

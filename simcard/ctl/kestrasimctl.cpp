@@ -139,7 +139,7 @@ void printLog(const std::vector<LogEntry>& log, bool json) {
 
 constexpr wchar_t kHoldEvent[] = L"KestraSimHold";
 
-/// One call of the program.
+/// One run of the program.
 struct Call {
     CardControl card;
     bool json;
@@ -166,7 +166,7 @@ void release(const Call&) {
     if (const UniqueObject event{OpenEventW(EVENT_MODIFY_STATE, FALSE, kHoldEvent)}) SetEvent(event.get());
 }
 
-/// Sets one of the options to the value of the word that the command was given.
+/// Sets an option to the value that the given word stands for.
 template <class Value>
 void choose(const Call& call, Value Options::*option, std::initializer_list<std::pair<const char*, Value>> words) {
     Options options = call.card.state().options;

@@ -27,7 +27,7 @@ public:
     void complete(void* token, uint32_t status, uint32_t replySize) override;
     void signalEvent(uint32_t client, uint64_t handle) override;
     uint64_t now100ns() override;
-    /// The next completed request that the system has not been given back, in their order; null if there is none.
+    /// Takes the oldest completed request that the system has not been given back; null if there is none.
     IRP* takeCompleted() noexcept;
     Extension* extension = nullptr;
 
@@ -102,7 +102,7 @@ IRP* Host::takeCompleted() noexcept {
     return irp;
 }
 
-/// Stands before the locks of a scope that calls the model: gives back, after them, what the model completed.
+/// Declared before the locks of a scope that calls the model: gives back, once they are released, what was completed.
 class Completions {
 public:
     explicit Completions(Extension& x) noexcept : m_extension(x) {}
@@ -156,7 +156,7 @@ void setPlugged(Extension& x, bool plugged) {
     }
 }
 
-/// The system here opens a file whatever a driver answers, so an open is refused by taking the name away: the
+/// Wine opens a file whatever a driver answers, so an opening is refused by taking the name away: the
 /// interface stays listed, and opening it fails as if it were not there.
 void updateLink(Extension& x) {
     bool hide;
@@ -187,7 +187,7 @@ PictureFormat pictureFormat(const FrameJob& job) {
             job.converter};
 }
 
-/// Makes sure of `bytes` of scratch memory; what it held is lost.
+/// Makes sure that there are `bytes` of scratch memory; its contents are lost.
 bool reserve(uint8_t*& memory, uint32_t& capacity, uint32_t bytes) {
     if (capacity >= bytes) return true;
     if (memory) ExFreePoolWithTag(memory, kTag);
@@ -301,7 +301,7 @@ void NTAPI cancelRequest(DEVICE_OBJECT* device, IRP* irp) {
     const Completions completions(x);
     Locked dma(x.dma);
     Locked state(x.state);
-    x.card->cancel(irp); // false: just being completed by somebody else
+    x.card->cancel(irp); // false: somebody else is completing it
 }
 
 NTSTATUS clientRequest(Extension& x, IRP* irp) {

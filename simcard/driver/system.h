@@ -1,4 +1,4 @@
-// What the driver needs of the system beyond ntoskrnl.exe. The driver runs in a user-mode host and may import
+// What the driver needs from the system beyond ntoskrnl.exe. The driver runs in a user-mode host and may import
 // nothing else, so these functions are found at run time in the module that the host already has loaded.
 #pragma once
 
@@ -30,7 +30,7 @@ struct System {
 
 extern System g_system;
 
-/// A lock that one thread may take repeatedly. Never destroyed before the driver goes.
+/// A lock that one thread may take repeatedly. Lives as long as the driver.
 class Lock {
 public:
     void init() noexcept { g_system.initLock(m_section); }

@@ -50,11 +50,11 @@ struct Request {
 /// What the card needs from its surroundings.
 class CardHost {
 public:
-    /// The request is done; `replySize` bytes of its out buffer count. Called once per pending token.
+    /// The request is done; `replySize` bytes of its out buffer are valid. Called once per pending token.
     virtual void complete(void* token, uint32_t status, uint32_t replySize) = 0;
-    /// The client's input-check event is to be signalled.
+    /// Signals the client's input-check event.
     virtual void signalEvent(uint32_t client, uint64_t handle) = 0;
-    /// Time in 100 ns units, of any origin, never going back.
+    /// Time in units of 100 ns from any origin; never goes back.
     virtual uint64_t now100ns() = 0;
 
 protected:
@@ -97,7 +97,7 @@ public:
     /// @param slot what the slot information reports.
     Card(CardHost& host, uint32_t slot) noexcept;
 
-    // What clients do. A client is one open of the card.
+    // What clients do. A client is one opening of the card.
 
     /// @param processId kept for the log and for DMA.
     /// @return kStatusSuccess with a client number, or why the card cannot be opened.
@@ -111,18 +111,18 @@ public:
 
     // What time does.
 
-    /// Lets delayed requests and input changes that are due happen.
+    /// Carries out the delayed requests and input changes that are due.
     void poll() noexcept;
     /// When poll next has something to do; UINT64_MAX: never.
     uint64_t nextPoll100ns() const noexcept;
-    /// True if a frame of the signal is of interest to somebody.
+    /// True if anybody wants a frame of the signal.
     bool wantsFrames() const noexcept;
     /// True if every grabbing channel has a free buffer (some channel has one, for the second).
     bool allReady() const noexcept;
     bool anyReady() const noexcept;
     /// A frame of the signal begins: numbers it. Then beginFrame is called until it returns false.
     void tick() noexcept;
-    /// The clock stood still for so many frames, which are never made: counted, and their numbers are not used.
+    /// The clock stood still for this many frames: they are counted and never made, and their numbers are not used.
     void skip(uint32_t frames) noexcept;
     bool beginFrame(FrameJob& job) noexcept;
     /// @param written false: the client's memory could not be written.
@@ -132,14 +132,14 @@ public:
 
     void setPlugged(bool plugged) noexcept;
     bool plugged() const noexcept { return m_plugged; }
-    /// A fault asked for the card to be pulled; the owner does it and calls setPlugged.
+    /// A fault wants the card to be pulled; the owner does that and calls setPlugged.
     bool unplugRequested() const noexcept { return m_unplugRequested; }
     bool setSignal(const Signal& signal) noexcept;
     const Signal& signal() const noexcept { return m_signal; }
     bool setOptions(const Options& options) noexcept;
     const Options& options() const noexcept { return m_options; }
     bool addFault(const Fault& fault) noexcept;
-    /// True while a fault refuses new opens: the owner hides the card's name from new clients.
+    /// True while a fault refuses openings: the owner hides the card's name from new clients.
     bool refusesOpen() const noexcept;
     void clearFaults() noexcept;
     void clearLog() noexcept;

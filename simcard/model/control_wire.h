@@ -36,11 +36,11 @@ enum class StopBehaviour : uint32_t { Abort = 0, LeavePending = 1, Cancel = 2 };
 enum class FaultKind : uint32_t {
     NtStatus = 0,      ///< value: the request fails with this status
     DriverResult = 1,  ///< value: first word of the reply
-    ShortReply = 2,    ///< value: the reply is cut to so many bytes
+    ShortReply = 2,    ///< value: the reply is cut to this many bytes
     Delay = 3,         ///< value: milliseconds before the request is looked at
     NeverComplete = 4, ///< until cancelled, unplugged or the faults are cleared
     Unplug = 5,        ///< the card goes when the request arrives
-    SignalChange = 6,  ///< the request is answered with the fault's signal already at the input
+    SignalChange = 6,  ///< the fault's signal is at the input before the request is answered
     DmaStatus = 7,     ///< value: DMA status of the next buffers; code: the port
     RefuseOpen = 8,    ///< while set, new clients cannot open the card: Win32 error 2 under Wine, whatever the value
     SignalAtFrame = 9  ///< the signal changes before the frame of that number (value)
@@ -78,8 +78,8 @@ struct Fault {
     FaultKind kind;
     uint32_t code;  ///< request code, kAnyCode for every one; the port for DmaStatus
     uint32_t value; //
-    uint32_t skip;  ///< so many matching requests (buffers) pass first
-    uint32_t count; ///< then so many are hit; kForever until cleared
+    uint32_t skip;  ///< this many matching requests (buffers) pass first
+    uint32_t count; ///< then this many are hit; kForever: until cleared
     Signal signal;  ///< for the signal changes
 };
 

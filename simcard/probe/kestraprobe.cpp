@@ -22,7 +22,7 @@ using namespace kestra::simcard;
 
 namespace {
 
-/// What the requests said of the input.
+/// What the requests said about the input.
 struct Input {
     bool present = false, interlaced = false, audio = false;
     uint32_t width = 0, height = 0, rate = 0, mode = 0;
