@@ -17,7 +17,7 @@ struct CardEntry {
     uint32_t number = 0;    ///< its place in the system's list: what --card takes
     std::wstring path;      ///< of its device interface
     std::string slotText;   ///< from its driver; empty if there is none or it could not be asked
-    uint32_t slotValue = 0; //
+    uint32_t slotValue = 0; ///< likewise; 0 if it could not be asked
     uint32_t openError = 0; ///< the system's error if it does not open
 };
 

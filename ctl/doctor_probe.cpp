@@ -25,7 +25,7 @@ namespace {
 
 constexpr DWORD kPatienceMs = 20000;     // opening alone may take five seconds a request, with a card that is half dead
 constexpr DWORD kFirstSampleMs = 3000;   // a filter that has started, and no sample comes
-constexpr DWORD kCountedMs = 1000;       //
+constexpr DWORD kCountedMs = 1000;       // how long samples are counted
 constexpr DWORD kInterruptEveryMs = 100; // between two looks at Ctrl-C
 
 template <class Interface>

@@ -16,7 +16,7 @@ struct SegmentFormat {
     TarnisCameraStatus input{};
     uint32_t depth = 8;      ///< bits of a picture's sample
     bool raw = false;        ///< frames as the card wrote them, in place of YUV4MPEG2
-    uint32_t soundBits = 16; //
+    uint32_t soundBits = 16; ///< bits of a sample of sound
 };
 
 /// What a writer is doing: whoever finds no room wants to know why.

@@ -94,7 +94,7 @@ struct ReadRegisterReply {
 struct Converter {
     int32_t yOff, crOff, cbOff;                 // 10-bit sample units
     int32_t y1, r1, g1, g2, b1;                 // coefficient * 256, truncated toward zero; 1.164 is 297
-    uint8_t rMin, rMax, gMin, gMax, bMin, bMax; //
+    uint8_t rMin, rMax, gMin, gMax, bMin, bMax; // 8-bit levels
     int32_t redGain, greenGain, blueGain;       // gain * 256; unaligned: copy out, bind no reference
     uint8_t redOffset, greenOffset, blueOffset; // sign-magnitude, see offsetToWire
 };
@@ -112,8 +112,8 @@ struct GetConverterReply {
 struct PrepareRequest {
     Header header;
     uint8_t selector;        ///< output selector, or the record's last word on the alternate-format channel
-    uint8_t videoMode;       //
-    uint8_t outputParameter; //
+    uint8_t videoMode;       ///< low byte of the input's video mode
+    uint8_t outputParameter; ///< low byte; 0 for a progressive input
     uint8_t constants[4];    ///< 0, 1, 0, 1
     uint8_t reserved[2];     ///< 0
 };

@@ -77,7 +77,7 @@ struct SetOptions {
 struct Fault {
     FaultKind kind;
     uint32_t code;  ///< request code, kAnyCode for every one; the port for DmaStatus
-    uint32_t value; //
+    uint32_t value; ///< see FaultKind
     uint32_t skip;  ///< this many matching requests (buffers) pass first
     uint32_t count; ///< then this many are hit; kForever: until cleared
     Signal signal;  ///< for the signal changes

@@ -19,7 +19,7 @@ struct Signal {
     uint8_t interlaced;
     uint8_t audio;
     uint8_t videoMode;                ///< see frame_rate.h
-    uint8_t formatByte;               //
+    uint8_t formatByte;               ///< reported beside it
     uint8_t audioInAlternateRegister; ///< audio shows in kRegisterAudioAlternate
     uint16_t width;                   ///< active pixels a line
     uint16_t height;                  ///< active lines a frame, both fields together
