@@ -1,3 +1,4 @@
+// Growth over many cycles, from the least counts of two thirds of them: single peaks are no trend.
 #include "tests/support/process_counts.h"
 
 #include <algorithm>
