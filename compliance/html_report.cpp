@@ -112,7 +112,7 @@ std::string lineOf(const std::vector<double>& xs, const std::vector<double>& ys,
 
 std::string histogramOf(std::vector<double> values, const char* xTitle) {
     std::sort(values.begin(), values.end());
-    // A few that lie far out would leave one bar for all the others: they are counted in the last.
+    // A few outliers would squeeze all others into one bar: they are counted in the last one.
     const double cut = values[values.size() * 98 / 100] * 1.5 + 1;
     const Axis x(values.front(), std::min(values.back(), cut), false);
     constexpr int kBars = 40;

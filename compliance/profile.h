@@ -17,7 +17,7 @@ struct Profile {
 /// @throws Failure, with what is wrong with the file
 Profile readProfile(const std::wstring& path, const SubjectName& subject);
 
-/// Marks deviations that the profile excuses, and excuses that nothing needs.
+/// Marks the deviations that the profile excuses, and the excuses that are not needed.
 void applyProfile(const Profile& profile, Result& result);
 
 } // namespace kestra::compliance

@@ -1,5 +1,5 @@
 // What the process that runs a test leaves for the one that started it: in shared memory, so that the last call is
-// known also of a process that crashed or hangs. Plain data.
+// known even if that process crashed or hangs. Plain data.
 #pragma once
 
 #include <windows.h>
@@ -21,7 +21,7 @@ struct TestRecord {
     static constexpr int kSeries = 6;
     volatile LONG finished;
     Verdict verdict;
-    char call[240]; ///< about to be made, or being made
+    char call[240]; ///< that is about to be made, or being made
     char expected[400], got[600], warnings[1200];
     DWORD exceptionCode;   ///< of a crash; 0: none
     char exceptionAt[160]; ///< module and offset

@@ -1,3 +1,4 @@
+// A run's results as text and as JSON.
 #include "compliance/report.h"
 
 #include <nlohmann/json.hpp>

@@ -1,4 +1,4 @@
-// What a run says: text as it comes, and JSON or a page at its end.
+// What a run reports: text as it goes, and JSON or a page at its end.
 #pragma once
 
 #include "compliance/runner.h"
@@ -17,7 +17,7 @@ const char* verdictText(const Result& result);
 std::string textOf(const Result& result, bool firstOfGroup);
 std::string textOf(const Totals& totals);
 std::string jsonOf(const std::string& subject, const std::vector<Result>& results);
-/// One page, with nothing outside of it.
+/// One self-contained page.
 std::string htmlOf(const std::string& subject, const std::vector<Result>& results);
 
 } // namespace kestra::compliance

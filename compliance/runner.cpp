@@ -1,3 +1,4 @@
+// Both sides of a test: the child runs it; the parent waits, and ends a child that takes too long.
 #include "compliance/runner.h"
 
 #include "win32/handle.h"

@@ -1,4 +1,4 @@
-// Runs tests, each in a child process of its own that can crash or hang as it likes.
+// Runs tests, each in a child process of its own, which may crash or hang.
 #pragma once
 
 #include "compliance/tests.h"
@@ -15,7 +15,7 @@ struct Result {
     std::vector<Series> series;
     std::vector<std::pair<std::string, std::string>> facts;
     std::string excuse;          ///< the profile's reason for a deviation
-    bool excuseUnneeded = false; ///< the profile names it, and it does not deviate
+    bool excuseUnneeded = false; ///< the profile excuses it, but it does not deviate
     bool failed() const { return verdict == Verdict::Fail || verdict == Verdict::Crash || verdict == Verdict::Hang; }
 };
 
@@ -25,7 +25,7 @@ struct Result {
 std::vector<Result> runTests(const std::vector<size_t>& tests, const std::wstring& childCommand,
                              const Settings& settings, bool shared, const std::function<void(const Result&)>& done);
 
-/// The child's side. @param mapping  what the parent called the memory between the two
+/// The child's side. @param mapping  the name of the memory that it shares with the parent
 int runAsChild(const std::wstring& mapping, const SubjectName& name, const Settings& settings);
 
 } // namespace kestra::compliance

@@ -1,3 +1,4 @@
+// The sink's filter, pin and enumerators.
 #include "compliance/sink.h"
 
 #include <cstring>

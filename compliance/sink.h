@@ -1,4 +1,4 @@
-// The other side of the connection: a filter of one input pin that keeps account of what it is sent, and misbehaves as
+// The other side of the connection: a filter with one input pin that records what it is sent, and misbehaves as
 // a test asks. Methods come on any thread; samples on the tested filter's.
 #pragma once
 

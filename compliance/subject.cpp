@@ -1,3 +1,4 @@
+// Finds the filter by name, class or DLL, and asks its pin what it offers.
 #include "compliance/subject.h"
 
 #include "compliance/check.h"

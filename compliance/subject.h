@@ -12,7 +12,7 @@
 
 namespace kestra::compliance {
 
-/// How the user named the filter. One of name, class or DLL; a DLL's class may be left open if its type library names
+/// How the user named the filter: by name, class or DLL. A DLL's class may be left out if its type library names
 /// it.
 struct SubjectName {
     std::wstring friendlyName, dll;
@@ -44,7 +44,7 @@ private:
     void findInTypeLibrary(const std::wstring& dll);
 
     CLSID m_clsid = GUID_NULL, m_category = GUID_NULL;
-    HMODULE m_module = nullptr; // for good: unloading is what a test asks about
+    HMODULE m_module = nullptr; // never freed: unloading is what a test asks about
     ComRef<IMoniker> m_moniker;
 };
 
@@ -53,7 +53,7 @@ ComRef<IPin> capturePin(IBaseFilter* filter);
 
 void freeMediaType(AM_MEDIA_TYPE& type) noexcept;
 
-/// A media type of one's own.
+/// A media type that this object owns.
 class Type {
 public:
     Type() noexcept : m_type{} {}

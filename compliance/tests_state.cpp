@@ -142,7 +142,7 @@ void askedInReceive(Context& context) {
     rig.stop();
 }
 
-/// While a receiver is inside a sample and asks, another thread stops: neither may wait for the other.
+/// A receiver asks from inside a sample while another thread stops the filter: neither may wait for the other.
 void stopWhileAsked(Context& context) {
     Rig rig(context);
     rig.connect();

@@ -12,11 +12,11 @@ class ByteSink {
 public:
     virtual ~ByteSink() = default;
 
-    /// What was whole before stays so if it fails: see truncate().
+    /// If it fails, what was whole before stays whole: see truncate().
     virtual void write(const void* bytes, size_t size) = 0;
-    /// Writes over what is there already; not for pipes.
+    /// Overwrites what is there; not for pipes.
     virtual void rewrite(uint64_t at, const void* bytes, size_t size) = 0;
-    /// Cuts it to its first bytes: what a failed write left behind is no whole frame. A pipe stays as it is.
+    /// Cuts the file to its first bytes, as a failed write leaves an incomplete frame behind. A pipe stays as it is.
     virtual void truncate(uint64_t bytes) noexcept = 0;
     virtual void close() = 0;
 

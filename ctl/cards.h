@@ -1,5 +1,5 @@
-// The cards of this machine: which there are, which one is meant, and one that is open. Every question that the card is
-// asked has a time limit, so that a driver that never answers cannot hold the program.
+// The cards of this machine: which there are, which one is meant, and one that is open. Every question to a card has a
+// time limit, so that a driver that never answers cannot hold the program.
 #pragma once
 
 #include "device/tarnis.h"
@@ -36,7 +36,7 @@ class OpenCard {
 public:
     /// Throws Failure.
     explicit OpenCard(const CardEntry& entry);
-    /// Ends what the card still does. Waits no longer than the library's own limits.
+    /// Ends what the card is still doing; waits no longer than the library's own limits.
     ~OpenCard();
     OpenCard(const OpenCard&) = delete;
     OpenCard& operator=(const OpenCard&) = delete;
@@ -56,7 +56,8 @@ public:
         result = *kept;
         return code;
     }
-    /// The same for what must succeed: throws Failure that tells a pulled card, a refusal and other failures apart.
+    /// The same for what must succeed: the Failure that it throws tells a pulled card, a refusal and other causes
+    /// apart.
     template <class Result, class Question>
     void need(const char* what, Result& result, Question question) {
         const uint32_t code = ask(what, result, question);

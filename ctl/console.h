@@ -12,12 +12,12 @@ class Console {
 public:
     virtual ~Console() = default;
 
-    /// Writes UTF-8 to the standard output at once. Throws Failure if nobody takes it.
+    /// Writes UTF-8 to the standard output at once. Throws Failure if it cannot be written.
     virtual void write(std::string_view text) = 0;
     /// Writes UTF-8 to the error output; what cannot be written is lost.
     virtual void writeError(std::string_view text) noexcept = 0;
 
-    /// True if a person looks at the standard output, not a program.
+    /// True if the standard output goes to a person, not to a program.
     virtual bool isTerminal() const noexcept = 0;
     /// False if the standard output is a terminal whose font lacks most of Unicode.
     virtual bool showsEverySign() const noexcept { return true; }

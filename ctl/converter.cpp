@@ -43,7 +43,7 @@ TarnisConverterParams changed(TarnisConverterParams params, const Action& action
 
 ExitCode runConverter(const Options& options, Console& console) {
     const Action& action = options.converter;
-    // What is wrong with the words is said before any card is asked.
+    // Wrong words are refused before any card is asked.
     if (action.name == "set" || action.name == "preset" || action.name == "load") changed({}, action);
     OpenCard card(chooseCard(options.card));
     TarnisConverterParams params = readConverter(card);

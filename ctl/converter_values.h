@@ -15,7 +15,7 @@ void setConverterValue(TarnisConverterParams& params, const std::string& assignm
 /// Takes the matrix of a preset, by its short name, and leaves limits, gains and offsets alone. Throws Failure (usage).
 void takePreset(TarnisConverterParams& params, const std::string& shortName);
 
-/// Short name of the preset that this is once the card has it; null: none.
+/// Short name of the preset that these values are once the card holds them; null: none.
 const char* presetNameOf(const TarnisConverterParams& params) noexcept;
 
 /// Lines for a person.

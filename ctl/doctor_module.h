@@ -1,4 +1,4 @@
-// The doctor's look at the module: entered with the system, there, and fit to be loaded. What an installer needs to
+// The doctor's look at the module: registered, present and fit to be loaded. This is what an installer needs to
 // know.
 #pragma once
 

@@ -1,4 +1,4 @@
-// What doctor takes. The two options without a help text are what the program tells itself.
+// What doctor takes. The two options without a help text are for the program's calls of itself.
 #include "ctl/verbs.h"
 
 #include <CLI/CLI.hpp>

@@ -1,5 +1,5 @@
-// What the doctor does not do in its own process, because it may hang or crash there: loading the module, and running
-// its filters. The program starts itself for that, and ends what takes too long. Windows only; one thread's.
+// What might hang or crash the doctor's own process: loading the module, and running its filters. The program starts
+// itself again for that, and ends what takes too long. Windows only; one thread's.
 #pragma once
 
 #include "ctl/json.h"

@@ -23,9 +23,9 @@ class DoctorReport {
 public:
     void add(Check check) { m_checks.push_back(std::move(check)); }
     const std::vector<Check>& checks() const noexcept { return m_checks; }
-    /// Of checks that are bad; the program's exit code, which holds no more than 255.
+    /// How many checks are bad, at most 255: the program's exit code.
     int problems() const noexcept;
-    /// False if that check is bad, and if it has not been made.
+    /// False if that check is bad or has not been made.
     bool isGood(const std::string& id) const noexcept;
 
     /// A line for each check, one more for each remedy, and a summary.

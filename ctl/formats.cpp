@@ -52,7 +52,7 @@ void setFormat(const std::string& assignment, bool isTrial) {
 } // namespace
 
 ExitCode runFormats(const Options& options, Console& console) {
-    for (const bool isTrial : {true, false}) // all are sensible before one is changed
+    for (const bool isTrial : {true, false}) // all are checked before any is changed
         for (const std::string& assignment : options.formats.values)
             setFormat(assignment, isTrial);
     if (options.formats.name == "restore")

@@ -1,4 +1,4 @@
-// Preallocated room between one thread that receives frames and one that writes them. Portable.
+// Preallocated buffers between a thread that receives frames and one that writes them. Portable.
 #pragma once
 
 #include <atomic>
@@ -43,7 +43,7 @@ public:
         const size_t tail = m_tail.load(std::memory_order_relaxed);
         return tail == m_head.load(std::memory_order_acquire) ? nullptr : &m_slots[tail % m_slots.size()];
     }
-    /// Consumer: has done with the oldest one.
+    /// Consumer: is done with the oldest frame.
     void release() noexcept { m_tail.store(m_tail.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
 
     size_t slots() const noexcept { return m_slots.size(); }

@@ -22,7 +22,7 @@ struct InputState {
     const char* name() const noexcept;
 };
 
-/// Tells changes from what stays.
+/// Tells what has changed since it was last asked.
 class InputWatch {
 public:
     /// @return what happened, if anything did: for example "the signal has gone". The first state is no change.

@@ -16,7 +16,7 @@ using Json = nlohmann::ordered_json;
 /// Opens an object of a verb.
 Json jsonOf(const char* verb);
 
-/// One line, ended. Bytes that are no UTF-8 are replaced.
+/// One line with its end. Bytes that are not UTF-8 are replaced.
 std::string jsonLine(const Json& value);
 
 /// What arrives; null without a signal.

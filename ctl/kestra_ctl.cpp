@@ -5,7 +5,7 @@
 #include "log/log.h"
 
 int wmain(int argc, wchar_t** argv) {
-    const kestra::LogLifetime log; // the library's failures go where the user wants them
+    const kestra::LogLifetime log; // the library's failures go where the user has configured
     kestra::ctl::WindowsConsole console;
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i)

@@ -7,11 +7,11 @@
 
 namespace kestra::ctl {
 
-/// UTF-8, lines ended by "\n", of what the log's file holds: UTF-16, little-endian, with or without a mark at its
-/// begin.
+/// UTF-8, lines ended by "\n", of what the log's file holds: UTF-16, little-endian, with or without a byte-order
+/// mark.
 std::string textOfLog(std::string_view bytes);
 
-/// The last so many lines.
+/// The last `count` lines.
 std::string_view lastLines(std::string_view text, uint32_t count) noexcept;
 
 /// What the numbers in a line mean: requests, results, four-character codes. Empty: none that is known.

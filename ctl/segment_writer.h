@@ -19,7 +19,7 @@ struct SegmentFormat {
     uint32_t soundBits = 16; ///< bits of a sample of sound
 };
 
-/// What a writer is doing: whoever finds no room wants to know why.
+/// What a writer is doing, so that a full ring can say why it is full.
 enum class WriterPhase { Idle, Converting, Writing };
 
 class SegmentWriter {
@@ -30,7 +30,7 @@ public:
 
     /// @param number  the frame's, as the card counts. Throws Failure; the file then ends with the last whole frame.
     void writeFrame(uint32_t number, const uint8_t* raw, size_t bytes);
-    /// A frame's worth of sound. What belongs before the first picture is left away. Not before that is written.
+    /// A frame's worth of sound, once the first picture is written. Sound from before that picture is left out.
     void writeSound(uint32_t number, const uint8_t* samples, size_t bytes);
     /// Cuts the sound to the pictures' length, completes the headers and closes the files. Throws Failure.
     void close();

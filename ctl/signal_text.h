@@ -20,7 +20,7 @@ std::string signalLine(const TarnisCameraStatus& status);
 /// "1920x1080p60" alone.
 std::string signalName(const TarnisCameraStatus& status);
 
-/// What the card's code of a video standard says, as far as the card's maker tells.
+/// What the card's code of a video standard means, as far as that is known.
 const char* videoModeMeaning(uint32_t videoMode) noexcept;
 
 } // namespace kestra::ctl

@@ -18,7 +18,7 @@ HANDLE interruptEvent() noexcept {
     return event;
 }
 
-/// Called on a thread of the system's.
+/// Called by the system on a thread of its own.
 BOOL WINAPI onControl(DWORD event) {
     SetEvent(interruptEvent());
     if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT) return TRUE;
@@ -70,7 +70,7 @@ void WindowsConsole::writeError(std::string_view text) noexcept {
     try {
         showProgress("");
         put(m_error, m_errorIsTerminal, text);
-    } catch (const std::exception&) { // nobody is there to be told
+    } catch (const std::exception&) { // nobody is left to tell
     }
 }
 
