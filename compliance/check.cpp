@@ -12,6 +12,7 @@ namespace {
 
 TestRecord* g_record = nullptr;
 std::mutex g_mutex; // guards series, warnings and facts
+std::string g_callOfFailure;
 
 template <size_t size>
 void put(char (&field)[size], const std::string& text) noexcept {
@@ -61,9 +62,18 @@ constexpr ResultName kResultNames[] = {
     {static_cast<HRESULT>(0x80070492), "E_PROP_SET_UNSUPPORTED"},
 };
 
+[[noreturn]] void fail(const std::string& expected, const std::string& got) {
+    g_callOfFailure = g_record ? g_record->call : "";
+    throw Failure{expected, got};
+}
+
 } // namespace
 
 void recordInto(TestRecord* record) {
+    // A failure goes with the call before it, not with those of the clearing up behind it.
+    if (!record && g_record && g_record->verdict == Verdict::Fail && !g_callOfFailure.empty())
+        put(g_record->call, g_callOfFailure);
+    g_callOfFailure.clear();
     g_record = record;
 }
 
@@ -87,6 +97,14 @@ std::string narrow(const wchar_t* text) {
     return length > 0 ? buffer : "";
 }
 
+std::wstring wide(const std::string& text) {
+    std::wstring buffer(text.size() + 1, L'\0');
+    const int length =
+        MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, buffer.data(), static_cast<int>(buffer.size()));
+    buffer.resize(length > 0 ? static_cast<size_t>(length - 1) : 0);
+    return buffer;
+}
+
 std::string guidText(REFGUID guid) {
     wchar_t text[40];
     StringFromGUID2(guid, text, 40);
@@ -105,19 +123,19 @@ void expectResult(HRESULT got, std::initializer_list<HRESULT> wanted, const char
         if (hr == got) return;
         names += (names.empty() ? "" : " or ") + resultText(hr);
     }
-    throw Failure{format("%s from %s", names.c_str(), call), resultText(got)};
+    fail(format("%s from %s", names.c_str(), call), resultText(got));
 }
 
 void expectFailure(HRESULT got, const char* call) {
-    if (SUCCEEDED(got)) throw Failure{format("a failure from %s", call), resultText(got)};
+    if (SUCCEEDED(got)) fail(format("a failure from %s", call), resultText(got));
 }
 
 void expectSuccess(HRESULT got, const char* call) {
-    if (FAILED(got)) throw Failure{format("success from %s", call), resultText(got)};
+    if (FAILED(got)) fail(format("success from %s", call), resultText(got));
 }
 
 void expect(bool condition, const std::string& expected, const std::string& got) {
-    if (!condition) throw Failure{expected, got};
+    if (!condition) fail(expected, got);
 }
 
 void warn(const std::string& text) {

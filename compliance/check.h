@@ -55,6 +55,7 @@ void fact(const std::string& name, const std::string& value);
 std::string format(const char* text, ...) __attribute__((format(KESTRA_PRINTF, 1, 2)));
 #undef KESTRA_PRINTF
 std::string narrow(const wchar_t* text);
+std::wstring wide(const std::string& text);
 std::string guidText(REFGUID guid);
 
 } // namespace kestra::compliance

@@ -181,7 +181,7 @@ std::string plotsOf(const Result& result) {
                                       {"threads over start and stop", "Threads over starts and stops"}})
         if (const Series* series = find(name)) {
             const auto values = valuesOf(*series);
-            html += figure(title, format("%s: first %.1f, last %.1f", test.c_str(), values.front(), values.back()),
+            html += figure(title, format("%s: first %.4g, last %.4g", test.c_str(), values.front(), values.back()),
                            lineOf(countTo(values.size()), values, "measurement", true));
         }
     return html;

@@ -1,4 +1,5 @@
 // kestra-compliance: does a DirectShow capture filter keep the platform's rules?
+#include "compliance/format_keeper.h"
 #include "compliance/profile.h"
 #include "compliance/report.h"
 #include "compliance/second_process.h"
@@ -15,18 +16,11 @@ namespace {
 
 struct Options {
     std::string name, clsid, dll, profile, json, html, child, second, unplug, plug;
+    DWORD keep = 0, run = 0;
     std::vector<std::string> only, skip;
     bool list = false, quick = false, shared = false, quiet = false;
     int limitSeconds = 60;
 };
-
-std::wstring wide(const std::string& text) {
-    std::wstring buffer(text.size() + 1, L'\0');
-    const int length =
-        MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, buffer.data(), static_cast<int>(buffer.size()));
-    buffer.resize(length > 0 ? static_cast<size_t>(length - 1) : 0);
-    return buffer;
-}
 
 /// One argument as a started program reads it back.
 std::wstring asArgument(const std::wstring& argument) {
@@ -97,12 +91,15 @@ int run(const Options& options) {
          {std::pair{L" --name", subject.friendlyName}, {L" --dll", subject.dll}, {L" --clsid", wide(options.clsid)}})
         if (!value.empty()) command += option + asArgument(value);
     setOwnCommand(command);
-    if (!options.second.empty()) return secondProcess(subject, wide(options.second));
+    if (!options.second.empty()) secondProcess(subject, wide(options.second));
+    if (options.keep != 0) endProcess(keepFormat(subject, options.keep) ? 0 : 1);
+    if (options.run != 0) endWithProcess(options.run);
     if (!options.child.empty()) return runAsChild(wide(options.child), subject, settings);
 
     const Profile profile = options.profile.empty() ? Profile{} : readProfile(wide(options.profile), subject);
     if (settings.unplug.empty()) settings.unplug = profile.unplug;
     if (settings.plug.empty()) settings.plug = profile.plug;
+    command += L" --run " + std::to_wstring(GetCurrentProcessId());
     if (settings.quick) command += L" --quick";
     if (!settings.unplug.empty()) command += L" --unplug" + asArgument(settings.unplug);
     if (!settings.plug.empty()) command += L" --plug" + asArgument(settings.plug);
@@ -117,13 +114,18 @@ int run(const Options& options) {
     if (text) std::printf("kestra-compliance %s, %zu tests of %s\n", KESTRA_VERSION_TEXT, tests.size(), title.c_str());
     std::vector<Result> results;
     std::string group;
+    FormatKeeper keeper;
     runTests(tests, command, settings, options.shared, [&](Result result) {
         applyProfile(profile, result);
+        if (result.test->id() == "loss.unplug-and-plug" && result.failed() && !settings.plug.empty())
+            runCommand(settings.plug, 20'000); // it may have crashed or hung while the device was away
         if (text) std::fputs(textOf(result, group != result.test->group).c_str(), stdout);
         std::fflush(stdout);
         group = result.test->group;
         results.push_back(std::move(result));
     });
+    if (const std::string trouble = keeper.restore(); !trouble.empty())
+        std::fprintf(stderr, "kestra-compliance: %s\n", trouble.c_str());
     const Totals totals = totalsOf(results);
     if (text) std::fputs(textOf(totals).c_str(), stdout);
     if (!options.json.empty()) writeFile(options.json, jsonOf(title, results));
@@ -156,6 +158,8 @@ int runProgram(int argc, char** argv) {
     app.add_option("--plug", options.plug, "a command that brings it back");
     app.add_option("--child", options.child)->group("");
     app.add_option("--second", options.second)->group("");
+    app.add_option("--keep", options.keep)->group("");
+    app.add_option("--run", options.run)->group("");
     app.footer("Exit code: the number of failures, 125 at most; 126: nothing was tested.\n"
                "Example:\n  kestra-compliance --name \"USB Video Device\" --html report.html");
     try {

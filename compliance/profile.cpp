@@ -20,22 +20,14 @@ std::string contentsOf(const std::wstring& path) {
     throw Failure{"a profile in " + narrow(path.c_str()), "no such file"};
 }
 
-std::wstring wide(const std::string& text) {
-    std::wstring buffer(text.size() + 1, L'\0');
-    const int length =
-        MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, buffer.data(), static_cast<int>(buffer.size()));
-    buffer.resize(length > 0 ? static_cast<size_t>(length - 1) : 0);
-    return buffer;
-}
-
 /// @throws Failure, about a test that there is not
 void addDeviations(Profile& profile, const nlohmann::json& deviations) {
-    for (const auto& entry : deviations.items()) {
-        const std::string& test = entry.key();
+    for (const auto& [name, reason] : deviations.get<std::map<std::string, std::string>>()) {
+        const std::string& test = name; // a structured binding cannot be captured everywhere
         const auto& tests = allTests();
         if (std::none_of(tests.begin(), tests.end(), [&](const Test& known) { return known.id() == test; }))
             throw Failure{"a test in the profile", "\"" + test + "\", which there is not"};
-        profile.deviations[test] = entry.value().get<std::string>();
+        profile.deviations[test] = reason;
     }
 }
 

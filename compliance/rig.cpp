@@ -13,7 +13,25 @@ const std::vector<Test>& allTests() {
     return tests;
 }
 
-Rig::Rig(Context& context) : filter(context.subject.create()), pin(capturePin(filter.get())), m_context(context) {}
+Bare::Bare(const Subject& subject) : filter(subject.create()), pin(capturePin(filter.get())) {}
+
+ULONG referencesTo(IUnknown* object) {
+    CALL(object->AddRef());
+    return CALL(object->Release());
+}
+
+Receiver taking(int milliseconds) {
+    return [milliseconds](IMediaSample*, int) {
+        Sleep(static_cast<DWORD>(milliseconds));
+        return S_OK;
+    };
+}
+
+Receiver answering(HRESULT answer, int number) {
+    return [answer, number](IMediaSample*, int now) { return number == kEvery || number == now ? answer : S_OK; };
+}
+
+Rig::Rig(Context& context) : Bare(context), m_context(context) {}
 
 Rig::~Rig() {
     CALL(filter->Stop());

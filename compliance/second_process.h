@@ -1,15 +1,33 @@
-// A second process beside a test, which captures from the same device.
+// Processes beside the tests' own: one that captures from the same device, commands of the profile, and this program's
+// own.
 #pragma once
 
 #include "compliance/subject.h"
+#include "win32/handle.h"
+
+#include <optional>
 
 namespace kestra::compliance {
 
 /// How this program is started for the same subject, without anything else. Set once at the start.
 void setOwnCommand(std::wstring command);
-/// Runs it as "--second ROLE". @return its exit code; 259: it did not end in time, and was ended
-DWORD runSecondProcess(const wchar_t* role, DWORD milliseconds);
-/// What it does there. @param role  capture: 0 captured, 2 refused, 1 no samples; die: ends itself with 9 while it runs
-int secondProcess(const SubjectName& name, const std::wstring& role);
+/// Starts this program for the same subject. @return the process; none if it could not be started
+UniqueObject startOwn(const std::wstring& options);
+/// Runs a command line. @return its exit code; none: it could not be started, or did not end in time and was ended
+std::optional<DWORD> runCommand(const std::wstring& line, DWORD milliseconds);
+
+/// What became of a second process that captures: its exit code while it can say so itself.
+enum class Outcome : DWORD { Captured = 0, Refused = 2, NoSamples = 3, Died = 9, NotStarted = 1000, NotEnded = 1001 };
+/// Other values are codes with which it ended otherwise. @return "captures", "is refused", ...
+std::string outcomeText(Outcome outcome);
+
+/// @param role  capture; die: it ends itself while it runs
+Outcome runSecondProcess(const wchar_t* role);
+/// Ends this process at once: what a filter has left behind can neither hold that up nor change the code.
+[[noreturn]] void endProcess(DWORD code) noexcept;
+/// From now on this process ends when another one does, wherever it hangs then.
+void endWithProcess(DWORD other);
+/// What a second process does, to the end of its process.
+[[noreturn]] void secondProcess(const SubjectName& name, const std::wstring& role);
 
 } // namespace kestra::compliance

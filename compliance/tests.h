@@ -66,8 +66,19 @@ inline double nowMs() {
     return duration<double, std::milli>(steady_clock::now().time_since_epoch()).count();
 }
 
-/// A filter, its capturing pin and a sink that is not connected yet. Stops and disconnects at its end.
-class Rig {
+/// A filter and its capturing pin.
+struct Bare {
+    explicit Bare(const Subject& subject);
+    explicit Bare(const Context& context) : Bare(context.subject) {}
+    ComRef<IBaseFilter> filter;
+    ComRef<IPin> pin;
+};
+
+/// The references to an object, by what it says itself.
+ULONG referencesTo(IUnknown* object);
+
+/// These two and a sink that is not connected yet. Stops and disconnects at its end.
+class Rig : public Bare {
 public:
     explicit Rig(Context& context);
     ~Rig();
@@ -84,13 +95,18 @@ public:
     void awaitSamples(int samples);
     void disconnect();
 
-    ComRef<IBaseFilter> filter;
-    ComRef<IPin> pin;
     ComRef<Sink> sink{new Sink};
 
 protected:
     Context& m_context;
 };
+
+using Receiver = std::function<HRESULT(IMediaSample*, int)>;
+/// Takes every sample, and that long for it.
+Receiver taking(int milliseconds);
+/// Answers one sample with `answer`, or all of them; takes the others at once.
+constexpr int kEvery = -1;
+Receiver answering(HRESULT answer, int number);
 
 /// The same in the system's graph.
 class GraphRig : public Rig {

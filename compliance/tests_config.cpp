@@ -9,12 +9,9 @@
 namespace kestra::compliance {
 namespace {
 
-struct Configured {
-    ComRef<IBaseFilter> filter;
-    ComRef<IPin> pin;
+struct Configured : Bare {
     ComRef<IAMStreamConfig> config;
-    explicit Configured(Context& context)
-        : filter(context.subject.create()), pin(capturePin(filter.get())), config(configOf(pin.get())) {}
+    explicit Configured(const Context& context) : Bare(context), config(configOf(pin.get())) {}
 };
 
 void counts(Context& context) {
@@ -212,12 +209,7 @@ void unsupported(Context& context) {
 // a byte behind a buffer's end.
 
 void provoke(Context& context, Type (*change)(Type)) {
-    std::vector<Type> types;
-    {
-        const auto filter = context.subject.create();
-        types = offeredTypes(capturePin(filter.get()).get());
-    }
-    for (const Type& good : types) {
+    for (const Type& good : offeredTypes(Bare(context).pin.get())) {
         Type bad = change(good);
         Rig rig(context);
         CALL(rig.pin->QueryAccept(&*bad));
@@ -281,12 +273,11 @@ void nullBlock(Context& context) {
 
 /// A length without a block: read by nobody who looks first.
 void lengthOnly(Context& context) {
-    const auto filter = context.subject.create();
-    const auto pin = capturePin(filter.get());
-    for (const Type& good : offeredTypes(pin.get())) {
+    const Bare p(context);
+    for (const Type& good : offeredTypes(p.pin.get())) {
         AM_MEDIA_TYPE bad = *good;
         bad.pbFormat = nullptr;
-        CALL(pin->QueryAccept(&bad));
+        CALL(p.pin->QueryAccept(&bad));
         Rig rig(context);
         CALL(rig.pin->Connect(rig.sink->pin(), &bad));
         if (const auto config = queryFor<IAMStreamConfig>(rig.pin.get(), IID_IAMStreamConfig))
@@ -295,8 +286,7 @@ void lengthOnly(Context& context) {
 }
 
 void acceptNull(Context& context) {
-    const auto filter = context.subject.create();
-    EXPECT_RESULT(E_POINTER, capturePin(filter.get())->QueryAccept(nullptr));
+    EXPECT_RESULT(E_POINTER, Bare(context).pin->QueryAccept(nullptr));
 }
 
 template <ULONG bytes>

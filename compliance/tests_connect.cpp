@@ -22,12 +22,7 @@ void direct(Context& context) {
 }
 
 void everyType(Context& context) {
-    std::vector<Type> types;
-    {
-        const auto filter = context.subject.create();
-        types = offeredTypes(capturePin(filter.get()).get());
-    }
-    for (const Type& type : types) {
+    for (const Type& type : offeredTypes(Bare(context).pin.get())) {
         Rig rig(context);
         rig.connect(&*type);
         expect(rig.sink->type() == type, "the type that was asked for: " + type.text(), rig.sink->type().text());
@@ -122,8 +117,7 @@ void disconnectRunning(Context& context) {
 void balanced(Context& context) {
     Rig rig(context);
     const long before = rig.sink->references();
-    rig.filter->AddRef();
-    const ULONG own = rig.filter->Release();
+    const ULONG own = referencesTo(rig.filter.get());
     for (int i = 0; i < 20; ++i) {
         rig.connect();
         EXPECT_RESULT(S_OK, rig.pin->Disconnect());
@@ -131,8 +125,7 @@ void balanced(Context& context) {
     }
     expect(rig.sink->references() == before, format("%ld references to the receiver after 20 connections", before),
            format("%ld", rig.sink->references()));
-    rig.filter->AddRef();
-    const ULONG after = rig.filter->Release();
+    const ULONG after = referencesTo(rig.filter.get());
     expect(after == own, format("%lu references to the filter after 20 connections", own), format("%lu", after));
 }
 

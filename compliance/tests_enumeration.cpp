@@ -18,13 +18,11 @@ struct Pins {
     static void free(Element pin) { pin->Release(); }
 };
 
-struct Types {
+struct Types : Bare {
     using Enumerator = IEnumMediaTypes;
     using Element = AM_MEDIA_TYPE*;
     static constexpr char kOf[] = "IPin::EnumMediaTypes";
-    ComRef<IBaseFilter> filter;
-    ComRef<IPin> pin;
-    explicit Types(Context& context) : filter(context.subject.create()), pin(capturePin(filter.get())) {}
+    using Bare::Bare;
     HRESULT open(Enumerator** out) const { return CALL(pin->EnumMediaTypes(out)); }
     static bool same(Element a, Element b) { return Type(*a) == Type(*b); }
     static void free(Element type) { Type::taken(type); }

@@ -14,12 +14,6 @@ namespace {
 
 constexpr HRESULT kSetUnsupported = static_cast<HRESULT>(0x80070492), kIdUnsupported = static_cast<HRESULT>(0x80070490);
 
-struct Pair {
-    ComRef<IBaseFilter> filter;
-    ComRef<IPin> pin;
-    explicit Pair(Context& context) : filter(context.subject.create()), pin(capturePin(filter.get())) {}
-};
-
 void created(Context& context) {
     const auto filter = context.subject.create();
     fact("Class", guidText(context.subject.clsid()));
@@ -65,11 +59,9 @@ void joined(Context& context) {
 void graphUncounted(Context& context) {
     GraphRig rig(context);
     EXPECT_RESULT(S_OK, rig.graph->RemoveFilter(rig.filter.get()));
-    rig.graph->AddRef();
-    const ULONG before = rig.graph->Release();
+    const ULONG before = referencesTo(rig.graph.get());
     EXPECT_RESULT(S_OK, rig.filter->JoinFilterGraph(rig.graph.get(), L"Source"));
-    rig.graph->AddRef();
-    const ULONG joined = rig.graph->Release();
+    const ULONG joined = referencesTo(rig.graph.get());
     EXPECT_RESULT(S_OK, rig.filter->JoinFilterGraph(nullptr, nullptr));
     expect(joined == before, format("%lu references to the graph", before), format("%lu", joined));
     EXPECT_RESULT(S_OK, rig.graph->AddFilter(rig.filter.get(), L"Source"));
@@ -92,8 +84,7 @@ void clockKept(Context& context) {
     if (FAILED(CoCreateInstance(CLSID_SystemClock, nullptr, CLSCTX_INPROC_SERVER, IID_IReferenceClock,
                                 reinterpret_cast<void**>(clock.out()))))
         notApplicable("the system has no clock");
-    clock->AddRef();
-    const ULONG before = clock->Release();
+    const ULONG before = referencesTo(clock.get());
     EXPECT_RESULT(S_OK, filter->SetSyncSource(clock.get()));
     EXPECT_RESULT(S_OK, filter->GetSyncSource(kept.out()));
     expect(kept.get() == clock.get(), "the clock that was set", kept ? "another one" : "none");
@@ -101,14 +92,13 @@ void clockKept(Context& context) {
     EXPECT_RESULT(S_OK, filter->SetSyncSource(nullptr));
     EXPECT_SUCCESS(filter->GetSyncSource(kept.out()));
     expect(!kept, "no clock once none is set", "the old one");
-    clock->AddRef();
-    const ULONG after = clock->Release();
+    const ULONG after = referencesTo(clock.get());
     expect(after == before, format("%lu references to the clock", before), format("%lu", after));
     EXPECT_RESULT(E_POINTER, filter->GetSyncSource(nullptr));
 }
 
 void findPin(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     LPWSTR id = nullptr;
     EXPECT_RESULT(S_OK, p.pin->QueryId(&id));
     expect(id != nullptr, "an identifier from QueryId", "a null pointer");
@@ -126,7 +116,7 @@ void findPin(Context& context) {
 }
 
 void pinInfo(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     PIN_INFO info;
     std::memset(&info, 0xAA, sizeof info);
     EXPECT_RESULT(S_OK, p.pin->QueryPinInfo(&info));
@@ -145,21 +135,19 @@ void pinInfo(Context& context) {
 }
 
 void pinInfoCounted(Context& context) {
-    const Pair p(context);
-    p.filter->AddRef();
-    const ULONG before = p.filter->Release();
+    const Bare p(context);
+    const ULONG before = referencesTo(p.filter.get());
     PIN_INFO info{};
     EXPECT_RESULT(S_OK, p.pin->QueryPinInfo(&info));
     expect(info.pFilter != nullptr, "the pin's filter", "a null pointer");
-    p.filter->AddRef();
-    const ULONG held = p.filter->Release();
+    const ULONG held = referencesTo(p.filter.get());
     expect(held == before + 1, "one reference more while the information is held",
            format("%lu where there were %lu", held, before));
     info.pFilter->Release();
 }
 
 void direction(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     PIN_DIRECTION is = PINDIR_INPUT;
     EXPECT_RESULT(S_OK, p.pin->QueryDirection(&is));
     expect(is == PINDIR_OUTPUT, "PINDIR_OUTPUT", "PINDIR_INPUT");
@@ -167,7 +155,7 @@ void direction(Context& context) {
 }
 
 void unconnected(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     IPin* peer = p.pin.get();
     EXPECT_RESULT(VFW_E_NOT_CONNECTED, p.pin->ConnectedTo(&peer));
     expect(!peer, "a null pointer with VFW_E_NOT_CONNECTED", "the old value");
@@ -180,28 +168,28 @@ void unconnected(Context& context) {
 }
 
 void internalConnections(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     ULONG count = 0;
     EXPECT_EITHER(E_NOTIMPL, S_OK, p.pin->QueryInternalConnections(nullptr, &count));
 }
 
 void outputOnly(Context& context) {
-    const Pair p(context);
+    const Bare p(context);
     EXPECT_RESULT(E_UNEXPECTED, p.pin->EndOfStream());
     EXPECT_RESULT(E_UNEXPECTED, p.pin->BeginFlush());
     EXPECT_RESULT(E_UNEXPECTED, p.pin->EndFlush());
 }
 
-ComRef<IKsPropertySet> propertiesOf(const Pair& p) {
+ComRef<IKsPropertySet> propertiesOf(const Bare& p) {
     auto properties = queryFor<IKsPropertySet>(p.pin.get(), IID_IKsPropertySet);
     if (!properties) notApplicable("the pin has no IKsPropertySet");
     return properties;
 }
 
 struct Category {
-    Pair pair;
+    Bare bare;
     ComRef<IKsPropertySet> properties;
-    explicit Category(Context& context) : pair(context), properties(propertiesOf(pair)) {}
+    explicit Category(const Context& context) : bare(context), properties(propertiesOf(bare)) {}
     HRESULT get(void* data, DWORD size, DWORD* returned, REFGUID set = AMPROPSETID_Pin,
                 DWORD id = AMPROPERTY_PIN_CATEGORY) const {
         return CALL(properties->Get(set, id, nullptr, 0, data, size, returned));

@@ -147,10 +147,7 @@ void noNewType(Context& context) {
 void oneAtATime(Context& context) {
     Rig rig(context);
     rig.connect();
-    rig.sink->onReceive = [](IMediaSample*, int number) {
-        if (number < 10) Sleep(20); // long enough for a second sample to come
-        return S_OK;
-    };
+    rig.sink->onReceive = taking(20); // long enough for a second sample to come
     rig.receive(15);
     rig.stop();
     expect(rig.sink->reentered == 0, "one Receive at a time", format("%d beside another", rig.sink->reentered.load()));
@@ -213,6 +210,31 @@ void queued(Context& context) {
     rig.stop();
 }
 
+/// Takes more buffers of the connection while it holds a sample, as a tee does that copies, until it waits for one that
+/// nobody has. Stop, which decommits, is what ends that.
+void exhausting(Context& context) {
+    Rig rig(context);
+    rig.connect();
+    const auto buffers = rig.sink->chosen();
+    if (!buffers) notApplicable("the receiver was told of no allocator");
+    std::atomic<int> taken{0};
+    rig.sink->onReceive = [&](IMediaSample*, int) {
+        std::vector<ComRef<IMediaSample>> held(1);
+        while (buffers->GetBuffer(held.back().out(), nullptr, nullptr, 0) == S_OK) {
+            held.emplace_back();
+            ++taken;
+        }
+        return S_OK;
+    };
+    rig.receive(1);
+    note("Stop while the receiver waits for one more buffer");
+    const double began = nowMs();
+    rig.stop();
+    measured("stop", nowMs() - began);
+    fact("Buffers that a receiver can take while it holds a sample", format("%d", taken.load()));
+    expect(rig.sink->inside == 0, "no Receive left when Stop has returned", "one");
+}
+
 void blocking(Context& context) {
     Rig rig(context);
     rig.connect();
@@ -235,10 +257,7 @@ void blocking(Context& context) {
 void slow(Context& context) {
     Rig rig(context);
     rig.connect();
-    rig.sink->onReceive = [](IMediaSample*, int) {
-        Sleep(100);
-        return S_OK;
-    };
+    rig.sink->onReceive = taking(100);
     rig.receive(5);
     const double began = nowMs();
     rig.stop();
@@ -250,25 +269,21 @@ void slow(Context& context) {
 void stopsAfter(Context& context, HRESULT answer) {
     Rig rig(context);
     rig.connect();
-    std::atomic<bool> refused{false};
-    std::atomic<int> after{0};
-    rig.sink->onReceive = [&](IMediaSample*, int number) {
-        if (refused) ++after;
-        if (number == 2) refused = true;
-        return number == 2 ? answer : S_OK;
-    };
-    rig.receive(3);
+    constexpr int kRefused = 2;
+    rig.sink->onReceive = answering(answer, kRefused);
+    rig.receive(kRefused + 1);
     note("waiting for samples after a refusal");
-    waitFor([&] { return after > 0; }, 700);
+    const auto after = [&] { return static_cast<int>(rig.sink->samples().size()) - (kRefused + 1); };
+    waitFor([&] { return after() > 0; }, 700);
     rig.stop();
-    expect(after == 0, "no sample after " + resultText(answer) + " from Receive", format("%d", after.load()));
+    expect(after() == 0, "no sample after " + resultText(answer) + " from Receive", format("%d", after()));
 }
 
 /// Whatever it does meanwhile: it can be stopped and started again.
-void failing(Context& context, HRESULT answer, bool always) {
+void failing(Context& context, HRESULT answer, int number) {
     Rig rig(context);
     rig.connect();
-    rig.sink->onReceive = [&](IMediaSample*, int number) { return always || number == 1 ? answer : S_OK; };
+    rig.sink->onReceive = answering(answer, number);
     rig.pause();
     rig.run();
     rig.awaitSamples(1);
@@ -313,13 +328,14 @@ const Test kStreamTests[] = {
 };
 const Test kSinkTests[] = {
     {"sink", "queued", "IMemAllocator::Decommit method", queued},
+    {"sink", "takes-every-buffer", "IMemAllocator::GetBuffer method", exhausting},
     {"sink", "blocking", "Threads and Critical Sections", blocking},
     {"sink", "slow", "Threads and Critical Sections", slow},
     {"sink", "stops-after-false", kReceive, [](Context& c) { stopsAfter(c, S_FALSE); }},
     {"sink", "stops-after-error", kReceive, [](Context& c) { stopsAfter(c, E_FAIL); }},
-    {"sink", "fails-once", kReceive, [](Context& c) { failing(c, E_FAIL, false); }},
-    {"sink", "fails-always", kReceive, [](Context& c) { failing(c, E_FAIL, true); }},
-    {"sink", "flushing", kReceive, [](Context& c) { failing(c, S_FALSE, true); }},
+    {"sink", "fails-once", kReceive, [](Context& c) { failing(c, E_FAIL, 1); }},
+    {"sink", "fails-always", kReceive, [](Context& c) { failing(c, E_FAIL, kEvery); }},
+    {"sink", "flushing", kReceive, [](Context& c) { failing(c, S_FALSE, kEvery); }},
     {"sink", "reconnecting", "IFilterGraph::Reconnect method", reconnecting},
 };
 

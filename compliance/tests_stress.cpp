@@ -181,18 +181,19 @@ void twoProcesses(Context& context) {
     rig.connect();
     rig.receive(2);
     note("a second process that captures from the same device");
-    const DWORD outcome = runSecondProcess(L"capture", 20'000);
-    fact("A second process beside a running one", outcome == 0 ? "captures" : outcome == 2 ? "is refused" : "failed");
-    expect(outcome == 0 || outcome == 2, "a second process to capture or to be refused",
-           format("exit code %lu", outcome));
+    const Outcome outcome = runSecondProcess(L"capture");
+    fact("A second process beside a running one", outcomeText(outcome));
+    expect(outcome == Outcome::Captured || outcome == Outcome::Refused, "a second process to capture or to be refused",
+           "that it " + outcomeText(outcome));
     rig.awaitSamples(static_cast<int>(rig.sink->samples().size()) + 5);
     rig.stop();
 }
 
 void killedProcess(Context& context) {
     note("a second process that ends in the middle of its capture");
-    const DWORD outcome = runSecondProcess(L"die", 20'000);
-    expect(outcome == 9, "a second process that captures and ends itself", format("exit code %lu", outcome));
+    const Outcome outcome = runSecondProcess(L"die");
+    expect(outcome == Outcome::Died, "a second process that captures and ends itself",
+           "that it " + outcomeText(outcome));
     Rig rig(context);
     rig.connect();
     rig.receive(2);
@@ -315,19 +316,28 @@ void registered(Context& context) {
 
 bool command(const std::wstring& line) {
     note("the command that takes the device away or brings it back");
-    std::wstring writable = line;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, writable.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                        &process))
-        return false;
-    const UniqueObject thread(process.hThread), owner(process.hProcess);
-    WaitForSingleObject(process.hProcess, 20'000);
-    DWORD code = 1;
-    GetExitCodeProcess(process.hProcess, &code);
-    return code == 0;
+    return runCommand(line, 20'000) == DWORD{0};
 }
+
+/// Takes the device away, and brings it back also when a check fails meanwhile.
+class Unplugged {
+public:
+    explicit Unplugged(const Settings& settings) : m_settings(settings) {
+        expect(command(settings.unplug), "the profile's command \"unplug\" to succeed", "a failure");
+    }
+    ~Unplugged() {
+        if (!m_plugged) command(m_settings.plug);
+    }
+    Unplugged(const Unplugged&) = delete;
+    void plug() {
+        m_plugged = true;
+        expect(command(m_settings.plug), "the profile's command \"plug\" to succeed", "a failure");
+    }
+
+private:
+    const Settings& m_settings;
+    bool m_plugged = false;
+};
 
 void loss(Context& context) {
     const Settings& settings = context.settings;
@@ -339,7 +349,7 @@ void loss(Context& context) {
         EXPECT_RESULT(S_OK, rig.graph->ConnectDirect(rig.pin.get(), rig.sink->pin(), nullptr));
         EXPECT_SUCCESS(rig.control->Run());
         rig.awaitSamples(3);
-        expect(command(settings.unplug), "the profile's command \"unplug\" to succeed", "a failure");
+        Unplugged device(settings);
         const size_t came = rig.sink->samples().size();
         waitFor([&] { return rig.sink->samples().size() > came + 3; }, 500);
         long code = 0;
@@ -353,7 +363,7 @@ void loss(Context& context) {
         const double began = nowMs();
         EXPECT_SUCCESS(rig.control->Stop());
         measured("stop after the loss", nowMs() - began);
-        expect(command(settings.plug), "the profile's command \"plug\" to succeed", "a failure");
+        device.plug();
     }
     note("capturing again after the device has come back");
     const bool again = waitFor([&] {
@@ -378,8 +388,8 @@ const Test kStressTests[] = {
     {"stress", "apartment", "Processes, Threads, and Apartments", apartment},
 };
 const Test kProcessTests[] = {
-    {"process", "two", kThreads, twoProcesses},
-    {"process", "killed", kThreads, killedProcess},
+    {"process", "two", kThreads, twoProcesses, 5},
+    {"process", "killed", kThreads, killedProcess, 5},
     {"pages", "filter", "Filter Property Pages", [](Context& c) { pagesOf(c, false); }},
     {"pages", "pin", "Filter Property Pages", [](Context& c) { pagesOf(c, true); }},
     {"module", "unload", "DllCanUnloadNow function", unloads},

@@ -88,16 +88,11 @@ void refusesUnknown(IUnknown* object) {
     expect(!nothing, "a null pointer with E_NOINTERFACE", "the old value");
 }
 
-ULONG countOf(IUnknown* object) {
-    CALL(object->AddRef());
-    return CALL(object->Release());
-}
-
 void balanced(IUnknown* object, std::span<const Named> known) {
-    const ULONG before = countOf(object);
+    const ULONG before = referencesTo(object);
     interfacesOf(object, known);
-    expect(countOf(object) == before, format("%lu references after as many releases as queries", before),
-           format("%lu", countOf(object)));
+    expect(referencesTo(object) == before, format("%lu references after as many releases as queries", before),
+           format("%lu", referencesTo(object)));
     const ULONG more = CALL(object->AddRef());
     const ULONG less = CALL(object->Release());
     expect(more == less + 1, "AddRef and Release to answer counts that differ by one",
@@ -105,7 +100,7 @@ void balanced(IUnknown* object, std::span<const Named> known) {
 }
 
 void manyThreads(IUnknown* object) {
-    const ULONG before = countOf(object);
+    const ULONG before = referencesTo(object);
     note("AddRef and Release on four threads");
     std::vector<std::thread> threads;
     threads.reserve(4);
@@ -118,7 +113,7 @@ void manyThreads(IUnknown* object) {
         });
     for (auto& thread : threads)
         thread.join();
-    expect(countOf(object) == before, format("%lu references", before), format("%lu", countOf(object)));
+    expect(referencesTo(object) == before, format("%lu references", before), format("%lu", referencesTo(object)));
 }
 
 void mandatory(Context& context) {

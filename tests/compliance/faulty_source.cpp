@@ -8,6 +8,7 @@
 #include <ksproxy.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -27,6 +28,31 @@ bool broken(const char* rule) {
         return std::string(name);
     }();
     return fault == rule;
+}
+
+/// Where the chosen format is kept, for runs in which it is: the file KESTRA_KEPT_FORMAT, of one digit.
+FILE* openKept(const char* mode) {
+    static const std::string path = [] {
+        char name[MAX_PATH] = "";
+        GetEnvironmentVariableA("KESTRA_KEPT_FORMAT", name, sizeof name);
+        return std::string(name);
+    }();
+    return path.empty() ? nullptr : std::fopen(path.c_str(), mode);
+}
+
+int keptFormat() {
+    FILE* const file = openKept("rb");
+    if (!file) return 0;
+    const int digit = std::fgetc(file);
+    std::fclose(file);
+    return digit == '1' ? 1 : 0;
+}
+
+void keepFormat(int index) {
+    FILE* const file = openKept("wb");
+    if (!file) return;
+    std::fputc('0' + index, file);
+    std::fclose(file);
 }
 
 HRESULT makeType(int index, CMediaType& type) {
@@ -255,7 +281,7 @@ private:
 
     HANDLE m_stop = CreateEventW(nullptr, TRUE, TRUE, nullptr);
     std::thread m_thread, m_second;
-    int m_format = 0;
+    int m_format = keptFormat();
     bool m_isSet = false;
     std::atomic<int> m_asked{0};
     std::atomic<int> m_inside{0}; ///< number of the sample that the receiver has, from 1
@@ -350,12 +376,17 @@ STDMETHODIMP Stream::SetFormat(AM_MEDIA_TYPE* wanted) {
     {
         CAutoLock lock(m_pFilter->pStateLock());
         if (!wanted) return E_POINTER;
+        if (broken("refuses-to-go-back") && keptFormat() == 0 && wanted->subtype == MEDIASUBTYPE_RGB24)
+            return VFW_E_INVALIDMEDIATYPE;
         if (!IsStopped() && !broken("set-running")) return VFW_E_NOT_STOPPED;
         if ((wanted->cbFormat != 0 && !wanted->pbFormat) || FAILED(type.Set(*wanted)) || FAILED(CheckMediaType(&type)))
             return broken("set-anything") ? S_OK : VFW_E_INVALIDMEDIATYPE;
         if (broken("set-ignored")) return S_OK;
         m_format = type.subtype == MEDIASUBTYPE_YUY2 ? 0 : 1;
         m_isSet = true;
+        keepFormat(m_format);
+        if (broken("crash-once-set") && m_format == 0) RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
+        if (broken("hang-once-set") && m_format == 0) Sleep(INFINITE);
         IncrementTypeVersion();
         if (!IsConnected() || broken("set-not-reconnected")) return S_OK;
     }

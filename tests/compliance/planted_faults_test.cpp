@@ -64,7 +64,7 @@ const Planted kPlanted[] = {
     {"handle-leak", {"stress.binds", "stress.lives"}},
     {"never-unloaded", {"module.unload"}},
     {"no-sync-point", {"stream.sync-points"}},
-    {"not-decommitted", {"allocator.committed"}},
+    {"not-decommitted", {"allocator.committed", "sink.takes-every-buffer"}},
     {"output-end", {"pin.output-only"}},
     {"pin-count", {"module.unload", "unknown.pin-counts"}},
     {"pin-fickle", {"unknown.pin-interfaces", "unknown.pin-symmetric"}},
