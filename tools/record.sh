@@ -4,12 +4,12 @@
 video_formats=(yuyv422 bgr24 uyvy422 bgr0)
 windows_ffmpeg=$root/build/ffmpeg/node_modules/@ffmpeg-installer/win32-x64/ffmpeg.exe
 
-# install_npm_package FOLDER PACKAGE@VERSION: into build/FOLDER.
+# install_npm_package FOLDER PACKAGE@VERSION...: into build/FOLDER.
 install_npm_package() {
     mark "fetching $2"
     mkdir -p "$root/build/$1"
     quietly "build/$1/install.log" npm install --prefix "$root/build/$1" --no-save --no-audit --no-fund --force \
-        --loglevel error "$2"
+        --ignore-scripts --loglevel error "${@:2}"
 }
 
 # Fetches FFmpeg for Windows once.
