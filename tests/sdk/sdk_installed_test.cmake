@@ -70,20 +70,17 @@ foreach(standard 11 20)
   run(${CXX} -std=c++${standard} ${strict} ${WORK}/header.cpp)
 endforeach()
 
-# The samples through the CMake package.
-run(${CMAKE_COMMAND} -S ${sdk}/samples -B ${WORK}/samples -G Ninja -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_PREFIX_PATH=${sdk}
-  -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH "-DCMAKE_C_FLAGS=-Wall -Wextra -Werror -pedantic-errors")
-run(${CMAKE_COMMAND} --build ${WORK}/samples)
-
-# One of them through pkg-config.
+# The samples by the documentation's own commands: through the CMake package, and one of them through pkg-config.
+file(READ ${sdk}/doc/sdk.md text)
+if(NOT text MATCHES "```sh\n([^`]*)```")
+  message(FATAL_ERROR "the documentation has no commands")
+endif()
+file(WRITE ${WORK}/commands "${CMAKE_MATCH_1}")
+set(ENV{CMAKE_GENERATOR} Ninja)
+set(ENV{CFLAGS} "-Wall -Wextra -Werror -pedantic-errors")
+run(${CMAKE_COMMAND} -E chdir ${sdk} bash -e ${WORK}/commands)
 set(others ${WORK}/others)
-file(MAKE_DIRECTORY ${others})
-file(COPY ${sdk}/bin/tarnis.dll DESTINATION ${others})
-set(ENV{PKG_CONFIG_LIBDIR} ${sdk}/lib/pkgconfig)
-run(pkg-config --cflags --libs tarnis)
-string(STRIP "${output}" flags)
-separate_arguments(flags)
-run(${CC} -std=c11 ${sdk}/samples/grab.c -o ${others}/grab.exe ${flags})
+file(COPY ${sdk}/bin/tarnis.dll ${sdk}/grab.exe DESTINATION ${others})
 
 # And the library for other linkers through one that is not GNU's, without any C library.
 file(WRITE ${others}/bare.c "#include <tarnis.h>
