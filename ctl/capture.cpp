@@ -33,8 +33,10 @@ namespace {
 constexpr uint32_t kTickMs = 50;
 constexpr uint32_t kRetryMs = 200; ///< between two tries to start
 constexpr int kMostRefusals = 5;
+constexpr int kMostSilentStarts = 3; ///< of a card that has a signal
 constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int64_t kSilenceNs = 3 * kSecondNs;       ///< so long without a frame: the grab has ended without a word
+constexpr int64_t kSettlingNs = 10 * kSecondNs;     ///< longer than any receiver takes
 constexpr std::chrono::seconds kOutputPatience{10}; ///< with an output that takes nothing after the end
 
 /// One recording from its start until the signal's format changes or the capture ends: rings, writer, counts.
@@ -61,7 +63,10 @@ public:
     /// On a grabbing thread. @return false: another size than was prepared
     bool putPicture(const TarnisFrameInfo& frame, Losses& losses) noexcept {
         if (frame.bufferSize != m_frameBytes) return false;
-        put(m_pictures, frame, losses);
+        if (m_failed)
+            ++losses.unwritten;
+        else
+            put(m_pictures, frame, losses);
         return true;
     }
     void putSound(const TarnisFrameInfo& frame, Losses& losses) noexcept {
@@ -107,7 +112,6 @@ private:
     static constexpr size_t kSoundSlotBytes = kSoundSamplesPerSecond * 6 / 10; // a block of ten frames per second
 
     void put(FrameRing& ring, const TarnisFrameInfo& frame, Losses& losses) noexcept {
-        if (m_failed) return;
         if (!ring.put(frame.frameWord0, frame.lpRawBuffer, frame.bufferSize))
             ++(m_phase == WriterPhase::Writing ? losses.diskSlow : losses.ringFull);
         const std::lock_guard lock(m_mutex);
@@ -135,10 +139,20 @@ private:
         m_ended.notify_one();
     }
 
+    /// The picture's file has failed. Its sound may still come, and as a rule has room where half a frame was cut off.
     void closeAfterFailure() noexcept {
         try {
-            m_writer.close();
+            {
+                std::unique_lock lock(m_mutex);
+                m_filled.wait(lock, [this] { return m_isOver; });
+            }
+            while (hasSoundToWrite())
+                writeOne();
         } catch (const std::exception&) { // the first failure is the one that is told
+        }
+        try {
+            m_writer.close();
+        } catch (const std::exception&) {
         }
     }
 
@@ -186,9 +200,8 @@ public:
     void receive(int port, const TarnisFrameInfo& frame, int64_t timeNs) noexcept override {
         const std::lock_guard lock(m_mutex);
         if (!m_recording || m_hasChanged) return;
-        if (frame.dmaStatus == DMA_STATUS_DICONNECTED)
-            m_hasChanged = true;
-        else if (port == 0)
+        if (frame.dmaStatus == DMA_STATUS_DICONNECTED) m_hasChanged = true;
+        if (port == 0)
             receivePicture(frame, timeNs);
         else
             receiveSound(frame, timeNs);
@@ -206,6 +219,7 @@ public:
         m_account.pictureClock = {};
         m_account.soundClock = {};
         m_samples = 0;
+        beginAnew();
     }
     /// Frames go nowhere from now on.
     void detach() {
@@ -226,7 +240,7 @@ public:
         const std::lock_guard lock(m_mutex);
         m_hasChanged = false;
         m_lastPictureNs = monotonicNs();
-        ++m_account.restarts;
+        beginAnew();
     }
 
     bool isComplete() const { return locked(&Receiver::m_isComplete); }
@@ -236,6 +250,11 @@ public:
     CaptureAccount& ownAccount() noexcept { return m_account; } ///< when nothing is received
 
 private:
+    void beginAnew() noexcept {
+        m_account.picture.wasAway();
+        m_account.sound.wasAway();
+    }
+
     void receivePicture(const TarnisFrameInfo& frame, int64_t timeNs) noexcept {
         if (m_isComplete) return;
         LossAccount& account = m_account.picture;
@@ -244,7 +263,7 @@ private:
             return;
         }
         const uint64_t interruptions = account.interruptions;
-        account.take(frame.dmaStatus, frame.frameWord0, timeNs);
+        take(account, m_account.sound, frame.dmaStatus, frame.frameWord0, timeNs);
         if (frame.dmaStatus != DMA_STATUS_GOOD) return;
         if (account.interruptions != interruptions) // the time away is no part of the rate
             m_account.pictureClock = m_account.soundClock = {};
@@ -258,7 +277,7 @@ private:
     void receiveSound(const TarnisFrameInfo& frame, int64_t timeNs) noexcept {
         LossAccount& account = m_account.sound;
         // Before the first picture there is nothing that sound could belong to: none is lost yet.
-        if (m_hasPicture) account.take(frame.dmaStatus, frame.frameWord0, timeNs);
+        if (m_hasPicture) take(account, m_account.picture, frame.dmaStatus, frame.frameWord0, timeNs);
         if (frame.dmaStatus != DMA_STATUS_GOOD) return;
         m_recording->putSound(frame, account.losses);
         m_hasSound = true;
@@ -319,6 +338,7 @@ public:
     }
 
 private:
+    std::string cardName() const { return "card " + std::to_string(m_card.entry().number); }
     uint32_t soundBits() const { return m_what.sound == "none" ? 0 : m_what.sound == "24" ? 24 : 16; }
 
     bool isOver() {
@@ -331,8 +351,10 @@ private:
     bool recordOne(GrabSession& session) {
         const uint32_t selector = m_what.depth == 10 ? TARNIS_OUTPUT_YUV422_10 : TARNIS_OUTPUT_YUV422_8;
         std::optional<TarnisCameraStatus> input;
+        const int64_t sinceNs = monotonicNs();
         for (int refusals = 0; !(input = session.start(selector, soundBits()));) {
             look();
+            if (m_files == 0) needBeginning(sinceNs);
             // What comes and goes may do so; a card that has a signal and gives no frames will not think better of it.
             if (m_watch.state().kind == InputState::Kind::Signal && ++refusals == kMostRefusals)
                 m_card.fail("frames", TARNIS_FAILURE);
@@ -364,9 +386,19 @@ private:
         return goesOn;
     }
 
+    /// What leaves a capture may come back to it; one that has not begun ends instead, and says why.
+    void needBeginning(int64_t sinceNs) {
+        needSignal(m_card);
+        if (monotonicNs() - sinceNs < kSettlingNs) return;
+        throw Failure(ExitCode::NoSignal, cardName() + " has not settled on its signal: " + m_watch.state().text(),
+                      "the source may send what the card does not know; kestra-ctl watch shows when it is settled");
+    }
+
     /// @return true: the capture is over; false: the format has changed
     bool follow(GrabSession& session, Recording& recording, uint32_t selector) {
         int64_t nextLookNs = monotonicNs() + kSecondNs;
+        int silentStarts = 0;
+        uint64_t framesAtStart = 0;
         while (true) {
             const bool interrupted = m_console.isInterrupted(kTickMs);
             if (interrupted || isOver() || recording.hasFailed()) return true;
@@ -379,6 +411,12 @@ private:
                 m_watch.state().kind != InputState::Kind::Signal)
                 continue;
             // A signal, but no frames: the grab ended with the card's leaving and could not go on by itself.
+            const uint64_t frames = m_receiver.account().picture.frames;
+            silentStarts = frames == framesAtStart ? silentStarts + 1 : 1;
+            framesAtStart = frames;
+            if (silentStarts > kMostSilentStarts)
+                throw Failure(ExitCode::Failure, cardName() + " has a signal, but gives no frames",
+                              "take the card out and in again, or restart the system");
             session.stop();
             m_receiver.goOn();
             const std::optional<TarnisCameraStatus> input = session.start(selector, soundBits());
@@ -418,6 +456,7 @@ private:
         } catch (const Failure&) {
             error = std::current_exception();
             file = recording.told();
+            account.picture.losses.unwritten += recording.waiting();
         }
         account.files.push_back(file);
         account.framesWritten += file.frames;
@@ -429,6 +468,7 @@ private:
     /// No call of the system's ends a write to a pipe for sure: this ends the process.
     [[noreturn]] void endStuck(const Recording& recording) {
         m_receiver.ownAccount().files.push_back(recording.told());
+        m_receiver.ownAccount().picture.losses.unwritten += recording.waiting();
         tell(m_receiver.account());
         m_console.writeError("kestra-ctl: the output takes nothing any more\n            whoever reads it has stopped "
                              "reading without ending: end it\n");

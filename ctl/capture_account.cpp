@@ -32,7 +32,8 @@ constexpr Cause kCauses[] = {{"dropped by the card", "cardDropped", &Losses::car
                              {"overrun", "overrun", &Losses::overrun},
                              {"of an unknown status", "otherStatus", &Losses::otherStatus},
                              {"for want of buffers", "ringFull", &Losses::ringFull},
-                             {"by a slow disk or reader", "diskSlow", &Losses::diskSlow}};
+                             {"by a slow disk or reader", "diskSlow", &Losses::diskSlow},
+                             {"not written any more", "unwritten", &Losses::unwritten}};
 
 } // namespace
 

@@ -23,7 +23,7 @@ struct CaptureAccount {
     std::vector<CapturedFile> files;
     LossAccount picture, sound;
     RateMeter pictureClock, soundClock; ///< of frames, and of samples, by the wall clock; since the last start
-    uint64_t signalChanges = 0, restarts = 0;
+    uint64_t signalChanges = 0;
     uint64_t framesWritten = 0;
     size_t bufferFrames = 0, bufferMostUsed = 0, bufferUsed = 0;
 

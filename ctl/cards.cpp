@@ -190,7 +190,7 @@ void OpenCard::fail(const char* what, uint32_t code) const {
         throw Failure(ExitCode::Failure, asked + ", and there is not enough memory", "close other programs");
     default:
         throw Failure(ExitCode::Failure, asked + ", and its driver failed",
-                      "the log says which request failed: kestra-ctl log set --detail 3, then try again");
+                      "the log says which request failed: kestra-ctl log set detail=3, then try again");
     }
 }
 

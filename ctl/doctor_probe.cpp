@@ -16,6 +16,10 @@
 #include <array>
 #include <thread>
 
+// The base classes want a class table; this program serves none.
+CFactoryTemplate g_Templates[1];
+int g_cTemplates = 0;
+
 namespace kestra::ctl {
 
 const FilterKind kVideoFilter{"video", CLSID_KestraCapture, CLSID_VideoInputDeviceCategory};

@@ -1,52 +1,31 @@
-// Where the doctor lets a filter's samples end: counted, and dropped. Takes every format.
+// Where the doctor lets a filter's samples end: counted, and dropped.
 #pragma once
 
-#include "win32/com_ref.h"
-
-#include <streams.h>
+#include "ctl/receiving_filter.h"
 
 #include <atomic>
 
 namespace kestra::ctl {
 
-class CountingSink;
-
-class CountingPin : public CBasePin, public IMemInputPin {
+class CountingPin : public ReceivingPin {
 public:
-    CountingPin(CountingSink* filter, CCritSec* lock, HRESULT* phr);
-
-    DECLARE_IUNKNOWN
-    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+    using ReceivingPin::ReceivingPin;
 
     std::atomic<uint32_t> samples{0};
     std::atomic<uint64_t> bytes{0};
     std::atomic<bool> streamHasEnded{false};
 
-    HRESULT CheckMediaType(const CMediaType*) override { return S_OK; }
-    STDMETHODIMP EndOfStream() override;
-    STDMETHODIMP BeginFlush() override { return S_OK; }
-    STDMETHODIMP EndFlush() override { return S_OK; }
-    STDMETHODIMP GetAllocator(IMemAllocator** offered) override;
-    STDMETHODIMP NotifyAllocator(IMemAllocator*, BOOL) override { return S_OK; }
-    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
-    STDMETHODIMP Receive(IMediaSample* sample) override;
-    STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) override;
+    STDMETHODIMP EndOfStream() override {
+        streamHasEnded = true;
+        return S_OK;
+    }
+    STDMETHODIMP Receive(IMediaSample* sample) override {
+        bytes += static_cast<uint64_t>(sample->GetActualDataLength());
+        ++samples;
+        return S_OK;
+    }
     STDMETHODIMP ReceiveCanBlock() override { return S_FALSE; }
 };
-
-class CountingSink : public CBaseFilter {
-public:
-    static ComRef<CountingSink> create();
-    int GetPinCount() override { return 1; }
-    CBasePin* GetPin(int n) override { return n == 0 ? &pin : nullptr; }
-
-private:
-    CountingSink();
-    HRESULT m_created = S_OK;
-    CCritSec m_sinkLock;
-
-public:
-    CountingPin pin;
-};
+using CountingSink = ReceivingFilter<CountingPin>;
 
 } // namespace kestra::ctl

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/cards.h"
+#include "ctl/frame_receiver.h"
 #include "ctl/input_watch.h"
 
 #include <cstdint>
@@ -10,16 +11,6 @@
 namespace kestra::ctl {
 
 class Console;
-
-/// Receives what a session grabs. Each port's calls come on one thread of the device library's, which must not be held
-/// up.
-class FrameReceiver {
-public:
-    virtual ~FrameReceiver() = default;
-    /// @param port    0 picture, 1 sound
-    /// @param timeNs  when it came, by monotonicNs()
-    virtual void receive(int port, const TarnisFrameInfo& frame, int64_t timeNs) noexcept = 0;
-};
 
 /// Nanoseconds of a clock that only goes forward.
 int64_t monotonicNs() noexcept;

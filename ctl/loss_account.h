@@ -14,9 +14,10 @@ struct Losses {
     uint64_t otherStatus = 0; ///< a status that is in no list
     uint64_t ringFull = 0;    ///< the program was too slow to make what is written
     uint64_t diskSlow = 0;    ///< the file or the pipe took too little
+    uint64_t unwritten = 0;   ///< the file or the pipe failed before they were written
 
     /// Those that a user would call lost; a stop's are none.
-    uint64_t total() const noexcept { return cardDropped + overrun + otherStatus + ringFull + diskSlow; }
+    uint64_t total() const noexcept { return cardDropped + overrun + otherStatus + ringFull + diskSlow + unwritten; }
 };
 
 /// Counts the frames of one channel. The driver numbers frames in their first word; one that does not counts no gaps.
@@ -39,12 +40,30 @@ public:
             ++losses.aborted;
             return;
         case DMA_STATUS_DICONNECTED:
+            wasAway();
             return;
         default:
             ++losses.otherStatus;
         }
         ++m_failedSinceGood;
     }
+
+    /// The card or its signal was away, or the grab begins anew: what passes by until the next good frame is no loss.
+    void wasAway() noexcept { m_wasAway = true; }
+
+    /// The card's other channel has found that the card was away since then. A gap that has been counted since is no
+    /// loss either: a busy machine delivers what was on its way so late that the clock alone shows no pause.
+    void wasAwaySince(int64_t timeNs) noexcept {
+        wasAway();
+        if (m_gap == 0 || m_gapNs <= timeNs) return;
+        losses.cardDropped -= m_gap;
+        missedWhileAway += m_gap;
+        ++interruptions;
+        m_gap = 0;
+    }
+
+    int64_t lastNs() const noexcept { return m_lastNs; } ///< of the last good frame
+    bool expectsGap() const noexcept { return m_wasAway; }
 
     uint64_t frames = 0;
     uint64_t interruptions = 0;   ///< the card or its signal was away for a while
@@ -61,13 +80,16 @@ private:
             const bool isForward = step != 0 && step < 0x80000000u;
             const uint64_t gap = isForward ? step - 1 : 0;
             const uint64_t missing = gap - (gap < m_failedSinceGood ? gap : m_failedSinceGood);
-            if (timeNs - m_lastNs > kAwayNs && m_failedSinceGood == 0) {
+            if (m_wasAway || (timeNs - m_lastNs > kAwayNs && m_failedSinceGood == 0)) {
                 if (missing != 0 || !isForward) ++interruptions; // else a frame was only late
                 missedWhileAway += missing;
-            } else {
+            } else if (missing != 0) {
                 losses.cardDropped += missing;
+                m_gap = missing;
+                m_gapNs = timeNs;
             }
         }
+        m_wasAway = false;
         ++frames;
         m_failedSinceGood = 0;
         m_lastNumber = number;
@@ -77,7 +99,20 @@ private:
     uint32_t m_lastNumber = 0;
     int64_t m_lastNs = 0;
     uint64_t m_failedSinceGood = 0;
+    bool m_wasAway = false;
+    uint64_t m_gap = 0; ///< the last one that was counted as a loss, and when it ended
+    int64_t m_gapNs = 0;
 };
+
+/// The same for one of a card's two channels, which are away together.
+inline void take(LossAccount& account, LossAccount& other, uint32_t dmaStatus, uint32_t frameNumber,
+                 int64_t timeNs) noexcept {
+    const uint64_t interruptions = account.interruptions;
+    const int64_t sinceNs = account.lastNs();
+    const bool isNews = !account.expectsGap(); // else the other knows already
+    account.take(dmaStatus, frameNumber, timeNs);
+    if (isNews && account.interruptions != interruptions) other.wasAwaySince(sinceNs);
+}
 
 /// How fast something goes, by a clock: from the first time it was seen to the last.
 class RateMeter {

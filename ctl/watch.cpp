@@ -2,6 +2,7 @@
 #include "ctl/capture_account.h"
 #include "ctl/cards.h"
 #include "ctl/console.h"
+#include "ctl/frame_counter.h"
 #include "ctl/grab_session.h"
 #include "ctl/text.h"
 #include "ctl/verbs.h"
@@ -11,7 +12,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <mutex>
 #include <optional>
 
 namespace kestra::ctl {
@@ -19,54 +19,12 @@ namespace kestra::ctl {
 namespace {
 
 constexpr int64_t kSecondNs = 1'000'000'000;
-constexpr int64_t kSilenceNs = 3 * kSecondNs; ///< so long without a frame: the grab has ended without a word
 
 std::string timeOfDay() {
     SYSTEMTIME now{};
     GetLocalTime(&now);
     return format("%02u:%02u:%02u", now.wHour, now.wMinute, now.wSecond);
 }
-
-/// Counts on the grabbing threads.
-class Counter final : public FrameReceiver {
-public:
-    void receive(int port, const TarnisFrameInfo& frame, int64_t timeNs) noexcept override {
-        const std::lock_guard lock(m_mutex);
-        if (frame.dmaStatus == DMA_STATUS_DICONNECTED) m_hasChanged = true;
-        if (port == 1 && !m_rate.hasBegun()) return; // sound begins first; none is lost before its picture
-        LossAccount& account = port == 0 ? m_picture : m_sound;
-        const uint64_t interruptions = account.interruptions;
-        account.take(frame.dmaStatus, frame.frameWord0, timeNs);
-        if (account.interruptions != interruptions) m_rate = {}; // the time away is no part of the rate
-        if (port != 0 || frame.dmaStatus != DMA_STATUS_GOOD) return;
-        m_rate.take(account.frames, timeNs);
-        m_lastNs = timeNs;
-    }
-    /// Frames are on their way again.
-    void begin() {
-        const std::lock_guard lock(m_mutex);
-        m_hasChanged = false;
-        m_rate = {};
-        m_lastNs = monotonicNs();
-    }
-    void show(WatchView& view) const {
-        const std::lock_guard lock(m_mutex);
-        view.picture = m_picture;
-        view.sound = m_sound;
-        view.rate = m_rate;
-    }
-    bool hasStopped() const {
-        const std::lock_guard lock(m_mutex);
-        return m_hasChanged || monotonicNs() - m_lastNs > kSilenceNs;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    LossAccount m_picture, m_sound;
-    RateMeter m_rate;
-    int64_t m_lastNs = 0;
-    bool m_hasChanged = false;
-};
 
 class Watch {
 public:
@@ -128,23 +86,23 @@ private:
 
     void grab() {
         const bool hasSignal = m_view.input.kind == InputState::Kind::Signal;
-        if (hasSignal && (!m_isStarted || m_counter.hasStopped())) {
+        if (hasSignal && (!m_isStarted || m_counter.hasStopped(monotonicNs()))) {
             if (m_isStarted) m_session->stop();
+            m_counter.begin(monotonicNs());
             m_isStarted = m_session->start(TARNIS_OUTPUT_YUV422_8, 16).has_value();
-            m_counter.begin();
-            m_lastFrames = m_view.picture.frames;
+            m_lastFrames = m_view.counts.picture.frames;
             m_lastNs = monotonicNs();
         }
-        const Losses before = m_view.picture.losses;
-        m_counter.show(m_view);
+        const Losses before = m_view.counts.picture.losses;
+        m_view.counts = m_counter.counts();
         const int64_t now = monotonicNs();
         if (now > m_lastNs)
-            m_view.lastSecond = static_cast<double>(m_view.picture.frames - m_lastFrames) * kSecondNs /
+            m_view.lastSecond = static_cast<double>(m_view.counts.picture.frames - m_lastFrames) * kSecondNs /
                                 static_cast<double>(now - m_lastNs);
-        m_lastFrames = m_view.picture.frames;
+        m_lastFrames = m_view.counts.picture.frames;
         m_lastNs = now;
-        const uint64_t lost = m_view.picture.losses.total() - before.total();
-        if (lost != 0) tell(counted(lost, "frame") + " lost; in all " + lossText(m_view.picture.losses));
+        const uint64_t lost = m_view.counts.picture.losses.total() - before.total();
+        if (lost != 0) tell(counted(lost, "frame") + " lost; in all " + lossText(m_view.counts.picture.losses));
     }
 
     void tell(const std::string& event) {
@@ -157,20 +115,21 @@ private:
     }
 
     void summary() {
-        if (m_session) m_counter.show(m_view);
+        if (m_session) m_view.counts = m_counter.counts();
         if (m_options.json) {
             m_console.write(jsonLine(watchJson(m_view, "summary")));
             return;
         }
         std::string text = "watched " + duration(m_view.seconds) + ", " + counted(m_changes.changes(), "change");
         if (m_session)
-            text += ", " + counted(m_view.picture.frames, "frame") + ", lost " + lossText(m_view.picture.losses);
+            text += ", " + counted(m_view.counts.picture.frames, "frame") + ", lost " +
+                    lossText(m_view.counts.picture.losses);
         m_console.write(text + '\n');
     }
 
     const Options& m_options;
     Console& m_console;
-    Counter m_counter; // before the card: a late frame may come until that is closed
+    FrameCounter m_counter; // before the card: a late frame may come until that is closed
     OpenCard m_card;
     std::optional<GrabSession> m_session;
     InputWatch m_changes;

@@ -16,20 +16,20 @@ std::string watchScreen(const WatchView& v) {
     text += field("signal", v.input.text());
     text += field("watched", duration(v.seconds));
     if (v.grabs) {
-        text += field("rate", v.rate.perSecond() == 0
-                                  ? "no frames yet"
-                                  : format("%.2f per second now, %.3f on average", v.lastSecond, v.rate.perSecond()));
-        text += field("frames", std::to_string(v.picture.frames));
-        const Losses& l = v.picture.losses;
+        text += field("rate", v.counts.rate.perSecond() == 0 ? "no frames yet"
+                                                             : format("%.2f per second now, %.3f on average",
+                                                                      v.lastSecond, v.counts.rate.perSecond()));
+        text += field("frames", std::to_string(v.counts.picture.frames));
+        const Losses& l = v.counts.picture.losses;
         text += field(
             "lost", format("%llu: dropped by the card %llu, overrun %llu, unknown status %llu",
                            static_cast<unsigned long long>(l.total()), static_cast<unsigned long long>(l.cardDropped),
                            static_cast<unsigned long long>(l.overrun), static_cast<unsigned long long>(l.otherStatus)));
-        text += field("sound", v.sound.frames == 0
-                                   ? "none"
-                                   : counted(v.sound.frames, "block") + ", lost " + lossText(v.sound.losses));
-        text += field("away", counted(v.picture.interruptions, "interruption") + ", " +
-                                  counted(v.picture.missedWhileAway, "frame") + " passed by");
+        text += field("sound", v.counts.sound.frames == 0 ? "none"
+                                                          : counted(v.counts.sound.frames, "block") + ", lost " +
+                                                                lossText(v.counts.sound.losses));
+        text += field("away", counted(v.counts.picture.interruptions, "interruption") + ", " +
+                                  counted(v.counts.picture.missedWhileAway, "frame") + " passed by");
     } else {
         text += field("frames", "not counted: " + v.whyNot);
     }
@@ -43,9 +43,10 @@ std::string watchScreen(const WatchView& v) {
 std::string watchLine(const WatchView& v) {
     std::string line = v.clock + "  " + v.input.text();
     if (v.grabs) {
-        line += format("  %.2f/s  %llu frames  lost %s", v.lastSecond,
-                       static_cast<unsigned long long>(v.picture.frames), lossText(v.picture.losses).c_str());
-        if (v.sound.losses.total() != 0) line += "  sound lost " + lossText(v.sound.losses);
+        line +=
+            format("  %.2f/s  %llu frames  lost %s", v.lastSecond,
+                   static_cast<unsigned long long>(v.counts.picture.frames), lossText(v.counts.picture.losses).c_str());
+        if (v.counts.sound.losses.total() != 0) line += "  sound lost " + lossText(v.counts.sound.losses);
     }
     return line + '\n';
 }
@@ -57,13 +58,13 @@ Json watchJson(const WatchView& v, const char* type) {
     json["signal"] = signalJson(v.input.status);
     json["grabs"] = v.grabs;
     if (v.grabs) {
-        json["picture"] = {{"received", v.picture.frames},
-                           {"perSecond", v.rate.perSecond()},
+        json["picture"] = {{"received", v.counts.picture.frames},
+                           {"perSecond", v.counts.rate.perSecond()},
                            {"lastSecond", v.lastSecond},
-                           {"lost", lossJson(v.picture.losses)}};
-        json["sound"] = {{"received", v.sound.frames}, {"lost", lossJson(v.sound.losses)}};
-        json["interruptions"] = v.picture.interruptions;
-        json["missedWhileAway"] = v.picture.missedWhileAway;
+                           {"lost", lossJson(v.counts.picture.losses)}};
+        json["sound"] = {{"received", v.counts.sound.frames}, {"lost", lossJson(v.counts.sound.losses)}};
+        json["interruptions"] = v.counts.picture.interruptions;
+        json["missedWhileAway"] = v.counts.picture.missedWhileAway;
     }
     return json;
 }

@@ -1,9 +1,9 @@
 // What watch shows each second: as a screen, as a line, as JSON. Portable.
 #pragma once
 
+#include "ctl/frame_counter.h"
 #include "ctl/input_watch.h"
 #include "ctl/json.h"
-#include "ctl/loss_account.h"
 
 #include <cstdint>
 #include <deque>
@@ -19,9 +19,8 @@ struct WatchView {
     InputState input;
     bool grabs = false; ///< false: it only looks
     std::string whyNot; ///< why it does not grab
-    LossAccount picture, sound;
+    FrameCounter::Counts counts;
     double lastSecond = 0;          ///< pictures per second, over the last one
-    RateMeter rate;                 ///< of pictures, since the last start
     std::deque<std::string> events; ///< with their times of day, oldest first
 };
 

@@ -8,13 +8,6 @@ CFactoryTemplate g_Templates[1];
 int g_cTemplates = 0;
 
 namespace kestra::test {
-SinkPin::SinkPin(SinkFilter* filter, CCritSec* lock, HRESULT* phr)
-    : CBasePin(NAME("in"), filter, lock, phr, L"In", PINDIR_INPUT) {}
-
-HRESULT STDMETHODCALLTYPE SinkPin::NonDelegatingQueryInterface(REFIID riid, void** ppv) {
-    if (riid == IID_IMemInputPin) return GetInterface(static_cast<IMemInputPin*>(this), ppv);
-    return CBasePin::NonDelegatingQueryInterface(riid, ppv);
-}
 
 std::vector<ReceivedSample> SinkPin::samples() const {
     const std::lock_guard lock(m_mutex);
@@ -65,21 +58,6 @@ STDMETHODIMP SinkPin::Receive(IMediaSample* sample) {
     if (result == S_OK) ++received;
     --insideReceive;
     return result;
-}
-
-STDMETHODIMP SinkPin::ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) {
-    for (*processed = 0; *processed < count; ++*processed)
-        if (const HRESULT hr = Receive(samples[*processed]); hr != S_OK) return hr;
-    return S_OK;
-}
-
-SinkFilter::SinkFilter()
-    : CBaseFilter(NAME("sink"), nullptr, &m_sinkLock, GUID_NULL), pin(this, &m_sinkLock, &m_created) {}
-
-ComRef<SinkFilter> SinkFilter::create() {
-    auto* filter = new SinkFilter;
-    filter->AddRef();
-    return ComRef<SinkFilter>(filter);
 }
 
 } // namespace kestra::test

@@ -1,10 +1,8 @@
 // Our receiving filter, with or without the system's graph: keeps what it gets and misbehaves as a test asks.
 #pragma once
 
-#include <streams.h>
-
+#include "ctl/receiving_filter.h"
 #include "tests/com/test_sink.h"
-#include "win32/com_ref.h"
 
 #include <atomic>
 #include <functional>
@@ -13,14 +11,9 @@
 
 namespace kestra::test {
 
-class SinkFilter;
-
-class SinkPin : public CBasePin, public IMemInputPin {
+class SinkPin : public ctl::ReceivingPin {
 public:
-    SinkPin(SinkFilter* filter, CCritSec* lock, HRESULT* phr);
-
-    DECLARE_IUNKNOWN
-    HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override;
+    using ReceivingPin::ReceivingPin;
 
     // What a test sets before it connects or while blocks come.
     std::atomic<HRESULT> receiveResult{S_OK};
@@ -38,33 +31,14 @@ public:
 
     HRESULT CheckMediaType(const CMediaType* type) override;
     STDMETHODIMP EndOfStream() override;
-    STDMETHODIMP BeginFlush() override { return S_OK; }
-    STDMETHODIMP EndFlush() override { return S_OK; }
     STDMETHODIMP GetAllocator(IMemAllocator** offered) override;
-    STDMETHODIMP NotifyAllocator(IMemAllocator*, BOOL) override { return S_OK; }
-    STDMETHODIMP GetAllocatorRequirements(ALLOCATOR_PROPERTIES*) override { return E_NOTIMPL; }
     STDMETHODIMP Receive(IMediaSample* sample) override;
-    STDMETHODIMP ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) override;
     STDMETHODIMP ReceiveCanBlock() override { return S_OK; }
 
 private:
     mutable std::mutex m_mutex;
     std::vector<ReceivedSample> m_samples;
 };
-
-class SinkFilter : public CBaseFilter {
-public:
-    static ComRef<SinkFilter> create();
-    int GetPinCount() override { return 1; }
-    CBasePin* GetPin(int n) override { return n == 0 ? &pin : nullptr; }
-
-private:
-    SinkFilter();
-    HRESULT m_created = S_OK;
-    CCritSec m_sinkLock;
-
-public:
-    SinkPin pin;
-};
+using SinkFilter = ctl::ReceivingFilter<SinkPin>;
 
 } // namespace kestra::test

@@ -5,7 +5,11 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <clocale>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 namespace kestra::test {
 namespace {
@@ -22,7 +26,53 @@ ExitCode parse(const std::vector<std::string>& words) {
     return parse(words, console);
 }
 
+/// The words of a command that stands in a text, up to where it certainly ends; as a rule the sentence goes on.
+std::vector<std::string> wordsOfCommand(const std::string& text) {
+    std::vector<std::string> words;
+    std::istringstream stream(text.substr(0, text.find_first_of("|`\"\n;)")));
+    for (std::string word; stream >> word;) {
+        const size_t end = word.find_last_not_of(".,:") + 1;
+        words.push_back(word.substr(0, end));
+        if (end != word.size()) break;
+    }
+    return words;
+}
+
+/// True if the words begin with a command that is understood, and no option stands behind that.
+bool beginsWithCommand(const std::vector<std::string>& words) {
+    for (size_t count = words.size(); count != 0; --count)
+        if (parse({words.begin(), words.begin() + ptrdiff_t(count)}) == ExitCode::Done)
+            return count == words.size() || !words[count].starts_with("--");
+    return false;
+}
+
 } // namespace
+
+TEST(Parser, EveryCommandThatATextNamesIsUnderstood) {
+    EXPECT_FALSE(beginsWithCommand({"log", "set", "--detail", "3"}));
+    EXPECT_FALSE(beginsWithCommand({"list", "--bogus"}));
+    std::vector<std::filesystem::path> texts = {KESTRA_ROOT "/README.md"};
+    for (const char* folder : {KESTRA_ROOT "/ctl", KESTRA_ROOT "/docs"})
+        for (const auto& entry : std::filesystem::directory_iterator(folder))
+            if (const auto kind = entry.path().extension(); kind == ".cpp" || kind == ".h" || kind == ".md")
+                texts.push_back(entry.path());
+    int found = 0;
+    for (const std::filesystem::path& path : texts) {
+        std::ifstream file(path);
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        for (size_t at; (at = text.find("\\n")) != std::string::npos;) // a line's end in source text
+            text.replace(at, 2, "\n");
+        constexpr std::string_view kProgram = "kestra-ctl ";
+        for (size_t at = 0; (at = text.find(kProgram, at)) != std::string::npos;) {
+            at += kProgram.size();
+            const std::vector<std::string> words = wordsOfCommand(text.substr(at, 200));
+            if (words.empty() || words[0] == "VERB") continue;
+            EXPECT_TRUE(beginsWithCommand(words)) << path << ": kestra-ctl " << text.substr(at, 60);
+            ++found;
+        }
+    }
+    EXPECT_GT(found, 40);
+}
 
 TEST(Parser, CaptureTakesItsOptions) {
     EXPECT_EQ(parse({"capture", "film.y4m", "--depth", "10", "--sound", "24", "--frames", "600", "--seconds", "1.5",

@@ -2,6 +2,7 @@
 #include "ctl/capture_account.h"
 #include "ctl/converter_values.h"
 #include "ctl/exit_code.h"
+#include "ctl/frame_counter.h"
 #include "ctl/frame_ring.h"
 #include "ctl/input_watch.h"
 #include "ctl/log_text.h"
@@ -286,6 +287,84 @@ TEST(LossAccount, WhatPassedByWhileTheCardWasAwayIsNoLoss) {
     EXPECT_EQ(account.losses.total(), 0u);
     EXPECT_EQ(account.interruptions, 2u);
     EXPECT_EQ(account.missedWhileAway, 89u);
+}
+
+TEST(LossAccount, WhatPassedByBeforeTheGrabBeganAnewIsNoLoss) {
+    LossAccount account;
+    account.take(DMA_STATUS_GOOD, 10, 0);
+    account.wasAway();
+    account.take(DMA_STATUS_GOOD, 15, 100 * kMs);
+    account.take(DMA_STATUS_DICONNECTED, 0, 120 * kMs);
+    account.take(DMA_STATUS_GOOD, 20, 133 * kMs);
+    EXPECT_EQ(account.losses.total(), 0u);
+    EXPECT_EQ(account.interruptions, 2u);
+    EXPECT_EQ(account.missedWhileAway, 8u);
+    account.take(DMA_STATUS_GOOD, 22, 166 * kMs);
+    EXPECT_EQ(account.losses.cardDropped, 1u);
+}
+
+TEST(LossAccount, BothChannelsOfACardAreAwayTogether) {
+    LossAccount picture, sound;
+    take(picture, sound, DMA_STATUS_GOOD, 10, 1000 * kMs);
+    take(sound, picture, DMA_STATUS_GOOD, 10, 1000 * kMs);
+    // Pulled. The last blocks of sound come late, and the first one after is early: its clock shows no pause.
+    take(sound, picture, DMA_STATUS_GOOD, 11, 1200 * kMs);
+    take(sound, picture, DMA_STATUS_GOOD, 32, 1450 * kMs);
+    EXPECT_EQ(sound.losses.cardDropped, 20u) << "nothing is known of a pause yet";
+    take(picture, sound, DMA_STATUS_GOOD, 33, 1500 * kMs);
+    EXPECT_EQ(picture.interruptions, 1u);
+    EXPECT_EQ(sound.losses.total(), 0u);
+    EXPECT_EQ(sound.missedWhileAway, 20u);
+    EXPECT_EQ(sound.interruptions, 1u);
+    // And the other way round.
+    take(sound, picture, DMA_STATUS_GOOD, 33, 1501 * kMs);
+    take(picture, sound, DMA_STATUS_GOOD, 34, 1700 * kMs);
+    take(sound, picture, DMA_STATUS_GOOD, 54, 1900 * kMs);
+    take(picture, sound, DMA_STATUS_GOOD, 55, 1901 * kMs);
+    EXPECT_EQ(picture.losses.total(), 0u);
+    // What was lost before the card went stays lost.
+    take(picture, sound, DMA_STATUS_GOOD, 58, 1934 * kMs);
+    take(sound, picture, DMA_STATUS_GOOD, 58, 1935 * kMs);
+    EXPECT_EQ(picture.losses.cardDropped, 2u);
+    take(sound, picture, DMA_STATUS_GOOD, 90, 3000 * kMs);
+    take(picture, sound, DMA_STATUS_GOOD, 90, 3001 * kMs);
+    EXPECT_EQ(picture.losses.cardDropped, 2u);
+    EXPECT_EQ(sound.losses.cardDropped, 3u) << "blocks 55 to 57 came not, and no pause explains that";
+}
+
+TEST(FrameCounter, SoundThatComesBackBeforeThePictureIsNoLoss) {
+    const auto frame = [](uint32_t number, uint32_t status = DMA_STATUS_GOOD) {
+        TarnisFrameInfo info{};
+        info.frameWord0 = number;
+        info.dmaStatus = status;
+        return info;
+    };
+    FrameCounter counter;
+    counter.begin(0);
+    counter.receive(1, frame(1), 16 * kMs); // nothing that it could belong to
+    counter.receive(0, frame(3), 50 * kMs);
+    counter.receive(1, frame(3), 51 * kMs);
+    // The card is pulled and comes back: the sound first, the picture 21 frames later.
+    counter.receive(1, frame(60), 1000 * kMs);
+    for (uint32_t number = 61; number <= 81; ++number)
+        counter.receive(1, frame(number), int64_t(1000 + (number - 60) * 12) * kMs);
+    counter.receive(0, frame(82), 1260 * kMs);
+    counter.receive(1, frame(82), 1261 * kMs);
+    EXPECT_EQ(counter.counts().sound.losses.total(), 0u);
+    EXPECT_EQ(counter.counts().picture.losses.total(), 0u);
+    EXPECT_EQ(counter.counts().picture.interruptions, 1u);
+    EXPECT_EQ(counter.counts().sound.frames, 24u);
+    // Another format: both end, and begin anew with other numbers.
+    for (const int port : {0, 1})
+        counter.receive(port, frame(0, DMA_STATUS_DICONNECTED), 1270 * kMs);
+    EXPECT_TRUE(counter.hasStopped(1271 * kMs));
+    counter.begin(1272 * kMs);
+    EXPECT_FALSE(counter.hasStopped(1273 * kMs));
+    counter.receive(1, frame(90), 1280 * kMs);
+    counter.receive(0, frame(95), 1290 * kMs);
+    counter.receive(1, frame(95), 1291 * kMs);
+    EXPECT_EQ(counter.counts().sound.losses.total() + counter.counts().picture.losses.total(), 0u);
+    EXPECT_TRUE(counter.hasStopped(1290 * kMs + 3001 * kMs)) << "no frame for three seconds";
 }
 
 TEST(CaptureAccount, DriftIsByHowMuchTheSoundFallsBehind) {

@@ -164,8 +164,8 @@ TEST_F(Log, BundleHoldsWhatHelps) {
     ctl("status");
     const ProgramResult result = ctl("log bundle " + file("report"));
     EXPECT_EQ(result.exitCode, 0u) << result.error;
-    for (const char* name :
-         {"versions.txt", "list.txt", "status-0.txt", "status-1.txt", "formats.txt", "log.txt", "TARNIS.txt"}) {
+    for (const char* name : {"versions.txt", "list.txt", "status-0.txt", "status-1.txt", "formats.txt", "log.txt",
+                             "doctor.txt", "TARNIS.txt"}) {
         EXPECT_THAT(result.output, HasSubstr(std::string("  ") + name + "\n"));
         EXPECT_GT(std::filesystem::file_size(m_folder / "report" / name), 10u) << name;
     }
