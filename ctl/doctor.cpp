@@ -16,14 +16,16 @@
 
 #include <objbase.h>
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <optional>
 
 namespace kestra::ctl {
 
 namespace {
 
-constexpr char kLogHint[] = "the log says what failed: kestra-ctl log set --detail 3, then try again";
+constexpr char kLogHint[] = "the log says what failed: kestra-ctl log set detail=3, then try again";
 
 void examineWindows(DoctorReport& report) {
     using GetVersion = LONG(WINAPI*)(OSVERSIONINFOW*);
@@ -54,8 +56,12 @@ bool isDriverKnown() {
 
 /// What is known of one card.
 struct Patient {
+    explicit Patient(CardEntry found) : entry(std::move(found)) {}
+
     CardEntry entry;
+    std::unique_ptr<OpenCard> card;           ///< while it is examined; null: it does not open
     std::optional<TarnisCameraStatus> status; ///< empty: it does not open or answer
+    std::optional<Failure> failure;           ///< why
     bool hasInput() const noexcept { return status && hasSignal(*status); }
     bool hasInputSound() const noexcept { return hasInput() && hasSound(*status); }
 };
@@ -84,9 +90,13 @@ public:
             return;
         }
         m_report.add({"driver", Mark::Good, "Driver", counted(cards.size(), "card"), ""});
+        // Whether a card's missing input is a problem depends on the others: all are asked before one is reported.
         for (CardEntry& entry : cards)
-            examine(std::move(entry));
-        examineInputs();
+            ask(m_patients.emplace_back(std::move(entry)));
+        for (const Patient& patient : m_patients)
+            examine(patient);
+        for (Patient& patient : m_patients)
+            patient.card.reset();
     }
 
     /// The card that a filter takes: the first one that brings what it is for. Null: it cannot be run.
@@ -104,9 +114,17 @@ private:
     }
     static std::string nameOf(const Patient& patient) { return "Card " + std::to_string(patient.entry.number); }
 
-    void examine(CardEntry found) {
-        m_patients.push_back({std::move(found), {}});
-        Patient& patient = m_patients.back();
+    static void ask(Patient& patient) {
+        if (patient.entry.openError != 0) return;
+        try {
+            patient.card = std::make_unique<OpenCard>(patient.entry);
+            patient.status = cameraStatus(*patient.card);
+        } catch (const Failure& failure) {
+            patient.failure = failure;
+        }
+    }
+
+    void examine(const Patient& patient) {
         const CardEntry& entry = patient.entry;
         if (entry.openError != 0)
             return m_report.add({idOf(patient, "opens"), Mark::Bad, nameOf(patient),
@@ -114,24 +132,22 @@ private:
                                  entry.openError == ERROR_ACCESS_DENIED
                                      ? "another program has it for itself, or this user may not use it"
                                      : "take the card out and in again, or install its driver again"});
-        try {
-            OpenCard card(entry);
-            patient.status = cameraStatus(card);
-            m_report.add(
-                {idOf(patient, "opens"), Mark::Good, nameOf(patient),
-                 (entry.slotText.empty() ? std::string("no slot text") : entry.slotText) + ": opens and answers", ""});
-            if (hasSignal(*patient.status)) {
-                examineChannel(card, patient, 0, "picture");
-                if (hasSound(*patient.status)) examineChannel(card, patient, 1, "sound");
-            }
-        } catch (const Failure& failure) {
-            m_report.add({idOf(patient, "opens"), Mark::Bad, nameOf(patient), failure.what(), failure.remedy()});
-        }
+        if (patient.failure) return addFailure(patient, "opens", *patient.failure);
+        m_report.add({idOf(patient, "opens"), Mark::Good, nameOf(patient),
+                      (entry.slotText.empty() ? std::string("no slot text") : entry.slotText) + ": opens and answers",
+                      ""});
+        examineInput(patient);
+        if (patient.hasInput()) examineChannel(patient, 0, "picture");
+        if (patient.hasInputSound()) examineChannel(patient, 1, "sound");
     }
 
-    void examineChannel(OpenCard& card, const Patient& patient, int8_t port, const char* what) {
+    void addFailure(const Patient& patient, const char* check, const Failure& failure) {
+        m_report.add({idOf(patient, check), Mark::Bad, nameOf(patient), failure.what(), failure.remedy()});
+    }
+
+    void examineChannel(const Patient& patient, int8_t port, const char* what) try {
         const std::string id = idOf(patient, what);
-        switch (claimForAMoment(card, port)) {
+        switch (claimForAMoment(*patient.card, port)) {
         case TARNIS_SUCCESS:
             return m_report.add(
                 {id, Mark::Good, nameOf(patient), "its " + std::string(what) + " is free to be grabbed", ""});
@@ -142,37 +158,35 @@ private:
             return m_report.add({id, Mark::Bad, nameOf(patient),
                                  "its " + std::string(what) + " cannot be claimed: the driver failed", kLogHint});
         }
+    } catch (const Failure& failure) {
+        addFailure(patient, what, failure);
+    }
+
+    template <class Condition>
+    bool any(Condition condition) const {
+        return std::any_of(m_patients.begin(), m_patients.end(), condition);
     }
 
     /// A card without an input is a problem if no other has one.
-    void examineInputs() {
-        bool anySignal = false, anySound = false;
-        for (const Patient& patient : m_patients) {
-            anySignal = anySignal || patient.hasInput();
-            anySound = anySound || patient.hasInputSound();
-        }
-        for (const Patient& patient : m_patients) {
-            if (!patient.status) continue;
-            const TarnisCameraStatus& status = *patient.status;
-            const std::string line = signalLine(status);
-            if (!hasSignal(status)) {
-                m_report.add({idOf(patient, "signal"), anySignal ? Mark::Note : Mark::Bad, nameOf(patient), "no signal",
-                              "check cable and source: SDI, switched on"});
-                continue;
-            }
-            if (isSettling(status.videoMode))
-                m_report.add({idOf(patient, "signal"), Mark::Bad, nameOf(patient), line,
-                              "look again in a moment; if it stays so, the source sends what the card does not know"});
-            else if (status.frameRate == 0)
-                m_report.add({idOf(patient, "signal"), Mark::Note, nameOf(patient), line,
-                              "look again in a moment: applications that open it now take 25 frames a second"});
-            else
-                m_report.add({idOf(patient, "signal"), Mark::Good, nameOf(patient), line, ""});
-            if (!hasSound(status))
-                m_report.add({idOf(patient, "audio"), anySound ? Mark::Note : Mark::Bad, nameOf(patient),
-                              "no sound in its signal: the audio filter cannot be opened",
-                              "have the source embed sound, or use the picture alone"});
-        }
+    void examineInput(const Patient& patient) {
+        const TarnisCameraStatus& status = *patient.status;
+        const std::string id = idOf(patient, "signal"), line = signalLine(status);
+        if (!hasSignal(status))
+            return m_report.add({id, any([](const Patient& p) { return p.hasInput(); }) ? Mark::Note : Mark::Bad,
+                                 nameOf(patient), "no signal", "check cable and source: SDI, switched on"});
+        if (isSettling(status.videoMode))
+            m_report.add({id, Mark::Bad, nameOf(patient), line,
+                          "look again in a moment; if it stays so, the source sends what the card does not know"});
+        else if (status.frameRate == 0)
+            m_report.add({id, Mark::Note, nameOf(patient), line,
+                          "look again in a moment: applications that open it now take 25 frames a second"});
+        else
+            m_report.add({id, Mark::Good, nameOf(patient), line, ""});
+        if (!hasSound(status))
+            m_report.add({idOf(patient, "audio"),
+                          any([](const Patient& p) { return p.hasInputSound(); }) ? Mark::Note : Mark::Bad,
+                          nameOf(patient), "no sound in its signal: the audio filter cannot be opened",
+                          "have the source embed sound, or use the picture alone"});
     }
 
     DoctorReport& m_report;

@@ -53,8 +53,7 @@ Report examine(const std::string& options = "") {
         ADD_FAILURE() << result.output << result.error;
         return report;
     }
-    EXPECT_EQ(json["schema"], "kestra-ctl/1");
-    EXPECT_EQ(json["verb"], "doctor");
+    expectSchema("doctor", result.output);
     for (const auto& check : json["checks"])
         report.checks[check["check"]] = {check["mark"], check["found"], check["remedy"]};
     EXPECT_EQ(json["problems"], report.bad().size());
@@ -136,8 +135,9 @@ TEST_F(Doctor, TheTextHasALineForEachCheckAndItsRemedy) {
     EXPECT_THAT(result.output, HasSubstr("\n\n1 problem found\n"));
     const ProgramResult ascii = ctl("doctor --ascii --installed");
     EXPECT_EQ(ascii.exitCode, 0u);
-    EXPECT_THAT(ascii.output, HasSubstr("+ Module          64 bit, can be loaded\n"));
-    EXPECT_THAT(ascii.output, HasSubstr("\n\nno problem found\n"));
+    const size_t at = ascii.output.find("+ Video filter"); // what stands before is the system's own
+    ASSERT_NE(at, std::string::npos) << ascii.output;
+    expectGolden("doctor-installed.txt", ascii.output.substr(at));
     for (const char c : ascii.output)
         ASSERT_LT(static_cast<unsigned char>(c), 128) << ascii.output;
 }
