@@ -16,10 +16,13 @@ namespace kestra::ctl {
 namespace {
 
 constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failure, 2 wrong usage, 3 no card, 4 no signal, 5 in use.";
+constexpr char kProblemCodes[] = "Exit code: the number of problems; 0: none was found.";
 
 void addCommonOptions(CLI::App& app, uint32_t takes, Options& options) {
     if (takes & kTakesCard)
-        app.add_option("--card", options.card, "a card's number, or a part of its slot text; without it, card 0")
+        app.add_option("--card", options.card,
+                       std::string("a card's number, or a part of its slot text; without it, ") +
+                           (takes & kCountsProblems ? "all of them" : "card 0"))
             ->type_name("CARD");
     if (takes & kTakesJson) app.add_flag("--json", options.json, "JSON in place of text");
 }
@@ -29,7 +32,7 @@ std::string footerOf(const Verb& verb) {
     std::istringstream lines(verb.example);
     for (std::string line; std::getline(lines, line);)
         footer += "  " + line + "\n";
-    return footer + "\n" + kExitCodes;
+    return footer + "\n" + (verb.takes & kCountsProblems ? kProblemCodes : kExitCodes);
 }
 
 const Verb* findVerb(const std::string& name) noexcept {

@@ -23,6 +23,7 @@ namespace kestra::ctl {
 namespace {
 
 constexpr uint32_t kFollowMs = 250;
+constexpr char kSwitchOn[] = "kestra-ctl log set detail=3 folder=FOLDER switches it on for programs that start then";
 constexpr uint32_t kMostDetail = 5, kDefaultSeverity = 4;
 
 struct Value {
@@ -33,8 +34,8 @@ struct Value {
 };
 constexpr Value kValues[] = {{"detail", L"FileOutDetail", false, "file detail"},
                              {"severity", L"FileSeverityThrsh", true, "file from"},
-                             {"debugger-detail", L"IdeOutDetail", false, "debugger detail"},
-                             {"debugger-severity", L"IdeSeverityThrsh", true, "debugger from"}};
+                             {"debugger-detail", L"IdeOutDetail", false, "debug detail"},
+                             {"debugger-severity", L"IdeSeverityThrsh", true, "debug from"}};
 constexpr const char* kSeverities[] = {"debug", "trace", "notice", "warning", "error"};
 
 /// The folder that the log's file lies in, ended by a backslash; empty: each program's current one.
@@ -44,6 +45,16 @@ std::string logFolder() {
 
 std::string logFile(const Options::Log& log) {
     return log.file.empty() ? logFolder() + "TARNIS.txt" : log.file;
+}
+
+/// Throws Failure.
+std::string readLog(const Options::Log& log) {
+    try {
+        return readFile(logFile(log));
+    } catch (const Failure& failure) {
+        if (!log.file.empty() || readNumber(kLogKey, L"FileOutDetail").value_or(0) != 0) throw;
+        throw Failure(failure.code(), failure.what(), std::string("the log is off: ") + kSwitchOn);
+    }
 }
 
 uint32_t severityOf(std::optional<uint32_t> stored) noexcept {
@@ -110,8 +121,7 @@ ExitCode show(const Options& options, Console& console) {
     json["folder"] = folder.empty() ? Json(nullptr) : Json(folder);
     text += field("folder", folder.empty() ? "none: each program logs into its current folder" : folder);
     if (readNumber(kLogKey, L"FileOutDetail").value_or(0) == 0)
-        text +=
-            "The log is off: kestra-ctl log set detail=3 folder=FOLDER switches it on for programs that start then.\n";
+        text += std::string("The log is off: ") + kSwitchOn + ".\n";
     console.write(options.json ? jsonLine(json) : text);
     return ExitCode::Done;
 }
@@ -138,7 +148,7 @@ void writeLines(const Options& options, Console& console, std::string_view text,
 
 ExitCode tail(const Options& options, Console& console) {
     const std::string name = logFile(options.log);
-    std::string bytes = readFile(name);
+    std::string bytes = readLog(options.log);
     size_t known = bytes.size() & ~size_t{1};
     writeLines(options, console, lastLines(textOfLog(bytes), options.log.lines), false);
     while (options.log.follow && !console.isInterrupted(kFollowMs)) {
@@ -220,7 +230,7 @@ ExitCode bundle(const Options& options, Console& console) {
         }
     }
     try {
-        put("TARNIS.txt", readFile(logFile(options.log)));
+        put("TARNIS.txt", readLog(options.log));
     } catch (const Failure& failure) {
         put("no-log.txt", std::string(failure.what()) + '\n');
     }
@@ -242,7 +252,7 @@ ExitCode runLog(const Options& options, Console& console) {
     if (action == "tail") return tail(options, console);
     if (action == "bundle") return bundle(options, console);
     if (action == "decode") {
-        writeLines(options, console, textOfLog(readFile(logFile(options.log))), true);
+        writeLines(options, console, textOfLog(readLog(options.log)), true);
         return ExitCode::Done;
     }
     for (const bool isTrial : {true, false}) // all are sensible before one is changed

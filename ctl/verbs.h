@@ -15,8 +15,8 @@ namespace kestra::ctl {
 
 class Console;
 
-/// Common options that a verb takes.
-enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2 };
+/// Common options that a verb takes, and whether its exit code is one of its own: the number of problems.
+enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2, kCountsProblems = 4 };
 
 /// VERB(name, Function, common options, what it does in one line, example and what it means)
 #define KESTRA_CTL_VERBS(VERB)                                                                                         \
@@ -36,7 +36,7 @@ enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2
     VERB(                                                                                                              \
         "log", Log, kTakesJson, "what the library has logged, and how it does",                                        \
         "kestra-ctl log set detail=3 folder=C:\\Temp\nkestra-ctl log tail --follow\nkestra-ctl log bundle C:\\report") \
-    VERB("doctor", Doctor, kTakesCard | kTakesJson,                                                                    \
+    VERB("doctor", Doctor, kTakesCard | kTakesJson | kCountsProblems,                                                  \
          "why an application does not see, start or keep the card; the exit code is the number of problems",           \
          "kestra-ctl doctor")
 

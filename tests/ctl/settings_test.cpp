@@ -109,13 +109,13 @@ TEST_F(Formats, NonsenseChangesNothing) {
 TEST_F(Log, IsSetAndShown) {
     EXPECT_EQ(
         ctl("log show").output,
-        "  file detail   0: off\n  file from     error\n  debugger detail 0: off\n  debugger from error\n"
+        "  file detail   0: off\n  file from     error\n  debug detail  0: off\n  debug from    error\n"
         "  folder        none: each program logs into its current folder\n"
         "The log is off: kestra-ctl log set detail=3 folder=FOLDER switches it on for programs that start then.\n");
     const ProgramResult set = ctl("log set detail=3 severity=notice folder=" + m_folder.string());
     EXPECT_EQ(set.exitCode, 0u) << set.error;
     EXPECT_EQ(set.output,
-              "  file detail   3 of 5\n  file from     notice\n  debugger detail 0: off\n  debugger from error\n"
+              "  file detail   3 of 5\n  file from     notice\n  debug detail  0: off\n  debug from    error\n"
               "  folder        " +
                   m_folder.string() + "\\\n");
     expectSchema("log", ctl("log show --json").output);
@@ -142,6 +142,11 @@ TEST_F(Log, WhatTheLibraryLogsIsShownAndExplained) {
 }
 
 TEST_F(Log, AMissingFileIsNamed) {
+    const ProgramResult off = ctl("log tail");
+    EXPECT_EQ(off.exitCode, 1u);
+    EXPECT_THAT(
+        off.error,
+        HasSubstr("TARNIS.txt cannot be read: File not found (2)\n            the log is off: kestra-ctl log set "));
     expectFailure(ctl("log tail --file " + file("none.txt")), 1,
                   file("none.txt") + " cannot be read: File not found (2)", "check its name and that you may read it");
 }
