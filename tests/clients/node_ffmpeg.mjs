@@ -16,6 +16,15 @@ if (result < 0) {
     if (format !== 'list') say(2, `open: error ${result}`);
     process.exit(format === 'list' ? 0 : 1);
 }
+const writeAll = (bytes) => {
+    for (let at = 0; at < bytes.length; ) at += writeSync(1, bytes, at);
+};
+// A packet is what the filter delivered: RGB begins with the lowest line.
+const height = format.startsWith('bgr') ? context.streams[0].codecpar.height : 1;
+const topDown = (data) => {
+    const line = data.length / height;
+    return Buffer.concat(Array.from({ length: height }, (_, y) => data.subarray((height - 1 - y) * line, (height - y) * line)));
+};
 const packet = new Packet();
 packet.alloc();
 const stamps = new Map();
@@ -29,7 +38,7 @@ for (let frames = 0; frames < Number(wanted); ) {
     stamps.get(packet.streamIndex).push(Number(packet.pts) / 10000);
     if (packet.streamIndex === 0) {
         ++frames;
-        for (let at = 0; format !== 'stamps' && at < packet.data.length; ) at += writeSync(1, packet.data, at);
+        if (format !== 'stamps') writeAll(topDown(packet.data));
     }
     packet.unref();
 }
