@@ -1,3 +1,4 @@
+// Notes go into the record that the parent reads; checks throw.
 #include "compliance/check.h"
 
 #include <dshow.h>

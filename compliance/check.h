@@ -1,5 +1,5 @@
-// What a test says: the call that it is about to make, what it expected and got, what it measured. A failed check ends
-// its test by an exception, which the test's own thread alone may throw.
+// What a test reports: the call that it is about to make, what it expected and got, what it measured. A failed check
+// ends its test by an exception, which the test's own thread alone may throw.
 #pragma once
 
 #include "compliance/record.h"
@@ -16,7 +16,7 @@ struct NotApplicable {
     std::string why;
 };
 
-/// Where notes go from now on. Not counted; outlives the test.
+/// Where notes go from now on. Not owned; must outlive the test.
 void recordInto(TestRecord* record);
 
 /// Names the call that is about to be made, so that a crash or a hang in it has a name. Any thread; the last one
@@ -38,7 +38,7 @@ void expectSuccess(HRESULT got, const char* call);
 #define EXPECT_SUCCESS(...) ::kestra::compliance::expectSuccess(CALL(__VA_ARGS__), #__VA_ARGS__)
 
 void expect(bool condition, const std::string& expected, const std::string& got);
-/// What is allowed, but will trouble somebody: the test goes on.
+/// Something allowed that will trouble somebody: the test goes on.
 void warn(const std::string& text);
 [[noreturn]] void notApplicable(const std::string& why);
 

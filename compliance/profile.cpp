@@ -1,3 +1,4 @@
+// Reads a profile, and applies it to results.
 #include "compliance/profile.h"
 
 #include <nlohmann/json.hpp>
@@ -20,7 +21,7 @@ std::string contentsOf(const std::wstring& path) {
     throw Failure{"a profile in " + narrow(path.c_str()), "no such file"};
 }
 
-/// @throws Failure, about a test that there is not
+/// @throws Failure for a test that does not exist
 void addDeviations(Profile& profile, const nlohmann::json& deviations) {
     for (const auto& [name, reason] : deviations.get<std::map<std::string, std::string>>()) {
         const std::string& test = name; // a structured binding cannot be captured everywhere

@@ -1,3 +1,4 @@
+// The list of all tests, and what the rigs do.
 #include "compliance/tests.h"
 
 namespace kestra::compliance {

@@ -1,3 +1,4 @@
+// Both sides of the second process.
 #include "compliance/second_process.h"
 
 #include "compliance/check.h"

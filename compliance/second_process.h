@@ -9,7 +9,7 @@
 
 namespace kestra::compliance {
 
-/// How this program is started for the same subject, without anything else. Set once at the start.
+/// The command line that starts this program for the same subject. Set once at the start.
 void setOwnCommand(std::wstring command);
 /// Starts this program for the same subject. @return the process; none if it could not be started
 UniqueObject startOwn(const std::wstring& options);

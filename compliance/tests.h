@@ -90,7 +90,7 @@ public:
     void pause();
     void run();
     void stop();
-    /// Runs until the sink has so many samples. @throws Failure if they do not come
+    /// Runs until the sink has this many samples. @throws Failure if they do not come
     void receive(int samples);
     void awaitSamples(int samples);
     void disconnect();

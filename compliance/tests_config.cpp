@@ -1,4 +1,4 @@
-// IAMStreamConfig, and types that nobody should be sent.
+// IAMStreamConfig, and media types that nobody should send.
 #include "compliance/tests.h"
 
 #include <dvdmedia.h>
@@ -215,7 +215,7 @@ void provoke(Context& context, Type (*change)(Type)) {
         CALL(rig.pin->QueryAccept(&*bad));
         if (const auto config = queryFor<IAMStreamConfig>(rig.pin.get(), IID_IAMStreamConfig)) {
             CALL(config->SetFormat(bad.get()));
-            // What was accepted is nobody's format for good.
+            // What was accepted must not stay the format.
             Type again = good;
             CALL(config->SetFormat(again.get()));
             CALL(config->SetFormat(bad.get()));
@@ -271,7 +271,7 @@ void nullBlock(Context& context) {
     });
 }
 
-/// A length without a block: read by nobody who looks first.
+/// A length without a block: whoever checks first does not read it.
 void lengthOnly(Context& context) {
     const Bare p(context);
     for (const Type& good : offeredTypes(p.pin.get())) {

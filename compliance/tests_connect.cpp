@@ -63,7 +63,7 @@ void refused(Context& context) {
     expect(rig.sink->references() == before, format("%ld references to the receiver, as before", before),
            format("%ld", rig.sink->references()));
     rig.sink->accepts = nullptr;
-    rig.connect(); // as if nothing had been
+    rig.connect(); // as if nothing had happened
 }
 
 void notifyRefused(Context& context) {
@@ -215,8 +215,8 @@ void wants(Context& context) {
     agree(context, true, ALLOCATOR_PROPERTIES{buffers, 0, alignment, prefix});
 }
 
-/// As the receiver's allocator, or one of the filter's own: both are to be committed while active and decommitted
-/// after.
+/// The receiver's allocator or the filter's own: either must be committed while active, and decommitted
+/// afterwards.
 void committed(Context& context) {
     Rig rig(context);
     rig.connect();
@@ -229,7 +229,7 @@ void committed(Context& context) {
     EXPECT_RESULT(VFW_E_NOT_COMMITTED, chosen->GetBuffer(sample.out(), nullptr, nullptr, AM_GBF_NOWAIT));
 }
 
-/// Nothing is held back after a stop: whoever commits it next can have all of it.
+/// No buffer is kept after a stop: whoever commits the allocator next can have all of them.
 void allReturned(Context& context) {
     Rig rig(context);
     rig.connect();

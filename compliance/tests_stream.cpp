@@ -279,7 +279,7 @@ void stopsAfter(Context& context, HRESULT answer) {
     expect(after() == 0, "no sample after " + resultText(answer) + " from Receive", format("%d", after()));
 }
 
-/// Whatever it does meanwhile: it can be stopped and started again.
+/// Whatever happened, it can be stopped and started again.
 void failing(Context& context, HRESULT answer, int number) {
     Rig rig(context);
     rig.connect();

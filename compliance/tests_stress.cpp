@@ -19,7 +19,7 @@ void startStop(Context& context) {
     for (int i = 0; i < cycles; ++i) {
         rig.pause();
         rig.run();
-        if (i % 3 != 2) { // and now and then a stop before anything came
+        if (i % 3 != 2) { // now and then it is stopped before anything came
             const double began = nowMs();
             rig.awaitSamples(static_cast<int>(rig.sink->samples().size()) + 1);
             measured("start", nowMs() - began);
@@ -41,7 +41,7 @@ double megabytes(const ProcessCounts& counts) {
     return static_cast<double>(counts.privateBytes) / (1 << 20);
 }
 
-/// Counts after a fifth of the cycles and at the end: what a first use leaves behind is no leak.
+/// Compares counts after a fifth of the cycles with those at the end: what the first uses leave behind is no leak.
 template <class Cycle>
 void leaks(int cycles, Cycle cycle) {
     ProcessCounts early{}, late{};

@@ -72,7 +72,7 @@ void symmetric(IUnknown* object, std::span<const Named> known) {
             expect(bool{queryFor<IUnknown>(from.object.get(), to.named->iid)},
                    format("%s from %s, as from IUnknown", to.named->name, from.named->name), "refused");
         }
-    // And what is refused once is refused from everywhere.
+    // What one interface refuses, all must refuse.
     for (const Named& named : known) {
         const bool offered = bool{queryFor<IUnknown>(object, named.iid)};
         for (const Found& from : all)

@@ -35,9 +35,9 @@ constexpr uint32_t kRetryMs = 200; ///< between two tries to start
 constexpr int kMostRefusals = 5;
 constexpr int kMostSilentStarts = 3; ///< of a card that has a signal
 constexpr int64_t kSecondNs = 1'000'000'000;
-constexpr int64_t kSilenceNs = 3 * kSecondNs;       ///< so long without a frame: the grab has ended without a word
+constexpr int64_t kSilenceNs = 3 * kSecondNs;       ///< after this long without a frame the grab must have ended
 constexpr int64_t kSettlingNs = 10 * kSecondNs;     ///< longer than any receiver takes
-constexpr std::chrono::seconds kOutputPatience{10}; ///< with an output that takes nothing after the end
+constexpr std::chrono::seconds kOutputPatience{10}; ///< with an output that takes nothing once the capture is over
 
 /// One recording from its start until the signal's format changes or the capture ends: rings, writer, counts.
 class Recording {
@@ -78,7 +78,7 @@ public:
     size_t waiting() const noexcept { return m_pictures.used(); }
     const FrameRing& pictures() const noexcept { return m_pictures; }
 
-    /// Nothing comes any more: lets the writer empty the rings and closes the files. Throws what the writer met.
+    /// Nothing more comes: lets the writer empty the rings, and closes the files. Throws what the writer ran into.
     /// @param onStuck  called if the output takes nothing any more; does not return
     template <class OnStuck>
     CapturedFile finish(OnStuck onStuck) {
@@ -148,7 +148,7 @@ private:
             }
             while (hasSoundToWrite())
                 writeOne();
-        } catch (const std::exception&) { // the first failure is the one that is told
+        } catch (const std::exception&) { // the first failure is the one that is reported
         }
         try {
             m_writer.close();
@@ -158,7 +158,7 @@ private:
 
     bool hasSoundToWrite() const noexcept { return m_writer.frames() != 0 && m_sounds.front(); }
 
-    /// @return false: nothing is left, and nothing comes any more
+    /// @return false: nothing is left, and nothing more comes
     bool waitForWork() {
         std::unique_lock lock(m_mutex);
         m_filled.wait(lock, [this] { return m_isOver || m_pictures.front() || hasSoundToWrite(); });
@@ -355,7 +355,8 @@ private:
         for (int refusals = 0; !(input = session.start(selector, soundBits()));) {
             look();
             if (m_files == 0) needBeginning(sinceNs);
-            // What comes and goes may do so; a card that has a signal and gives no frames will not think better of it.
+            // A card or a signal may come back; a card that has a signal and still gives no frames will not recover by
+            // itself.
             if (m_watch.state().kind == InputState::Kind::Signal && ++refusals == kMostRefusals)
                 m_card.fail("frames", TARNIS_FAILURE);
             if (m_console.isInterrupted(kRetryMs) || isOver()) return false;
@@ -465,7 +466,7 @@ private:
         if (error) std::rethrow_exception(error);
     }
 
-    /// No call of the system's ends a write to a pipe for sure: this ends the process.
+    /// No system call reliably ends a write to a pipe: this ends the process.
     [[noreturn]] void endStuck(const Recording& recording) {
         m_receiver.ownAccount().files.push_back(recording.told());
         m_receiver.ownAccount().picture.losses.unwritten += recording.waiting();

@@ -60,7 +60,7 @@ double CaptureAccount::soundOffsetMs() const noexcept {
 double CaptureAccount::soundDriftMs() const noexcept {
     const uint32_t rate = files.empty() ? 0 : framesPerSecond(files.back().input);
     if (rate == 0 || pictureClock.perSecond() == 0 || soundClock.perSecond() == 0) return 0;
-    // A second of the film takes so long by the wall clock.
+    // How long a second of the film takes by the wall clock.
     const double picture = rate / pictureClock.perSecond(), sound = kSoundSamplesPerSecond / soundClock.perSecond();
     return (sound - picture) * 1e3 * pictureClock.seconds();
 }

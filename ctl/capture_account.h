@@ -28,7 +28,7 @@ struct CaptureAccount {
     size_t bufferFrames = 0, bufferMostUsed = 0, bufferUsed = 0;
 
     bool hasLost() const noexcept { return picture.losses.total() + sound.losses.total() != 0; }
-    /// By how much the sound came later than the picture at the start, and how much later it is at the end, by the
+    /// How much later than the picture the sound came at the start, and how much later it is at the end, by the
     /// clock.
     double soundOffsetMs() const noexcept;
     double soundDriftMs() const noexcept;

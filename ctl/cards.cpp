@@ -102,7 +102,7 @@ CardEntry chooseCard(const std::string& wanted) {
                   "give more of the slot text, or a number: kestra-ctl list shows both");
 }
 
-/// The thread that asks, and what it is asked. Shared, as a thread that is stuck in a driver outlives its owner.
+/// The thread that asks, and its question. Shared, since a thread that is stuck in a driver outlives its owner.
 struct OpenCard::Worker {
     std::mutex mutex;
     std::condition_variable changed;

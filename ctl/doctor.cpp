@@ -193,7 +193,7 @@ private:
     std::vector<Patient> m_patients;
 };
 
-/// A value of the current user's as it stands there, whatever it is.
+/// A value of the current user's, as it is stored, of whatever type.
 struct StoredValue {
     std::optional<DWORD> type; ///< empty: there is none
     std::vector<BYTE> bytes;
@@ -315,7 +315,7 @@ void examineLog(DoctorReport& report) {
     report.add({"log", Mark::Good, "Log", format("on, detail %u, in ", detail) + utf8OfWide(path.c_str()), ""});
 }
 
-/// What no check can find out, and every other user asks.
+/// What no check can find out and many users ask.
 void addLimits(DoctorReport& report) {
     report.add({"clients", Mark::Note, "Applications", "32-bit and Media-Foundation-only ones cannot see the filters",
                 "use 64-bit applications that take DirectShow devices"});

@@ -1,4 +1,4 @@
-// Both sides of a probe. The child may do what it likes: the parent waits for it no longer than kPatienceMs.
+// Both sides of a probe. Whatever the child does, the parent waits for it no longer than kPatienceMs.
 #include "ctl/doctor_probe.h"
 
 // Before the DirectShow headers, which take functions of the C library away.

@@ -15,11 +15,11 @@ class Console;
 /// Nanoseconds of a clock that only goes forward.
 int64_t monotonicNs() noexcept;
 
-/// Claims the channels for its life. Declare the receiver before the open card: a late frame may still come until that
-/// is closed.
+/// Claims the channels for its lifetime. Declare the receiver before the open card: until the card is closed, a late
+/// frame may still come.
 class GrabSession {
 public:
-    /// Says on the error output what it takes from other programs, before it does. Throws Failure (in use).
+    /// First says on the error output what it takes from other programs. Throws Failure (in use).
     GrabSession(OpenCard& card, bool wantsSound, FrameReceiver& receiver, Console& console);
     ~GrabSession();
     GrabSession(const GrabSession&) = delete;

@@ -16,7 +16,7 @@ struct Losses {
     uint64_t diskSlow = 0;    ///< the file or the pipe took too little
     uint64_t unwritten = 0;   ///< the file or the pipe failed before they were written
 
-    /// Those that a user would call lost; a stop's are none.
+    /// What a user would call lost: not those that a stop ended.
     uint64_t total() const noexcept { return cardDropped + overrun + otherStatus + ringFull + diskSlow + unwritten; }
 };
 
@@ -71,7 +71,7 @@ public:
     Losses losses;
 
 private:
-    /// Longer than any frame takes, and than buffered ones come late: nothing arrived.
+    /// Longer than any frame takes and than a buffered one can be late: nothing arrived.
     static constexpr int64_t kAwayNs = 300'000'000;
 
     void takeGood(uint32_t number, int64_t timeNs) noexcept {
@@ -114,7 +114,7 @@ inline void take(LossAccount& account, LossAccount& other, uint32_t dmaStatus, u
     if (isNews && account.interruptions != interruptions) other.wasAwaySince(sinceNs);
 }
 
-/// How fast something goes, by a clock: from the first time it was seen to the last.
+/// How fast something goes, by a clock: from its first sighting to its last.
 class RateMeter {
 public:
     /// @param count  how many there have been so far
