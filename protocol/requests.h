@@ -81,7 +81,6 @@ struct RequestShape {
 constexpr RequestShape kRequests[] = {KESTRA_REQUESTS(KESTRA_RECORD, KESTRA_DIRECT)};
 #undef KESTRA_RECORD
 #undef KESTRA_DIRECT
-#undef KESTRA_REQUESTS
 
 /// @return null if there is no such request
 constexpr const RequestShape* shapeOf(uint32_t code) noexcept {

@@ -36,7 +36,7 @@ check_tidy() {
         [ ! -f "$stamps/$file" ] || [ -n "$(check_newer "$stamps/$file" "$file")" ] || continue
         files+=("$file")
     done < <(cd "$root" && git ls-files '*.cpp' |
-        grep -E '^(baseclasses|capture|compliance|ctl|decode|device|imagelib|log|pages|sdk|server|simcard)/' |
+        grep -E '^(baseclasses|capture|compliance|ctl|decode|device|imagelib|log|pages|sdk|server|simcard|trace)/' |
         while read -r file; do ! grep -qF "\"file\": \"$root/$file\"" "$build/compile_commands.json" || echo "$file"; done)
     say "${#files[@]} files changed"
     [ "${#files[@]}" -gt 0 ] || return 0
