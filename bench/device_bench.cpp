@@ -1,7 +1,10 @@
 // Time per frame of the device library beside the bare request pair (lock and unlock by a raw client), in one run:
-// rounds of both alternate on the same card, which fills buffers as fast as they are given back.
+// rounds of both alternate on the same card, which fills buffers as fast as they are given back. And the same with a
+// trace (docs/trace.md), which is to cost next to nothing.
 #include "bench/report.h"
 #include "device/tarnis.h"
+#include "device/tracing.h"
+#include "protocol/user_settings.h"
 #include "simcard/client/raw_client.h"
 #include "simcard/ctl/control.h"
 
@@ -9,6 +12,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -90,6 +94,26 @@ double libraryRound() {
     return (timed.end - timed.begin) / kFrames;
 }
 
+/// The same while everything is recorded.
+double tracedRound(const std::filesystem::path& folder) {
+    SetEnvironmentVariableW(kTraceVariable, folder.wstring().c_str());
+    const double time = libraryRound();
+    SetEnvironmentVariableW(kTraceVariable, nullptr);
+    return time;
+}
+
+/// Nanoseconds that a request takes to see that it is not recorded.
+double lookNs() {
+    constexpr int kLooks = 20'000'000;
+    TracedRequest request;
+    const double begin = microsecondsNow();
+    for (int i = 0; i < kLooks; ++i) {
+        request.begin({wire::kUnlockBuffer, 0, 1, nullptr, 0, nullptr, 0});
+        request.end(0, 0);
+    }
+    return (microsecondsNow() - begin) * 1e3 / kLooks;
+}
+
 } // namespace
 
 int main() {
@@ -101,15 +125,21 @@ int main() {
         Options fast = kDefaultOptions;
         fast.pace = Pace::AsTaken;
         card.setOptions(fast);
-        std::vector<double> bare, library;
-        double bareProcessor = 0, libraryProcessor = 0; // of all rounds, in milliseconds
+        std::vector<double> bare, library, traced;
+        double bareProcessor = 0, libraryProcessor = 0, tracedProcessor = 0; // of all rounds, in milliseconds
+        const std::filesystem::path folder =
+            std::filesystem::temp_directory_path() / ("kestra-bench-" + std::to_string(GetCurrentProcessId()));
+        std::filesystem::create_directories(folder);
         for (int round = 0; round < kRounds; ++round) {
             const double before = processorMs();
             bare.push_back(bareRound(card.devicePath()));
             const double between = processorMs();
             library.push_back(libraryRound());
             bareProcessor += between - before;
-            libraryProcessor += processorMs() - between;
+            const double after = processorMs();
+            libraryProcessor += after - between;
+            traced.push_back(tracedRound(folder));
+            tracedProcessor += processorMs() - after;
         }
         card.reset();
         std::printf("%d rounds of %u frames each, microseconds per frame: median, and processor time\n", kRounds,
@@ -121,7 +151,12 @@ int main() {
         };
         tell("lock and unlock by a raw client", Role::Limit, bare, bareProcessor);
         tell("device library, to the callback", Role::Ours, library, libraryProcessor);
+        tell("the same, recorded in a trace", Role::Ours, traced, tracedProcessor);
         std::printf("  library / raw                    %8.3f\n", median(library) / median(bare));
+        std::printf("  recorded / not recorded          %8.3f\n", median(traced) / median(library));
+        std::printf("  not recorded: %.2f ns a request, %.6f of the pair\n", lookNs(),
+                    2 * lookNs() * 1e-3 / median(bare));
+        std::filesystem::remove_all(folder);
         return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "device_bench: %s\n", error.what());

@@ -49,6 +49,7 @@ void Card::OpenCard() {
                                   FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OVERLAPPED, nullptr));
     if (!device) {
         const DWORD error = GetLastError();
+        traceEvent(trace::EventKind::Opened, 0, error);
         KESTRA_LOG(kUnit, "TARNIS_GIS::OpenCard", LOG_ERROR, error, L"CreateFile(%ls) failed. GetLastError=%d(0x%X)",
                    m_devicePath.c_str(), static_cast<int>(error), static_cast<unsigned>(error));
         return;
@@ -158,6 +159,7 @@ bool Card::isPath(const DEV_BROADCAST_DEVICEINTERFACE_W& device) const noexcept 
 void Card::DeviceArrived(const DEV_BROADCAST_DEVICEINTERFACE_W& device) noexcept {
     constexpr char kFunction[] = "TARNIS_GIS::DeviceArrived";
     KESTRA_LOG(kUnit, kFunction, LOG_TRACE, 0, L"DeviceArrived Enter");
+    if (isPath(device)) traceEvent(trace::EventKind::Arrival);
     {
         const LockGuard access(m_mutexAccess);
         if (m_requests.isOpen()) {
@@ -186,6 +188,7 @@ void Card::DeviceRemoved(const DEV_BROADCAST_DEVICEINTERFACE_W& device) noexcept
     if (!isPath(device)) {
         KESTRA_LOG(kUnit, kFunction, LOG_TRACE, 0, L"Foreign device.");
     } else {
+        traceEvent(trace::EventKind::Removal);
         const LockGuard access(m_mutexAccess);
         stopCard(LifeEvent::Removal);
         KESTRA_LOG(kUnit, kFunction, LOG_TRACE, 0, L"OnCardStopped Leave");

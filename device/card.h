@@ -67,6 +67,7 @@ protected:
 
 private:
     const ModuleReference m_module; ///< first: a card has threads, which must not lose their code while it is open
+    const TraceUse m_trace;         ///< before all that may be traced
 
     bool hasObjects() const noexcept;
     void OpenCard() REQUIRES(m_mutexAccess);

@@ -94,6 +94,7 @@ bool CardRequests::adopt(UniqueFile device) noexcept {
         card->file = std::move(device);
         const LockGuard lock(m_mutex);
         card->number = ++m_openings;
+        traceEvent(trace::EventKind::Opened, 0, ERROR_SUCCESS, card->traceNumber);
         m_card = std::move(card);
         return true;
     } catch (const std::bad_alloc&) {
@@ -164,11 +165,14 @@ DWORD CardRequests::askRaw(const Raw& raw, DWORD patienceMs, DWORD& bytes) noexc
     OVERLAPPED overlapped{};
     overlapped.hEvent = event.get();
     DWORD error = ERROR_SUCCESS;
+    TracedRequest traced;
+    traced.begin(raw.traced(*request.card()));
     if (!DeviceIoControl(request.device(), raw.code, raw.sent, raw.sentBytes, raw.answer, raw.answerBytes, &bytes,
                          &overlapped)) {
         error = GetLastError();
         if (error == ERROR_IO_PENDING) error = awaitAnswer(request.device(), overlapped, patienceMs, bytes);
     }
+    traced.end(error, bytes);
     keepEvent(std::move(event));
     return error;
 }
@@ -199,11 +203,13 @@ RequestResult CardRequests::issueRaw(const Raw& raw, PendingRequest& pending) no
     pending.card = request.card();
     DWORD bytes = 0;
     DWORD error = ERROR_SUCCESS;
+    pending.traced.begin(raw.traced(*request.card()));
     if (!DeviceIoControl(request.device(), raw.code, raw.sent, raw.sentBytes, raw.answer, raw.answerBytes, &bytes,
                          &pending.overlapped))
         error = GetLastError();
     if (error == ERROR_IO_PENDING) error = ERROR_SUCCESS;
     pending.issued = error == ERROR_SUCCESS;
+    if (!pending.issued) pending.traced.end(error, 0);
     return resultOf(error);
 }
 
@@ -225,7 +231,9 @@ RequestResult CardRequests::askDirect(uint32_t code, void* memory, uint32_t byte
     const RequestResult result = issueByThread(raw, pending);
     DWORD answered = 0;
     if (!pending.issued) return result;
-    return resultOf(awaitAnswer(request.device(), pending.overlapped, patienceMs, answered));
+    const DWORD error = awaitAnswer(request.device(), pending.overlapped, patienceMs, answered);
+    pending.traced.end(error, answered);
+    return resultOf(error);
 }
 
 RequestResult CardRequests::judged(const Raw& raw, uint32_t readBytes, DWORD patienceMs) noexcept {
@@ -271,9 +279,11 @@ void CardRequests::logDriverResult(uint32_t code, uint32_t driverResult) noexcep
 DWORD CardRequests::collect(PendingRequest& pending, DWORD& bytes) noexcept {
     pending.issued = false;
     const std::shared_ptr<OpenedCard> card = pending.card.lock();
-    return GetOverlappedResult(card ? card->file.get() : nullptr, &pending.overlapped, &bytes, FALSE)
-               ? DWORD{ERROR_SUCCESS}
-               : GetLastError();
+    const DWORD error = GetOverlappedResult(card ? card->file.get() : nullptr, &pending.overlapped, &bytes, FALSE)
+                            ? DWORD{ERROR_SUCCESS}
+                            : GetLastError();
+    pending.traced.end(error, bytes);
+    return error;
 }
 
 bool CardRequests::end(PendingRequest& pending, DWORD patienceMs) noexcept {
@@ -282,7 +292,11 @@ bool CardRequests::end(PendingRequest& pending, DWORD patienceMs) noexcept {
         if (const std::shared_ptr<OpenedCard> card = pending.card.lock())
             CancelIoEx(card->file.get(), &pending.overlapped); // else the close has ended it
     if (WaitForSingleObject(pending.event.get(), patienceMs) != WAIT_OBJECT_0) return false;
-    pending.issued = false;
+    DWORD bytes = 0;
+    if (pending.traced.isTraced())
+        collect(pending, bytes);
+    else
+        pending.issued = false;
     return true;
 }
 

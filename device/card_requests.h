@@ -2,6 +2,7 @@
 // end when the card goes. Any thread. Private to device/.
 #pragma once
 
+#include "device/tracing.h"
 #include "protocol/records.h"
 #include "protocol/requests.h"
 #include "sync/mutex.h"
@@ -32,6 +33,14 @@ struct OpenedCard {
     UniqueFile file;
     uint32_t number = 0;    ///< of the opening: 1, 2, ...
     uint32_t sessionId = 0; ///< the driver's
+    uint32_t traceNumber = nextTraceOpening();
+
+    OpenedCard() = default;
+    OpenedCard(const OpenedCard&) = delete;
+    OpenedCard& operator=(const OpenedCard&) = delete;
+    ~OpenedCard() {
+        if (file) traceEvent(trace::EventKind::Closed, 0, 0, traceNumber);
+    }
 };
 
 /// A request that the system may still write to. Its memory must stay until it has ended, see CardRequests::end.
@@ -49,6 +58,7 @@ struct PendingRequest {
     const UniqueObject event;
     std::weak_ptr<OpenedCard> card; ///< a handle that has been closed has nothing left to cancel
     bool issued = false;
+    TracedRequest traced;
 };
 
 class CardRequests {
@@ -133,6 +143,10 @@ private:
         void* answer;
         uint32_t answerBytes;
         uint32_t onlyInSession;
+
+        TracedRequest::What traced(const OpenedCard& card) const noexcept {
+            return {code, port, card.traceNumber, sent, sentBytes, answer, answerBytes};
+        }
     };
     class UnderWay;
 

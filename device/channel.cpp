@@ -221,10 +221,17 @@ Channel::Life::LoopEnd Channel::loop(Run& run) {
     return GrabLoop(*this, run).run();
 }
 
-void Channel::tellClient(const Run& run) {
+void Channel::tellClient(const Run& run) const {
     TarnisFrameInfo frame{};
     frame.dmaStatus = DMA_STATUS_DICONNECTED;
-    if (run.setup.callback) run.setup.callback(run.setup.context, &frame);
+    callClient(run, frame);
+}
+
+void Channel::callClient(const Run& run, const TarnisFrameInfo& frame) const {
+    if (!run.setup.callback) return;
+    traceEvent(trace::EventKind::CallbackBegin, m_port, frame.dmaStatus, 0, frame.lpRawBuffer, frame.bufferSize);
+    run.setup.callback(run.setup.context, &frame);
+    traceEvent(trace::EventKind::CallbackEnd, m_port);
 }
 
 Channel::Patience Channel::stopPatience() {

@@ -91,7 +91,8 @@ private:
     static void started(Run& run) { SetEvent(run.startedEvent.get()); }
     static bool awaitEarlier(const Run& run, const Run& earlier);
     Life::LoopEnd loop(Run& run);
-    static void tellClient(const Run& run);
+    void tellClient(const Run& run) const;
+    void callClient(const Run& run, const TarnisFrameInfo& frame) const;
     static void tellToLeave(Run& run) { run.tellToLeave(); }
     struct Patience {
         ULONGLONG untilMs = ~0ull; ///< of the system's tick count

@@ -56,9 +56,13 @@ uint32_t noexp_TARNIS_GetSlotInfo(HANDLE device, uint32_t* slotValue, wchar_t* t
     wire::GetSlotInfo::Sent request{};
     wire::GetSlotInfo::Answer reply{};
     DWORD bytes = 0;
-    if (!DeviceIoControl(device, wire::GetSlotInfo::kCode, &request, sizeof request, &reply, sizeof reply, &bytes,
-                         nullptr)) {
-        const DWORD error = GetLastError();
+    TracedRequest traced;
+    traced.begin({wire::GetSlotInfo::kCode, 0, 0, &request, sizeof request, &reply, sizeof reply});
+    const bool isAnswered = DeviceIoControl(device, wire::GetSlotInfo::kCode, &request, sizeof request, &reply,
+                                            sizeof reply, &bytes, nullptr) != FALSE;
+    const DWORD error = isAnswered ? ERROR_SUCCESS : GetLastError();
+    traced.end(error, bytes);
+    if (!isAnswered) {
         KESTRA_LOG(kUnit, "noexp_TARNIS_GetSlotInfo", LOG_ERROR, error,
                    L"First chanceDeviceIOCtl(KestraCTL_GET_SLOT_INFO) failed. ErrorCode=%d(0x%08X).",
                    static_cast<int>(error), static_cast<unsigned>(error));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "device/tarnis.h"
+#include "device/tracing.h"
 #include "protocol/card_interface.h"
 
 #include <windows.h>
@@ -50,6 +51,7 @@ private:
         std::unique_ptr<wchar_t[]> text;
     };
 
+    const kestra::TraceUse m_trace;
     std::vector<Entry> m_entries;
     size_t m_cursor = 0;
 };

@@ -108,7 +108,7 @@ void GrabLoop::callBack() {
         frame.frameByte = m_reply.frameByte;
         frame.frameWord2 = m_reply.frameWord2;
     }
-    if (m_run.setup.callback) m_run.setup.callback(m_run.setup.context, &frame);
+    m_channel.callClient(m_run, frame);
 }
 
 bool GrabLoop::knowsBuffer() {
@@ -130,6 +130,7 @@ bool GrabLoop::pause() const {
 
 std::optional<GrabLoop::End> GrabLoop::checkInput() {
     ResetEvent(m_run.inputCheck.get());
+    traceEvent(trace::EventKind::InputEvent, m_channel.m_port);
     uint8_t connected = 0;
     TarnisCameraStatus status{};
     if (isConnected(m_requests, m_channel.m_port, connected) == TARNIS_SUCCESS && connected != 0 &&

@@ -1,0 +1,261 @@
+// What the library records of its requests, against what the card says it received; and that nothing is recorded unless
+// the user wants it.
+#include "protocol/requests.h"
+#include "protocol/user_settings.h"
+#include "tests/device/device_test.h"
+#include "tests/support/child_program.h"
+#include "tests/support/registry_sandbox.h"
+#include "trace/trace_reader.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <thread>
+
+namespace kestra::test {
+namespace {
+
+using trace::Event;
+using trace::EventKind;
+using trace::Request;
+using trace::Trace;
+
+class DeviceTraceTest : public CardTest {
+protected:
+    void SetUp() override {
+        CardTest::SetUp();
+        m_folder = std::filesystem::temp_directory_path() /
+                   ("kestra-trace-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++s_number));
+        std::filesystem::create_directories(m_folder);
+        m_card.clearLog();
+    }
+    void TearDown() override {
+        SetEnvironmentVariableW(kTraceVariable, nullptr);
+        SetEnvironmentVariableW(kTraceFramesVariable, nullptr);
+        std::error_code ignored;
+        std::filesystem::remove_all(m_folder, ignored);
+        CardTest::TearDown();
+    }
+    void record() { SetEnvironmentVariableW(kTraceVariable, m_folder.wstring().c_str()); }
+
+    std::vector<std::vector<uint8_t>> files() const {
+        std::vector<std::vector<uint8_t>> files;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder)) {
+            std::ifstream file(entry.path(), std::ios::binary);
+            files.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+        }
+        return files;
+    }
+    Trace trace() const { return trace::readTrace(files()); }
+    Trace traceIfAny() const {
+        const auto all = files();
+        return all.empty() || all[0].empty() ? Trace() : trace::readTrace(all);
+    }
+
+    /// Opens the card, grabs so many frames of a channel and closes it.
+    void session(int frames) {
+        TARNIS_HANDLE grabber = openCard();
+        ASSERT_NE(grabber, nullptr);
+        FrameCounter counter;
+        TarnisCameraData data{};
+        data.outputSelector = TARNIS_OUTPUT_YUV422_8;
+        ASSERT_EQ(TARNIS_GetDMAAccess(grabber, 0), 0u);
+        ASSERT_EQ(TARNIS_StartGrab(grabber, 0, 0, &data, FrameCounter::onFrame, counter.context()), 0u);
+        EXPECT_TRUE(counter.waitForFrames(frames));
+        TARNIS_StopGrab(grabber, 0);
+        TARNIS_ReleaseDMAAccess(grabber, 0);
+        TARNIS_Done(grabber);
+        EXPECT_EQ(counter.wrong, 0);
+    }
+
+    static inline int s_number = 0;
+    std::filesystem::path m_folder;
+};
+
+size_t count(const Trace& trace, EventKind kind) {
+    return size_t(
+        std::count_if(trace.events.begin(), trace.events.end(), [=](const Event& e) { return e.kind == kind; }));
+}
+
+TEST_F(DeviceTraceTest, WithoutAWishThereIsNoFile) {
+    session(3);
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
+}
+
+TEST_F(DeviceTraceTest, HoldsEveryRequestThatTheCardReceivedWithItsBytes) {
+    record();
+    session(5);
+    const Trace traced = trace();
+    EXPECT_EQ(traced.lost, 0u);
+    EXPECT_FALSE(traced.isCut);
+    std::map<std::pair<uint32_t, std::vector<uint8_t>>, int> difference; // card's minus trace's
+    for (const simcard::LogEntry& entry : m_card.log())
+        if (entry.code != wire::kGetSlotInfo) ++difference[{entry.code, {entry.bytes, entry.bytes + entry.byteCount}}];
+    for (const Request& request : traced.requests) {
+        EXPECT_TRUE(request.hasBegun);
+        EXPECT_TRUE(request.hasEnded) << wire::requestName(request.code);
+        EXPECT_GT(request.end100ns, request.begin100ns) << wire::requestName(request.code);
+        if (request.code != wire::kGetSlotInfo) --difference[{request.code, request.sent}]; // asked of every card
+    }
+    for (const auto& [request, times] : difference)
+        EXPECT_EQ(times, 0) << wire::requestName(request.first);
+    const auto& open = *std::find_if(traced.requests.begin(), traced.requests.end(),
+                                     [](const Request& r) { return r.code == wire::kOpenSession; });
+    ASSERT_EQ(open.reply.size(), sizeof(wire::OpenSessionReply));
+    EXPECT_EQ(open.reply[0], 0);
+    EXPECT_NE(open.reply[4], 0) << "the session's id";
+    EXPECT_EQ(count(traced, EventKind::Opened), 1u);
+    EXPECT_EQ(count(traced, EventKind::Closed), 1u);
+    EXPECT_GE(count(traced, EventKind::CallbackBegin), 5u);
+    EXPECT_EQ(count(traced, EventKind::CallbackBegin), count(traced, EventKind::CallbackEnd));
+    for (const Event& event : traced.events) {
+        if (event.kind != EventKind::CallbackBegin || event.value != DMA_STATUS_GOOD) continue;
+        EXPECT_EQ(event.frameBytes, FrameCounter().frameBytes());
+        EXPECT_TRUE(event.content.empty()) << "no picture unless it is asked for";
+        EXPECT_NE(event.frameHash, 0u);
+    }
+}
+
+TEST_F(DeviceTraceTest, KeepsAsManyFramesAsWanted) {
+    record();
+    SetEnvironmentVariableW(kTraceFramesVariable, L"2");
+    session(5);
+    int kept = 0;
+    for (const Event& event : trace().events) {
+        if (event.content.empty()) continue;
+        ++kept;
+        EXPECT_EQ(event.content.size(), event.frameBytes);
+        EXPECT_EQ(trace::frameHash(event.content), event.frameHash);
+    }
+    EXPECT_EQ(kept, 2);
+}
+
+TEST_F(DeviceTraceTest, ARefusalIsRecordedWithItsError) {
+    record();
+    m_card.failNext(wire::kConnection, 0xC0000022);
+    m_card.refuseNext(wire::kVideoStatus, 9);
+    TARNIS_HANDLE grabber = openCard();
+    uint8_t connected = 0;
+    EXPECT_EQ(TARNIS_IsCameraConnected(grabber, 0, &connected), 4u);
+    TarnisCameraStatus status{};
+    EXPECT_EQ(TARNIS_GetCameraStatus(grabber, 0, &status), 255u);
+    TARNIS_Done(grabber);
+    for (const Request& request : trace().requests) {
+        if (request.code == wire::kConnection) {
+            EXPECT_EQ(request.win32Error, DWORD{ERROR_ACCESS_DENIED});
+            EXPECT_TRUE(request.reply.empty());
+        }
+        if (request.code == wire::kVideoStatus) {
+            EXPECT_EQ(request.win32Error, 0u);
+            EXPECT_EQ(request.reply[0], 9);
+        }
+    }
+}
+
+TEST_F(DeviceTraceTest, ARequestThatIsNeverAnsweredIsInTheFileWhileItHangs) {
+    record();
+    m_card.addFault({simcard::FaultKind::NeverComplete, wire::kConnection, 0, 0, 1, {}});
+    TARNIS_HANDLE grabber = openCard();
+    std::thread asking([&] {
+        uint8_t connected = 0;
+        TARNIS_IsCameraConnected(grabber, 0, &connected);
+    });
+    EXPECT_TRUE(waitUntil([&] {
+        const Trace now = traceIfAny();
+        return std::any_of(now.requests.begin(), now.requests.end(),
+                           [](const Request& r) { return r.code == wire::kConnection && !r.hasEnded; });
+    }));
+    m_card.clearFaults();
+    asking.join();
+    TARNIS_Done(grabber);
+    for (const Request& request : trace().requests) {
+        if (request.code == wire::kConnection) {
+            EXPECT_EQ(request.win32Error, DWORD{ERROR_OPERATION_ABORTED});
+        }
+    }
+}
+
+TEST_F(DeviceTraceTest, ACardThatCannotBeOpenedAndOneThatComesAndGoesAreEvents) {
+    record();
+    TARNIS_HANDLE grabber = openCard();
+    m_card.unplug();
+    EXPECT_TRUE(waitUntil([&] { return count(traceIfAny(), EventKind::Closed) == 1; }));
+    m_card.plug();
+    EXPECT_TRUE(waitUntil([&] { return count(traceIfAny(), EventKind::Opened) == 2; }));
+    TARNIS_Done(grabber);
+    const Trace traced = trace();
+    EXPECT_EQ(count(traced, EventKind::Removal), 1u);
+    EXPECT_EQ(count(traced, EventKind::Arrival), 1u);
+}
+
+TEST_F(DeviceTraceTest, AChangeOfTheInputIsAnEvent) {
+    record();
+    TARNIS_HANDLE grabber = openCard();
+    FrameCounter counter;
+    TarnisCameraData data{};
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
+    TARNIS_GetDMAAccess(grabber, 0);
+    TARNIS_StartGrab(grabber, 0, 0, &data, FrameCounter::onFrame, counter.context());
+    EXPECT_TRUE(counter.waitForFrames(2));
+    simcard::Signal other = simcard::kDefaultSignal;
+    other.width = 1280;
+    other.height = 720;
+    m_card.setSignal(other);
+    EXPECT_TRUE(waitUntil([&] { return counter.disconnected == 1; }));
+    TARNIS_Done(grabber);
+    const Trace traced = trace();
+    EXPECT_GE(count(traced, EventKind::InputEvent), 1u);
+    EXPECT_TRUE(std::any_of(traced.events.begin(), traced.events.end(), [](const Event& event) {
+        return event.kind == EventKind::CallbackBegin && event.value == DMA_STATUS_DICONNECTED;
+    }));
+}
+
+TEST_F(DeviceTraceTest, TheRegistrysWishHoldsForEveryProcessAndEndsWithinSeconds) {
+    RegistrySandbox registry;
+    registry.setText(kLogKey, kTraceFolderValue, m_folder.wstring());
+    TARNIS_HANDLE grabber = openCard();
+    uint8_t connected = 0;
+    TARNIS_IsCameraConnected(grabber, 0, &connected);
+    EXPECT_TRUE(waitUntil([&] { return !traceIfAny().requests.empty(); }));
+    RegDeleteKeyValueW(HKEY_CURRENT_USER, kLogKey, kTraceFolderValue);
+    EXPECT_TRUE(waitUntil([&] {
+        const size_t before = traceIfAny().requests.size();
+        TARNIS_IsCameraConnected(grabber, 0, &connected);
+        Sleep(300); // three times the writer's pause: by then it would be in the file
+        return traceIfAny().requests.size() == before;
+    }));
+    TARNIS_Done(grabber);
+}
+
+TEST_F(DeviceTraceTest, AFolderThatIsNotThereIsLoggedAndCostsNothingElse) {
+    SetEnvironmentVariableW(kTraceVariable, (m_folder / "missing").wstring().c_str());
+    LibraryLogCapture log;
+    session(3);
+    const auto records = log.records();
+    EXPECT_EQ(std::count_if(
+                  records.begin(), records.end(),
+                  [](const auto& record) { return record.message.find(L"cannot be written") != std::wstring::npos; }),
+              1);
+}
+
+TEST_F(DeviceTraceTest, AProgramThatIsEndedLosesAtMostTheLastSecond) {
+    record();
+    uint64_t ended100ns = 0;
+    {
+        ChildProgram program("\"" KESTRA_CTL "\" watch --json");
+        ASSERT_TRUE(waitUntil([&] {
+            const Trace now = traceIfAny();
+            return count(now, EventKind::CallbackBegin) > 30;
+        }));
+        FILETIME utc;
+        GetSystemTimeAsFileTime(&utc);
+        ended100ns = uint64_t{utc.dwHighDateTime} << 32 | utc.dwLowDateTime;
+    }
+    const Trace traced = trace();
+    EXPECT_GT(traced.start100ns + traced.requests.back().begin100ns + 10'000'000, ended100ns);
+    EXPECT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }));
+}
+
+} // namespace
+} // namespace kestra::test
