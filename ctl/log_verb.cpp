@@ -6,6 +6,7 @@
 #include "ctl/output_file.h"
 #include "ctl/system_error.h"
 #include "ctl/text.h"
+#include "ctl/trace_files.h"
 #include "ctl/user_registry.h"
 #include "ctl/verbs.h"
 #include "protocol/user_settings.h"
@@ -59,17 +60,6 @@ std::string readLog(const Options::Log& log) {
 
 uint32_t severityOf(std::optional<uint32_t> stored) noexcept {
     return stored && *stored < std::size(kSeverities) ? *stored : kDefaultSeverity;
-}
-
-std::string fullFolder(const std::string& folder) {
-    wchar_t path[MAX_PATH];
-    const DWORD length = GetFullPathNameW(wideOfUtf8(folder).c_str(), MAX_PATH, path, nullptr);
-    const DWORD attributes = length != 0 && length < MAX_PATH ? GetFileAttributesW(path) : INVALID_FILE_ATTRIBUTES;
-    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
-        throw Failure(ExitCode::Usage, "there is no folder '" + folder + "'", "make it first");
-    std::string full = utf8OfWide(path);
-    if (full.back() != '\\') full += '\\';
-    return full;
 }
 
 /// @param isTrial  only says what is wrong
@@ -217,8 +207,9 @@ ExitCode bundle(const Options& options, Console& console) {
     for (const Verb& verb : kVerbs) {
         const std::string name = verb.name;
         Options asked;
-        if (name == "list" || name == "formats" || name == "log") {
+        if (name == "list" || name == "formats" || name == "log" || name == "trace") {
             asked.formats.name = asked.log.action = "show";
+            asked.trace.action = "status";
             put(name + ".txt", saidBy(verb, asked, console));
         } else if (name == "doctor") {
             put("doctor.txt", saidBy(verb, asked, console));
@@ -229,6 +220,8 @@ ExitCode bundle(const Options& options, Console& console) {
             }
         }
     }
+    for (const std::string& file : lastTraceFiles())
+        put(file.substr(file.find_last_of('\\') + 1), readFile(file));
     try {
         put("TARNIS.txt", readLog(options.log));
     } catch (const Failure& failure) {

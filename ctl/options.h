@@ -57,6 +57,15 @@ struct Options {
         uint32_t lines = 20;
         bool follow = false;
     } log;
+
+    struct Trace {
+        std::string action;
+        std::string folder;       ///< that programs write into
+        uint32_t frames = 0;      ///< whose contents are kept
+        uint32_t megabytes = 64;  ///< of a trace
+        std::string file, second; ///< traces
+        std::string page;         ///< of a plot
+    } trace;
 };
 
 } // namespace kestra::ctl

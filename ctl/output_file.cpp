@@ -135,4 +135,15 @@ std::string readFile(const std::string& name) {
     }
 }
 
+std::string fullFolder(const std::string& folder) {
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetFullPathNameW(wideOfUtf8(folder).c_str(), MAX_PATH, path, nullptr);
+    const DWORD attributes = length != 0 && length < MAX_PATH ? GetFileAttributesW(path) : INVALID_FILE_ATTRIBUTES;
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        throw Failure(ExitCode::Usage, "there is no folder '" + folder + "'", "make it first");
+    std::string full = utf8OfWide(path);
+    if (full.back() != '\\') full += '\\';
+    return full;
+}
+
 } // namespace kestra::ctl

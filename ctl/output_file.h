@@ -39,5 +39,7 @@ private:
 void writeFile(const std::string& name, const void* bytes, size_t size);
 /// Throws Failure.
 std::string readFile(const std::string& name);
+/// The whole path of a folder, ended by a backslash. Throws Failure if there is none.
+std::string fullFolder(const std::string& folder);
 
 } // namespace kestra::ctl

@@ -38,7 +38,9 @@ enum TakesOptions : uint32_t { kTakesNothing = 0, kTakesCard = 1, kTakesJson = 2
         "kestra-ctl log set detail=3 folder=C:\\Temp\nkestra-ctl log tail --follow\nkestra-ctl log bundle C:\\report") \
     VERB("doctor", Doctor, kTakesCard | kTakesJson | kCountsProblems,                                                  \
          "why an application does not see, start or keep the card; the exit code is the number of problems",           \
-         "kestra-ctl doctor")
+         "kestra-ctl doctor")                                                                                          \
+    VERB("trace", Trace, kTakesJson, "what was asked of cards and what they answered: recorded, shown, compared",      \
+         "kestra-ctl trace start C:\\Temp --frames 3\nkestra-ctl trace show kestra-20260301-181502-4711.ktrace")
 
 #define KESTRA_CTL_DECLARE(name, Function, takes, help, example)                                                       \
     void add##Function##Options(CLI::App& verb, Options& options);                                                     \
