@@ -180,6 +180,21 @@ void CardControl::clearLog() const {
     send("Clearing the log", kControlClearLog, CardNumber{m_card});
 }
 
+void CardControl::setReplay(const std::vector<uint8_t>& script) const {
+    std::vector<uint8_t> request(sizeof(CardNumber));
+    const CardNumber card = {m_card};
+    std::memcpy(request.data(), &card, sizeof card);
+    request.insert(request.end(), script.begin(), script.end());
+    ControlDevice().call("Setting the replay", kControlSetReplay, request.data(), request.size());
+}
+
+ReplayReport CardControl::replayReport() const {
+    ReplayReport report = {};
+    const CardNumber request = {m_card};
+    ControlDevice().call("Reading the replay", kControlReadReplay, &request, sizeof request, &report, sizeof report);
+    return report;
+}
+
 void CardControl::reset() const {
     send("Resetting the card", kControlReset, CardNumber{m_card});
     plug();

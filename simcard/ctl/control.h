@@ -44,6 +44,9 @@ public:
     /// The requests received since the log was cleared, oldest first; the card keeps the last 2048.
     std::vector<LogEntry> log(uint64_t firstSequence = 0) const;
     void clearLog() const;
+    /// Answers as the script says (replay_script.h); an empty one ends that.
+    void setReplay(const std::vector<uint8_t>& script) const;
+    ReplayReport replayReport() const;
     /// Plugged, default signal, options and converter, no faults, empty log.
     void reset() const;
 

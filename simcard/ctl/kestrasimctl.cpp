@@ -1,13 +1,17 @@
 // kestrasimctl: the simulated card at the command line. Exit codes: 0 done, 1 failed, 2 wrong usage.
 #include "simcard/ctl/control.h"
+#include "simcard/ctl/replay_script.h"
 #include "win32/handle.h"
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -178,6 +182,56 @@ void choose(const Call& call, Value Options::*option, std::initializer_list<std:
     throw UsageError{"unknown word '" + call.arguments[0] + "'"};
 }
 
+/// A trace's first file and those beside it: name.ktrace, name.1.ktrace, ...
+trace::Trace loadTrace(const std::string& first) {
+    std::vector<std::vector<uint8_t>> files;
+    for (uint32_t i = 0; i < trace::kFiles; ++i) {
+        std::string name = first;
+        if (i != 0) name.insert(std::min(first.rfind(".ktrace"), first.size()), std::string{'.', char('0' + i)});
+        std::ifstream file(name, std::ios::binary);
+        if (!file && i == 0) throw std::runtime_error(first + " cannot be read");
+        if (file) files.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    return trace::readTrace(files);
+}
+
+void replay(const Call& call) {
+    const ReplayScript script = replayScriptOf(loadTrace(call.arguments[0]));
+    call.card.setReplay(script.bytes);
+    if (script.refusesOpen) call.card.addFault({FaultKind::RefuseOpen, 0, 0xC0000022, 0, kForever, {}});
+    for (const std::string& caution : script.cautions)
+        std::fprintf(stderr, "kestrasimctl: %s\n", caution.c_str());
+}
+
+/// The names of the first requests that were not recorded.
+std::string unrecordedNames(const ReplayReport& report) {
+    std::string names;
+    for (uint32_t i = 0; i < report.notRecorded && i < kReportedCodes; ++i)
+        names += (names.empty() ? "" : ", ") + std::string(wire::requestName(report.codes[i]));
+    return names;
+}
+
+void printReplay(const Call& call) {
+    const ReplayReport report = call.card.replayReport();
+    if (call.json) {
+        std::printf("{\"replays\":%s,\"answered\":%u,\"notRecorded\":%u,\"askedAgain\":%u,\"notAsked\":%u,"
+                    "\"events\":%u,\"eventsLeft\":%u}\n",
+                    report.isLoaded ? "true" : "false", report.answered, report.notRecorded, report.askedAgain,
+                    report.notAsked, report.events, report.eventsLeft);
+        return;
+    }
+    if (!report.isLoaded) {
+        std::printf("the card replays nothing\n");
+        return;
+    }
+    std::printf("%u requests answered as recorded, %u events happened, %u are left\n", report.answered, report.events,
+                report.eventsLeft);
+    std::printf("%u requests were not recorded%s%s\n", report.notRecorded, report.notRecorded != 0 ? ": " : "",
+                unrecordedNames(report).c_str());
+    std::printf("%u requests were asked more often than recorded, or at another time\n", report.askedAgain);
+    std::printf("%u recorded answers were not asked for\n", report.notAsked);
+}
+
 constexpr int kAnyCount = -1;
 
 struct Command {
@@ -229,6 +283,12 @@ const Command kCommands[] = {
     {"clear-log", "", 0, "empty the request log", [](const Call& call) { call.card.clearLog(); }},
     {"reset", "", 0, "plugged in, 1080p60 with audio, no faults, empty log",
      [](const Call& call) { call.card.reset(); }},
+    {"replay", "FILE", 1,
+     "answer as the card of this trace did, until `reset` or `replay-stop`\n"
+     "  FILE    a trace (docs/trace.md); what it does not hold, the simulated card answers by itself",
+     replay},
+    {"replay-report", "", 0, "how far what was asked is what was recorded", printReplay},
+    {"replay-stop", "", 0, "answer by itself again", [](const Call& call) { call.card.setReplay({}); }},
     {"log", "", 0, "the requests that the card received: number, time, client, code, NT status, result, sizes, bytes",
      [](const Call& call) { printLog(call.card.log(), call.json); }},
 };

@@ -50,6 +50,7 @@ struct Extension {
     PictureSource picture; // draws in `frame`
     uint8_t* block;        ///< sound
     uint32_t blockCapacity;
+    uint8_t* script; ///< of a replay
     HANDLE thread;
     void* threadObject;
     volatile LONG stopping;
@@ -252,7 +253,7 @@ void NTAPI paceFrames(void* context) {
     constexpr uint64_t kLongestNap = 20000; // 2 ms: how late a delayed request or a stop may be noticed
     uint64_t due = x.host.now100ns();
     while (!x.stopping) {
-        bool unplug, wanted, ready;
+        bool unplug, plug, wanted, ready;
         Signal signal;
         Pace pace;
         {
@@ -260,12 +261,13 @@ void NTAPI paceFrames(void* context) {
             Locked state(x.state);
             x.card->poll();
             unplug = x.card->unplugRequested();
+            plug = x.card->plugRequested();
             wanted = x.card->wantsFrames();
             ready = x.card->anyReady() && x.card->allReady();
             signal = x.card->signal();
             pace = x.card->options().pace;
         }
-        if (unplug) setPlugged(x, false);
+        if (unplug || plug) setPlugged(x, plug);
         const uint64_t now = x.host.now100ns();
         if (!wanted) {
             due = now;
@@ -360,6 +362,13 @@ NTSTATUS controlRequest(IRP* irp) {
         setPlugged(x, request.plugged != 0);
         return finish(irp, STATUS_SUCCESS);
     }
+    uint8_t* script = nullptr;
+    const ULONG scriptSize = inSize - sizeof(CardNumber);
+    if (parameters.IoControlCode == kControlSetReplay && scriptSize != 0) {
+        script = static_cast<uint8_t*>(allocate(scriptSize));
+        if (!script) return finish(irp, STATUS_INSUFFICIENT_RESOURCES);
+        std::memcpy(script, buffer + sizeof(CardNumber), scriptSize);
+    }
     bool ok = true;
     ULONG replySize = 0;
     {
@@ -406,10 +415,23 @@ NTSTATUS controlRequest(IRP* irp) {
         case kControlReset:
             x.card->reset();
             break;
+        case kControlSetReplay: {
+            ok = x.card->setReplay(script, scriptSize);
+            uint8_t* former = x.script;
+            x.script = script;
+            script = former; // no longer in use
+            break;
+        }
+        case kControlReadReplay:
+            if (outSize < sizeof(ReplayReport)) return finish(irp, STATUS_BUFFER_TOO_SMALL);
+            x.card->readReplay(*reinterpret_cast<ReplayReport*>(buffer));
+            replySize = sizeof(ReplayReport);
+            break;
         default:
             ok = false;
         }
     }
+    if (script) ExFreePoolWithTag(script, kTag);
     updateLink(x);
     return finish(irp, ok ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER, replySize);
 }
@@ -461,6 +483,7 @@ void removeCard(Extension& x) {
     }
     if (x.frame) ExFreePoolWithTag(x.frame, kTag);
     if (x.block) ExFreePoolWithTag(x.block, kTag);
+    if (x.script) ExFreePoolWithTag(x.script, kTag);
     if (x.card) ExFreePoolWithTag(x.card, kTag);
     x.card = nullptr;
     if (x.link.Buffer) RtlFreeUnicodeString(&x.link);

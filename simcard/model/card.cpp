@@ -12,7 +12,7 @@ Card::Card(CardHost& host, uint32_t slot) noexcept : m_host(host), m_slot(slot) 
     std::memset(m_pending, 0, sizeof m_pending);
     std::memset(m_log, 0, sizeof m_log);
     m_plugged = true;
-    m_unplugRequested = false;
+    m_unplugRequested = m_plugRequested = false;
     m_frameNumber = m_lastSession = m_serial = 0;
     m_order = m_requests = 0;
     m_owner[0] = m_owner[1] = 0;
@@ -23,6 +23,7 @@ Card::Card(CardHost& host, uint32_t slot) noexcept : m_host(host), m_slot(slot) 
 void Card::reset() noexcept {
     clearFaults();
     clearLog();
+    setReplay(nullptr, 0);
     m_options = kDefaultOptions;
     m_converter = wire::toWire(wire::kDefaultConverter);
     setSignal(kDefaultSignal);
@@ -60,7 +61,7 @@ uint32_t Card::processOf(uint32_t client) const noexcept {
 }
 
 void Card::setPlugged(bool plugged) noexcept {
-    m_unplugRequested = false;
+    m_unplugRequested = m_plugRequested = false;
     if (plugged == m_plugged) return;
     m_plugged = plugged;
     if (plugged) return;
@@ -155,11 +156,11 @@ Fault* Card::matchFault(uint32_t code, bool dma) noexcept {
 
 // Pending requests.
 
-Outcome Card::pend(const Request& request, PendingKind kind, uint8_t port, uint64_t logSequence,
-                   uint64_t due100ns) noexcept {
+Outcome Card::pend(const Request& request, PendingKind kind, uint8_t port, uint64_t logSequence, uint64_t due100ns,
+                   const ReplayAnswer* recorded) noexcept {
     for (Pending& pending : m_pending)
         if (!pending.used) {
-            pending = {true, kind, port, request, logSequence, due100ns, ++m_order};
+            pending = {true, kind, port, request, logSequence, due100ns, ++m_order, recorded};
             return {kStatusPending, 0};
         }
     return {kStatusInsufficientResources, 0};
@@ -218,13 +219,46 @@ bool Card::cancel(void* token) noexcept {
     return false;
 }
 
+bool Card::setReplay(uint8_t* script, size_t bytes) noexcept {
+    m_replay.unload();
+    for (Pending& pending : m_pending)
+        pending.recorded = nullptr;
+    if (!script) return true;
+    if (!m_replay.load(script, bytes)) return false;
+    return setSignal(m_replay.signal());
+}
+
+void Card::replayEvents() noexcept {
+    while (const ReplayEvent* event = m_replay.takeEvent(m_host.now100ns()))
+        switch (event->kind) {
+        case ReplayEventKind::Removal:
+            m_unplugRequested = true;
+            return; // what follows comes after it
+        case ReplayEventKind::Arrival:
+            m_plugRequested = true;
+            setSignal(event->signal);
+            return;
+        case ReplayEventKind::Input:
+            if (event->signal == m_signal)
+                raiseInputEvents();
+            else
+                setSignal(event->signal);
+            break;
+        }
+    for (uint32_t i = 0; i < kMaxClients; ++i)
+        for (uint8_t port = 0; port < 2; ++port)
+            if (m_clients[i].used) serveLocks(i, port); // whose time may have come
+}
+
 void Card::poll() noexcept {
     const uint64_t now = m_host.now100ns();
+    if (m_replay.isLoaded()) replayEvents();
     for (Pending& pending : m_pending)
         if (pending.used && pending.kind == PendingKind::Delayed && pending.due100ns <= now) {
             const Pending taken = pending;
             pending.used = false;
-            const Outcome outcome = answer(taken.request, taken.logSequence);
+            const Outcome outcome = taken.recorded ? answerAsRecorded(taken.request, *taken.recorded, taken.logSequence)
+                                                   : answer(taken.request, taken.logSequence);
             if (outcome.status == kStatusPending) continue;
             logOutcome(taken.logSequence, taken.request, outcome.status, outcome.replySize);
             m_host.complete(taken.request.token, outcome.status, outcome.replySize);

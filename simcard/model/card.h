@@ -3,6 +3,7 @@
 #pragma once
 
 #include "simcard/model/control_wire.h"
+#include "simcard/model/replay.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -134,6 +135,12 @@ public:
     bool plugged() const noexcept { return m_plugged; }
     /// A fault wants the card to be pulled; the owner does that and calls setPlugged.
     bool unplugRequested() const noexcept { return m_unplugRequested; }
+    /// A replay wants it to come back; the same holds.
+    bool plugRequested() const noexcept { return m_plugRequested; }
+    /// Answers as the script says, as far as it goes. The memory must stay until the next call, or a reset.
+    /// @return false: it is no script
+    bool setReplay(uint8_t* script, size_t bytes) noexcept;
+    void readReplay(ReplayReport& report) const noexcept { m_replay.readReport(report); }
     bool setSignal(const Signal& signal) noexcept;
     const Signal& signal() const noexcept { return m_signal; }
     bool setOptions(const Options& options) noexcept;
@@ -181,10 +188,16 @@ private:
         uint8_t port;
         Request request;
         uint64_t logSequence, due100ns, order;
+        const ReplayAnswer* recorded; ///< of a delayed request; null: the model answers
     };
 
     Outcome process(const Request& request, uint64_t logSequence) noexcept;
     Outcome answer(const Request& request, uint64_t logSequence) noexcept;
+    Outcome answerAsRecorded(const Request& request, const ReplayAnswer& recorded, uint64_t logSequence) noexcept;
+    void replayEvents() noexcept;
+    bool isLockDue(uint8_t port) noexcept {
+        return !m_replay.isLoaded() || m_replay.isLockDue(port, m_host.now100ns());
+    }
     Outcome openSession(Client& client, const Request& request) noexcept;
     Outcome channelAccess(uint32_t index, const Request& request, const uint8_t* in) noexcept;
     Outcome prepare(Channel& channel, uint8_t port, const uint8_t* in, const Request& request) noexcept;
@@ -197,8 +210,8 @@ private:
     void completeAllOf(uint32_t client, uint32_t status) noexcept;
     void completePending(Pending& pending, uint32_t status, uint32_t replySize) noexcept;
     void completeKind(uint32_t client, PendingKind kind, int port, uint32_t status, uint32_t replySize) noexcept;
-    Outcome pend(const Request& request, PendingKind kind, uint8_t port, uint64_t logSequence,
-                 uint64_t due100ns = 0) noexcept;
+    Outcome pend(const Request& request, PendingKind kind, uint8_t port, uint64_t logSequence, uint64_t due100ns = 0,
+                 const ReplayAnswer* recorded = nullptr) noexcept;
     Pending* oldest(uint32_t client, PendingKind kind, uint8_t port) noexcept;
     uint32_t countPending(uint32_t client, PendingKind kind, uint8_t port) const noexcept;
     void serveLocks(uint32_t client, uint8_t port) noexcept;
@@ -207,7 +220,7 @@ private:
     static uint32_t freeBuffer(const Channel& channel) noexcept;
     /// Index of the filled buffer that has waited longest. @return bufferCount: none is filled.
     static uint32_t oldestFilled(const Channel& channel) noexcept;
-    void fillLockReply(Channel& channel, uint32_t index, const Request& request) noexcept;
+    Outcome fillLockReply(Channel& channel, uint8_t port, uint32_t index, const Request& request) noexcept;
     Fault* matchFault(uint32_t code, bool dma) noexcept;
     bool consume(Fault& fault) noexcept;
     bool matchesInput(const Channel& channel) const noexcept;
@@ -217,11 +230,13 @@ private:
 
     CardHost& m_host;
     uint32_t m_slot;
-    bool m_plugged, m_unplugRequested;
+    bool m_plugged, m_unplugRequested, m_plugRequested;
+    Replay m_replay;
     Signal m_signal;
     Options m_options;
     wire::Converter m_converter;
     uint32_t m_frameNumber, m_lastSession, m_serial;
+    uint8_t m_preparedPort = 0; ///< of the last prepare
     uint64_t m_order, m_requests;
     uint32_t m_owner[2];               ///< client + 1 that holds the channel's DMA access; 0: nobody
     ChannelCounters m_lastCounters[2]; ///< of the channel's last owner: they outlive it

@@ -136,9 +136,9 @@ void Card::serveLocks(uint32_t client, uint8_t port) noexcept {
     if (!channel.grabbing) return;
     for (uint32_t index; (index = oldestFilled(channel)) != channel.bufferCount;) {
         Pending* pending = oldest(client, PendingKind::LockBuffer, port);
-        if (!pending) return;
-        fillLockReply(channel, index, pending->request);
-        completePending(*pending, kStatusSuccess, sizeof(wire::LockBufferReply));
+        if (!pending || !isLockDue(port)) return;
+        const Outcome outcome = fillLockReply(channel, port, index, pending->request);
+        completePending(*pending, outcome.status, outcome.replySize);
     }
 }
 
@@ -159,7 +159,7 @@ uint32_t Card::oldestFilled(const Channel& channel) noexcept {
     return found;
 }
 
-void Card::fillLockReply(Channel& channel, uint32_t index, const Request& request) noexcept {
+Outcome Card::fillLockReply(Channel& channel, uint8_t port, uint32_t index, const Request& request) noexcept {
     Buffer& buffer = channel.buffers[index];
     wire::LockBufferReply reply = {};
     reply.frameWord0 = buffer.frameNumber;
@@ -169,9 +169,20 @@ void Card::fillLockReply(Channel& channel, uint32_t index, const Request& reques
     reply.frameByte = uint8_t(m_signal.interlaced);
     reply.bufferId = bufferId(index, buffer.serial);
     reply.frameWord2 = buffer.serial;
-    std::memcpy(request.out, &reply, sizeof reply);
+    uint32_t size = sizeof reply;
+    if (const ReplayAnswer* recorded = m_replay.isLoaded() ? m_replay.takeLock(port) : nullptr) {
+        if (recorded->status != kStatusSuccess) return {recorded->status, 0}; // the frame is the next lock's
+        wire::LockBufferReply said = reply;
+        if (recorded->replyBytes < size) size = recorded->replyBytes;
+        std::memcpy(&said, m_replay.reply(*recorded), size);
+        said.bufferAddress = reply.bufferAddress;
+        said.bufferId = reply.bufferId;
+        reply = said;
+    }
+    std::memcpy(request.out, &reply, size);
     buffer.state = BufferState::Held;
     ++channel.counters.delivered;
+    return {kStatusSuccess, size};
 }
 
 void Card::startChannel(Channel& channel) noexcept {

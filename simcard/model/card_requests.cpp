@@ -2,6 +2,7 @@
 #include "simcard/model/card.h"
 
 #include "protocol/raw_frame.h"
+#include "protocol/request_fields.h"
 
 #include <cstring>
 
@@ -43,6 +44,18 @@ Outcome Card::request(const Request& request) noexcept {
 Outcome Card::process(const Request& request, uint64_t logSequence) noexcept {
     if (m_clients[request.client].gone || !m_plugged) return {kStatusDeviceNotConnected, 0};
     const Fault* fault = matchFault(request.code, false);
+    if (!fault && m_replay.isLoaded()) {
+        const bool isDirect = !request.in;
+        const uint64_t now = m_host.now100ns();
+        const bool isTable = request.code == wire::kChunkTable || request.code == wire::kChunkTable + wire::kPortStride;
+        const uint8_t* sent = isTable ? request.out : request.in;
+        const uint32_t sentBytes = isTable ? request.outSize : isDirect ? 0 : request.inSize;
+        if (const ReplayAnswer* recorded = m_replay.answerTo(request.code, sent, sentBytes, now)) {
+            if (recorded->delayMs == 0) return answerAsRecorded(request, *recorded, logSequence);
+            return pend(request, PendingKind::Delayed, 0, logSequence, now + uint64_t(recorded->delayMs) * 10000,
+                        recorded);
+        }
+    }
     if (!fault) return answer(request, logSequence);
     switch (fault->kind) {
     case FaultKind::NtStatus:
@@ -74,6 +87,30 @@ Outcome Card::process(const Request& request, uint64_t logSequence) noexcept {
     default:
         return answer(request, logSequence);
     }
+}
+
+/// What the card holds changes as the model says; what is said of it is recorded, but for a session's own.
+Outcome Card::answerAsRecorded(const Request& request, const ReplayAnswer& recorded, uint64_t logSequence) noexcept {
+    if (recorded.status == kNeverAnswered) return pend(request, PendingKind::Hung, 0, logSequence);
+    if (recorded.status != kStatusSuccess) return {recorded.status, 0};
+    const uint8_t* reply = m_replay.reply(recorded);
+    const uint32_t size = recorded.replyBytes < request.outSize ? recorded.replyBytes : request.outSize;
+    wire::Reply head = {};
+    if (request.code != wire::kGetSlotInfo && size >= sizeof head) std::memcpy(&head, reply, sizeof head);
+    if (head.result == 0) {
+        const Outcome outcome = answer(request, logSequence);
+        if (outcome.status != kStatusSuccess) return outcome; // it waits, or the recorded card knew more of the past
+    }
+    for (const wire::Field& field : wire::fieldsOf(request.code).reply)
+        if (field.offset < size && (head.result != 0 || field.kind != wire::FieldKind::Own))
+            std::memcpy(request.out + field.offset, reply + field.offset,
+                        field.bytes < size - field.offset ? field.bytes : size - field.offset);
+    if (request.code == wire::kPrepare && head.result == 0 && size >= sizeof(wire::PrepareReply)) {
+        const auto prepared = readAs<wire::PrepareReply>(reply);
+        Channel& channel = m_clients[request.client].channels[m_preparedPort];
+        if (prepared.frameSizeBytes != 0 && channel.prepared) channel.frameSize = prepared.frameSizeBytes;
+    }
+    return {kStatusSuccess, size};
 }
 
 Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
@@ -173,6 +210,7 @@ Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
         if (!channel.prepared || channel.bufferCount == 0) return result(request, kResultNotPrepared);
         if (channel.grabbing) return result(request, kResultAlreadyGrabbing);
         startChannel(channel);
+        if (m_replay.isLoaded()) m_replay.started(port, m_host.now100ns());
         // A lock request that an earlier stop left waiting is served by the new run.
         return result(request, kResultOk);
     case wire::kStopGrabbing:
@@ -185,10 +223,9 @@ Outcome Card::answer(const Request& request, uint64_t logSequence) noexcept {
             return reply(request, refused);
         }
         const uint32_t filled = oldestFilled(channel);
-        if (filled == channel.bufferCount || oldest(index, PendingKind::LockBuffer, port))
+        if (filled == channel.bufferCount || oldest(index, PendingKind::LockBuffer, port) || !isLockDue(port))
             return pend(request, PendingKind::LockBuffer, port, logSequence);
-        fillLockReply(channel, filled, request);
-        return {kStatusSuccess, sizeof(wire::LockBufferReply)};
+        return fillLockReply(channel, port, filled, request);
     }
     case wire::kUnlockBuffer: {
         const uint32_t id = readAs<wire::UnlockBufferRequest>(in).bufferId;
@@ -257,6 +294,7 @@ Outcome Card::prepare(Channel& channel, uint8_t port, const uint8_t* in, const R
                                                 : audioBlockBytes(wanted.selector, m_signal.nominalFrameRate()));
     if (size == 0) return reply(request, wire::PrepareReply{kResultBadFormat, 0});
     channel.prepared = true;
+    m_preparedPort = port;
     channel.selector = wanted.selector;
     channel.outputParameter = wanted.outputParameter;
     channel.preparedFor = m_signal;

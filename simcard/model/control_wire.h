@@ -25,7 +25,9 @@ enum ControlCode : uint32_t {
     kControlClearFaults = 0xCE338014,
     kControlReadLog = 0xCE338018,
     kControlClearLog = 0xCE33801C,
-    kControlReset = 0xCE338020 ///< default signal, options and converter; no faults, log, counters
+    kControlReset = 0xCE338020,     ///< default signal, options and converter; no faults, log, counters, replay
+    kControlSetReplay = 0xCE338024, ///< CardNumber, then a script of replay.h, or nothing: no replay
+    kControlReadReplay = 0xCE338028 ///< CardNumber -> ReplayReport
 };
 
 enum class Pace : uint32_t { RealTime = 0, AsTaken = 1 };
@@ -116,6 +118,19 @@ struct CardState {
     wire::Converter converter;
     uint8_t reserved2[3];
     char16_t devicePath[256]; ///< of the card's interface, NUL-terminated
+};
+
+constexpr uint32_t kReportedCodes = 16;
+
+/// How far what was asked is what was recorded.
+struct ReplayReport {
+    uint32_t isLoaded;
+    uint32_t answered;              ///< as recorded
+    uint32_t notRecorded;           ///< answered by the model: never asked in the recording
+    uint32_t askedAgain;            ///< answered by the model: more often than in the recording, or at another time
+    uint32_t notAsked;              ///< recorded answers that nobody has asked for until now
+    uint32_t events, eventsLeft;    ///< that have happened, that have not
+    uint32_t codes[kReportedCodes]; ///< of the first that were not recorded
 };
 
 struct LogRequest {

@@ -1,0 +1,320 @@
+// A recorded card in place of the model: what was recorded is said again in its order, at its time, and what was not is
+// answered by the model and counted.
+#include "simcard/ctl/replay_script.h"
+#include "simcard/model/card.h"
+
+#include "protocol/requests.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+
+namespace kestra::simcard {
+namespace {
+
+class FakeHost final : public CardHost {
+public:
+    void complete(void* token, uint32_t status, uint32_t size) override { done[token] = {status, size}; }
+    void signalEvent(uint32_t, uint64_t handle) override { signalled.push_back(handle); }
+    uint64_t now100ns() override { return now; }
+
+    std::map<void*, Outcome> done;
+    std::vector<uint64_t> signalled;
+    uint64_t now = 5'000'000;
+};
+
+template <class Record>
+std::vector<uint8_t> bytesOf(const Record& record) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+    return {bytes, bytes + sizeof record};
+}
+
+/// Writes what a card has said.
+class Recorded {
+public:
+    template <class R>
+    trace::Request& ask(const typename R::Sent& sent, const typename R::Answer& answer, uint64_t took = 1000,
+                        uint32_t error = 0) {
+        trace::Request& request = trace.requests.emplace_back();
+        request.number = uint32_t(trace.requests.size());
+        request.code = R::kCode;
+        request.port = bytesOf(sent)[0];
+        request.begin100ns = time;
+        request.end100ns = time + took;
+        request.hasBegun = request.hasEnded = true;
+        request.win32Error = error;
+        request.sent = bytesOf(sent);
+        if (error == 0) request.reply = bytesOf(answer);
+        time += took + 1000;
+        return request;
+    }
+    void event(trace::EventKind kind, uint32_t value = 0) {
+        trace::Event& event = trace.events.emplace_back();
+        event.kind = kind;
+        event.time100ns = time;
+        event.value = value;
+        time += 1000;
+    }
+    /// The answers that make a signal.
+    void signal(uint16_t width, uint16_t height, uint32_t rate) {
+        ask<wire::VideoStatus>({0, 77}, {0, 9, 1, 0, {}});
+        ask<wire::FormatSize>({0, 77}, {0, width, 0, height, 0});
+        wire::GrabStatisticsReply statistics{};
+        statistics.frameRate = rate;
+        ask<wire::GrabStatistics>({0, 77}, statistics);
+    }
+
+    trace::Trace trace;
+    uint64_t time = 100;
+};
+
+class ReplayTest : public testing::Test {
+protected:
+    void replay(const Recorded& recorded) {
+        m_script = replayScriptOf(recorded.trace);
+        ASSERT_TRUE(m_card->setReplay(m_script.bytes.data(), m_script.bytes.size()));
+        ASSERT_EQ(m_card->open(77, m_client), uint32_t(kStatusSuccess));
+        wire::OpenSessionReply reply{};
+        ASSERT_EQ(ask<wire::OpenSession>({}, reply).status, uint32_t(kStatusSuccess));
+        m_session = reply.sessionId;
+        EXPECT_NE(m_session, 99u) << "the session is its own, not the recorded one";
+    }
+    /// What is sent stays until the test ends, as it does while a request is pending.
+    template <class R>
+    Outcome ask(const typename R::Sent& sent, typename R::Answer& answer) {
+        const std::vector<uint8_t>& kept = m_sent.emplace_back(bytesOf(sent));
+        return m_card->request({&answer, m_client, R::kCode, kept.data(), sizeof sent,
+                                reinterpret_cast<uint8_t*>(&answer), sizeof answer});
+    }
+    wire::Header header(uint8_t port = 0) const { return {port, m_session}; }
+    ReplayReport report() const {
+        ReplayReport report{};
+        m_card->readReplay(report);
+        return report;
+    }
+    void startGrabbing() {
+        wire::Reply reply{};
+        wire::PrepareReply prepared{};
+        ASSERT_EQ(ask<wire::ChannelAccess>({header(), 0x100}, reply).status, 0u);
+        ASSERT_EQ(ask<wire::Prepare>({header(), 1, 9, 0, {0, 1, 0, 1}, {}}, prepared).status, 0u);
+        ASSERT_EQ(prepared.result, 0u);
+        m_card->request({m_chunk, m_client, wire::kLockChunk, nullptr, 0, m_chunk, sizeof m_chunk});
+        m_table = {{0, 1}, {0x10000, 10ull * prepared.frameSizeBytes, 0, 10, 0}};
+        auto* table = reinterpret_cast<uint8_t*>(&m_table);
+        ASSERT_EQ(m_card->request({table, m_client, wire::kChunkTable, nullptr, 0, table, sizeof m_table}).status, 0u);
+        ASSERT_EQ(ask<wire::StartGrabbing>({header(), 0}, reply).status, 0u);
+        ASSERT_EQ(reply.result, 0u);
+    }
+    void runFrame() {
+        m_card->tick();
+        FrameJob job;
+        while (m_card->beginFrame(job))
+            m_card->endFrame(job, true);
+    }
+
+    FakeHost m_host;
+    std::unique_ptr<Card> m_card = std::make_unique<Card>(m_host, 3);
+    ReplayScript m_script;
+    std::deque<std::vector<uint8_t>> m_sent;
+    uint32_t m_client = 0, m_session = 0;
+    uint8_t m_chunk[16] = {};
+    struct {
+        wire::ChunkTableHead head;
+        wire::Chunk chunk;
+    } m_table = {};
+};
+
+TEST_F(ReplayTest, AnswersByKindAndOrderAndByTheModelWhereNothingWasRecorded) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(720, 576, 25);
+    recorded.ask<wire::Connection>({0, 77}, {0, 1});
+    recorded.ask<wire::Connection>({0, 77}, {0, 7});
+    recorded.ask<wire::ReadRegister>({{0, 77}, 0x22}, {0, 0x0800});
+    recorded.ask<wire::ReadRegister>({{0, 77}, 0x999}, {0, 1234});
+    replay(recorded);
+    EXPECT_EQ(m_card->signal().width, 720);
+    EXPECT_EQ(m_card->signal().nominalFrameRate(), 25u);
+    EXPECT_EQ(m_card->signal().interlaced, 1);
+    wire::ReadRegisterReply read{};
+    EXPECT_EQ(ask<wire::ReadRegister>({header(), 0x999}, read).status, 0u);
+    EXPECT_EQ(int(read.value), 1234) << "each register has its own answers";
+    wire::ConnectionReply connection{};
+    for (const uint8_t expected : {1, 7, 1}) {
+        EXPECT_EQ(ask<wire::Connection>(header(), connection).status, 0u);
+        EXPECT_EQ(connection.connected, expected);
+    }
+    EXPECT_EQ(report().askedAgain, 1u) << "the third is the model's";
+    wire::GetConverterReply converter{};
+    EXPECT_EQ(ask<wire::GetConverter>(header(), converter).status, 0u);
+    EXPECT_EQ(int(converter.converter.yOff), 64);
+    EXPECT_EQ(report().notRecorded, 1u);
+    EXPECT_EQ(report().codes[0], uint32_t(wire::kGetConverter));
+    EXPECT_EQ(report().answered, 4u);
+    EXPECT_EQ(report().notAsked, 4u) << "three of the signal, one register";
+}
+
+TEST_F(ReplayTest, RefusesShortensDelaysAndHangsAsRecorded) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.ask<wire::Connection>({0, 77}, {}, 1000, 5);
+    recorded.ask<wire::FormatSize>({0, 77}, {9, 0, 0, 0, 0});
+    recorded.ask<wire::VideoStatus>({0, 77}, {0, 9, 1, 0, {}}).reply.resize(5);
+    recorded.ask<wire::ReadRegister>({{0, 77}, 0x22}, {0, 0}, 400'000);
+    recorded.ask<wire::ReadRegister>({{0, 77}, 0x23}, {}, 400'000, 995);
+    replay(recorded);
+    wire::ConnectionReply connection{};
+    EXPECT_EQ(ask<wire::Connection>(header(), connection).status, uint32_t(kStatusAccessDenied));
+    wire::FormatSizeReply size{};
+    EXPECT_EQ(ask<wire::FormatSize>(header(), size).status, 0u);
+    EXPECT_EQ(uint32_t(size.result), 9u);
+    wire::VideoStatusReply status{};
+    EXPECT_EQ(ask<wire::VideoStatus>(header(), status).replySize, 5u);
+    wire::ReadRegisterReply late{}, never{};
+    EXPECT_EQ(ask<wire::ReadRegister>({header(), 0x22}, late).status, uint32_t(kStatusPending));
+    EXPECT_EQ(ask<wire::ReadRegister>({header(), 0x23}, never).status, uint32_t(kStatusPending));
+    m_host.now += 390'000;
+    m_card->poll();
+    EXPECT_EQ(m_host.done.count(&late), 0u);
+    m_host.now += 10'000;
+    m_card->poll();
+    EXPECT_EQ(m_host.done.count(&late), 1u);
+    m_host.now += 1'000'000'000;
+    m_card->poll();
+    EXPECT_EQ(m_host.done.count(&never), 0u);
+    EXPECT_TRUE(m_card->cancel(&never));
+}
+
+TEST_F(ReplayTest, FramesComeAtTheirTimesWithTheirWordsIntoTheClientsOwnBuffers) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(64, 16, 60);
+    recorded.ask<wire::ChannelAccess>({{0, 77}, 0x100}, {0});
+    recorded.ask<wire::Prepare>({{0, 77}, 1, 9, 0, {0, 1, 0, 1}, {}}, {0, 2048});
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+    const uint64_t start = recorded.time - 1000;
+    wire::LockBufferReply frame{};
+    frame.bufferAddress = 0xDEAD0000;
+    frame.bufferId = 4711;
+    frame.frameWord0 = 1000;
+    recorded.ask<wire::LockBuffer>({0, 77}, frame, 100'000);
+    frame.frameWord0 = 1005;
+    frame.dmaStatus = 2;
+    recorded.ask<wire::LockBuffer>({0, 77}, frame, 500'000);
+    const uint64_t second = recorded.time - 1000 - start;
+    recorded.ask<wire::LockBuffer>({0, 77}, {}, 1000, 31);
+    frame.dmaStatus = DMA_STATUS_ABORTED; // by a stop
+    recorded.ask<wire::LockBuffer>({0, 77}, frame, 1000);
+    replay(recorded);
+    startGrabbing();
+    wire::LockBufferReply reply{};
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), reply).status, uint32_t(kStatusPending));
+    runFrame();
+    EXPECT_EQ(m_host.done.count(&reply), 0u) << "filled, and before its time";
+    m_host.now += 101'000;
+    m_card->poll();
+    ASSERT_EQ(m_host.done.count(&reply), 1u);
+    EXPECT_EQ(uint32_t(reply.frameWord0), 1000u);
+    EXPECT_EQ(uint64_t(reply.bufferAddress), 0x10000u);
+    EXPECT_NE(uint32_t(reply.bufferId), 4711u);
+    runFrame();
+    wire::LockBufferReply late{};
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), late).status, uint32_t(kStatusPending));
+    m_host.now += second - 101'000;
+    m_card->poll();
+    EXPECT_EQ(uint32_t(late.frameWord0), 1005u);
+    EXPECT_EQ(uint32_t(late.dmaStatus), 2u);
+    runFrame();
+    m_host.now += 10'000;
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), late).status, 0xC0000001u);
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), late).status, 0u) << "the model's, with the frame that nobody got";
+    EXPECT_EQ(uint32_t(late.dmaStatus), 0u);
+    EXPECT_EQ(report().notRecorded, 2u) << "the chunk and its table";
+    EXPECT_EQ(report().askedAgain, 0u);
+}
+
+TEST_F(ReplayTest, EventsHappenAtTheirTimesAndTheAnswersAfterThemComeAfterThem) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(1920, 1080, 60);
+    recorded.time = 1'000'100; // a tenth of a second after the first request
+    recorded.event(trace::EventKind::InputEvent);
+    recorded.signal(1280, 720, 50);
+    recorded.time = 2'000'100;
+    recorded.event(trace::EventKind::Removal);
+    recorded.event(trace::EventKind::Removal); // another instance's
+    recorded.time = 9'000'100;
+    recorded.event(trace::EventKind::Arrival);
+    replay(recorded);
+    wire::Reply reply{};
+    ask<wire::RegisterInputEvent>({header(), 0x55}, reply);
+    EXPECT_EQ(m_card->signal().width, 1920);
+    wire::FormatSizeReply size{};
+    ask<wire::FormatSize>(header(), size);
+    EXPECT_EQ(int(size.width), 1920);
+    ask<wire::FormatSize>(header(), size);
+    EXPECT_EQ(int(size.width), 1920) << "the recorded one after the event is kept for then";
+    m_host.now += 1'000'000;
+    m_card->poll();
+    EXPECT_EQ(m_host.signalled, (std::vector<uint64_t>{0x55}));
+    EXPECT_EQ(m_card->signal().width, 1280);
+    EXPECT_EQ(m_card->signal().nominalFrameRate(), 50u);
+    ask<wire::FormatSize>(header(), size);
+    EXPECT_EQ(int(size.width), 1280);
+    m_host.now += 1'000'000;
+    m_card->poll();
+    EXPECT_TRUE(m_card->unplugRequested());
+    m_card->setPlugged(false);
+    m_host.now += 1'000'000;
+    m_card->poll();
+    EXPECT_FALSE(m_card->plugRequested());
+    m_host.now += 6'000'000;
+    m_card->poll();
+    EXPECT_TRUE(m_card->plugRequested());
+    m_card->setPlugged(true);
+    EXPECT_EQ(report().events, 3u);
+    EXPECT_EQ(report().eventsLeft, 0u);
+}
+
+TEST_F(ReplayTest, ACardThatNobodyCouldOpenIsSaidToBeOne) {
+    Recorded recorded;
+    recorded.event(trace::EventKind::Opened, 5);
+    EXPECT_TRUE(replayScriptOf(recorded.trace).refusesOpen);
+    recorded.event(trace::EventKind::Opened, 0);
+    EXPECT_FALSE(replayScriptOf(recorded.trace).refusesOpen);
+}
+
+TEST_F(ReplayTest, AScriptThatDoesNotFitItsSizeIsNotTaken) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(1920, 1080, 60);
+    recorded.event(trace::EventKind::InputEvent);
+    const std::vector<uint8_t> whole = replayScriptOf(recorded.trace).bytes;
+    for (size_t size = 1; size < whole.size(); ++size) {
+        std::vector<uint8_t> cut(whole.begin(), whole.begin() + ptrdiff_t(size));
+        EXPECT_FALSE(m_card->setReplay(cut.data(), cut.size())) << size;
+    }
+    for (size_t at = 0; at < whole.size(); ++at)
+        for (const uint8_t value : {0xFF, 0x7F}) {
+            std::vector<uint8_t> damaged = whole;
+            damaged[at] = value;
+            if (!m_card->setReplay(damaged.data(), damaged.size())) continue;
+            uint32_t client = 0; // taken: then it is within its bounds, which the sanitizers watch
+            ASSERT_EQ(m_card->open(1, client), 0u);
+            m_client = client;
+            wire::OpenSessionReply reply{};
+            ask<wire::OpenSession>({}, reply);
+            wire::FormatSizeReply size{};
+            ask<wire::FormatSize>({0, reply.sessionId}, size);
+            m_host.now += 10'000'000;
+            m_card->poll();
+            m_card->close(client);
+            m_card->setReplay(nullptr, 0);
+        }
+}
+
+} // namespace
+} // namespace kestra::simcard
