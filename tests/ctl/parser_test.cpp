@@ -61,7 +61,7 @@ TEST(Parser, EveryCommandThatATextNamesIsUnderstood) {
         std::ifstream file(path);
         std::string text{std::istreambuf_iterator<char>(file), {}};
         for (size_t at; (at = text.find("\\n")) != std::string::npos;) // a line's end in source text
-            text.replace(at, 2, "\n");
+            text.replace(at, 2, 1, '\n');
         constexpr std::string_view kProgram = "kestra-ctl ";
         for (size_t at = 0; (at = text.find(kProgram, at)) != std::string::npos;) {
             at += kProgram.size();
