@@ -156,7 +156,8 @@ int main() {
         std::printf("  recorded / not recorded          %8.3f\n", median(traced) / median(library));
         std::printf("  not recorded: %.2f ns a request, %.6f of the pair\n", lookNs(),
                     2 * lookNs() * 1e-3 / median(bare));
-        std::filesystem::remove_all(folder);
+        std::error_code stays; // this process's trace is open until it ends
+        std::filesystem::remove_all(folder, stays);
         return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "device_bench: %s\n", error.what());
