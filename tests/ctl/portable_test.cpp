@@ -432,7 +432,7 @@ TEST(ConverterValues, JsonGoesBothWays) {
     Json document = jsonOf("converter");
     document["converter"] = converterJson(params);
     const TarnisConverterParams again = converterOfJson(document.dump(), "c.json");
-    EXPECT_EQ(std::memcmp(&again, &params, sizeof params), 0);
+    EXPECT_EQ(converterJson(again), converterJson(params)) << "all values; the record has a byte of padding";
     document["converter"]["RMin"] = 300;
     EXPECT_THROW(converterOfJson(document.dump(), "c.json"), Failure);
 }
