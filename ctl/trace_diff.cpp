@@ -34,7 +34,8 @@ std::string comparedFields(std::span<const wire::Field> fields, std::span<const 
                            const FieldTexts& texts) {
     std::string text;
     for (const auto& [name, value] : texts)
-        if (isCompared(fields, name) && isCompared(repeated, name)) text += ' ' + name + '=' + value;
+        if (isCompared(fields, name) && isCompared(repeated, name))
+            text.append(" ").append(name).append("=").append(value);
     return text;
 }
 

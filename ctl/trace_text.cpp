@@ -70,7 +70,7 @@ FieldTexts allFields(const wire::RequestFields& request, std::span<const wire::F
 std::string joinedFields(const FieldTexts& fields) {
     std::string text;
     for (const auto& [name, value] : fields)
-        text += (text.empty() ? "" : " ") + name + '=' + value;
+        text.append(text.empty() ? "" : " ").append(name).append("=").append(value);
     return text;
 }
 
