@@ -221,8 +221,17 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
         runner.join();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     std::printf("%zu faults in %.0f s\n", mine.size(), took.count());
-    for (size_t n = 0; n < mine.size(); ++n)
-        EXPECT_EQ(found[n].failed, kPlanted[mine[n]].foundBy) << kPlanted[mine[n]].fault << "\n" << found[n].text;
+    for (size_t n = 0; n < mine.size(); ++n) {
+        const Planted& planted = kPlanted[mine[n]];
+        SCOPED_TRACE(planted.fault + ("\n" + found[n].text));
+        if (isLong) {
+            EXPECT_EQ(found[n].failed, planted.foundBy);
+        } else { // what another group left behind may be missing
+            EXPECT_FALSE(found[n].failed.empty());
+            for (const std::string& test : found[n].failed)
+                EXPECT_TRUE(planted.foundBy.contains(test)) << test;
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Parts, PlantedFaults, testing::Range(size_t{0}, kParts));
