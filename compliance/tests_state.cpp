@@ -66,9 +66,9 @@ void nothingWhilePaused(Context& context) {
     rig.connect();
     rig.pause();
     note("waiting half a second in the paused state");
-    Sleep(500);
-    const size_t came = rig.sink->samples().size();
-    expect(came == 0, "no sample of a live source while paused", format("%zu", came));
+    const auto came = [&] { return rig.sink->samples().size(); };
+    waitFor([&] { return came() != 0; }, 500);
+    expect(came() == 0, "no sample of a live source while paused", format("%zu", came()));
 }
 
 void runPauseRun(Context& context) {
@@ -146,20 +146,26 @@ void askedInReceive(Context& context) {
 void stopWhileAsked(Context& context) {
     Rig rig(context);
     rig.connect();
-    std::atomic<bool> stopping{false};
+    std::atomic<bool> stopping{false}, stopped{false};
     rig.sink->onReceive = [&](IMediaSample*, int number) {
         if (number != 1) return S_OK;
         waitFor([&] { return stopping.load(); }, 2000);
-        Sleep(100); // the stop is under way
-        FILTER_STATE state{};
-        CALL(rig.filter->GetState(0, &state));
-        ComRef<IPin> peer;
-        CALL(rig.pin->ConnectedTo(peer.out()));
+        // Again and again, so that the stop is under way at one of the times, however late it begins.
+        waitFor(
+            [&] {
+                FILTER_STATE state{};
+                CALL(rig.filter->GetState(0, &state));
+                ComRef<IPin> peer;
+                CALL(rig.pin->ConnectedTo(peer.out()));
+                return stopped.load();
+            },
+            300);
         return S_OK;
     };
     rig.receive(2);
     stopping = true;
     rig.stop();
+    stopped = true;
 }
 
 void releasedRunning(Context& context) {

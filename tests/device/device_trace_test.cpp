@@ -222,8 +222,8 @@ TEST_F(DeviceTraceTest, TheRegistrysWishHoldsForEveryProcessAndEndsWithinSeconds
     EXPECT_TRUE(waitUntil([&] {
         const size_t before = traceIfAny().requests.size();
         TARNIS_IsCameraConnected(grabber, 0, &connected);
-        Sleep(300); // three times the writer's pause: by then it would be in the file
-        return traceIfAny().requests.size() == before;
+        // Within three times the writer's pause it would be in the file.
+        return !waitUntil([&] { return traceIfAny().requests.size() > before; }, std::chrono::milliseconds(300));
     }));
     TARNIS_Done(grabber);
 }
