@@ -15,6 +15,10 @@ struct Failure {
 struct NotApplicable {
     std::string why;
 };
+/// There is nothing to test.
+struct NoSubject {
+    std::string why;
+};
 
 /// Where notes go from now on. Not owned; must outlive the test.
 void recordInto(TestRecord* record);

@@ -70,7 +70,7 @@ bool keepFormat(const SubjectName& name, DWORD run) {
     try {
         subject.emplace(name);
         before = formatOfNew(*subject);
-    } catch (const Failure&) { // no such filter: the tests say so
+    } catch (const NoSubject&) { // the run says so
         before = std::nullopt;
     }
     if (!tests || !over || !SetEvent(read.get())) return false;

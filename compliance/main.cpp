@@ -111,11 +111,12 @@ int run(const Options& options) {
                               : !options.dll.empty() ? options.dll + (options.clsid.empty() ? "" : " " + options.clsid)
                                                      : options.clsid;
     const bool text = options.json != "-" && !options.quiet;
-    if (text) std::printf("kestra-compliance %s, %zu tests of %s\n", KESTRA_VERSION_TEXT, tests.size(), title.c_str());
     std::vector<Result> results;
     std::string group;
     FormatKeeper keeper;
     runTests(tests, command, settings, options.shared, [&](Result result) {
+        if (text && results.empty())
+            std::printf("kestra-compliance %s, %zu tests of %s\n", KESTRA_VERSION_TEXT, tests.size(), title.c_str());
         applyProfile(profile, result);
         if (result.test->id() == "loss.unplug-and-plug" && result.failed() && !settings.plug.empty())
             runCommand(settings.plug, 20'000); // it may have crashed or hung while the device was away
@@ -170,6 +171,8 @@ int runProgram(int argc, char** argv) {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     try {
         return run(options);
+    } catch (const NoSubject& reason) {
+        std::fprintf(stderr, "kestra-compliance: nothing was tested: %s\n", reason.why.c_str());
     } catch (const Failure& failure) {
         std::fprintf(stderr, "kestra-compliance: expected %s, got %s\n", failure.expected.c_str(), failure.got.c_str());
     } catch (const std::exception& error) {

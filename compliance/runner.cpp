@@ -96,7 +96,7 @@ public:
         m_process = UniqueObject(process.hProcess);
     }
     ~Child() {
-        m_meeting.view.get()->test = -1;
+        m_meeting.view.get()->test = Exchange::kEnd;
         SetEvent(m_meeting.go.get());
         if (WaitForSingleObject(m_process.get(), 3000) == WAIT_OBJECT_0) return;
         TerminateProcess(m_process.get(), 4);
@@ -104,15 +104,19 @@ public:
     }
     Child(const Child&) = delete;
 
+    /// Whether there is a filter to test. @return false: the question ended in a crash or a hang
+    /// @throws NoSubject if there is none
+    bool probe(DWORD limitMs) {
+        ask(Exchange::kProbe, limitMs);
+        const TestRecord& record = m_meeting.view.get()->record;
+        if (record.finished && record.verdict != Verdict::Ok) throw NoSubject{record.got};
+        return record.finished;
+    }
+
     Result run(size_t index, DWORD limitMs) {
-        Exchange& exchange = *m_meeting.view.get();
-        exchange.record = {};
-        exchange.test = static_cast<LONG>(index);
-        SetEvent(m_meeting.go.get());
-        const HANDLE events[] = {m_meeting.done.get(), m_process.get()};
         const double began = nowMs();
-        const DWORD woken = WaitForMultipleObjects(2, events, FALSE, limitMs);
-        const TestRecord& record = exchange.record;
+        const DWORD woken = ask(static_cast<LONG>(index), limitMs);
+        const TestRecord& record = m_meeting.view.get()->record;
         Result result{};
         result.test = &allTests()[index];
         result.call = record.call;
@@ -145,6 +149,16 @@ public:
     }
 
 private:
+    /// @return as of the wait for its answer and its end
+    DWORD ask(LONG test, DWORD limitMs) {
+        Exchange& exchange = *m_meeting.view.get();
+        exchange.record = {};
+        exchange.test = test;
+        SetEvent(m_meeting.go.get());
+        const HANDLE events[] = {m_meeting.done.get(), m_process.get()};
+        return WaitForMultipleObjects(2, events, FALSE, limitMs);
+    }
+
     Meeting m_meeting;
     UniqueObject m_process;
 };
@@ -156,11 +170,13 @@ std::vector<Result> runTests(const std::vector<size_t>& tests, const std::wstrin
     std::vector<Result> results;
     std::optional<Child> child;
     int children = 0;
+    const DWORD limitMs = 1000UL * static_cast<DWORD>(settings.limitSeconds);
+    child.emplace(childCommand, children++);
+    if (!child->probe(limitMs)) child.reset(); // the tests will name what crashed or hung
     for (const size_t index : tests) {
         if (!child) child.emplace(childCommand, children++);
         const Test& test = allTests()[index];
-        results.push_back(child->run(index, 1000UL * static_cast<DWORD>(settings.limitSeconds) *
-                                                static_cast<DWORD>(test.limitFactor)));
+        results.push_back(child->run(index, limitMs * static_cast<DWORD>(test.limitFactor)));
         if (!shared || results.back().failed()) child.reset();
         done(results.back());
     }
@@ -178,16 +194,21 @@ int runAsChild(const std::wstring& mapping, const SubjectName& name, const Setti
     g_exchange = meeting.view.get();
     SetUnhandledExceptionFilter(onCrash);
     std::optional<Subject> subject;
-    while (WaitForSingleObject(meeting.go.get(), INFINITE) == WAIT_OBJECT_0 && g_exchange->test >= 0) {
+    while (WaitForSingleObject(meeting.go.get(), INFINITE) == WAIT_OBJECT_0 && g_exchange->test != Exchange::kEnd) {
         TestRecord& record = g_exchange->record;
         recordInto(&record);
         try {
             if (!subject) subject.emplace(name);
-            Context context{*subject, settings, g_exchange};
-            runOne(allTests()[static_cast<size_t>(g_exchange->test)], context, record);
-        } catch (const Failure& failure) {
-            std::strncpy(record.expected, failure.expected.c_str(), sizeof record.expected - 1);
-            std::strncpy(record.got, failure.got.c_str(), sizeof record.got - 1);
+            if (g_exchange->test == Exchange::kProbe) {
+                subject->probe();
+                record.finished = 1;
+            } else {
+                Context context{*subject, settings, g_exchange};
+                runOne(allTests()[static_cast<size_t>(g_exchange->test)], context, record);
+            }
+        } catch (const NoSubject& reason) {
+            std::strncpy(record.expected, "a filter to test", sizeof record.expected - 1);
+            std::strncpy(record.got, reason.why.c_str(), sizeof record.got - 1);
             record.verdict = Verdict::Fail;
             record.finished = 1;
         }

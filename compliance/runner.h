@@ -22,6 +22,7 @@ struct Result {
 /// @param childCommand  how this program is started as a child: the subject and the settings
 /// @param shared        a child goes on with the next test until one fails: faster, but not as clean
 /// @param done          told of each result as it comes
+/// @throws NoSubject    before the first test, if there is no filter to test
 std::vector<Result> runTests(const std::vector<size_t>& tests, const std::wstring& childCommand,
                              const Settings& settings, bool shared, const std::function<void(const Result&)>& done);
 

@@ -109,9 +109,10 @@ void endWithProcess(DWORD other) {
 void secondProcess(const SubjectName& name, const std::wstring& role) {
     try {
         capture(name, role == L"die");
-    } catch (const Failure&) { // no such filter, or one without a pin: the first process says so
-        endProcess(static_cast<DWORD>(Outcome::Refused));
+    } catch (const NoSubject&) { // taken away meanwhile
+    } catch (const Failure&) {   // without a pin: the first process says so
     }
+    endProcess(static_cast<DWORD>(Outcome::Refused));
 }
 
 } // namespace kestra::compliance

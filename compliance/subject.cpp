@@ -39,7 +39,8 @@ std::wstring property(IMoniker* moniker, const wchar_t* name) {
 Subject::Subject(const SubjectName& name) : m_clsid(name.clsid) {
     if (!name.dll.empty()) {
         m_module = LoadLibraryExW(name.dll.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
-        if (!m_module) throw Failure{"a DLL to load: " + narrow(name.dll.c_str()), format("error %lu", GetLastError())};
+        if (!m_module)
+            throw NoSubject{format("%s cannot be loaded: error %lu", narrow(name.dll.c_str()).c_str(), GetLastError())};
         if (m_clsid == GUID_NULL) findInTypeLibrary(name.dll);
     } else {
         findByName(name.friendlyName);
@@ -51,7 +52,7 @@ void Subject::findByName(const std::wstring& name) {
     ComRef<ICreateDevEnum> devices;
     if (FAILED(CoCreateInstance(CLSID_SystemDeviceEnum, nullptr, CLSCTX_INPROC_SERVER, IID_ICreateDevEnum,
                                 reinterpret_cast<void**>(devices.out()))))
-        throw Failure{"the system's device enumerator", "none"};
+        throw NoSubject{"the system has no device enumerator"};
     std::string seen;
     for (const CLSID* category : {&CLSID_VideoInputDeviceCategory, &CLSID_AudioInputDeviceCategory}) {
         ComRef<IEnumMoniker> monikers;
@@ -70,7 +71,8 @@ void Subject::findByName(const std::wstring& name) {
         }
     }
     if (!name.empty())
-        throw Failure{"a capture device named \"" + narrow(name.c_str()) + "\"", seen.empty() ? "none" : seen};
+        throw NoSubject{"there is no capture device named \"" + narrow(name.c_str()) + "\"" +
+                        (seen.empty() ? ", nor any other" : "; there are: " + seen)};
 }
 
 /// The first co-class whose objects are filters.
@@ -89,7 +91,7 @@ void Subject::findInTypeLibrary(const std::wstring& dll) {
             ComRef<IBaseFilter> filter;
             if (SUCCEEDED(create(nullptr, IID_IBaseFilter, reinterpret_cast<void**>(filter.out())))) return;
         }
-    throw Failure{"a filter that the DLL's type library names; name its class with --clsid", "none"};
+    throw NoSubject{narrow(dll.c_str()) + " names no filter in a type library; name its class with --clsid"};
 }
 
 HRESULT Subject::classObject(REFCLSID clsid, REFIID riid, void** object) const {
@@ -104,6 +106,16 @@ HRESULT Subject::create(IUnknown* outer, REFIID riid, void** object) const {
     ComRef<IClassFactory> factory;
     const HRESULT hr = classObject(m_clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.out()));
     return FAILED(hr) ? hr : factory->CreateInstance(outer, riid, object);
+}
+
+void Subject::probe() const {
+    ComRef<IUnknown> factory;
+    ComRef<IBaseFilter> filter;
+    const HRESULT found =
+        m_moniker ? S_OK : classObject(m_clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.out()));
+    if (FAILED(found)) throw NoSubject{"there is no class " + guidText(m_clsid) + ": " + resultText(found)};
+    const HRESULT made = create(nullptr, IID_IBaseFilter, reinterpret_cast<void**>(filter.out()));
+    if (FAILED(made)) throw NoSubject{"the device cannot be opened: " + resultText(made)};
 }
 
 ComRef<IBaseFilter> Subject::create() const {

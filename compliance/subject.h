@@ -22,8 +22,11 @@ struct SubjectName {
 /// A filter's source. Made once in a process, on its first thread; any thread may then create.
 class Subject {
 public:
-    /// Finds it. @throws Failure, with what was not found
+    /// Finds it. @throws NoSubject, with what was not found
     explicit Subject(const SubjectName& name);
+    /// Makes a filter and lets go of it. @throws NoSubject if there is no such class, or none of its objects is to be
+    /// had now
+    void probe() const;
 
     /// @param outer  null: not aggregated
     HRESULT create(IUnknown* outer, REFIID riid, void** object) const;

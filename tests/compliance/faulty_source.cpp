@@ -297,7 +297,11 @@ public:
         if (broken("handle-leak")) CreateEventW(nullptr, FALSE, FALSE, nullptr);
         if (broken("never-unloaded")) new CUnknown(NAME("left"), nullptr);
     }
-    static CUnknown* CALLBACK create(LPUNKNOWN outer, HRESULT*) { return new Source(outer); }
+    static CUnknown* CALLBACK create(LPUNKNOWN outer, HRESULT* result) {
+        if (broken("never-created")) *result = E_FAIL;
+        if (broken("crash-created")) RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
+        return new Source(outer);
+    }
 
     HRESULT STDMETHODCALLTYPE NonDelegatingQueryInterface(REFIID riid, void** ppv) override {
         if (broken("filter-identity") && riid == IID_IMediaFilter) {
