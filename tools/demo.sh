@@ -4,7 +4,7 @@
 
 demo=$root/out/demo
 demo_build=$root/build/demo
-demo_seconds=5
+demo_seconds=4
 # Width, height, rate: the demo records at the first that this machine can take.
 demo_signals=("1920 1080 60" "1920 1080 30" "1280 720 60" "1280 720 30")
 demo_progress=$demo_build/ffmpeg.log
@@ -130,6 +130,8 @@ verb_demo() {
         -vf scale=in_color_matrix=bt709:out_range=pc -frames:v 1 "Z:$demo/frame.png"
     rm -f "$demo_build/frames.yuv" "$demo_build/sound.pcm"
 
+    build_preset windows kestra-ctl # not before: nobody should wait for it to see the first frame
+    install_out ctl
     step "what kestra-ctl says of the card, and a picture in 16 bits"
     run_windows "$root/out/kestra-ctl.exe" status | tee -a "$demo/report.txt"
     run_windows "$root/out/kestra-ctl.exe" snap --depth 10 "Z:$demo/snap.png"
