@@ -8,6 +8,10 @@
 
 #include <tlhelp32.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -67,9 +71,29 @@ size_t countPrivateBytes() {
 
 } // namespace
 
+int countGdiObjects() {
+    const HMODULE system = GetModuleHandleW(L"ntdll.dll");
+    if (!GetProcAddress(system, "wine_get_version")) // Wine answers with 0; what it uses stands in the process's table
+        return static_cast<int>(GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS));
+    constexpr size_t kTableInPeb = 0xF8, kEntries = 0x10000;
+    struct Entry {
+        uint64_t object;
+        uint32_t owner;
+        uint16_t unique;
+        uint8_t type, flags; // type 0: free
+        uint64_t user;
+    };
+    const auto currentPeb = reinterpret_cast<const std::byte*(WINAPI*)()>(
+        reinterpret_cast<void*>(GetProcAddress(system, "RtlGetCurrentPeb")));
+    const Entry* table = nullptr;
+    std::memcpy(&table, currentPeb() + kTableInPeb, sizeof table);
+    if (!table) return 0; // nothing has loaded gdi32 yet
+    return static_cast<int>(std::count_if(table, table + kEntries, [](const Entry& entry) { return entry.type != 0; }));
+}
+
 ProcessCounts processCounts() {
-    const auto objects = [](DWORD kind) { return static_cast<int>(GetGuiResources(GetCurrentProcess(), kind)); };
-    return {countHandles(), countThreads(), countPrivateBytes(), objects(GR_GDIOBJECTS), objects(GR_USEROBJECTS)};
+    return {countHandles(), countThreads(), countPrivateBytes(), countGdiObjects(),
+            static_cast<int>(GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS))};
 }
 
 } // namespace kestra::compliance

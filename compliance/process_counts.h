@@ -9,9 +9,11 @@ struct ProcessCounts {
     int handles;
     int threads;
     size_t privateBytes; ///< committed, not shared with other processes
-    int gdiObjects = 0, userObjects = 0;
+    int gdiObjects = 0;
+    int userObjects = 0; ///< Wine does not count them: 0
 };
 
+int countGdiObjects();
 /// Counts now. Throws std::runtime_error if the system refuses.
 ProcessCounts processCounts();
 

@@ -2,6 +2,8 @@
 # measure is printed, and kept in build/bench/results.json and on one page, out/bench.html. ./kestra bench --short: each in
 # its shortest form, which shows only that it works.
 # Sourced by ./kestra.
+# shellcheck source=tools/page.sh
+. "$root/tools/page.sh"
 
 bench_names=(log device decode capture load)
 bench_figures=$root/build/bench/figures # a JSON object a line
@@ -91,17 +93,9 @@ bench_short() {
 
 # bench_write: the figures and where they were measured, and the page that draws them.
 bench_write() {
-    local results=$root/build/bench/results.json page=$root/out/bench.html
-    {
-        printf '{"commit":"%s","date":"%s","processor":"%s","cores":%d,"figures":[\n' \
-            "$(git -C "$root" describe --always --dirty 2> /dev/null || echo unknown)" "$(date -u +%FT%TZ)" \
-            "$(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -n 1 | tr -d '"\\')" "$(nproc)"
-        sed '$!s/$/,/' "$bench_figures"
-        printf ']}\n'
-    } > "$results"
-    mkdir -p "$root/out"
-    sed -e "/@RESULTS@/{r $results" -e 'd}' "$root/bench/page.html" > "$page"
-    say "figures: ${results#"$root"/}, drawn: ${page#"$root"/}"
+    local results=$root/build/bench/results.json
+    page_data figures "$bench_figures" > "$results"
+    page_write "$root/bench/page.html" "$results" "$root/out/bench.html"
 }
 
 verb_bench() {

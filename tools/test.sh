@@ -8,12 +8,20 @@ run_ctest() {
     step "tests: $1"
     # Shorter than a test's time limit, so that a hung test can still be asked what it was doing.
     [ "$1" != windows ] || [ -n "${KESTRA_LONG:-}" ] || local -x KESTRA_WATCH_SECONDS=280
+    test_limit "$1"
     local status=0
     (cd "$root" && ctest --preset "$1" --no-tests=error -j "$(nproc)" "${@:2}") || status=$?
     # Listing tests would overwrite what ctest has written.
     mv "$root/build/$1/Testing/Temporary/LastTest.log" "$root/build/$1/tests.log"
     test_note "$1"
     return "$status"
+}
+
+# test_limit PRESET: in a long run no test's own limit holds.
+test_limit() {
+    local limit=${KESTRA_LONG:+172800}
+    grep -q "^KESTRA_TEST_LIMIT:STRING=${limit:-0}\$" "$root/build/$1/CMakeCache.txt" ||
+        quietly "build/$1/configure.log" cmake "$root/build/$1" -DKESTRA_TEST_LIMIT="${limit:-0}"
 }
 
 test_ctest() { (cd "$root" && ctest --preset "$@"); }
@@ -127,22 +135,5 @@ verb_test() {
     else
         test_all
     fi
-    test_end
-}
-
-# ./kestra soak [CTEST-ARGUMENT...]: the long forms of the tests, one at a time.
-verb_soak() {
-    with_tests=ON
-    setup build demo test release
-    install_windows_ffmpeg
-    rm -f "$test_tally"
-    build_preset windows
-    build_preset native
-    build_preset native-thread
-    local -x KESTRA_LONG=1
-    test_run native-thread --timeout 3600 -j 1 "$@"
-    test_run native --timeout 3600 -j 1 "$@"
-    session_start
-    test_run windows --timeout 3600 -j 1 "$@"
     test_end
 }

@@ -4,6 +4,7 @@
 #include "simcard/model/sound.h"
 #include "tests/com/audio_test.h"
 #include "tests/com/test_allocator.h"
+#include "tests/support/long_run.h"
 #include "tests/support/process_counts.h"
 #include "tests/support/sound_check.h"
 
@@ -46,11 +47,6 @@ const auto* const kAccount = testing::AddGlobalTestEnvironment(new TraceAccount(
 const std::wstring kCallback = L"CKestraAudioStream->SDIGrabAudioCallback->";
 constexpr Signal kFractional = {1, 1, 1, 7, 0, 0, 1920, 1080, 0, 30000, 1001, 0};
 constexpr Signal kInterlaced50 = {1, 1, 1, 7, 0, 0, 1920, 1080, 0, 25, 1, 0};
-
-bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1';
-}
 
 class AudioStream : public AudioTest {
 protected:
@@ -107,7 +103,7 @@ TEST_P(AudioBytes, EverySampleIsTheCardsSoundInOrder) {
     m_card.setSignal(GetParam().signal);
     connect(GetParam().format);
     ASSERT_EQ(m_filter->Run(0), S_OK);
-    ASSERT_TRUE(receives(longRun() ? 600 : 12));
+    ASSERT_TRUE(receives(repetitions(12, 600)));
     EXPECT_LT(stopMs(), 100u);
     expectTheCardsSound(m_sink->pin.samples(), GetParam().framesPerSecond, GetParam().format);
 }
@@ -424,7 +420,7 @@ TEST_F(AudioStream, PulledCardComesBackOrIsLetGoInEveryState) {
 }
 
 TEST_F(AudioStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
-    const int starts = longRun() ? 1000 : 40, creations = longRun() ? 300 : 20;
+    const int starts = repetitions(40, 1000), creations = repetitions(20, 300);
     connect(1);
     CountsOverCycles overStarts, overFilters;
     for (int i = 0; i < starts; ++i) {
@@ -435,7 +431,7 @@ TEST_F(AudioStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
         clearTrace();
         overStarts.note();
     }
-    std::printf("%s\n", overStarts.describe("starts").c_str());
+    overStarts.report("starts");
     EXPECT_LE(overStarts.growth().handles, starts / 12) << "a handle a start would be a third of them";
     EXPECT_LE(overStarts.growth().threads, 0);
     EXPECT_LT(overStarts.growth().privateBytes, 2 << 20);
@@ -449,7 +445,7 @@ TEST_F(AudioStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
         ASSERT_EQ(m_module->canUnloadNow(), S_OK) << i;
         overFilters.note();
     }
-    std::printf("%s\n", overFilters.describe("filters").c_str());
+    overFilters.report("filters");
     EXPECT_LE(overFilters.growth().handles, creations / 6);
     EXPECT_LE(overFilters.growth().threads, 0);
     EXPECT_LT(overFilters.growth().privateBytes, 2 << 20);

@@ -1,6 +1,7 @@
 // A source on the base classes in the system's graph, with its sample grabber, null renderer and capture graph builder.
 // KESTRA_LONG=1: twenty times as many cycles.
 #include "tests/com/baseclasses_fixture.h"
+#include "tests/support/long_run.h"
 #include "tests/support/process_counts.h"
 
 #include <qedit.h>
@@ -15,8 +16,7 @@ CLSID const kNullRenderer{0xC1F400A4, 0x3F08, 0x11D3, {0x9F, 0x0B, 0x00, 0x60, 0
 CLSID const kSampleGrabber{0xC1F400A0, 0x3F08, 0x11D3, {0x9F, 0x0B, 0x00, 0x60, 0x08, 0x03, 0x9E, 0x37}};
 
 int cycles() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1' ? 20'000 : 1'000;
+    return repetitions(1'000, 20'000);
 }
 
 void make(REFCLSID clsid, REFIID riid, void** object) {

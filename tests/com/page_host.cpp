@@ -1,6 +1,8 @@
 // A window and a site that show a property page.
 #include "tests/com/page_host.h"
 
+#include "compliance/process_counts.h"
+
 #include <commctrl.h>
 
 #include <algorithm>
@@ -250,32 +252,10 @@ BOOL CALLBACK countOwn(HWND window, LPARAM count) {
     return TRUE;
 }
 
-/// Where GetGuiResources reports 0, as under Wine, the used entries of the process's own table.
-int countGdiObjects() {
-    if (const DWORD reported = GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS)) return int(reported);
-    constexpr size_t kTableInPeb = 0xF8, kEntries = 0x10000;
-    struct Entry {
-        uint64_t object;
-        uint32_t owner;
-        uint16_t unique;
-        uint8_t type, flags; // type 0: free
-        uint64_t user;
-    };
-    const auto currentPeb = reinterpret_cast<const std::byte*(WINAPI*)()>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetCurrentPeb")));
-    const std::byte* peb = currentPeb();
-    const Entry* table = nullptr;
-    std::memcpy(&table, peb + kTableInPeb, sizeof table);
-    int used = 0;
-    for (size_t i = 0; i < kEntries; ++i)
-        used += table[i].type != 0 ? 1 : 0;
-    return used;
-}
-
 } // namespace
 
 GuiCounts guiCounts() {
-    GuiCounts counts{countGdiObjects(), 0};
+    GuiCounts counts{compliance::countGdiObjects(), 0};
     EnumWindows(countOwn, reinterpret_cast<LPARAM>(&counts.windows));
     return counts;
 }

@@ -3,6 +3,7 @@
 #include "simcard/model/picture.h"
 #include "tests/com/test_allocator.h"
 #include "tests/com/video_test.h"
+#include "tests/support/long_run.h"
 #include "tests/support/process_counts.h"
 
 #include <cstdlib>
@@ -13,11 +14,6 @@ namespace kestra::test {
 namespace {
 
 using namespace kestra::simcard;
-
-bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1';
-}
 
 struct Picture {
     Signal signal;
@@ -129,7 +125,7 @@ TEST_P(VideoBytes, EveryByteOfEverySampleIsTheFrames) {
     const Picture& picture = GetParam().picture;
     m_card.setSignal(picture.signal);
     connect(picture.format);
-    m_sink.keep = longRun() ? 60 : 5;
+    m_sink.keep = repetitions<size_t>(5, 60);
     ASSERT_EQ(m_filter->Run(0), S_OK);
     ASSERT_TRUE(receives(static_cast<int>(m_sink.keep)));
     EXPECT_LT(stopMs(), 500u);
@@ -382,7 +378,7 @@ TEST_F(VideoStream, ModuleCanBeUnloadedAfterUseInEveryFormat) {
         m_module.unload();
         EXPECT_FALSE(m_module.isInMemory()) << "format " << format;
         // A thread left in the module's code would crash now.
-        if (longRun()) std::this_thread::sleep_for(std::chrono::seconds(10));
+        if (isLongRun()) std::this_thread::sleep_for(std::chrono::seconds(10));
         m_module.load();
     }
 }
@@ -473,7 +469,7 @@ TEST_F(VideoStream, ReceiverMayStopDisconnectAndLetGoFromInsideReceive) {
 }
 
 TEST_F(VideoStream, ChoosingFormatsAgainAndAgainLeavesNoMemoryBehind) {
-    const int choices = longRun() ? 10000 : 300;
+    const int choices = repetitions(300, 10000);
     ASSERT_EQ(makeFilter(), S_OK);
     CountsOverCycles counts;
     for (int i = 0; i < choices; ++i) {
@@ -562,7 +558,7 @@ TEST_F(VideoStream, HostThatNeverCapturesOpensNoCardAndStartsNoThread) {
 }
 
 TEST_F(VideoStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
-    const int starts = longRun() ? 500 : 25, creations = longRun() ? 100 : 10;
+    const int starts = repetitions(25, 500), creations = repetitions(10, 100);
     connect(1);
     CountsOverCycles overStarts, overGraphs;
     for (int i = 0; i < starts; ++i) {
@@ -573,7 +569,7 @@ TEST_F(VideoStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
         m_trace.clear();
         overStarts.note();
     }
-    std::printf("%s\n", overStarts.describe("starts").c_str());
+    overStarts.report("starts");
     EXPECT_LE(overStarts.growth().handles, starts / 12) << "a handle a start would be a third of them";
     EXPECT_LE(overStarts.growth().threads, 0);
     EXPECT_LT(overStarts.growth().privateBytes, 4 << 20);
@@ -589,7 +585,7 @@ TEST_F(VideoStream, CyclesOfStartAndStopAndOfCreationLeaveNothingBehind) {
         ASSERT_EQ(m_module.canUnloadNow(), S_OK) << i;
         overGraphs.note();
     }
-    std::printf("%s\n", overGraphs.describe("graphs").c_str());
+    overGraphs.report("graphs");
     EXPECT_LE(overGraphs.growth().handles, creations / 6);
     EXPECT_LE(overGraphs.growth().threads, 0);
     EXPECT_LT(overGraphs.growth().privateBytes, 4 << 20);

@@ -1,5 +1,6 @@
 // Each fault is planted into a filter that keeps all rules otherwise, and kestra-compliance run on it: the tests that
 // should find it do, and no other does; without KESTRA_LONG only their groups are run.
+#include "tests/support/long_run.h"
 #include "win32/handle.h"
 
 #include <gtest/gtest.h>
@@ -107,10 +108,6 @@ nlohmann::json contents(const std::wstring& path) {
     return nlohmann::json::parse(text, nullptr, false);
 }
 
-bool isLong() {
-    return std::getenv("KESTRA_LONG") != nullptr;
-}
-
 /// One run with one fault. @param choice  options that choose tests; empty: all of them
 nlohmann::json complianceWith(const std::string& fault, const std::string& choice) {
     const std::wstring wideFault(fault.begin(), fault.end());
@@ -189,7 +186,7 @@ std::string joined(const Tests& tests) {
 
 TEST(CorrectFilter, HasNoFault) {
     // Wine now and then neither quite begins nor quite ends a process that was started in the middle of others' work.
-    const Found found = readReport(complianceWith("none", isLong() ? "" : " --skip process"));
+    const Found found = readReport(complianceWith("none", isLongRun() ? "" : " --skip process"));
     EXPECT_EQ(found.failed, Tests{}) << found.text;
     EXPECT_GT(found.passed, 120);
     EXPECT_EQ(found.warned, Tests{});
@@ -215,8 +212,8 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
             for (size_t n; (n = next++) < mine.size();) {
                 // That no other test finds it is the long form's to show: it starts some thousand processes.
                 const Planted& planted = kPlanted[mine[n]];
-                found[n] =
-                    readReport(complianceWith(planted.fault, isLong() ? "" : " --only " + groupsOf(planted.foundBy)));
+                found[n] = readReport(
+                    complianceWith(planted.fault, isLongRun() ? "" : " --only " + groupsOf(planted.foundBy)));
                 const std::lock_guard lock(mutex);
                 std::printf("%-24s %s\n", kPlanted[mine[n]].fault, joined(found[n].failed).c_str());
                 std::fflush(stdout);
@@ -229,7 +226,7 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
     for (size_t n = 0; n < mine.size(); ++n) {
         const Planted& planted = kPlanted[mine[n]];
         SCOPED_TRACE(planted.fault + ("\n" + found[n].text));
-        if (isLong()) {
+        if (isLongRun()) {
             EXPECT_EQ(found[n].failed, planted.foundBy);
         } else { // what another group left behind may be missing
             EXPECT_FALSE(found[n].failed.empty());

@@ -3,6 +3,7 @@
 #include "protocol/frame_rate.h"
 #include "simcard/model/card.h"
 #include "tests/device/device_test.h"
+#include "tests/support/long_run.h"
 #include "tests/support/process_counts.h"
 
 #include <gmock/gmock.h>
@@ -18,11 +19,6 @@ namespace {
 
 using namespace kestra::simcard;
 using testing::ElementsAre;
-
-bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1';
-}
 
 /// For the notifier's way through a removal or an arrival, on a machine that has other things to do.
 constexpr auto kPlugDeadline = std::chrono::seconds(30);
@@ -449,7 +445,7 @@ TEST_F(DeviceGrab, FramesArriveWhileTheProgramsFirstThreadSnaps) {
     FrameCounter counter;
     ASSERT_EQ(start(counter), 0u);
     std::vector<uint8_t> frame(counter.frameBytes());
-    const int snaps = longRun() ? 1500 : 40;
+    const int snaps = repetitions(40, 1500);
     for (int i = 0; i < snaps; ++i) {
         uint32_t size = 0;
         ASSERT_EQ(TARNIS_SnapFrames(m_grabber, 0, &m_data, frame.data(), uint32_t(frame.size()), &size), 0u);
@@ -462,14 +458,14 @@ TEST_F(DeviceGrab, FramesArriveWhileTheProgramsFirstThreadSnaps) {
 TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallback) {
     // The long form has small frames: at each start Wine copies all the buffers, 40 MB of 1080p.
     Signal signal = kDefaultSignal;
-    if (longRun()) {
+    if (isLongRun()) {
         signal.width = 160;
         signal.height = 120;
     }
     m_card.setSignal(signal);
     FrameCounter counter(signal);
     ASSERT_EQ(start(counter), 0u);
-    const int cycles = longRun() ? 1000 : 6;
+    const int cycles = repetitions(6, 1000);
     CountsOverCycles counts;
     const ULONGLONG begin = GetTickCount64();
     ULONGLONG longest = 0;
@@ -489,7 +485,7 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
             << "cycle " << cycle;
         m_log.clear();
         longest = std::max(longest, GetTickCount64() - cycleBegin);
-        if (longRun() && (cycle + 1) % (cycles / 10) == 0) {
+        if (isLongRun() && (cycle + 1) % std::max(cycles / 10, 1) == 0) {
             const ProcessCounts now = processCounts();
             std::printf("%d cycles in %llu s, the longest %llu ms: handles %d, threads %d, private memory %zu kB\n",
                         cycle + 1, (GetTickCount64() - begin) / 1000, longest, now.handles, now.threads,
@@ -500,7 +496,7 @@ TEST_F(DeviceGrab, RemovalRefusesRequestsAtOnceAndArrivalGoesOnWithTheSameCallba
     EXPECT_TRUE(counter.waitForFrames(3));
     EXPECT_EQ(counter.wrong, 0) << counter.firstWrong();
     EXPECT_EQ(counter.disconnected, 0) << "frames pause and go on";
-    std::printf("%s; %d frames\n", counts.describe("removals under load").c_str(), counter.good.load());
+    counts.report("removals under load", std::to_string(counter.good) + " frames");
     EXPECT_LE(counts.growth().handles, 4) << "the system takes up one now and then";
     EXPECT_EQ(counts.growth().threads, 0);
     EXPECT_LT(counts.growth().privateBytes, 2 << 20);
@@ -605,7 +601,7 @@ TEST_F(DeviceGrab, TwoCardsGrabAtOnce) {
 }
 
 TEST_F(DeviceGrab, StartAndStopCyclesLeaveNothingBehind) {
-    const int cycles = longRun() ? 2000 : 40;
+    const int cycles = repetitions(40, 2000);
     ASSERT_EQ(TARNIS_GetDMAAccess(m_grabber, 0), 0u);
     FrameCounter counter;
     ProcessCounts before{};
@@ -639,7 +635,7 @@ TEST_F(DeviceGrab, ClosingEndsAGrabWhoseAccessWasAlreadyReleased) {
 }
 
 TEST_F(DeviceGrab, OpeningAndClosingLeavesNothingBehind) {
-    const int cycles = longRun() ? 500 : 20;
+    const int cycles = repetitions(20, 500);
     ASSERT_NE(openCard(99), m_grabber);
     ProcessCounts before{};
     for (int cycle = 0; cycle < cycles; ++cycle) {

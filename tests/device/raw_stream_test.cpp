@@ -5,6 +5,7 @@
 #include "simcard/model/picture.h"
 #include "simcard/model/sound.h"
 #include "tests/support/card_fixture.h"
+#include "tests/support/long_run.h"
 #include "tests/support/wait_until.h"
 
 #include <gmock/gmock.h>
@@ -18,11 +19,6 @@ namespace kestra::test {
 namespace {
 
 using namespace kestra::simcard;
-
-bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1';
-}
 
 struct Layout {
     const char* name;
@@ -113,7 +109,7 @@ class RawLayoutTest : public RawStreamTest, public testing::WithParamInterface<L
 
 TEST_P(RawLayoutTest, EveryByteOfPictureAndSoundArrivesAsTheCardMadeIt) {
     const Layout& layout = GetParam();
-    const uint32_t count = longRun() ? 600 : 45, rate = layout.signal.nominalFrameRate();
+    const uint32_t count = repetitions(45u, 600u), rate = layout.signal.nominalFrameRate();
     m_card.setSignal(layout.signal);
     RawClient video(m_card.devicePath()), audio(m_card.devicePath());
     open(video);
@@ -138,7 +134,7 @@ TEST_P(RawLayoutTest, EveryByteOfPictureAndSoundArrivesAsTheCardMadeIt) {
         EXPECT_EQ(state.channels[port].failed, 0u);
         EXPECT_LE(port == 0 ? pictures.missed() : sounds.missed(), state.channels[port].dropped)
             << "a missing frame must be one that the card counts as dropped";
-        if (longRun()) {
+        if (isLongRun()) {
             EXPECT_EQ(state.channels[port].dropped, 0u);
         }
     }
@@ -172,7 +168,7 @@ TEST_F(RawStreamTest, TwoCardsStreamAtOnce) {
 }
 
 TEST_F(RawStreamTest, UnplugUnderLoadEndsTheStreamAndReplugServesAgain) {
-    const int cycles = longRun() ? 50 : 5;
+    const int cycles = repetitions(5, 50);
     for (int cycle = 0; cycle < cycles; ++cycle) {
         RawClient client(m_card.devicePath());
         open(client);

@@ -4,7 +4,7 @@
 
 #include "compliance/process_counts.h"
 
-#include <cstddef>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -24,18 +24,30 @@ public:
     };
 
     void note() { note(processCounts()); }
-    void note(const ProcessCounts& counts) { m_counts.push_back(counts); }
+    void note(const ProcessCounts& counts);
+    /// As note(), unless the last was less than a tenth of a second ago: for a test that waits in a loop.
+    void noteNowAndThen();
     Growth growth() const; ///< from at least six cycles; throws std::logic_error for fewer
     /// "25 starts: handles 52 to 52, threads 4 to 4, private memory 63,744 to 63,808 kB" with the least counts
     /// compared.
     std::string describe(const char* what) const;
+    /// Prints the description and what else the test found, and adds the counts over time to the file that
+    /// KESTRA_SOAK_RESULTS names, a JSON object a line, from which `./kestra soak` draws its page. None of the texts
+    /// holds a quotation mark or a backslash.
+    void report(const char* what, const std::string& found = "nothing else was counted") const;
 
 private:
+    using Clock = std::chrono::steady_clock;
+    struct Noted {
+        double seconds; ///< since the first
+        ProcessCounts counts;
+    };
     ProcessCounts leastOf(size_t begin, size_t end) const;
     ProcessCounts second() const;
     ProcessCounts last() const;
 
-    std::vector<ProcessCounts> m_counts;
+    std::vector<Noted> m_noted;
+    Clock::time_point m_begin, m_last;
 };
 
 } // namespace kestra::test

@@ -35,41 +35,49 @@ std::optional<uint32_t> soundFrameOf(const uint8_t* sound, uint32_t framesPerSec
     return std::nullopt;
 }
 
-SoundReport compareSound(const std::vector<uint8_t>& sound, uint32_t framesPerSecond) {
-    const uint32_t blockSamples = samplesPerBlock(framesPerSecond), sampleBytes = sampleFrameBytes(kBits16);
-    const size_t blockBytes = size_t{blockSamples} * sampleBytes;
-    std::vector<uint8_t> expected(blockBytes);
-    SoundReport report;
-    report.samples = sound.size() / sampleBytes;
-    uint32_t next = 0;
-    bool known = false;
-    for (size_t at = 0; at < sound.size(); at += blockBytes) {
-        const size_t bytes = std::min(blockBytes, sound.size() - at);
-        soundBlock(next, framesPerSecond, kBits16, expected.data());
-        if (!known || std::memcmp(expected.data(), &sound[at], bytes) != 0) {
-            const uint32_t from = known && next > kSearched ? next - kSearched : 0;
-            const uint32_t to = known ? next + kSearched : 100 * kSearched;
-            const auto frame = bytes < size_t{8} * sampleBytes
-                                   ? std::nullopt
-                                   : soundFrameOf(&sound[at], framesPerSecond, kBits16, from, to);
-            if (frame) soundBlock(*frame, framesPerSecond, kBits16, expected.data());
-            if (!frame || std::memcmp(expected.data(), &sound[at], bytes) != 0) {
-                report.unlike += bytes / sampleBytes;
-                ++next;
-                continue;
-            }
-            if (!known)
-                report.firstFrame = *frame;
-            else if (*frame > next)
-                report.lost += size_t{*frame - next} * blockSamples;
-            else
-                report.doubled += size_t{next - *frame} * blockSamples;
-            known = true;
-            next = *frame;
+SoundCheck::SoundCheck(uint32_t framesPerSecond)
+    : m_framesPerSecond(framesPerSecond),
+      m_blockSamples(samplesPerBlock(framesPerSecond)),
+      m_expected(size_t{m_blockSamples} * sampleFrameBytes(kBits16)) {}
+
+void SoundCheck::take(const uint8_t* sound, size_t bytes) {
+    for (size_t at = 0; at < bytes; at += m_expected.size())
+        takeBlock(sound + at, std::min(m_expected.size(), bytes - at));
+}
+
+void SoundCheck::takeBlock(const uint8_t* block, size_t bytes) {
+    const size_t sampleBytes = sampleFrameBytes(kBits16);
+    const auto isFrame = [&](uint32_t frame) {
+        soundBlock(frame, m_framesPerSecond, kBits16, m_expected.data());
+        return std::memcmp(m_expected.data(), block, bytes) == 0;
+    };
+    m_report.samples += bytes / sampleBytes;
+    if (!m_isKnown || !isFrame(m_next)) {
+        const uint32_t from = m_isKnown && m_next > kSearched ? m_next - kSearched : 0;
+        const uint32_t to = m_isKnown ? m_next + kSearched : 100 * kSearched;
+        const auto frame =
+            bytes < 8 * sampleBytes ? std::nullopt : soundFrameOf(block, m_framesPerSecond, kBits16, from, to);
+        if (!frame || !isFrame(*frame)) {
+            m_report.unlike += bytes / sampleBytes;
+            ++m_next;
+            return;
         }
-        ++next;
+        if (!m_isKnown)
+            m_report.firstFrame = *frame;
+        else if (*frame > m_next)
+            m_report.lost += size_t{*frame - m_next} * m_blockSamples;
+        else
+            m_report.doubled += size_t{m_next - *frame} * m_blockSamples;
+        m_isKnown = true;
+        m_next = *frame;
     }
-    return report;
+    ++m_next;
+}
+
+SoundReport compareSound(const std::vector<uint8_t>& sound, uint32_t framesPerSecond) {
+    SoundCheck check(framesPerSecond);
+    check.take(sound.data(), sound.size());
+    return check.report();
 }
 
 std::vector<size_t> beepsOf(const std::vector<uint8_t>& sound) {

@@ -24,7 +24,25 @@ struct SoundReport {
     uint32_t firstFrame = 0;
     bool isWhole() const { return samples != 0 && lost == 0 && doubled == 0 && unlike == 0; }
 };
-/// Compares every sample with the card's. @param sound whole blocks from the first byte on; the last may be cut short
+/// Compares every sample with the card's, block after block as they come.
+class SoundCheck {
+public:
+    /// @param framesPerSecond nominal, of the video that the sound belongs to
+    explicit SoundCheck(uint32_t framesPerSecond);
+    /// @param sound whole blocks of 16-bit samples from the first byte on; only the very last may be cut short
+    void take(const uint8_t* sound, size_t bytes);
+    const SoundReport& report() const noexcept { return m_report; }
+
+private:
+    void takeBlock(const uint8_t* block, size_t bytes);
+
+    const uint32_t m_framesPerSecond, m_blockSamples;
+    std::vector<uint8_t> m_expected;
+    SoundReport m_report;
+    uint32_t m_next = 0;
+    bool m_isKnown = false; ///< where in the card's sound it is
+};
+/// All of a recording.
 SoundReport compareSound(const std::vector<uint8_t>& sound, uint32_t framesPerSecond);
 
 /// The sample at which each beep begins, to two samples, in a recording of 16-bit stereo sound.

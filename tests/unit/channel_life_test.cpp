@@ -1,6 +1,7 @@
 // A channel's life without threads: every order of events, up to a length that covers every pair of transitions at
 // least twice. KESTRA_LONG=1: two events more.
 #include "device/channel_life.h"
+#include "tests/support/long_run.h"
 
 #include <gtest/gtest.h>
 
@@ -234,9 +235,7 @@ private:
 } // namespace
 
 TEST(ChannelLife, HoldsItsPromisesOverEveryOrderOfEvents) {
-    const char* value = std::getenv("KESTRA_LONG");
-    const int longest = value && value[0] == '1' ? 11 : 9;
-    Explorer explorer(longest);
+    Explorer explorer(isLongRun() ? 11 : 9);
     explorer.explore();
     if (HasFailure()) return;
     int pairs = 0, never = 0;

@@ -2,6 +2,7 @@
 // at every lock and every step a seed decides who moves next. What hands the turn over is invisible to ThreadSanitizer,
 // so that it sees only the synchronisation of the code under test. KESTRA_LONG=1: many more seeds.
 #include "device/channel_life.h"
+#include "tests/support/long_run.h"
 
 #include <gtest/gtest.h>
 
@@ -353,8 +354,7 @@ thread_local const World::Run* World::t_own = nullptr;
 thread_local bool World::t_timedOut = false;
 
 int seeds(int ordinary) {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1' ? ordinary * 50 : ordinary;
+    return repetitions(ordinary, ordinary * 50);
 }
 
 /// Runs the programs on a thread each, one moving at a time, and the world's threads between them. The first program's

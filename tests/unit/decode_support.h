@@ -4,6 +4,7 @@
 #include "decode/kernel_set.h"
 #include "decode/parallel.h"
 #include "protocol/raw_frame.h"
+#include "tests/support/long_run.h"
 
 #include <gtest/gtest.h>
 
@@ -24,11 +25,6 @@
 #endif
 
 namespace kestra::test {
-
-inline bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && value[0] == '1';
-}
 
 /// The kernel sets that this processor runs.
 inline std::vector<const KernelSet*> runningSets() {

@@ -213,7 +213,7 @@ TEST(LineKernels, EveryEightBitTripleIsExactWithEverySet) {
 TEST(LineKernels, TenBitTriplesAreExactWithEverySet) {
     const auto tables = tablesFor(SampleDepth::Bits10);
     const LineConversion conversion{*tables, kDefaults};
-    const uint32_t stride = longRun() ? 1 : 1009;
+    const uint32_t stride = isLongRun() ? 1 : 1009;
     std::vector<uint8_t> expected(1024 * 3), actual(1024 * 3);
     std::vector<uint16_t> samples(2048);
     const auto begin = std::chrono::steady_clock::now();

@@ -406,10 +406,10 @@ TEST_F(Decode, ScratchImageIsGivenBack) {
 TEST_P(DecodeWithEverySet, EveryGeometryMatchesTheReference) {
     const ForcedKernels forced(*GetParam());
     uint32_t seed = 1;
-    const uint32_t step = longRun() ? 1 : 3;
+    const uint32_t step = isLongRun() ? 1 : 3;
     for (const uint32_t selector : {0u, 1u, 2u})
         for (uint16_t width = 1; width <= 200; width = static_cast<uint16_t>(width + (width < 60 ? 1 : step)))
-            for (uint16_t height = 1; height <= 9; height = static_cast<uint16_t>(height + (longRun() ? 1 : 4)))
+            for (uint16_t height = 1; height <= 9; height = static_cast<uint16_t>(height + (isLongRun() ? 1 : 4)))
                 for (const bool interlaced : {false, true})
                     for (const bool bottomUp : {false, true})
                         for (const bool oneField : {false, true}) {

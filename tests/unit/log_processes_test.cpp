@@ -1,4 +1,6 @@
 // Many processes with many threads into one file: no line lost, doubled or torn. KESTRA_LONG=1: the long form.
+#include "tests/support/long_run.h"
+
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -56,8 +58,7 @@ TEST(LogFileOfManyProcesses, IsWrittenOnWhenAProcessDiedWithTheMutex) {
 }
 
 TEST(LogFileOfManyProcesses, HoldsEveryLineOnceAndWhole) {
-    const bool longRun = std::getenv("KESTRA_LONG") != nullptr;
-    const int processes = 8, threads = 4, records = longRun ? 10000 : 250;
+    const int processes = 8, threads = 4, records = repetitions(250, 10000);
     const auto folder =
         std::filesystem::temp_directory_path() / ("kestra-processes-" + std::to_string(GetCurrentProcessId()));
     std::filesystem::create_directories(folder);

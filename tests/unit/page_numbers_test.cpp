@@ -1,5 +1,6 @@
 // What a user may type into the pages' fields, and the messages for everything else. KESTRA_LONG=1: many more numbers.
 #include "pages/number_text.h"
+#include "tests/support/long_run.h"
 
 #include <gtest/gtest.h>
 
@@ -28,11 +29,6 @@ constexpr NumberField kLevel = {
 /// Takes every float.
 constexpr NumberField kAny = {
     4, L"Any", false, -std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(), 0, 1, L""};
-
-bool longRun() {
-    const char* value = std::getenv("KESTRA_LONG");
-    return value && *value != '0' && *value != 0;
-}
 
 /// What the C++ library prints, which is exact.
 std::wstring expectedText(double value) {
@@ -114,16 +110,16 @@ TEST(PageNumbers, TextsAreTheSameInEveryLocale) {
 
 TEST(PageNumbers, EveryTextIsTheExactValueRoundedToThreeDecimals) {
     // What the card can hold, ties among it, and what lies near a tie; then any double.
-    const int most = longRun() ? 1 << 28 : 1 << 16;
+    const int most = isLongRun() ? 1 << 28 : 1 << 16;
     for (int wire = 0; wire < most; ++wire)
         for (const double value : {wire / 256.0, wire / -10000.0})
             ASSERT_EQ(decimalText(value), expectedText(value)) << value;
     std::mt19937_64 random(11);
-    for (int i = longRun() ? 3'000'000 : 3'000; i > 0; --i) {
+    for (int i = repetitions(3'000, 3'000'000); i > 0; --i) {
         const auto any = std::bit_cast<double>(random());
         ASSERT_EQ(decimalText(any), expectedText(any)) << any;
     }
-    for (int i = longRun() ? 30'000'000 : 30'000; i > 0; --i) {
+    for (int i = repetitions(30'000, 30'000'000); i > 0; --i) {
         // Of the magnitude of thousandths up to where a double has no decimals left.
         const double usual = std::ldexp(static_cast<double>(random() >> 11), -static_cast<int>(random() % 70));
         ASSERT_EQ(decimalText(usual), expectedText(usual)) << usual;
@@ -141,7 +137,7 @@ TEST(PageNumbers, EveryTypedNumberIsTheNearestFloat) {
         ASSERT_EQ(typed.value, double{expectedFloat(text)}) << text;
     };
     std::mt19937_64 random(13);
-    for (int i = longRun() ? 20'000'000 : 20'000; i > 0; --i) {
+    for (int i = repetitions(20'000, 20'000'000); i > 0; --i) {
         std::string text(random() % 2, '-');
         for (auto digits = random() % 16; digits > 0; --digits)
             text += static_cast<char>('0' + random() % 10);
@@ -153,7 +149,7 @@ TEST(PageNumbers, EveryTypedNumberIsTheNearestFloat) {
         ASSERT_NO_FATAL_FAILURE(check(text));
     }
     // Exactly between two floats, and a trace to either side of that.
-    for (int i = longRun() ? 10'000'000 : 10'000; i > 0; --i) {
+    for (int i = repetitions(10'000, 10'000'000); i > 0; --i) {
         const auto odd = static_cast<double>((uint64_t{1} << 23 | random() >> 41) * 2 + 1); // of 25 bits
         char digits[400];
         const auto middle = std::ldexp(odd, -static_cast<int>(random() % 44));
