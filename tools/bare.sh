@@ -1,6 +1,7 @@
-# ./kestra bare [12|13] [demo|test|release]: what a newcomer on a fresh Debian gets. Makes a bare system below build/bare with
-# debootstrap, runs the verb on a clone of the present commit in it, prints how long each stage took, and removes it all; a
-# release stays, in build/bare/release-12 or -13. KESTRA_BARE_KEEP=1: the system stays too, to be looked into.
+# ./kestra bare [12|13] [demo|test|release] [NAME...]: what a newcomer on a fresh Debian gets. Makes a bare system below
+# build/bare with debootstrap, runs the verb on a clone of the present commit in it, prints how long each stage took, and
+# removes it all; a release stays, in build/bare/release-12 or -13. KESTRA_BARE_KEEP=1: the system stays too, to be looked
+# into.
 # Sourced by ./kestra.
 
 bare_suites=([12]=bookworm [13]=trixie)
@@ -36,7 +37,7 @@ bare_table() {
 }
 
 verb_bare() {
-    local release=${1:-12} verb=${2:-demo} suite folder status=0
+    local release=${1:-12} verb=${2:-demo} words=("${@:3}") suite folder status=0
     suite=${bare_suites[$release]:-}
     [ -n "$suite" ] || die "there is no Debian $release here: 12 or 13"
     [ "$(id -u)" -eq 0 ] || die "making a bare system needs root: run it with sudo"
@@ -53,8 +54,8 @@ verb_bare() {
     cp -r /usr/local/share/ca-certificates "$folder/usr/local/share/"
     cp /etc/resolv.conf "$folder/etc/" 2> /dev/null || true
     git clone -q "$root" "$folder/kestra"
-    step "./kestra $verb on Debian $release"
-    bare_run "$folder" bash -c "cd /kestra && ./kestra $verb" || status=$?
+    step "./kestra $verb ${words[*]} on Debian $release"
+    bare_run "$folder" bash -c 'cd /kestra && ./kestra "$@"' kestra "$verb" "${words[@]}" || status=$?
     step "Debian $release, ./kestra $verb: $([ "$status" -eq 0 ] && echo 'passed' || echo "failed with status $status")"
     bare_table "$folder/kestra/build/times.txt" "$(date +%s)"
     if [ "$verb" = release ] && [ "$status" -eq 0 ]; then

@@ -58,7 +58,7 @@ TEST(LogFileOfManyProcesses, IsWrittenOnWhenAProcessDiedWithTheMutex) {
 }
 
 TEST(LogFileOfManyProcesses, HoldsEveryLineOnceAndWhole) {
-    const int processes = 8, threads = 4, records = repetitions(250, 10000);
+    const int processes = 8, threads = 4, records = kestra::test::repetitions(250, 10000);
     const auto folder =
         std::filesystem::temp_directory_path() / ("kestra-processes-" + std::to_string(GetCurrentProcessId()));
     std::filesystem::create_directories(folder);
@@ -78,7 +78,7 @@ TEST(LogFileOfManyProcesses, HoldsEveryLineOnceAndWhole) {
         running.push_back(information.hProcess);
     }
     for (const HANDLE process : running) {
-        ASSERT_EQ(WaitForSingleObject(process, longRun ? 1200000 : 60000), WAIT_OBJECT_0);
+        ASSERT_EQ(WaitForSingleObject(process, kestra::test::isLongRun() ? 1200000 : 60000), WAIT_OBJECT_0);
         DWORD code = 1;
         GetExitCodeProcess(process, &code);
         EXPECT_EQ(code, 0u);
