@@ -186,7 +186,7 @@ std::string joined(const Tests& tests) {
 
 TEST(CorrectFilter, HasNoFault) {
     // Wine now and then neither quite begins nor quite ends a process that was started in the middle of others' work.
-    const Found found = readReport(complianceWith("none", isLongRun() ? "" : " --skip process"));
+    const Found found = readReport(complianceWith("none", kestra::test::isLongRun() ? "" : " --skip process"));
     EXPECT_EQ(found.failed, Tests{}) << found.text;
     EXPECT_GT(found.passed, 120);
     EXPECT_EQ(found.warned, Tests{});
@@ -212,8 +212,8 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
             for (size_t n; (n = next++) < mine.size();) {
                 // That no other test finds it is the long form's to show: it starts some thousand processes.
                 const Planted& planted = kPlanted[mine[n]];
-                found[n] = readReport(
-                    complianceWith(planted.fault, isLongRun() ? "" : " --only " + groupsOf(planted.foundBy)));
+                found[n] = readReport(complianceWith(
+                    planted.fault, kestra::test::isLongRun() ? "" : " --only " + groupsOf(planted.foundBy)));
                 const std::lock_guard lock(mutex);
                 std::printf("%-24s %s\n", kPlanted[mine[n]].fault, joined(found[n].failed).c_str());
                 std::fflush(stdout);
@@ -226,7 +226,7 @@ TEST_P(PlantedFaults, AreFoundByTheTestsThatShouldFindThem) {
     for (size_t n = 0; n < mine.size(); ++n) {
         const Planted& planted = kPlanted[mine[n]];
         SCOPED_TRACE(planted.fault + ("\n" + found[n].text));
-        if (isLongRun()) {
+        if (kestra::test::isLongRun()) {
             EXPECT_EQ(found[n].failed, planted.foundBy);
         } else { // what another group left behind may be missing
             EXPECT_FALSE(found[n].failed.empty());
