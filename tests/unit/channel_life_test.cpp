@@ -235,7 +235,8 @@ private:
 } // namespace
 
 TEST(ChannelLife, HoldsItsPromisesOverEveryOrderOfEvents) {
-    Explorer explorer(isLongRun() ? 11 : 9);
+    const int longest = isLongRun() ? 11 : 9;
+    Explorer explorer(longest);
     explorer.explore();
     if (HasFailure()) return;
     int pairs = 0, never = 0;
