@@ -1,4 +1,5 @@
 // kestrasimctl: the simulated card at the command line. Exit codes: 0 done, 1 failed, 2 wrong usage.
+#include "simcard/ctl/command_words.h"
 #include "simcard/ctl/control.h"
 #include "simcard/ctl/replay_script.h"
 #include "win32/handle.h"
@@ -20,72 +21,6 @@ using namespace kestra;
 using namespace kestra::simcard;
 
 namespace {
-
-struct UsageError {
-    std::string text;
-};
-
-uint32_t number(const std::string& text, int base = 0) {
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text.c_str(), &end, base);
-    if (text.empty() || *end != 0) throw UsageError{"'" + text + "' is not a number"};
-    return uint32_t(value);
-}
-
-Signal parseSignal(const std::vector<std::string>& arguments) {
-    if (arguments.size() == 1 && arguments[0] == "none") return Signal{};
-    if (arguments.size() < 2) throw UsageError{"signal needs a size and a rate, or 'none'"};
-    Signal signal = kDefaultSignal;
-    const std::string &size = arguments[0], &rate = arguments[1];
-    const size_t x = size.find('x'), slash = rate.find('/');
-    if (x == std::string::npos) throw UsageError{"'" + size + "' is not a size such as 1920x1080"};
-    signal.width = uint16_t(number(size.substr(0, x)));
-    signal.height = uint16_t(number(size.substr(x + 1)));
-    signal.rateNumerator = number(rate.substr(0, slash));
-    signal.rateDenominator = slash == std::string::npos ? 1 : number(rate.substr(slash + 1));
-    if (signal.nominalFrameRate() == 24) signal.videoMode = kVideoMode24;
-    for (size_t i = 2; i < arguments.size(); ++i) {
-        if (arguments[i] == "i")
-            signal.interlaced = 1;
-        else if (arguments[i] == "noaudio")
-            signal.audio = 0;
-        else if (arguments[i].rfind("mode=", 0) == 0)
-            signal.videoMode = uint8_t(number(arguments[i].substr(5)));
-        else
-            throw UsageError{"unknown word '" + arguments[i] + "'"};
-    }
-    return signal;
-}
-
-Fault parseFault(const std::vector<std::string>& arguments) {
-    static constexpr struct {
-        const char* name;
-        FaultKind kind;
-    } kKinds[] = {{"status", FaultKind::NtStatus},     {"result", FaultKind::DriverResult},
-                  {"short", FaultKind::ShortReply},    {"delay", FaultKind::Delay},
-                  {"never", FaultKind::NeverComplete}, {"unplug", FaultKind::Unplug},
-                  {"dma", FaultKind::DmaStatus},       {"open", FaultKind::RefuseOpen}};
-    if (arguments.size() < 3) throw UsageError{"fault needs a kind, a code and a value"};
-    Fault fault = {};
-    if (arguments[0] == "signal" || arguments[0] == "signal-at-frame") {
-        fault.kind = arguments[0] == "signal" ? FaultKind::SignalChange : FaultKind::SignalAtFrame;
-        fault.code = number(arguments[1], 16);
-        (fault.kind == FaultKind::SignalChange ? fault.skip : fault.value) = number(arguments[2]);
-        fault.count = 1;
-        fault.signal = parseSignal({arguments.begin() + 3, arguments.end()});
-        return fault;
-    }
-    bool known = false;
-    for (const auto& kind : kKinds)
-        if (arguments[0] == kind.name) fault.kind = kind.kind, known = true;
-    if (!known) throw UsageError{"unknown kind of fault '" + arguments[0] + "'"};
-    fault.code = number(arguments[1], 16);
-    fault.value = number(arguments[2]);
-    fault.count = arguments.size() > 3 ? number(arguments[3]) : 1;
-    if (fault.count == 0) fault.count = kForever;
-    fault.skip = arguments.size() > 4 ? number(arguments[4]) : 0;
-    return fault;
-}
 
 void printState(const CardState& s, bool json) {
     if (json) {
@@ -143,7 +78,7 @@ void printLog(const std::vector<LogEntry>& log, bool json) {
 
 constexpr wchar_t kHoldEvent[] = L"KestraSimHold";
 
-/// One run of the program.
+/// One run of a command.
 struct Call {
     CardControl card;
     bool json;
@@ -154,7 +89,7 @@ void install(const Call& call) {
     wchar_t path[MAX_PATH] = {};
     const std::wstring given(call.arguments[1].begin(), call.arguments[1].end());
     GetFullPathNameW(given.c_str(), MAX_PATH, path, nullptr);
-    installCards(number(call.arguments[0]), path);
+    installCards(parseNumber(call.arguments[0]), path);
 }
 
 void remove(const Call& call) {
@@ -323,31 +258,17 @@ void run(const std::string& name, const Call& call) {
 } // namespace
 
 int main(int argc, char** argv) {
-    uint32_t card = 0;
-    bool json = false;
-    std::string command;
-    std::vector<std::string> arguments;
     try {
-        for (int i = 1; i < argc; ++i) {
-            const std::string word = argv[i];
-            if (word == "--help") {
-                if (const Command* explained = findCommand(command))
-                    printUsage(*explained);
-                else
-                    printUsage(stdout);
-                return 0;
-            }
-            if (word == "--json")
-                json = true;
-            else if (word == "--card" && i + 1 < argc)
-                card = number(argv[++i]);
-            else if (command.empty())
-                command = word;
+        const CommandLine line = parseCommandLine({argv + 1, argv + argc});
+        if (line.help) {
+            if (const Command* explained = findCommand(line.command))
+                printUsage(*explained);
             else
-                arguments.push_back(word);
+                printUsage(stdout);
+            return 0;
         }
-        if (command.empty()) throw UsageError{"no command given"};
-        run(command, {CardControl(card), json, arguments});
+        if (line.command.empty()) throw UsageError{"no command given"};
+        run(line.command, {CardControl(line.card), line.json, line.arguments});
         return 0;
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrasimctl: %s\n", error.text.c_str());
