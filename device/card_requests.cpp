@@ -238,12 +238,16 @@ RequestResult CardRequests::askDirect(uint32_t code, void* memory, uint32_t byte
 
 RequestResult CardRequests::judged(const Raw& raw, uint32_t readBytes, DWORD patienceMs) noexcept {
     DWORD bytes = 0;
-    RequestResult result = resultOf(askRaw(raw, patienceMs, bytes));
+    const RequestResult result = resultOf(askRaw(raw, patienceMs, bytes));
     if (result.win32Error != ERROR_SUCCESS) return loggedFailure(raw.code, result);
-    // The driver's own word comes first; a reply is too short only if something is missing that is read.
-    if (bytes >= sizeof(wire::Reply)) result = judgedAtOnce(raw.code, raw.answer, result);
-    if (result.status == TARNIS_SUCCESS && bytes < readBytes)
-        result = loggedFailure(raw.code, resultOf(ERROR_INVALID_DATA));
+    switch (kindOfReply(raw.answer, bytes, readBytes)) {
+    case ReplyKind::Refused:
+        return judgedAtOnce(raw.code, raw.answer, result);
+    case ReplyKind::Short:
+        return loggedFailure(raw.code, resultOf(ERROR_INVALID_DATA));
+    case ReplyKind::Good:
+        break;
+    }
     return result;
 }
 
@@ -255,12 +259,11 @@ RequestResult CardRequests::judgeEnded(uint32_t code, const void* answer, Pendin
 
 RequestResult CardRequests::judgedAtOnce(uint32_t code, const void* answer, RequestResult result) noexcept {
     if (result.win32Error != ERROR_SUCCESS) return loggedFailure(code, result);
-    wire::Reply reply{};
-    std::memcpy(&reply, answer, sizeof reply);
-    if (reply.result == 0) return result;
-    result.driverResult = static_cast<uint8_t>(reply.result);
+    const uint32_t word = driverResultOf(answer);
+    if (word == 0) return result;
+    result.driverResult = static_cast<uint8_t>(word);
     result.status = TARNIS_FAILURE;
-    logDriverResult(code, reply.result);
+    logDriverResult(code, word);
     return result;
 }
 

@@ -2,9 +2,8 @@
 // end when the card goes. Any thread. Private to device/.
 #pragma once
 
+#include "device/replies.h"
 #include "device/tracing.h"
-#include "protocol/records.h"
-#include "protocol/requests.h"
 #include "sync/mutex.h"
 #include "sync/request_thread.h"
 #include "win32/handle.h"
@@ -16,14 +15,6 @@
 #include <memory>
 
 namespace kestra {
-
-/// Outcome of one driver request.
-struct RequestResult {
-    uint16_t win32Error = 0;
-    uint8_t driverResult = 0;        ///< low byte of a driver result that is not 0
-    uint8_t status = TARNIS_SUCCESS; ///< 0, 4, 254 or 255
-};
-static_assert(sizeof(RequestResult) == 4);
 
 /// The library's status for a Win32 error.
 uint8_t statusOf(DWORD error) noexcept;

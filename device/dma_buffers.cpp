@@ -55,8 +55,7 @@ bool DmaBuffers::isLocked() const noexcept {
 }
 
 bool DmaBuffers::contains(uint64_t address) const noexcept {
-    const uint64_t offset = address - reinterpret_cast<uint64_t>(m_base);
-    return offset < uint64_t{m_bufferSize} * m_bufferCount && offset % m_bufferSize == 0;
+    return isBuffer(address, reinterpret_cast<uint64_t>(m_base), m_bufferSize, m_bufferCount);
 }
 
 void DmaBuffers::unlock(CardRequests& requests) noexcept {
@@ -102,10 +101,8 @@ uint32_t DmaBuffers::sendTable(CardRequests& requests, int8_t port) {
     }
     const RequestResult result = requests.askDirect(wire::ChunkTable::codeOf(port), m_table.data(),
                                                     static_cast<uint32_t>(m_table.size()), INFINITE);
-    uint32_t driverResult = 0;
-    std::memcpy(&driverResult, m_table.data(), sizeof driverResult);
     if (result.status != TARNIS_SUCCESS) return result.status;
-    return driverResult != 0 ? TARNIS_FAILURE : TARNIS_SUCCESS;
+    return driverResultOf(m_table.data()) != 0 ? TARNIS_FAILURE : TARNIS_SUCCESS;
 }
 
 } // namespace kestra

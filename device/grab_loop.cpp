@@ -14,9 +14,6 @@ constexpr char kFunction[] = "TARNIS_GrabThread";
 constexpr DWORD kSettleMs = 10; // between two looks at an input that is settling
 constexpr DWORD kRetryMs = 10;  // after a lock request that failed
 
-/// How much of a lock reply must be there to know which buffer it names.
-constexpr DWORD kNamesBufferBytes = offsetof(wire::LockBufferReply, bufferId) + sizeof(uint32_t);
-
 void reportLockFailure(DWORD error) {
     KESTRA_LOG(kUnit, kFunction, LOG_ERROR, error, L"KESTRACTL_DMA_LOCK_BUFFER failed: ErrorCode=%d(0x%08X)",
                static_cast<int>(error), static_cast<unsigned>(error));
@@ -70,16 +67,16 @@ bool GrabLoop::takeBuffer(bool deliver) {
         pause();
         return true;
     }
-    const bool namesBuffer = bytes >= kNamesBufferBytes && (m_reply.result == 0 || m_reply.bufferAddress != 0);
-    if (bytes < wire::kReadBytes<wire::LockBufferReply> || m_reply.result != 0) {
+    const ReplyKind kind = kindOfReply(&m_reply, bytes, wire::kReadBytes<wire::LockBufferReply>);
+    if (kind != ReplyKind::Good) {
         // A card that has been told to stop refuses as well, which is no failure.
         if (pause()) {
-            if (bytes >= sizeof m_reply.result && m_reply.result != 0)
+            if (kind == ReplyKind::Refused)
                 m_requests.logDriverResult(wire::kLockBuffer, m_reply.result);
             else
                 reportLockFailure(ERROR_INVALID_DATA);
         }
-        if (namesBuffer) giveBack();
+        if (namesBuffer(m_reply, bytes)) giveBack();
         return true;
     }
     if (deliver) callBack();
