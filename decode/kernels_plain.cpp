@@ -26,17 +26,6 @@ void convertLine10BitPlain(const LineConversion& conversion, const uint8_t* raw,
     }
 }
 
-void convertLastPair10Bit(const LineConversion& conversion, const uint8_t* raw, uint8_t* rgb, uint32_t pairs) noexcept {
-    uint16_t samples[4];
-    for (uint32_t i = 0; i < 4; ++i) {
-        const uint32_t sample = 4 * (pairs - 1) + i;
-        uint64_t word = 0;
-        std::memcpy(&word, raw + size_t{8} * (sample / 6), sizeof word);
-        samples[i] = static_cast<uint16_t>(word >> 10 * (sample % 6) & 1023);
-    }
-    convertPair10(conversion.tables, conversion.params, samples, rgb + size_t{6} * (pairs - 1));
-}
-
 void copyLinePlain(const uint8_t* src, uint8_t* dst, size_t bytes, bool /*streamed*/) {
     std::memcpy(dst, src, bytes);
 }

@@ -8,8 +8,6 @@ namespace kestra {
 
 void convertLine8BitPlain(const LineConversion&, const uint8_t* raw, uint8_t* rgb, uint32_t pairs, const uint8_t*);
 void convertLine10BitPlain(const LineConversion&, const uint8_t* raw, uint8_t* rgb, uint32_t pairs, const uint8_t*);
-/// The last pair of a 10-bit line of `pairs` pairs alone.
-void convertLastPair10Bit(const LineConversion&, const uint8_t* raw, uint8_t* rgb, uint32_t pairs) noexcept;
 
 void copyLinePlain(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed);
 void swapLinePlain(const uint8_t* src, uint8_t* dst, size_t bytes, bool streamed);
