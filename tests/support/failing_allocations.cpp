@@ -32,11 +32,36 @@ void* operator new(size_t bytes) {
     return block;
 }
 
+// The sanitizers have these forms, too: all of them are ours, or a block would be released by another allocator.
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(bytes);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void* operator new[](size_t bytes) {
+    return operator new(bytes);
+}
+
+void* operator new[](size_t bytes, const std::nothrow_t& kind) noexcept {
+    return operator new(bytes, kind);
+}
+
 void operator delete(void* block) noexcept {
     if (block) --live;
     std::free(block);
 }
 
 void operator delete(void* block, size_t) noexcept {
+    operator delete(block);
+}
+
+void operator delete[](void* block) noexcept {
+    operator delete(block);
+}
+
+void operator delete[](void* block, size_t) noexcept {
     operator delete(block);
 }
