@@ -148,12 +148,17 @@ Tally receiveVideo(RawClient& client, const PictureFormat& format, uint32_t coun
     PictureSource source;
     source.prepare(format, expected.data(), expected.size(), 1);
     bool saved = bitmap.empty();
-    return receive(stream, count, [&](const uint8_t* bytes, uint32_t number) {
-        if (!saved && number % format.framesPerSecond == format.framesPerSecond / 2u)
+    Tally tally = receive(stream, count, [&](const uint8_t* bytes, uint32_t number) {
+        if (!saved && number % format.framesPerSecond >= format.framesPerSecond / 2u) // not in a flash
             saved = writeBitmap(bitmap, weave(bytes, format).data(), format.width, format.height,
                                 rawLineBytes(format.selector, format.width));
         return std::memcmp(bytes, source.advance(number), expected.size()) == 0;
     });
+    if (!saved) {
+        std::printf("  %s could not be written\n", bitmap.c_str());
+        ++tally.wrong;
+    }
+    return tally;
 }
 
 Tally receiveAudio(RawClient& client, uint32_t framesPerSecond, uint32_t count) {

@@ -148,6 +148,7 @@ TEST_F(SimcardTools, EveryCommandExplainsItself) {
 }
 
 TEST_F(SimcardTools, ProbeReceivesEverythingAndShowsTheRequests) {
+    std::filesystem::create_directories(std::filesystem::temp_directory_path()); // a fresh prefix may have none yet
     const auto bitmap = std::filesystem::temp_directory_path() / "kestraprobe-test.bmp";
     const Result result = run(KESTRAPROBE, "--bitmap " + bitmap.string());
     EXPECT_EQ(result.exitCode, 0u) << result.output;
