@@ -148,7 +148,7 @@ TEST_F(DeviceSoak, TwoCardsBothChannelsGiveEveryBufferBackOnce) {
             EXPECT_LE(audits[card].unlocks(port) - seen.frames.load(), 1u);
         }
     }
-    counts.report("looks at two cards with four channels");
+    counts.report("looks");
     // Requests under way hold handles of the system for a moment; a leak would show thousands.
     EXPECT_LE(counts.growth().handles, 16);
     EXPECT_EQ(counts.growth().threads, 0);

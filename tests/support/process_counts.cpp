@@ -64,7 +64,7 @@ std::string CountsOverCycles::describe(const char* what) const {
 
 void CountsOverCycles::report(const char* what, const std::string& found) const {
     const std::string text = describe(what);
-    std::printf("%s; %s\n", text.c_str(), found.c_str());
+    std::printf("%s%s%s\n", text.c_str(), found.empty() ? "" : "; ", found.c_str());
     std::fflush(stdout);
     const char* path = std::getenv("KESTRA_SOAK_RESULTS");
     if (!path) return;
@@ -72,8 +72,8 @@ void CountsOverCycles::report(const char* what, const std::string& found) const 
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
     std::ofstream file(path, std::ios::app | std::ios::binary);
     file << R"({"test":")" << test->test_suite_name() << '.' << test->name() << R"(","what":")" << what
-         << R"(","counts":")" << text << R"(","found":")" << found << R"(","commit":")" << (commit ? commit : "unknown") << R"(","date":)" << std::time(nullptr)
-         << R"(,"points":[)";
+         << R"(","counts":")" << text << R"(","found":")" << found << R"(","commit":")" << (commit ? commit : "unknown")
+         << R"(","date":)" << std::time(nullptr) << R"(,"points":[)";
     const size_t stride = m_noted.size() / kDrawn + 1;
     for (size_t i = 0; i < m_noted.size(); i += stride) {
         const auto& [seconds, counts] = m_noted[i];

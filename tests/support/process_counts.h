@@ -34,7 +34,7 @@ public:
     /// Prints the description and what else the test found, and adds the counts over time to the file that
     /// KESTRA_SOAK_RESULTS names, a JSON object a line, from which `./kestra soak` draws its page. None of the texts
     /// holds a quotation mark or a backslash.
-    void report(const char* what, const std::string& found = "nothing else was counted") const;
+    void report(const char* what, const std::string& found = {}) const;
 
 private:
     using Clock = std::chrono::steady_clock;
