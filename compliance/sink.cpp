@@ -92,7 +92,7 @@ public:
         else if (riid == IID_IMemInputPin && m_sink.hasTransport)
             *object = static_cast<IMemInputPin*>(this);
         else
-            return E_NOINTERFACE;
+            return m_sink.besides ? m_sink.besides->QueryInterface(riid, object) : E_NOINTERFACE;
         AddRef();
         return S_OK;
     }

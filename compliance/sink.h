@@ -34,7 +34,8 @@ public:
     std::optional<ALLOCATOR_PROPERTIES> requirements;     ///< none: E_NOTIMPL
     IMemAllocator* allocator = nullptr;                   ///< its own, the test's; null: VFW_E_NO_ALLOCATOR
     std::atomic<HRESULT> notifyAllocatorResult{S_OK};
-    bool hasTransport = true; ///< IMemInputPin
+    bool hasTransport = true;    ///< IMemInputPin
+    IUnknown* besides = nullptr; ///< the test's; answers for interfaces that the pin itself does not have
 
     // What it saw.
     std::atomic<int> received{0}, endOfStreams{0}, flushes{0}, inside{0}, reentered{0};

@@ -6,7 +6,7 @@
 # standard output and what it has to say to its standard error.
 
 clients_build=$root/build/clients
-client_names=(ffmpeg3 ffmpeg4 ffmpeg8 ffprobe4 ffprobe5 ffprobe2023)
+client_names=(ffmpeg3 ffmpeg4 ffmpeg8 ffprobe4 ffprobe5 ffprobe2023 opencv)
 client_input='video=Kestra Capture Video'
 
 # client_package NAME FILE PACKAGE@VERSION...: fetches them once below build/clients; FILE of them is then $client_file.
@@ -86,15 +86,73 @@ client_ffprobe2023() {
     client_ffprobe "$client_file" "$@"
 }
 
+# opencv_source FOLDER: unpacks Debian's source of OpenCV there. The system's list of sources stays as it is.
+opencv_source() {
+    local lists=$1/apt
+    mkdir -p "$lists/lists/partial"
+    # shellcheck disable=SC2016 # they are apt's
+    apt-get indextargets --format 'deb-src $(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' | grep ' main$' | sort -u > "$lists/sources.list"
+    local apt=(apt-get -o Dir::Etc::SourceList="$lists/sources.list" -o Dir::Etc::SourceParts=/dev/null -o Dir::State::Lists="$lists/lists"
+        -o APT::Sandbox::User=)
+    (cd "$1" && "${apt[@]}" update && rm -rf opencv-* && "${apt[@]}" source --only-source opencv)
+}
+
+# opencv_build FOLDER: of the source there, what its DirectShow capture needs, for Windows. Without optimisation for processors that
+# few have, as that takes most of the time.
+opencv_build() {
+    local source=("$1"/opencv-*/) off option options=()
+    off=(BUILD_{SHARED_LIBS,TESTS,PERF_TESTS,EXAMPLES,DOCS,JAVA,ZLIB,opencv_apps} CV_TRACE VIDEOIO_ENABLE_PLUGINS ENABLE_PRECOMPILED_HEADERS
+        WITH_{1394,ADE,DIRECTX,EIGEN,FFMPEG,GSTREAMER,IPP,ITT,JASPER,JPEG,LAPACK,MSMF,OBSENSOR,OPENCL,OPENEXR,OPENJPEG,PNG,PROTOBUF,QUIRC,TIFF,VTK,WEBP,WIN32UI}
+        WITH_IMGCODEC_{HDR,PFM,PXM,SUNRASTER})
+    for option in "${off[@]}"; do options+=("-D$option=OFF"); done
+    cmake -S "${source[0]}" -B "$1/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw-gcc.cmake" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_CXX_FLAGS_RELEASE='-O1 -DNDEBUG' -DBUILD_LIST=core,imgproc,imgcodecs,videoio -DWITH_DSHOW=ON -DCPU_BASELINE=SSE3 -DCPU_DISPATCH= \
+        -DZLIB_LIBRARY=/usr/x86_64-w64-mingw32/lib/libz.a "${options[@]}" &&
+        cmake --build "$1/build" "${KESTRA_OPENCV_JOBS:+-j$KESTRA_OPENCV_JOBS}"
+}
+
+# No package has it for Windows: built here once.
+client_opencv() {
+    local folder=$clients_build/opencv
+    case $1 in
+        install)
+            setup clients
+            [ -f "$folder/built" ] || {
+                step "building OpenCV's DirectShow capture (once; a quarter of an hour on two processors)"
+                mkdir -p "$folder"
+                visibly build/clients/opencv/source.log '^(Get:.*)$' opencv_source "$folder"
+                visibly build/clients/opencv/build.log '^(\[[0-9]+/[0-9]+\] .*)$' opencv_build "$folder"
+                touch "$folder/built"
+            }
+            quietly build/clients/opencv/client.log cmake -S "$root/tests/clients/opencv" -B "$folder/client" -G Ninja \
+                -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw-gcc.cmake" -DCMAKE_BUILD_TYPE=Release -DOpenCV_DIR="$folder/build"
+            quietly build/clients/opencv/client.log cmake --build "$folder/client"
+            ;;
+        list) client_limited 30 "$folder/client/opencv_client.exe" list 2>&1 || true ;;
+        record) client_limited "$client_seconds" "$folder/client/opencv_client.exe" "$2" "$3" ;;
+    esac
+}
+
+# client_formats NAME: those that it can be asked for, as FFmpeg calls them.
+client_formats() {
+    case $1 in
+        opencv) echo bgr24 ;; # it asks for RGB24 whatever its user chose, and Wine converts nothing
+        *) echo "${video_formats[@]}" ;;
+    esac
+}
+
+# client_frame_bytes FORMAT: of 640x480.
+client_frame_bytes() {
+    case $1 in bgr24) echo $((640 * 480 * 3)) ;; bgr0) echo $((640 * 480 * 4)) ;; *) echo $((640 * 480 * 2)) ;; esac
+}
+
 # client_compare NAME FORMAT < what it recorded: frames with the card's picture, ffprobe's lines with the size of one.
 client_compare() {
-    local bytes
     [[ $1 == ffprobe* ]] || {
         check_video "$2" 640 480 p 30
         return
     }
-    case $2 in bgr24) bytes=$((640 * 480 * 3)) ;; bgr0) bytes=$((640 * 480 * 4)) ;; *) bytes=$((640 * 480 * 2)) ;; esac
-    tr -d '\r' | awk -F, -v bytes="$bytes" '$1 == bytes { ++good } $1 != bytes { ++bad }
+    tr -d '\r' | awk -F, -v bytes="$(client_frame_bytes "$2")" '$1 == bytes { ++good } $1 != bytes { ++bad }
         END { printf "%d packets of the frame'"'"'s size, %d of another\n", good, bad; exit !(good > 0 && bad == 0) }'
 }
 
@@ -118,6 +176,8 @@ client_records() {
         # A busy machine drops frames, which the card counts: recorded again.
         [ "$status" -eq 3 ] && [ "$(card_dropped)" -gt 0 ] || break
     done
+    # OpenCV has room for one frame: it loses those that its program does not fetch in time.
+    [ "$1 $status" != "opencv 3" ] || status=0
     printf '  %-12s %-8s %s\n' "$1" "$2" "$result"
     [ "$status" -eq 0 ] || {
         tr '\r' '\n' < "$log" | tail -n 3 | sed 's/^/      /'
@@ -128,9 +188,10 @@ client_records() {
 # client_meets NAME WHAT DURING: records, and once it has frames does DURING, if there is one. What came of it, in a line, and as a
 # cell of $client_row.
 client_meets() {
-    local log=$clients_build/$1.trouble.log frames=$clients_build/$1.frames status=0 last='' recorder cell have wanted
+    local log=$clients_build/$1.trouble.log frames=$clients_build/$1.frames status=0 last='' recorder cell have wanted format
+    format=$(client_formats "$1" | cut -d ' ' -f 1)
     : > "$frames"
-    "client_$1" record yuyv422 "$client_frames" > "$frames" 2> "$log" &
+    "client_$1" record "$format" "$client_frames" > "$frames" 2> "$log" &
     recorder=$!
     if [ -n "$3" ]; then
         until [ -s "$frames" ] || ! kill -0 "$recorder" 2> /dev/null; do sleep 0.1; done
@@ -139,8 +200,9 @@ client_meets() {
     wait "$recorder" || status=$?
     case $1 in
         ffprobe*) have=$(wc -l < "$frames") wanted=$client_frames ;;
-        *) have=$(stat -c %s "$frames") wanted=$((client_frames * 640 * 480 * 2)) ;;
+        *) have=$(stat -c %s "$frames") wanted=$((client_frames * $(client_frame_bytes "$format"))) ;;
     esac
+    cat "$log" >> "$clients_build/$1.said"
     if [ "$have" -ge "$wanted" ]; then
         cell="goes on to the end"
     else
@@ -189,18 +251,47 @@ client_trouble() {
     rm -f "$clients_build/other.frames"
 }
 
+# client_provoke NAME: what else its user may meet; what it says goes where its other messages are.
+client_provoke() {
+    local said=$clients_build/$1.said
+    [ "$1" = ffmpeg4 ] || return 0
+    local program=("$windows_ffmpeg" -nostdin -hide_banner -f dshow)
+    unregister_module "$root/build/windows/server/KestraCapture.dll"
+    client_limited 30 "${program[@]}" -i "$client_input" -f null - >> "$said" 2>&1 || true
+    register_module "$root/build/windows/server/KestraCapture.dll"
+    client_limited 30 "${program[@]}" -i 'video=Another Card' -f null - 2>&1 | sed 's/Another Card/Kestra Capture Video/' >> "$said" || true
+    client_limited 30 "${program[@]}" -video_size 123x45 -i "$client_input" -f null - >> "$said" 2>&1 || true
+    # Its reader waits, and then it waits itself.
+    client_limited 30 "${program[@]}" -rtbufsize 1M -i "$client_input" -t 2 -c:v rawvideo -f rawvideo - 2>> "$said" | { sleep 3 && cat > /dev/null; } || true
+}
+
+# client_said NAME: fails unless it has said each message that docs/troubleshooting.md marks as met here with it.
+client_said() {
+    local message failed=0 application
+    case $1 in ffmpeg4) application=FFmpeg ;; opencv) application=OpenCV ;; *) return 0 ;; esac
+    while IFS= read -r message; do
+        tr -d '\r' < "$clients_build/$1.said" | grep -qE -- "$(sed 's/[][().]/\\&/g; s/…/.*/g' <<< "$message")" || {
+            printf 'docs/troubleshooting.md quotes what %s did not say: %s\n' "$1" "$message"
+            failed=1
+        }
+    done < <(grep -E "^\|[^|]*\`¹[^|]*\| $application" "$root/docs/troubleshooting.md" | cut -d '|' -f 2 | grep -oE '`[^`]+`¹' | sed -E 's/^.|.¹$//g')
+    return "$failed"
+}
+
 # clients_run NAME...: on a plugged-in card and a registered module. Fails if a frame is not what the card sent, or if the table in
 # docs/clients.md says otherwise. KESTRA_SHORT=1: one format, once.
 clients_run() {
-    local name format round failed=0 client_seconds=60 client_row formats=("${video_formats[@]}") rounds="1 2"
-    [ "${KESTRA_SHORT:-0}" != 1 ] || formats=(yuyv422) rounds=1
+    local name format round failed=0 client_seconds=60 client_row formats rounds="1 2"
     mkdir -p "$clients_build"
     for name; do
         declare -F "client_$name" > /dev/null || die "there is no client '$name'; there are: ${client_names[*]}"
         client_install "$name"
+        read -ra formats <<< "$(client_formats "$name")"
+        [ "${KESTRA_SHORT:-0}" != 1 ] || formats=("${formats[0]}") rounds=1
         client_reset
         "client_$name" list > "$clients_build/$name.list" 2>&1
-        client_row="| $name | every frame |"
+        : > "$clients_build/$name.said"
+        client_row="| $name | every frame$([ "$name" != opencv ] || echo ' that it keeps') |"
         for format in "${formats[@]}"; do
             for round in $rounds; do # stop, and start again
                 client_records "$name" "$format" || failed=1
@@ -211,6 +302,8 @@ clients_run() {
             printf 'docs/clients.md says otherwise than what was met:\n%s\n' "$client_row"
             failed=1
         }
+        client_provoke "$name"
+        client_said "$name" || failed=1
     done
     simcard reset > /dev/null
     simcard --card 1 reset > /dev/null 2>&1 || true
