@@ -40,25 +40,20 @@ FormatKeeper::FormatKeeper() {
     const DWORD run = GetCurrentProcessId();
     const UniqueObject read(CreateEventW(nullptr, TRUE, FALSE, eventName(run, L"read").c_str()));
     m_over = UniqueObject(CreateEventW(nullptr, TRUE, FALSE, eventName(run, L"over").c_str()));
-    m_process = startOwn(L" --keep " + std::to_wstring(run));
+    m_process = OwnProcess(L" --keep " + std::to_wstring(run));
     if (!m_process) return;
-    const HANDLE either[] = {read.get(), m_process.get()};
+    const HANDLE either[] = {read.get(), m_process.handle()};
     WaitForMultipleObjects(2, either, FALSE, kLimitMs);
     if (WaitForSingleObject(read.get(), 0) == WAIT_OBJECT_0) return;
-    TerminateProcess(m_process.get(), 1); // a filter that hangs or crashes at once; the tests will say so
-    m_process = UniqueObject();
+    m_process.codeWithin(0); // a filter that hangs or crashes at once; the tests will say so
 }
 
 std::string FormatKeeper::restore() {
-    const UniqueObject process = std::move(m_process);
-    if (!process) return {};
+    if (!m_process) return {};
     SetEvent(m_over.get());
-    DWORD code = 1;
-    if (WaitForSingleObject(process.get(), kLimitMs) != WAIT_OBJECT_0)
-        TerminateProcess(process.get(), 1);
-    else
-        GetExitCodeProcess(process.get(), &code);
-    return code == 0 ? "" : "the format that the filter keeps for its user is not as it was before the tests";
+    return m_process.codeWithin(kLimitMs) == DWORD{0}
+               ? ""
+               : "the format that the filter keeps for its user is not as it was before the tests";
 }
 
 bool keepFormat(const SubjectName& name, DWORD run) {

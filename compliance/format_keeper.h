@@ -20,7 +20,8 @@ public:
     std::string restore();
 
 private:
-    UniqueObject m_over, m_process;
+    UniqueObject m_over;
+    OwnProcess m_process;
 };
 
 /// What that process does. @param run  the process that runs the tests

@@ -15,7 +15,7 @@ namespace kestra::compliance {
 namespace {
 
 struct Options {
-    std::string name, clsid, dll, profile, json, html, child, second, unplug, plug;
+    std::string name, clsid, dll, profile, json, html, child, second, report, unplug, plug;
     DWORD keep = 0, run = 0;
     std::vector<std::string> only, skip;
     bool list = false, quick = false, shared = false, quiet = false;
@@ -91,6 +91,7 @@ int run(const Options& options) {
          {std::pair{L" --name", subject.friendlyName}, {L" --dll", subject.dll}, {L" --clsid", wide(options.clsid)}})
         if (!value.empty()) command += option + asArgument(value);
     setOwnCommand(command);
+    if (!options.report.empty()) reportTo(wide(options.report));
     if (!options.second.empty()) secondProcess(subject, wide(options.second));
     if (options.keep != 0) endProcess(keepFormat(subject, options.keep) ? 0 : 1);
     if (options.run != 0) endWithProcess(options.run);
@@ -159,6 +160,7 @@ int runProgram(int argc, char** argv) {
     app.add_option("--plug", options.plug, "a command that brings it back");
     app.add_option("--child", options.child)->group("");
     app.add_option("--second", options.second)->group("");
+    app.add_option("--report", options.report)->group("");
     app.add_option("--keep", options.keep)->group("");
     app.add_option("--run", options.run)->group("");
     app.footer("Exit code: the number of failures, 125 at most; 126: nothing was tested.\n"

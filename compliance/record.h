@@ -33,8 +33,8 @@ struct TestRecord {
 
 /// The mapping between the two processes: the parent names a test, the child runs it.
 struct Exchange {
-    static constexpr LONG kEnd = -1, kProbe = -2;
-    volatile LONG test; ///< index into the list of tests; kEnd; kProbe: whether there is a filter at all
+    static constexpr LONG kProbe = -1;
+    volatile LONG test; ///< index into the list of tests; kProbe: whether there is a filter at all
     TestRecord record;
 };
 

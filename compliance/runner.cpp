@@ -1,6 +1,7 @@
 // Both sides of a test: the child runs it; the parent waits, and ends a child that takes too long.
 #include "compliance/runner.h"
 
+#include "compliance/second_process.h"
 #include "win32/handle.h"
 
 #include <cstdio>
@@ -31,6 +32,7 @@ constexpr wchar_t kGo[] = L".go", kDone[] = L".done";
 // Child
 
 Exchange* g_exchange = nullptr;
+HANDLE g_done = nullptr;
 
 LONG WINAPI onCrash(EXCEPTION_POINTERS* exception) {
     TestRecord& record = g_exchange->record;
@@ -44,7 +46,8 @@ LONG WINAPI onCrash(EXCEPTION_POINTERS* exception) {
     const char* slash = std::strrchr(path, '\\');
     std::snprintf(record.exceptionAt, sizeof record.exceptionAt, "%s+0x%llX", slash ? slash + 1 : path,
                   static_cast<unsigned long long>(address - reinterpret_cast<const char*>(module)));
-    TerminateProcess(GetCurrentProcess(), 3);
+    SetEvent(g_done);
+    Sleep(INFINITE); // until the parent ends this process
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
@@ -85,20 +88,10 @@ public:
         m_meeting.view = viewOf(m_meeting.mapping.get());
         m_meeting.go = UniqueObject(CreateEventW(nullptr, FALSE, FALSE, (name + kGo).c_str()));
         m_meeting.done = UniqueObject(CreateEventW(nullptr, FALSE, FALSE, (name + kDone).c_str()));
-        std::wstring line = command + L" --child " + name;
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION process{};
-        if (!m_meeting.view ||
-            !CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-            throw Failure{"a child process", format("error %lu", GetLastError())};
-        CloseHandle(process.hThread);
-        m_process = UniqueObject(process.hProcess);
+        if (m_meeting.view) m_process = startProcess(command + L" --child " + name);
+        if (!m_process) throw Failure{"a child process", format("error %lu", GetLastError())};
     }
-    ~Child() {
-        m_meeting.view.get()->test = Exchange::kEnd;
-        SetEvent(m_meeting.go.get());
-        if (WaitForSingleObject(m_process.get(), 3000) == WAIT_OBJECT_0) return;
+    ~Child() { // from here, where it can neither be held up by what a filter left behind nor stay half-ended
         TerminateProcess(m_process.get(), 4);
         WaitForSingleObject(m_process.get(), 5000);
     }
@@ -192,9 +185,10 @@ int runAsChild(const std::wstring& mapping, const SubjectName& name, const Setti
     meeting.done = UniqueObject(OpenEventW(EVENT_MODIFY_STATE, FALSE, (mapping + kDone).c_str()));
     if (!meeting.view) return 1;
     g_exchange = meeting.view.get();
+    g_done = meeting.done.get();
     SetUnhandledExceptionFilter(onCrash);
     std::optional<Subject> subject;
-    while (WaitForSingleObject(meeting.go.get(), INFINITE) == WAIT_OBJECT_0 && g_exchange->test != Exchange::kEnd) {
+    while (WaitForSingleObject(meeting.go.get(), INFINITE) == WAIT_OBJECT_0) {
         TestRecord& record = g_exchange->record;
         recordInto(&record);
         try {
@@ -215,8 +209,7 @@ int runAsChild(const std::wstring& mapping, const SubjectName& name, const Setti
         recordInto(nullptr);
         SetEvent(meeting.done.get());
     }
-    TerminateProcess(GetCurrentProcess(), 0); // what a filter left behind must not hold the end up
-    return 0;
+    return 1; // not reached: the parent ends this process
 }
 
 } // namespace kestra::compliance

@@ -4,38 +4,21 @@
 #include "compliance/check.h"
 #include "compliance/tests.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <cwchar>
 #include <thread>
 
 namespace kestra::compliance {
 namespace {
 
-std::wstring g_ownCommand;
+std::wstring g_ownCommand, g_reportTo;
 
 // Generous: on a busy machine a process may need seconds for its start alone.
 constexpr int kSamplesMs = 20'000;
-constexpr DWORD kProcessMs = 60'000;
-
-UniqueObject start(std::wstring line) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
-        return UniqueObject();
-    const UniqueObject thread(process.hThread);
-    return UniqueObject(process.hProcess);
-}
-
-/// @return none: it did not end in time, and was ended
-std::optional<DWORD> exitCodeOf(const UniqueObject& process, DWORD milliseconds) {
-    if (WaitForSingleObject(process.get(), milliseconds) != WAIT_OBJECT_0) {
-        TerminateProcess(process.get(), 1);
-        return std::nullopt;
-    }
-    DWORD code = 1;
-    GetExitCodeProcess(process.get(), &code);
-    return code;
-}
+constexpr DWORD kProcessMs = 60'000, kEndMs = 5000;
+constexpr wchar_t kReport[] = L"kestra-compliance.report.";
+constexpr LONG kMostReported = 100;
 
 /// Ends the process while it still holds filter and receiver: what is sent late finds them.
 [[noreturn]] void capture(const SubjectName& name, bool dies) {
@@ -60,13 +43,58 @@ void setOwnCommand(std::wstring command) {
     g_ownCommand = std::move(command);
 }
 
-UniqueObject startOwn(const std::wstring& options) {
-    return start(g_ownCommand + options);
+UniqueObject startProcess(std::wstring line) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+            const UniqueObject thread(process.hThread);
+            return UniqueObject(process.hProcess);
+        }
+        if (GetLastError() != ERROR_INTERNAL_ERROR) break; // so Wine says now and then on a busy machine
+    }
+    return UniqueObject();
+}
+
+OwnProcess::OwnProcess(const std::wstring& options) {
+    static std::atomic<int> number{0};
+    const std::wstring name = std::to_wstring(GetCurrentProcessId()) + L"." + std::to_wstring(number++);
+    m_reported = UniqueObject(CreateSemaphoreW(nullptr, 0, kMostReported, (kReport + name).c_str()));
+    m_process = startProcess(g_ownCommand + options + L" --report " + name);
+}
+
+std::optional<DWORD> OwnProcess::codeWithin(DWORD milliseconds) {
+    const UniqueObject process = std::move(m_process);
+    const HANDLE either[] = {m_reported.get(), process.get()};
+    std::optional<DWORD> code;
+    switch (WaitForMultipleObjects(2, either, FALSE, milliseconds)) {
+    case WAIT_OBJECT_0: // released once for each unit, and once more for none
+        code = 0;
+        while (WaitForSingleObject(m_reported.get(), 0) == WAIT_OBJECT_0)
+            ++*code;
+        break;
+    case WAIT_OBJECT_0 + 1:
+        GetExitCodeProcess(process.get(), &code.emplace(1));
+        return code;
+    default:
+        break;
+    }
+    TerminateProcess(process.get(), 1);
+    WaitForSingleObject(process.get(), kEndMs);
+    return code;
 }
 
 std::optional<DWORD> runCommand(const std::wstring& line, DWORD milliseconds) {
-    const UniqueObject process = start(line);
-    return process ? exitCodeOf(process, milliseconds) : std::nullopt;
+    const UniqueObject process = startProcess(line);
+    if (!process) return std::nullopt;
+    if (WaitForSingleObject(process.get(), milliseconds) != WAIT_OBJECT_0) {
+        TerminateProcess(process.get(), 1);
+        return std::nullopt;
+    }
+    DWORD code = 1;
+    GetExitCodeProcess(process.get(), &code);
+    return code;
 }
 
 std::string outcomeText(Outcome outcome) {
@@ -78,7 +106,7 @@ std::string outcomeText(Outcome outcome) {
     case Outcome::NoSamples:
         return format("runs, and has no three samples within %d s", kSamplesMs / 1000);
     case Outcome::Died:
-        return "captures and ends itself";
+        return "captures and is ended";
     case Outcome::NotStarted:
         return "cannot be started";
     case Outcome::NotEnded:
@@ -88,13 +116,23 @@ std::string outcomeText(Outcome outcome) {
 }
 
 Outcome runSecondProcess(const wchar_t* role) {
-    const UniqueObject process = startOwn(std::wstring(L" --second ") + role);
+    OwnProcess process(std::wstring(L" --second ") + role);
     if (!process) return Outcome::NotStarted;
-    const auto code = exitCodeOf(process, kProcessMs);
+    const auto code = process.codeWithin(kProcessMs);
     return code ? static_cast<Outcome>(*code) : Outcome::NotEnded;
 }
 
+void reportTo(const std::wstring& name) {
+    g_reportTo = name;
+}
+
 void endProcess(DWORD code) noexcept {
+    if (!g_reportTo.empty()) {
+        const UniqueObject other(OpenProcess(SYNCHRONIZE, FALSE, std::wcstoul(g_reportTo.c_str(), nullptr, 10)));
+        const UniqueObject reported(OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, (kReport + g_reportTo).c_str()));
+        if (other && reported && ReleaseSemaphore(reported.get(), static_cast<LONG>(code) + 1, nullptr))
+            WaitForSingleObject(other.get(), INFINITE); // it ends this process, unless it was ended itself
+    }
     TerminateProcess(GetCurrentProcess(), code);
     std::abort(); // not reached
 }

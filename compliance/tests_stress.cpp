@@ -192,7 +192,7 @@ void twoProcesses(Context& context) {
 void killedProcess(Context& context) {
     note("a second process that ends in the middle of its capture");
     const Outcome outcome = runSecondProcess(L"die");
-    expect(outcome == Outcome::Died, "a second process that captures and ends itself",
+    expect(outcome == Outcome::Died, "a second process that captures until it is ended",
            "that it " + outcomeText(outcome));
     Rig rig(context);
     rig.connect();

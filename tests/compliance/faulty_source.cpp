@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -79,12 +80,14 @@ HRESULT makeType(int index, CMediaType& type) {
     return S_OK;
 }
 
-/// The enumerator of the base classes, and rules of its own to break.
-class Types : public IEnumMediaTypes {
+/// An enumerator of the base classes, and rules of its own to break: "types-skip" or "pins-skip", and so on.
+template <class Interface, class Element>
+class Enumeration : public Interface {
 public:
-    explicit Types(IEnumMediaTypes* inner) : m_inner(inner) {}
+    Enumeration(Interface* inner, const IID& iid, std::string what)
+        : m_inner(inner), m_iid(iid), m_what(std::move(what)) {}
     STDMETHODIMP QueryInterface(REFIID riid, void** object) override {
-        *object = riid == IID_IUnknown || riid == IID_IEnumMediaTypes ? this : nullptr;
+        *object = riid == IID_IUnknown || riid == m_iid ? this : nullptr;
         if (!*object) return E_NOINTERFACE;
         AddRef();
         return S_OK;
@@ -95,28 +98,53 @@ public:
         if (left == 0) delete this;
         return static_cast<ULONG>(left);
     }
-    STDMETHODIMP Next(ULONG count, AM_MEDIA_TYPE** types, ULONG* fetched) override {
-        if (broken("types-next-none") && count == 0) return E_INVALIDARG;
-        if (broken("types-next-null") && !types) return S_OK;
-        const HRESULT hr = m_inner->Next(count, types, fetched);
-        return broken("types-next-many") && count > 1 && hr == S_FALSE ? S_OK : hr;
+    STDMETHODIMP Next(ULONG count, Element** elements, ULONG* fetched) override {
+        if (breaks("-next-none") && count == 0) return E_INVALIDARG;
+        if (breaks("-next-null") && !elements) return S_OK;
+        const HRESULT hr = m_inner->Next(count, elements, fetched);
+        return breaks("-next-many") && count > 1 && hr == S_FALSE ? S_OK : hr;
     }
-    STDMETHODIMP Skip(ULONG count) override { return broken("types-skip") ? S_OK : m_inner->Skip(count); }
-    STDMETHODIMP Reset() override { return broken("types-reset") ? S_OK : m_inner->Reset(); }
-    STDMETHODIMP Clone(IEnumMediaTypes** copy) override {
+    STDMETHODIMP Skip(ULONG count) override { return breaks("-skip") ? S_OK : m_inner->Skip(count); }
+    STDMETHODIMP Reset() override { return breaks("-reset") ? S_OK : m_inner->Reset(); }
+    STDMETHODIMP Clone(Interface** copy) override {
         if (!copy) return E_POINTER;
-        IEnumMediaTypes* inner = nullptr;
+        Interface* inner = nullptr;
         const HRESULT hr = m_inner->Clone(&inner);
-        *copy = SUCCEEDED(hr) ? new Types(inner) : nullptr;
-        if (broken("types-clone") && inner) inner->Reset();
+        *copy = SUCCEEDED(hr) ? new Enumeration(inner, m_iid, m_what) : nullptr;
+        if (breaks("-clone") && inner) inner->Reset();
         return hr;
     }
 
 private:
-    virtual ~Types() { m_inner->Release(); }
+    virtual ~Enumeration() { m_inner->Release(); }
+    bool breaks(const char* rule) const { return broken((m_what + rule).c_str()); }
     std::atomic<long> m_references{1};
-    IEnumMediaTypes* m_inner;
+    Interface* m_inner;
+    const IID& m_iid;
+    const std::string m_what;
 };
+
+/// Taken away while the file KESTRA_GONE is there.
+bool isGone() {
+    static const std::string path = [] {
+        char name[MAX_PATH] = "";
+        GetEnvironmentVariableA("KESTRA_GONE", name, sizeof name);
+        return std::string(name);
+    }();
+    static std::atomic<bool> wasGone{false};
+    const bool gone = !path.empty() && GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    wasGone = wasGone || gone;
+    return broken("loss-forever") ? wasGone.load() : gone;
+}
+
+/// Whether another process had this filter running before.
+bool isSecondProcess() {
+    static const bool second = [] {
+        const HANDLE kept = CreateMutexW(nullptr, FALSE, L"kestra-faulty-source");
+        return kept && GetLastError() == ERROR_ALREADY_EXISTS;
+    }();
+    return second;
+}
 
 class Source;
 
@@ -200,7 +228,8 @@ public:
     STDMETHODIMP EndOfStream() override { return broken("output-end") ? S_OK : CSourceStream::EndOfStream(); }
     STDMETHODIMP EnumMediaTypes(IEnumMediaTypes** types) override {
         const HRESULT hr = CSourceStream::EnumMediaTypes(types);
-        if (SUCCEEDED(hr)) *types = new Types(*types);
+        if (SUCCEEDED(hr))
+            *types = new Enumeration<IEnumMediaTypes, AM_MEDIA_TYPE>(*types, IID_IEnumMediaTypes, "types");
         return hr;
     }
     STDMETHODIMP Connect(IPin* receiver, const AM_MEDIA_TYPE* type) override;
@@ -289,8 +318,9 @@ private:
     IMediaSample* m_kept = nullptr;
 };
 
-class Source : public CSource {
+class Source : public CSource, public ISpecifyPropertyPages {
 public:
+    DECLARE_IUNKNOWN
     explicit Source(LPUNKNOWN outer) : CSource(NAME("faulty"), outer, kFaultySource) {
         HRESULT hr = S_OK;
         m_stream = new Stream(&hr, this);
@@ -298,7 +328,7 @@ public:
         if (broken("never-unloaded")) new CUnknown(NAME("left"), nullptr);
     }
     static CUnknown* CALLBACK create(LPUNKNOWN outer, HRESULT* result) {
-        if (broken("never-created")) *result = E_FAIL;
+        if (broken("never-created") || isGone()) *result = E_FAIL;
         if (broken("crash-created")) RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
         return new Source(outer);
     }
@@ -308,9 +338,21 @@ public:
             if (!m_other) (m_other = new Source(nullptr))->NonDelegatingAddRef();
             return m_other->CSource::NonDelegatingQueryInterface(riid, ppv);
         }
+        if (riid == IID_ISpecifyPropertyPages && (broken("pages-none") || broken("pages-null")))
+            return GetInterface(static_cast<ISpecifyPropertyPages*>(this), ppv);
         void* const before = ppv ? *ppv : nullptr;
         const HRESULT hr = CSource::NonDelegatingQueryInterface(riid, ppv);
         if (broken("filter-pointer-left") && ppv && hr == E_NOINTERFACE) *ppv = before;
+        return hr;
+    }
+    STDMETHODIMP GetPages(CAUUID* pages) override { // of which there are none
+        if (!pages) return broken("pages-null") ? S_OK : E_POINTER;
+        *pages = {};
+        return S_OK;
+    }
+    STDMETHODIMP EnumPins(IEnumPins** pins) override {
+        const HRESULT hr = CSource::EnumPins(pins);
+        if (SUCCEEDED(hr)) *pins = new Enumeration<IEnumPins, IPin>(*pins, IID_IEnumPins, "pins");
         return hr;
     }
     STDMETHODIMP GetClassID(CLSID* clsid) override {
@@ -349,6 +391,7 @@ public:
         return CSource::Pause();
     }
     STDMETHODIMP Run(REFERENCE_TIME start) override {
+        if (broken("second-dies") && isSecondProcess()) TerminateProcess(GetCurrentProcess(), 77);
         const HRESULT hr = CSource::Run(start);
         m_stream->m_running = true;
         return hr;
@@ -461,6 +504,7 @@ void Stream::push() {
     const ULONGLONG began = GetTickCount64();
     if (!broken("stamps-go-on")) m_stamp = broken("stamps-negative") ? -kFrameTime * 5 : 0;
     if (broken("stamps-go-on") && m_stamp > 0) m_stamp += 36'000'000'000;
+    bool told = false;
     for (int number = 0;; ++number) {
         // Due by the clock, so that stamps and wall keep together.
         const ULONGLONG due = began + static_cast<ULONGLONG>(number) * 10, now = GetTickCount64();
@@ -468,6 +512,10 @@ void Stream::push() {
         if (!m_running) {
             m_stamp = number * kFrameTime; // stream time goes on
             if (broken("stamps-negative")) m_stamp = -kFrameTime * 5;
+            continue;
+        }
+        if (isGone()) {
+            if (!std::exchange(told, true)) m_pFilter->NotifyEvent(EC_DEVICE_LOST, 0, 0);
             continue;
         }
         IMediaSample* sample = nullptr;

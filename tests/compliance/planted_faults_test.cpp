@@ -64,15 +64,25 @@ const Planted kPlanted[] = {
     {"get-connected", {"config.get-connected"}},
     {"graph-counted", {"filter.graph-uncounted"}},
     {"handle-leak", {"stress.binds", "stress.lives"}},
+    {"loss-forever", {"loss.unplug-and-plug"}},
     {"never-unloaded", {"module.unload"}},
     {"no-sync-point", {"stream.sync-points"}},
     {"not-decommitted", {"allocator.committed", "sink.takes-every-buffer"}},
     {"output-end", {"pin.output-only"}},
+    {"pages-none", {"pages.filter"}},
+    {"pages-null", {"pages.filter"}},
     {"pin-count", {"module.unload", "unknown.pin-counts"}},
     {"pin-fickle", {"unknown.pin-interfaces", "unknown.pin-symmetric"}},
     {"pin-info-direction", {"pin.info"}},
     {"pin-null", {"unknown.pin-null"}},
+    {"pins-clone", {"enum-pins.clone"}},
+    {"pins-next-many", {"enum-pins.next-many"}},
+    {"pins-next-none", {"enum-pins.next-none"}},
+    {"pins-next-null", {"enum-pins.next-null"}},
+    {"pins-reset", {"enum-pins.reset", "enum-pins.skip"}},
+    {"pins-skip", {"enum-pins.skip"}},
     {"sample-kept", {"allocator.all-returned"}},
+    {"second-dies", {"process.two"}},
     {"set-anything", {"config.set-unsupported"}},
     {"set-ignored", {"config.connectable", "config.offered-first", "config.set-and-get", "config.set-connected"}},
     {"set-not-reconnected", {"config.set-connected"}},
@@ -120,8 +130,11 @@ nlohmann::json complianceWith(const std::string& fault, const std::string& choic
         L"\" --clsid {6B1A7F02-53CD-4D0E-9A31-207E4C5B8810} --quick --quiet --shared-process --limit 15 --json \"" +
         report + L"\"";
     line.append(choice.begin(), choice.end());
+    // The filter's device is gone while there is a file.
+    const std::wstring gone = report + L".gone";
+    line += L" --unplug \"cmd.exe /c echo 1>" + gone + L"\" --plug \"cmd.exe /c del " + gone + L" 2>nul\"";
     // The environment of this process and the fault in it.
-    std::wstring environment = L"KESTRA_FAULT=" + wideFault + L'\0';
+    std::wstring environment = L"KESTRA_FAULT=" + wideFault + L'\0' + L"KESTRA_GONE=" + gone + L'\0';
     wchar_t* const own = GetEnvironmentStringsW();
     for (const wchar_t* variable = own; *variable; variable += std::wcslen(variable) + 1)
         environment += variable + std::wstring(1, L'\0');
