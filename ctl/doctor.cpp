@@ -1,5 +1,6 @@
 // doctor: why an application does not see, start or keep the card. From the system to the running filter, in the order
 // in which one thing needs the other; what cannot work for a reason that was named already is not tried.
+#include "ctl/bundle.h"
 #include "ctl/cards.h"
 #include "ctl/console.h"
 #include "ctl/doctor_module.h"
@@ -328,6 +329,8 @@ ExitCode runDoctor(const Options& options, Console& console) {
         runProbe(options.doctor.probe, options.doctor.probeFile, console);
         return ExitCode::Done;
     }
+    std::optional<Bundle> bundle;
+    if (!options.doctor.bundle.empty()) bundle.emplace(options.doctor.bundle, console);
     DoctorReport report;
     const HRESULT com = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     examineWindows(report);
@@ -344,8 +347,9 @@ ExitCode runDoctor(const Options& options, Console& console) {
         addLimits(report);
     }
     if (SUCCEEDED(com)) CoUninitialize();
-    console.write(options.json ? jsonLine(report.json())
-                               : report.text(options.doctor.ascii || !console.showsEverySign()));
+    const std::string text = report.text(options.doctor.ascii || !console.showsEverySign());
+    const std::string made = bundle ? '\n' + bundle->fill({}, report.text(false)) : "";
+    console.write(options.json ? jsonLine(report.json()) : text + made);
     return static_cast<ExitCode>(report.problems());
 }
 

@@ -1,19 +1,15 @@
-// log: how the library logs, what it has logged, and all of it for a request for support.
-#include "ctl/cards.h"
+// log: how the library logs and what it has logged.
+#include "ctl/bundle.h"
 #include "ctl/console.h"
 #include "ctl/json.h"
+#include "ctl/log_file.h"
 #include "ctl/log_text.h"
 #include "ctl/output_file.h"
 #include "ctl/system_error.h"
 #include "ctl/text.h"
-#include "ctl/trace_files.h"
 #include "ctl/user_registry.h"
 #include "ctl/verbs.h"
 #include "protocol/user_settings.h"
-
-#include <kestra_version.h>
-
-#include <windows.h>
 
 #include <algorithm>
 #include <charconv>
@@ -24,7 +20,6 @@ namespace kestra::ctl {
 namespace {
 
 constexpr uint32_t kFollowMs = 250;
-constexpr char kSwitchOn[] = "kestra-ctl log set detail=3 folder=FOLDER switches it on for programs that start then";
 constexpr uint32_t kMostDetail = 5, kDefaultSeverity = 4;
 
 struct Value {
@@ -38,25 +33,6 @@ constexpr Value kValues[] = {{"detail", L"FileOutDetail", false, "file detail"},
                              {"debugger-detail", L"IdeOutDetail", false, "debug detail"},
                              {"debugger-severity", L"IdeSeverityThrsh", true, "debug from"}};
 constexpr const char* kSeverities[] = {"debug", "trace", "notice", "warning", "error"};
-
-/// The folder that the log's file lies in, ended by a backslash; empty: each program's current one.
-std::string logFolder() {
-    return readText(kLogKey, L"LogDir").value_or("");
-}
-
-std::string logFile(const Options::Log& log) {
-    return log.file.empty() ? logFolder() + "TARNIS.txt" : log.file;
-}
-
-/// Throws Failure.
-std::string readLog(const Options::Log& log) {
-    try {
-        return readFile(logFile(log));
-    } catch (const Failure& failure) {
-        if (!log.file.empty() || readNumber(kLogKey, L"FileOutDetail").value_or(0) != 0) throw;
-        throw Failure(failure.code(), failure.what(), std::string("the log is off: ") + kSwitchOn);
-    }
-}
 
 uint32_t severityOf(std::optional<uint32_t> stored) noexcept {
     return stored && *stored < std::size(kSeverities) ? *stored : kDefaultSeverity;
@@ -111,7 +87,7 @@ ExitCode show(const Options& options, Console& console) {
     json["folder"] = folder.empty() ? Json(nullptr) : Json(folder);
     text += field("folder", folder.empty() ? "none: each program logs into its current folder" : folder);
     if (readNumber(kLogKey, L"FileOutDetail").value_or(0) == 0)
-        text += std::string("The log is off: ") + kSwitchOn + ".\n";
+        text += std::string("The log is off: ") + kLogSwitchOn + ".\n";
     console.write(options.json ? jsonLine(json) : text);
     return ExitCode::Done;
 }
@@ -137,8 +113,8 @@ void writeLines(const Options& options, Console& console, std::string_view text,
 }
 
 ExitCode tail(const Options& options, Console& console) {
-    const std::string name = logFile(options.log);
-    std::string bytes = readLog(options.log);
+    const std::string name = logFile(options.log.file);
+    std::string bytes = readLog(options.log.file);
     size_t known = bytes.size() & ~size_t{1};
     writeLines(options, console, lastLines(textOfLog(bytes), options.log.lines), false);
     while (options.log.follow && !console.isInterrupted(kFollowMs)) {
@@ -153,99 +129,20 @@ ExitCode tail(const Options& options, Console& console) {
     return ExitCode::Done;
 }
 
-/// Keeps what a verb says.
-class CollectingConsole final : public Console {
-public:
-    explicit CollectingConsole(Console& real) : m_real(real) {}
-    void write(std::string_view text) override { said += text; }
-    void writeError(std::string_view text) noexcept override {
-        try {
-            said += text;
-        } catch (const std::exception&) { // no memory for what is only told
-        }
-    }
-    bool isTerminal() const noexcept override { return false; }
-    void showScreen(std::string_view) override {}
-    void showProgress(std::string_view) noexcept override {}
-    bool isInterrupted(uint32_t waitMs) noexcept override { return m_real.isInterrupted(waitMs); }
-
-    std::string said;
-
-private:
-    Console& m_real;
-};
-
-std::string saidBy(const Verb& verb, const Options& options, Console& console) {
-    CollectingConsole collecting(console);
-    try {
-        verb.run(options, collecting);
-    } catch (const Failure& failure) {
-        collecting.writeError(std::string(failure.what()) + "\n" + failure.remedy() + "\n");
-    }
-    return collecting.said;
-}
-
-std::string versions() {
-    OSVERSIONINFOEXW system{};
-    system.dwOSVersionInfoSize = sizeof system;
-    GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&system)); // of the system as far as it tells this program
-    return format("kestra-ctl " KESTRA_VERSION_TEXT "\nWindows %lu.%lu build %lu\n", system.dwMajorVersion,
-                  system.dwMinorVersion, system.dwBuildNumber);
-}
-
-ExitCode bundle(const Options& options, Console& console) {
-    const std::string& folder = options.log.folder;
-    if (!CreateDirectoryW(wideOfUtf8(folder).c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
-        throw Failure(ExitCode::Failure, folder + " cannot be made: " + systemErrorText(GetLastError()),
-                      "choose another folder");
-    std::string made;
-    const auto put = [&](const std::string& name, const std::string& text) {
-        writeFile(folder + '\\' + name, text.data(), text.size());
-        made += "  " + name + '\n';
-    };
-    put("versions.txt", versions());
-    for (const Verb& verb : kVerbs) {
-        const std::string name = verb.name;
-        Options asked;
-        if (name == "list" || name == "formats" || name == "log" || name == "trace") {
-            asked.formats.name = asked.log.action = "show";
-            asked.trace.action = "status";
-            put(name + ".txt", saidBy(verb, asked, console));
-        } else if (name == "doctor") {
-            put("doctor.txt", saidBy(verb, asked, console));
-        } else if (name == "status") {
-            for (const CardEntry& card : findCards()) {
-                asked.card = std::to_string(card.number);
-                put("status-" + asked.card + ".txt", saidBy(verb, asked, console));
-            }
-        }
-    }
-    for (const std::string& file : lastTraceFiles())
-        put(file.substr(file.find_last_of('\\') + 1), readFile(file));
-    try {
-        put("TARNIS.txt", readLog(options.log));
-    } catch (const Failure& failure) {
-        put("no-log.txt", std::string(failure.what()) + '\n');
-    }
-    if (options.json) {
-        Json json = jsonOf("log");
-        json["folder"] = folder;
-        console.write(jsonLine(json));
-    } else {
-        console.write(folder + " holds:\n" + made +
-                      "Look through it before you pass it on: it names folders of yours.\n");
-    }
-    return ExitCode::Done;
-}
-
 } // namespace
 
 ExitCode runLog(const Options& options, Console& console) {
     const std::string& action = options.log.action;
     if (action == "tail") return tail(options, console);
-    if (action == "bundle") return bundle(options, console);
+    if (action == "bundle") {
+        const std::string made = Bundle(options.log.folder, console).fill(options.log.file, {});
+        Json json = jsonOf("log");
+        json["folder"] = options.log.folder;
+        console.write(options.json ? jsonLine(json) : made);
+        return ExitCode::Done;
+    }
     if (action == "decode") {
-        writeLines(options, console, textOfLog(readLog(options.log)), true);
+        writeLines(options, console, textOfLog(readLog(options.log.file)), true);
         return ExitCode::Done;
     }
     for (const bool isTrial : {true, false}) // all are sensible before one is changed

@@ -21,6 +21,7 @@ struct Options {
     struct Doctor {
         bool isInstalledOnly = false;
         bool ascii = false;
+        std::string bundle;           ///< folder for what helps to help; empty: none
         std::string probe, probeFile; ///< what the program started itself for; empty: a person did
     } doctor;
 

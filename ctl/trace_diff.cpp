@@ -9,15 +9,13 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 namespace kestra::ctl {
 
 namespace {
 
-using trace::Event;
-using trace::EventKind;
-using trace::Request;
-using trace::Trace;
+using namespace trace;
 
 constexpr size_t kLongestLoop = 16; // steps that are looked for as a repeated pattern
 constexpr size_t kMostSteps = 2000; // of a lane: more are not aligned with each other
@@ -59,16 +57,21 @@ bool isOfLoop(const Request& request) noexcept {
     return request.code == wire::kLockBuffer || request.code == wire::kUnlockBuffer;
 }
 
-/// Tells which locks and unlocks a stop has overtaken.
+/// Tells which locks and unlocks a stop has overtaken, or a change of the input.
 class Stops {
 public:
     explicit Stops(const Trace& trace) {
+        for (const Event& event : trace.events)
+            if (event.kind == EventKind::InputEvent) m_inputEvents.emplace(event.port, event.time100ns);
         for (const Request& request : trace.requests)
             if (request.code == wire::kStartGrabbing || request.code == wire::kStopGrabbing)
                 m_times[{request.opening, request.port}].emplace_back(request.begin100ns,
                                                                       request.code == wire::kStopGrabbing);
     }
     bool overtake(const Request& request) const {
+        const auto change = m_inputEvents.lower_bound({request.port, request.begin100ns});
+        if (change != m_inputEvents.end() && change->first == request.port && change->second <= request.end100ns)
+            return true;
         const auto channel = m_times.find({request.opening, request.port});
         if (channel == m_times.end()) return false;
         const auto after =
@@ -79,6 +82,7 @@ public:
 
 private:
     std::map<std::pair<uint32_t, uint8_t>, std::vector<std::pair<uint64_t, bool>>> m_times; // begin, is a stop
+    std::set<std::pair<uint8_t, uint64_t>> m_inputEvents;
 };
 
 /// Each pattern that is repeated in a row, once.

@@ -13,8 +13,7 @@ namespace kestra::ctl {
 
 namespace {
 
-using trace::Request;
-using trace::Trace;
+using namespace trace;
 
 constexpr size_t kSlowest = 5;
 

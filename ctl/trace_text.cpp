@@ -12,10 +12,7 @@ namespace kestra::ctl {
 
 namespace {
 
-using trace::Event;
-using trace::EventKind;
-using trace::Request;
-using trace::Trace;
+using namespace trace;
 
 std::string hexadecimal(std::span<const uint8_t> bytes) {
     std::string text;
@@ -100,10 +97,19 @@ double milliseconds(uint64_t time100ns) noexcept {
     return static_cast<double>(time100ns) * 1e-4;
 }
 
-Json fieldsJson(const FieldTexts& fields) {
+/// Repeated fields as one object for each time.
+Json fieldsJson(const Request& request, const FieldTexts& fields) {
+    const std::span<const wire::Field> repeated = wire::fieldsOf(request.code).repeated;
     Json json = Json::object();
-    for (const auto& [name, value] : fields)
-        json[name] = value;
+    for (const auto& [name, value] : fields) {
+        if (std::none_of(repeated.begin(), repeated.end(), [&](const auto& field) { return field.name == name; })) {
+            json[name] = value;
+            continue;
+        }
+        Json& chunks = json["chunks"];
+        if (chunks.empty() || chunks.back().contains(name)) chunks.push_back(Json::object());
+        chunks.back()[name] = value;
+    }
     return json;
 }
 
@@ -244,10 +250,10 @@ std::string showTraceJson(const Trace& trace) {
             json["opening"] = request.opening;
             json["duration100ns"] =
                 request.hasEnded && request.hasBegun ? Json(request.end100ns - request.begin100ns) : Json(nullptr);
-            json["sent"] = fieldsJson(sentFields(request));
+            json["sent"] = fieldsJson(request, sentFields(request));
             json["win32Error"] = request.hasEnded ? Json(request.win32Error) : Json(nullptr);
             json["replyBytes"] = request.replyBytes;
-            json["reply"] = fieldsJson(replyFields(request));
+            json["reply"] = fieldsJson(request, replyFields(request));
             text += jsonLine(json);
         },
         [&](const Event& event, uint64_t gap) {

@@ -19,6 +19,7 @@ namespace kestra::ctl {
 
 namespace {
 
+/// Throws Failure.
 std::string existingFolder(const std::string& folder) {
     const std::string full = fullFolder(folder);
     return full.substr(0, full.size() - 1);
@@ -49,9 +50,10 @@ ExitCode status(const Options& options, Console& console) {
 }
 
 void start(const Options::Trace& trace) {
+    const std::string folder = existingFolder(trace.folder);
+    OutputFile(folder + "\\kestra-trial").remove(); // programs would only tell their logs that they cannot write there
     writeNumber(kLogKey, kTraceFramesValue, trace.frames);
     writeNumber(kLogKey, kTraceMegabytesValue, trace.megabytes);
-    const std::string folder = existingFolder(trace.folder);
     writeText(kLogKey, kTraceLastFolderValue, folder);
     writeText(kLogKey, kTraceFolderValue, folder);
 }

@@ -82,9 +82,11 @@ TEST(TraceShow, GivesEachFieldItsNameAndEachEntryItsTimes) {
     trace::Request& pending = session.ask<wire::SessionWatch>({0, 7}, {});
     pending.hasEnded = false;
     const wire::Chunk chunk{0x12345000, 4096, 0, 2, 0};
-    std::vector<uint8_t> table = bytesOf(wire::ChunkTableHead{0, 1});
-    const std::vector<uint8_t> row = bytesOf(chunk);
-    table.insert(table.end(), row.begin(), row.end());
+    std::vector<uint8_t> table = bytesOf(wire::ChunkTableHead{0, 2});
+    for (const wire::Chunk& each : {chunk, wire::Chunk{0x12346000, 4096, 2, 2, 0}}) {
+        const std::vector<uint8_t> row = bytesOf(each);
+        table.insert(table.end(), row.begin(), row.end());
+    }
     session.add(wire::kChunkTable + 4, table, table, 1000, 3);
     trace::Event event;
     event.kind = trace::EventKind::CallbackBegin;
@@ -104,11 +106,14 @@ TEST(TraceShow, GivesEachFieldItsNameAndEachEntryItsTimes) {
     EXPECT_THAT(text, HasSubstr("set converter        yOff=-3 crOff=512"));
     EXPECT_THAT(text, HasSubstr(" -> error 5\n"));
     EXPECT_THAT(text, HasSubstr("session watch        -> not answered\n"));
-    EXPECT_THAT(text, HasSubstr("     3   1  chunk table          result=0 chunkCount=1 address=0x12345000 "
-                                "lengthBytes=4096 firstBuffer=0 bufferCount=2 -> "));
+    EXPECT_THAT(text, HasSubstr("     3   1  chunk table          result=0 chunkCount=2 address=0x12345000 "
+                                "lengthBytes=4096 firstBuffer=0 bufferCount=2 address=0x12346000 "));
     const std::string json = showTraceJson(session.trace);
     EXPECT_THAT(json, HasSubstr(R"("name":"format size","code":3459391680)"));
     EXPECT_THAT(json, HasSubstr(R"("width":"1920")"));
+    EXPECT_THAT(json, HasSubstr(R"("sent":{"result":"0","chunkCount":"2","chunks":[{"address":"0x12345000")"));
+    EXPECT_THAT(json,
+                HasSubstr(R"("lengthBytes":"4096","firstBuffer":"0","bufferCount":"2"},{"address":"0x12346000")"));
     EXPECT_EQ(std::count(json.begin(), json.end(), '\n'), 7);
 }
 
@@ -168,6 +173,28 @@ TEST(TraceDiff, SeesNoDifferenceInWhatOnlyTimeDecides) {
     EXPECT_EQ(diff.same, 2u);
     EXPECT_THAT(diffText(diff, a.trace, b.trace), HasSubstr("only times differ\n"));
     EXPECT_EQ(diffJson(diff)["same"], true);
+}
+
+TEST(TraceDiff, ALockThatAChangeOfTheInputOvertakesIsLeftOut) {
+    Session a, b;
+    for (Session* session : {&a, &b}) {
+        session->stream(4, 3);
+        wire::LockBufferReply frame{};
+        frame.dmaStatus = session == &a ? DMA_STATUS_GOOD : DMA_STATUS_ABORTED;
+        session->ask<wire::StartGrabbing>({{0, 3}, 0}, {0}, 1000, 2);
+        const uint64_t begin = session->time;
+        session->ask<wire::LockBuffer>({0, 3}, frame, 5000, 2);
+        trace::Event event;
+        event.kind = trace::EventKind::InputEvent;
+        event.thread = 2;
+        event.time100ns = begin + 3000;
+        session->trace.events.push_back(event);
+        session->ask<wire::Connection>({0, 3}, {0, 1}, 1000, 2);
+    }
+    EXPECT_TRUE(diffOf(a.trace, b.trace).lanes.empty()) << diffText(diffOf(a.trace, b.trace), a.trace, b.trace);
+    for (Session* session : {&a, &b})
+        session->trace.events[0].port = 1;
+    EXPECT_FALSE(diffOf(a.trace, b.trace).lanes.empty()) << "that of the other port has nothing to do with it";
 }
 
 TEST(TraceDiff, NamesWhatWasAskedOtherwiseAndWhatWasAnsweredOtherwise) {
