@@ -133,7 +133,7 @@ trace::Trace loadTrace(const std::string& first) {
 void replay(const Call& call) {
     const ReplayScript script = replayScriptOf(loadTrace(call.arguments[0]));
     call.card.setReplay(script.bytes);
-    if (script.refusesOpen) call.card.addFault({FaultKind::RefuseOpen, 0, 0xC0000022, 0, kForever, {}});
+    if (script.openRefusal != 0) call.card.addFault({FaultKind::RefuseOpen, 0, script.openRefusal, 0, kForever, {}});
     for (const std::string& caution : script.cautions)
         std::fprintf(stderr, "kestrasimctl: %s\n", caution.c_str());
 }

@@ -137,8 +137,7 @@ struct Building {
 
     void build() {
         for (const Request& request : trace.requests)
-            if (request.code == wire::kStartGrabbing && request.hasEnded && request.win32Error == 0)
-                starts.push_back({request.end100ns, request.port});
+            if (isStart(request)) starts.push_back({request.end100ns, request.port});
         std::stable_sort(starts.begin(), starts.end(), [](const Start& a, const Start& b) { return a.time < b.time; });
         takeEvents();
         for (const Request& request : trace.requests) {
@@ -158,6 +157,25 @@ struct Building {
     }
 
 private:
+    static bool isStart(const Request& request) noexcept {
+        wire::Reply reply{};
+        if (request.reply.size() >= sizeof reply) std::memcpy(&reply, request.reply.data(), sizeof reply);
+        return request.code == wire::kStartGrabbing && request.hasEnded && request.win32Error == 0 &&
+               reply.result == 0 && request.port <= 1;
+    }
+
+    /// Of the port's run at that time.
+    uint32_t unlocksBefore(uint64_t time, uint8_t port) const noexcept {
+        uint64_t start = 0;
+        for (const Start& one : starts)
+            if (one.port == port && one.time <= time) start = one.time;
+        return static_cast<uint32_t>(
+            std::count_if(trace.requests.begin(), trace.requests.end(), [&](const Request& request) {
+                return request.code == wire::kUnlockBuffer && request.port == port && request.begin100ns >= start &&
+                       request.begin100ns <= time;
+            }));
+    }
+
     uint32_t startsBefore(uint64_t time) const noexcept {
         return static_cast<uint32_t>(
             std::count_if(starts.begin(), starts.end(), [=](const Start& start) { return start.time <= time; }));
@@ -165,9 +183,10 @@ private:
 
     void takeEvents() {
         const uint64_t first = trace.requests.empty() ? 0 : trace.requests.front().begin100ns;
-        bool opened = false, refused = false;
+        bool opened = false;
+        uint32_t refusal = 0;
         for (const Event& event : trace.events) {
-            if (event.kind == EventKind::Opened) (event.value == 0 ? opened : refused) = true;
+            if (event.kind == EventKind::Opened) (event.value == 0 ? opened = true : refusal = event.value);
             // Every instance of the library hears of an event by itself: those within a moment are one.
             ReplayEvent made{};
             if (event.kind == EventKind::InputEvent)
@@ -185,10 +204,27 @@ private:
             made.starts = startsBefore(event.time100ns);
             made.after100ns =
                 event.time100ns - (made.starts == 0 ? std::min(first, event.time100ns) : starts[made.starts - 1].time);
+            for (const uint8_t port : {0, 1})
+                made.unlocks[port] = unlocksBefore(event.time100ns, port);
             events.push_back(made);
             m_eventTimes.push_back(event.time100ns);
         }
-        script.refusesOpen = refused && !opened;
+        if (refusal != 0) takeRefusal(refusal, opened);
+    }
+
+    /// Which openings were refused cannot be told from the outside: all, or none.
+    void takeRefusal(uint32_t win32Error, bool opened) {
+        constexpr uint32_t kNoSuchFile = 2, kAccessDenied = 5, kSharingViolation = 32;
+        const std::string error = "error " + std::to_string(win32Error) + " of an opening ";
+        if (opened) {
+            script.cautions.push_back(error + "is left out, as other openings went well");
+            return;
+        }
+        script.openRefusal = win32Error == kAccessDenied       ? uint32_t{kStatusAccessDenied}
+                             : win32Error == kSharingViolation ? uint32_t{kStatusSharingViolation}
+                                                               : uint32_t{kStatusNoSuchName};
+        if (script.openRefusal == kStatusNoSuchName && win32Error != kNoSuchFile)
+            script.cautions.push_back(error + "becomes error 2");
     }
 
     ReplayAnswer answerOf(const Request& request) {

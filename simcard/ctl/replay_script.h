@@ -13,7 +13,7 @@ namespace kestra::simcard {
 struct ReplayScript {
     std::vector<uint8_t> bytes;        ///< for Replay::load
     Signal signal{};                   ///< at the beginning, as the answers tell
-    bool refusesOpen = false;          ///< nobody could open the card
+    uint32_t openRefusal = 0;          ///< for a fault that refuses openings; 0: somebody could open the card
     std::vector<std::string> cautions; ///< what will not be as it was, in words
 };
 

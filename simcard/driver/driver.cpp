@@ -40,7 +40,8 @@ struct Extension {
     DEVICE_OBJECT* lower;
     uint32_t number;
     UNICODE_STRING link;
-    bool linkHidden;
+    uint32_t refusal;  ///< status that openings get; kStatusSuccess: they come in
+    HANDLE standIn[2]; ///< what the link leads to meanwhile
     WCHAR physicalName[128];
     Lock dma, state;
     Host host;
@@ -142,6 +143,14 @@ uint64_t Host::now100ns() {
     return whole * 10000000 + rest * 10000000 / uint64_t(frequency.QuadPart);
 }
 
+void forgetRefusal(Extension& x) {
+    x.refusal = kStatusSuccess;
+    for (HANDLE& standIn : x.standIn) {
+        if (standIn) g_system.close(standIn);
+        standIn = nullptr;
+    }
+}
+
 void setPlugged(Extension& x, bool plugged) {
     // The interface goes first: nobody opens a card that is about to answer "not connected".
     if (!plugged) IoSetDeviceInterfaceState(&x.link, FALSE);
@@ -153,27 +162,56 @@ void setPlugged(Extension& x, bool plugged) {
     }
     if (plugged) {
         IoSetDeviceInterfaceState(&x.link, TRUE);
-        x.linkHidden = false;
+        forgetRefusal(x);
     }
 }
 
-/// Wine opens a file whatever a driver answers, so an opening is refused by taking the name away: the
-/// interface stays listed, and opening it fails as if it were not there.
+/// Makes something that nobody can open for reading and writing, as the system answers with this status.
+/// @return its name; null: there is no such thing
+const WCHAR* makeStandIn(Extension& x, uint32_t status) {
+    static WCHAR pipe[] = L"\\Device\\NamedPipe\\kestrasim0", slot[] = L"\\Device\\MailSlot\\kestrasim0";
+    const bool isPipe = status == kStatusAccessDenied;
+    if (!isPipe && status != kStatusSharingViolation) return nullptr;
+    WCHAR* const text = isPipe ? pipe : slot;
+    text[(isPipe ? sizeof pipe : sizeof slot) / sizeof(WCHAR) - 2] = WCHAR(L'0' + x.number);
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, text);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, 0, nullptr, nullptr);
+    IO_STATUS_BLOCK io = {};
+    LARGE_INTEGER patience;
+    patience.QuadPart = -1;
+    if (isPipe) // that only brings in
+        return NT_SUCCESS(g_system.createPipe(&x.standIn[0], GENERIC_READ | SYNCHRONIZE, &attributes, &io,
+                                              FILE_SHARE_WRITE, FILE_OPEN_IF, 0, 0, 0, 0, 1, 1, 1, &patience))
+                   ? text
+                   : nullptr;
+    // With a writer that wants to be the only one.
+    return NT_SUCCESS(g_system.createMailslot(&x.standIn[0], GENERIC_READ | SYNCHRONIZE, &attributes, &io, 0, 0, 0,
+                                              &patience)) &&
+                   NT_SUCCESS(g_system.openFile(&x.standIn[1], GENERIC_WRITE, &attributes, &io, FILE_SHARE_READ, 0))
+               ? text
+               : nullptr;
+}
+
+/// Wine opens a file whatever a driver answers, so an opening is refused by leading the card's name elsewhere, or by
+/// taking it away: the interface stays listed.
 void updateLink(Extension& x) {
-    bool hide;
+    uint32_t refusal;
     {
         Locked state(x.state);
-        hide = x.card->plugged() && x.card->refusesOpen();
+        refusal = x.card->plugged() ? x.card->openRefusal() : uint32_t(kStatusSuccess);
     }
-    if (hide == x.linkHidden) return;
-    x.linkHidden = hide;
-    if (hide) {
-        IoDeleteSymbolicLink(&x.link);
-    } else if (x.card->plugged()) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, x.physicalName);
-        IoCreateSymbolicLink(&x.link, &name);
-    }
+    if (refusal == x.refusal) return;
+    forgetRefusal(x);
+    IoDeleteSymbolicLink(&x.link);
+    x.refusal = refusal;
+    if (!x.card->plugged()) return;
+    const WCHAR* target = refusal == kStatusSuccess ? x.physicalName : makeStandIn(x, refusal);
+    if (!target) return;
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, target);
+    IoCreateSymbolicLink(&x.link, &name);
 }
 
 // Frames.
@@ -481,6 +519,7 @@ void removeCard(Extension& x) {
         ObDereferenceObject(x.threadObject);
         g_system.close(x.thread);
     }
+    forgetRefusal(x);
     if (x.frame) ExFreePoolWithTag(x.frame, kTag);
     if (x.block) ExFreePoolWithTag(x.block, kTag);
     if (x.script) ExFreePoolWithTag(x.script, kTag);

@@ -66,7 +66,9 @@ bool System::load() noexcept {
            resolve(base, "NtWriteVirtualMemory", writeMemory) && resolve(base, "NtDuplicateObject", duplicate) &&
            resolve(base, "NtSetEvent", setEvent) && resolve(base, "NtDelayExecution", delay) &&
            resolve(base, "RtlInitializeCriticalSection", initLock) && resolve(base, "RtlEnterCriticalSection", enter) &&
-           resolve(base, "RtlLeaveCriticalSection", leave) && resolve(base, "NtQueryPerformanceCounter", queryCounter);
+           resolve(base, "RtlLeaveCriticalSection", leave) &&
+           resolve(base, "NtQueryPerformanceCounter", queryCounter) && resolve(base, "NtOpenFile", openFile) &&
+           resolve(base, "NtCreateNamedPipeFile", createPipe) && resolve(base, "NtCreateMailslotFile", createMailslot);
 }
 
 } // namespace kestra::simcard

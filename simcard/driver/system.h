@@ -23,6 +23,13 @@ struct System {
     NTSTATUS(NTAPI* enter)(void*);
     NTSTATUS(NTAPI* leave)(void*);
     NTSTATUS(NTAPI* queryCounter)(LARGE_INTEGER*, LARGE_INTEGER*);
+    NTSTATUS(NTAPI* openFile)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, IO_STATUS_BLOCK*, ULONG share, ULONG options);
+    NTSTATUS(NTAPI* createPipe)
+    (HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, IO_STATUS_BLOCK*, ULONG share, ULONG disposition, ULONG options,
+     ULONG type, ULONG readMode, ULONG completion, ULONG instances, ULONG inBytes, ULONG outBytes, LARGE_INTEGER*);
+    NTSTATUS(NTAPI* createMailslot)
+    (HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, IO_STATUS_BLOCK*, ULONG options, ULONG quota, ULONG longest,
+     LARGE_INTEGER*);
 
     /// @return false if the host lacks one of them.
     bool load() noexcept;

@@ -123,10 +123,11 @@ bool Card::addFault(const Fault& fault) noexcept {
     return false;
 }
 
-bool Card::refusesOpen() const noexcept {
+uint32_t Card::openRefusal() const noexcept {
     for (const Fault& fault : m_faults)
-        if (fault.count != 0 && fault.kind == FaultKind::RefuseOpen) return true;
-    return false;
+        if (fault.count != 0 && fault.kind == FaultKind::RefuseOpen)
+            return fault.value == kStatusSuccess ? kStatusNoSuchName : fault.value;
+    return kStatusSuccess;
 }
 
 void Card::clearFaults() noexcept {

@@ -17,8 +17,10 @@ enum Status : uint32_t {
     kStatusInvalidHandle = 0xC0000008,        ///< the session id is not the client's
     kStatusInvalidParameter = 0xC000000D,     ///< request of a wrong size, or a port other than 0 and 1
     kStatusInvalidDeviceRequest = 0xC0000010, ///< unknown code
+    kStatusNoSuchName = 0xC0000034,           ///< to an opening: Win32 error 2
     kStatusAccessDenied = 0xC0000022,         ///< the channel's DMA access belongs to another, or to nobody
     kStatusBufferTooSmall = 0xC0000023,       ///< the reply does not fit
+    kStatusSharingViolation = 0xC0000043,     ///< to an opening: Win32 error 32
     kStatusInsufficientResources = 0xC000009A,
     kStatusDeviceNotConnected = 0xC000009D,
     kStatusNotSupported = 0xC00000BB,
@@ -146,8 +148,9 @@ public:
     bool setOptions(const Options& options) noexcept;
     const Options& options() const noexcept { return m_options; }
     bool addFault(const Fault& fault) noexcept;
-    /// True while a fault refuses openings: the owner hides the card's name from new clients.
-    bool refusesOpen() const noexcept;
+    /// While a fault refuses openings, so that the owner keeps new clients out.
+    /// @return the status that they are to get; kStatusSuccess: they may come in
+    uint32_t openRefusal() const noexcept;
     void clearFaults() noexcept;
     void clearLog() noexcept;
     void reset() noexcept;

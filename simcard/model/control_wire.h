@@ -44,8 +44,8 @@ enum class FaultKind : uint32_t {
     Unplug = 5,        ///< the card goes when the request arrives
     SignalChange = 6,  ///< the fault's signal is at the input before the request is answered
     DmaStatus = 7,     ///< value: DMA status of the next buffers; code: the port
-    RefuseOpen = 8,    ///< while set, new clients cannot open the card: Win32 error 2 under Wine, whatever the value
-    SignalAtFrame = 9  ///< the signal changes before the frame of that number (value)
+    RefuseOpen = 8, ///< new clients cannot open the card. Value: access denied, sharing violation; others: no such name
+    SignalAtFrame = 9 ///< the signal changes before the frame of that number (value)
 };
 
 #pragma pack(push, 1)

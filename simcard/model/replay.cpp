@@ -11,6 +11,7 @@ namespace kestra::simcard {
 namespace {
 
 constexpr uint32_t kLongestSent = 4096;
+constexpr uint64_t kPatience100ns = 20'000'000; // of an event with a client that is behind
 
 /// The next `count` records of the script, which then begins after them; null: there are not so many.
 template <class Record>
@@ -82,6 +83,7 @@ const ReplayAnswer* Replay::answerTo(uint32_t code, const uint8_t* sent, uint32_
         m_lastStart = now100ns;
     }
     if (!isReplayed(code) || code == wire::kLockBuffer) return nullptr;
+    if (code == wire::kUnlockBuffer && sentBytes != 0) ++m_unlocks[sent[0] & 1];
     const uint64_t hash = hashOfSent(code, sent, sentBytes);
     for (uint32_t i = 0; i < m_head.keys; ++i) {
         ReplayKey& key = m_keys[i];
@@ -104,6 +106,8 @@ const ReplayAnswer* Replay::answerTo(uint32_t code, const uint8_t* sent, uint32_
 
 void Replay::started(uint32_t port, uint64_t now100ns) noexcept {
     m_lastStart = m_portStart[port] = now100ns;
+    m_late = 0;
+    m_unlocks[port] = 0;
     ++m_starts;
     ++m_run[port];
 }
@@ -129,11 +133,19 @@ const ReplayAnswer* Replay::takeLock(uint32_t port) noexcept {
     return &lock->answer;
 }
 
+bool Replay::isClientBehind(const ReplayEvent& event) const noexcept {
+    return m_unlocks[0] < event.unlocks[0] || m_unlocks[1] < event.unlocks[1];
+}
+
 const ReplayEvent* Replay::takeEvent(uint64_t now100ns) noexcept {
     if (!m_hasBegun || m_event == m_head.events) return nullptr;
     const ReplayEvent& event = m_events[m_event];
-    if (event.starts > m_starts || (event.starts == m_starts && now100ns - m_lastStart < event.after100ns))
-        return nullptr;
+    if (event.starts > m_starts) return nullptr;
+    if (event.starts == m_starts) {
+        const uint64_t due = m_lastStart + m_late + event.after100ns;
+        if (now100ns < due || (now100ns < due + kPatience100ns && isClientBehind(event))) return nullptr;
+        m_late += now100ns - due;
+    }
     ++m_event;
     ++m_report.events;
     return &event;

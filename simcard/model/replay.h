@@ -51,12 +51,13 @@ struct ReplayEvent {
     ReplayEventKind kind;
     uint32_t starts;     ///< how many starts of any port there were before
     uint64_t after100ns; ///< since the last of them, or since the first request
+    uint32_t unlocks[2]; ///< how many buffers a port's client had given back since the port's start
     Signal signal;       ///< from then on
 };
 
 #pragma pack(pop)
 static_assert(sizeof(ReplayHead) == 44 && sizeof(ReplayKey) == 28 && sizeof(ReplayAnswer) == 20);
-static_assert(sizeof(ReplayLock) == 36 && sizeof(ReplayEvent) == 40);
+static_assert(sizeof(ReplayLock) == 36 && sizeof(ReplayEvent) == 48);
 
 /// What tells requests of one code apart: of what was sent, whose fields of kind Own are set to 0.
 uint64_t replayHash(uint32_t code, std::span<uint8_t> sent) noexcept;
@@ -85,13 +86,15 @@ public:
     /// Null: the card answers by itself.
     const ReplayAnswer* takeLock(uint32_t port) noexcept;
 
-    /// The next event, once its time has come; null: not yet.
+    /// The next event, once its time has come and the client has given back as many buffers as the recorded one had by
+    /// then: a slower client would otherwise never see the frames before a change. Null: not yet.
     const ReplayEvent* takeEvent(uint64_t now100ns) noexcept;
 
     void readReport(ReplayReport& report) const noexcept;
 
 private:
     ReplayLock* nextLock(uint32_t port) const noexcept;
+    bool isClientBehind(const ReplayEvent& event) const noexcept;
 
     uint8_t* m_script = nullptr;
     ReplayHead m_head{};
@@ -100,10 +103,11 @@ private:
     ReplayLock* m_locks = nullptr;
     ReplayEvent* m_events = nullptr;
     uint8_t* m_replies = nullptr;
-    uint32_t m_lock[2] = {}, m_run[2] = {};
+    uint32_t m_lock[2] = {}, m_run[2] = {}, m_unlocks[2] = {};
     uint64_t m_portStart[2] = {};
     uint32_t m_event = 0, m_starts = 0;
     uint64_t m_lastStart = 0;
+    uint64_t m_late = 0; ///< how late the last event was: those after it keep their distance
     bool m_hasBegun = false;
     ReplayReport m_report{};
 };

@@ -302,8 +302,16 @@ TEST_F(RawStreamTest, SignalChangesAtAChosenFrameAndAtAChosenRequest) {
 TEST_F(RawStreamTest, RefusedOpenHitsNewClientsUntilItIsCleared) {
     RawClient before(m_card.devicePath());
     open(before);
-    m_card.addFault({FaultKind::RefuseOpen, 0, 0xC0000022, 0, kForever, {}});
-    EXPECT_NE(RawClient(m_card.devicePath()).openError(), 0u);
+    const struct {
+        uint32_t status, error;
+    } kRefusals[] = {
+        {0xC0000022, ERROR_ACCESS_DENIED}, {0xC0000043, ERROR_SHARING_VIOLATION}, {0, ERROR_FILE_NOT_FOUND}};
+    for (const auto& refusal : kRefusals) {
+        m_card.clearFaults();
+        m_card.addFault({FaultKind::RefuseOpen, 0, refusal.status, 0, kForever, {}});
+        EXPECT_EQ(RawClient(m_card.devicePath()).openError(), refusal.error);
+        EXPECT_EQ(RawClient(m_card.devicePath()).openError(), refusal.error) << "and again";
+    }
     wire::ConnectionReply connection = {};
     EXPECT_EQ(before.call(wire::kConnection, before.header(), connection), 0u) << "who has it open keeps it";
     m_card.clearFaults();

@@ -1,30 +1,10 @@
 // A recorded card in place of the model: what was recorded is said again in its order, at its time, and what was not is
 // answered by the model and counted.
 #include "simcard/ctl/replay_script.h"
-#include "simcard/model/card.h"
-
-#include "protocol/requests.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <deque>
-#include <map>
-#include <memory>
+#include "tests/support/model_card.h"
 
 namespace kestra::simcard {
 namespace {
-
-class FakeHost final : public CardHost {
-public:
-    void complete(void* token, uint32_t status, uint32_t size) override { done[token] = {status, size}; }
-    void signalEvent(uint32_t, uint64_t handle) override { signalled.push_back(handle); }
-    uint64_t now100ns() override { return now; }
-
-    std::map<void*, Outcome> done;
-    std::vector<uint64_t> signalled;
-    uint64_t now = 5'000'000;
-};
 
 template <class Record>
 std::vector<uint8_t> bytesOf(const Record& record) {
@@ -71,60 +51,22 @@ public:
     uint64_t time = 100;
 };
 
-class ReplayTest : public testing::Test {
+class ReplayTest : public ModelCardTest {
 protected:
     void replay(const Recorded& recorded) {
         m_script = replayScriptOf(recorded.trace);
         ASSERT_TRUE(m_card->setReplay(m_script.bytes.data(), m_script.bytes.size()));
-        ASSERT_EQ(m_card->open(77, m_client), uint32_t(kStatusSuccess));
-        wire::OpenSessionReply reply{};
-        ASSERT_EQ(ask<wire::OpenSession>({}, reply).status, uint32_t(kStatusSuccess));
-        m_session = reply.sessionId;
+        openClient();
+        openSession();
         EXPECT_NE(m_session, 99u) << "the session is its own, not the recorded one";
     }
-    /// What is sent stays until the test ends, as it does while a request is pending.
-    template <class R>
-    Outcome ask(const typename R::Sent& sent, typename R::Answer& answer) {
-        const std::vector<uint8_t>& kept = m_sent.emplace_back(bytesOf(sent));
-        return m_card->request({&answer, m_client, R::kCode, kept.data(), sizeof sent,
-                                reinterpret_cast<uint8_t*>(&answer), sizeof answer});
-    }
-    wire::Header header(uint8_t port = 0) const { return {port, m_session}; }
     ReplayReport report() const {
         ReplayReport report{};
         m_card->readReplay(report);
         return report;
     }
-    void startGrabbing() {
-        wire::Reply reply{};
-        wire::PrepareReply prepared{};
-        ASSERT_EQ(ask<wire::ChannelAccess>({header(), 0x100}, reply).status, 0u);
-        ASSERT_EQ(ask<wire::Prepare>({header(), 1, 9, 0, {0, 1, 0, 1}, {}}, prepared).status, 0u);
-        ASSERT_EQ(prepared.result, 0u);
-        m_card->request({m_chunk, m_client, wire::kLockChunk, nullptr, 0, m_chunk, sizeof m_chunk});
-        m_table = {{0, 1}, {0x10000, 10ull * prepared.frameSizeBytes, 0, 10, 0}};
-        auto* table = reinterpret_cast<uint8_t*>(&m_table);
-        ASSERT_EQ(m_card->request({table, m_client, wire::kChunkTable, nullptr, 0, table, sizeof m_table}).status, 0u);
-        ASSERT_EQ(ask<wire::StartGrabbing>({header(), 0}, reply).status, 0u);
-        ASSERT_EQ(reply.result, 0u);
-    }
-    void runFrame() {
-        m_card->tick();
-        FrameJob job;
-        while (m_card->beginFrame(job))
-            m_card->endFrame(job, true);
-    }
 
-    FakeHost m_host;
-    std::unique_ptr<Card> m_card = std::make_unique<Card>(m_host, 3);
     ReplayScript m_script;
-    std::deque<std::vector<uint8_t>> m_sent;
-    uint32_t m_client = 0, m_session = 0;
-    uint8_t m_chunk[16] = {};
-    struct {
-        wire::ChunkTableHead head;
-        wire::Chunk chunk;
-    } m_table = {};
 };
 
 TEST_F(ReplayTest, AnswersByKindAndOrderAndByTheModelWhereNothingWasRecorded) {
@@ -279,12 +221,116 @@ TEST_F(ReplayTest, EventsHappenAtTheirTimesAndTheAnswersAfterThemComeAfterThem) 
     EXPECT_EQ(report().eventsLeft, 0u);
 }
 
-TEST_F(ReplayTest, ACardThatNobodyCouldOpenIsSaidToBeOne) {
+/// A session of two frames, then a change of the input at 1 s after its start.
+Recorded recordedChange() {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(64, 16, 60);
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+    const uint64_t start = recorded.time - 1000;
+    for (uint32_t id : {1, 2}) {
+        wire::LockBufferReply frame{};
+        frame.frameWord0 = id;
+        recorded.ask<wire::LockBuffer>({0, 77}, frame);
+        recorded.ask<wire::UnlockBuffer>({{0, 77}, id}, {0});
+    }
+    recorded.time = start + 10'000'000;
+    recorded.event(trace::EventKind::InputEvent);
+    recorded.signal(1280, 720, 50);
+    return recorded;
+}
+
+TEST_F(ReplayTest, AnEventWaitsForAClientThatIsBehindButNotForEver) {
+    for (const bool catchesUp : {true, false}) {
+        m_card = std::make_unique<Card>(m_host, 3);
+        replay(recordedChange());
+        startGrabbing();
+        m_host.now += 10'000'000;
+        m_card->poll();
+        EXPECT_EQ(m_card->signal().width, 64) << "the client has not seen the frames before it";
+        for (int i = 0; i < 2; ++i) {
+            runFrame();
+            wire::LockBufferReply frame{};
+            EXPECT_EQ(ask<wire::LockBuffer>(header(), frame).status, 0u);
+            m_card->poll();
+            EXPECT_EQ(m_card->signal().width, 64);
+            wire::Reply reply{};
+            if (catchesUp) ask<wire::UnlockBuffer>({header(), frame.bufferId}, reply);
+        }
+        m_card->poll();
+        EXPECT_EQ(m_card->signal().width, catchesUp ? 1280 : 64);
+        m_host.now += 19'990'000;
+        m_card->poll();
+        EXPECT_EQ(m_card->signal().width, catchesUp ? 1280 : 64);
+        m_host.now += 10'000;
+        m_card->poll();
+        EXPECT_EQ(m_card->signal().width, 1280);
+        m_card->close(m_client);
+    }
+}
+
+TEST_F(ReplayTest, EventsAfterALateOneKeepTheirDistance) {
+    Recorded recorded = recordedChange();
+    recorded.time += 5'000'000 - 7000; // half a second after the other
+    recorded.event(trace::EventKind::Removal);
+    replay(recorded);
+    startGrabbing();
+    m_host.now += 30'000'000; // without a frame: two seconds late
+    m_card->poll();
+    EXPECT_EQ(m_card->signal().width, 1280);
+    m_host.now += 4'900'000;
+    m_card->poll();
+    EXPECT_FALSE(m_card->unplugRequested());
+    m_host.now += 21'000'000; // and this one is not waited for any longer, either
+    m_card->poll();
+    EXPECT_TRUE(m_card->unplugRequested());
+}
+
+TEST_F(ReplayTest, AStartThatWasRefusedIsNoRun) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(64, 16, 60);
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {17});
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+    wire::LockBufferReply frame{};
+    frame.frameWord0 = 4711;
+    recorded.ask<wire::LockBuffer>({0, 77}, frame);
+    recorded.event(trace::EventKind::InputEvent);
+    recorded.signal(1280, 720, 50);
+    replay(recorded);
+    wire::Reply reply{};
+    EXPECT_EQ(ask<wire::StartGrabbing>({header(), 0}, reply).status, 0u);
+    EXPECT_EQ(uint32_t(reply.result), 17u);
+    startGrabbing();
+    runFrame();
+    m_host.now += 2000;
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), frame).status, 0u);
+    EXPECT_EQ(uint32_t(frame.frameWord0), 4711u) << "the frame is of the first run that there was";
+    m_host.now += 10'000;
+    m_card->poll();
+    EXPECT_EQ(m_card->signal().width, 1280);
+}
+
+TEST_F(ReplayTest, ACardThatNobodyCouldOpenRefusesAsItDid) {
+    const struct {
+        uint32_t error, status;
+        std::vector<std::string> cautions;
+    } kRefusals[] = {{5, 0xC0000022, {}},
+                     {32, 0xC0000043, {}},
+                     {2, 0xC0000034, {}},
+                     {1450, 0xC0000034, {"error 1450 of an opening becomes error 2"}}};
+    for (const auto& refusal : kRefusals) {
+        Recorded recorded;
+        recorded.event(trace::EventKind::Opened, refusal.error);
+        EXPECT_EQ(replayScriptOf(recorded.trace).openRefusal, refusal.status);
+        EXPECT_EQ(replayScriptOf(recorded.trace).cautions, refusal.cautions);
+    }
     Recorded recorded;
     recorded.event(trace::EventKind::Opened, 5);
-    EXPECT_TRUE(replayScriptOf(recorded.trace).refusesOpen);
     recorded.event(trace::EventKind::Opened, 0);
-    EXPECT_FALSE(replayScriptOf(recorded.trace).refusesOpen);
+    EXPECT_EQ(replayScriptOf(recorded.trace).openRefusal, 0u);
+    EXPECT_EQ(replayScriptOf(recorded.trace).cautions,
+              std::vector<std::string>{"error 5 of an opening is left out, as other openings went well"});
 }
 
 TEST_F(ReplayTest, AScriptThatDoesNotFitItsSizeIsNotTaken) {
@@ -303,6 +349,7 @@ TEST_F(ReplayTest, AScriptThatDoesNotFitItsSizeIsNotTaken) {
             damaged[at] = value;
             if (!m_card->setReplay(damaged.data(), damaged.size())) continue;
             uint32_t client = 0; // taken: then it is within its bounds, which the sanitizers watch
+            m_host.done.clear();
             ASSERT_EQ(m_card->open(1, client), 0u);
             m_client = client;
             wire::OpenSessionReply reply{};

@@ -74,6 +74,7 @@ struct Scenario {
     void (*prepare)(const CardControl& card);
     void (*run)(Client& client, const Act& act);
     bool asksTheSame = true; ///< false: when the card goes, time decides which requests are still made
+    uint32_t openError = 0;  ///< that the program meets; otherwise it can open the card
 };
 
 void grab(Client& client, uint32_t frameBytes, int frames = 5) {
@@ -93,6 +94,7 @@ void expectSignal(Client& client, uint16_t width, uint16_t height, uint32_t inte
 }
 
 constexpr Signal kSmall = {1, 0, 0, 9, 0, 0, 64, 16, 0, 60, 1, 0};
+constexpr Signal kSd = {1, 1, 1, 2, 0, 0, 720, 576, 0, 25, 1, 0};
 
 const Scenario kScenarios[] = {
     {"1080p60", [](const CardControl&) {},
@@ -140,6 +142,11 @@ const Scenario kScenarios[] = {
          EXPECT_EQ(connected, 0);
          EXPECT_NE(client.start(), 0u);
      }},
+    {"opened-by-another",
+     [](const CardControl& card) {
+         card.addFault({FaultKind::RefuseOpen, 0, kAccessDenied, 0, simcard::kForever, {}});
+     },
+     [](Client&, const Act&) {}, true, ERROR_ACCESS_DENIED},
     {"sound", [](const CardControl&) {},
      [](Client& client, const Act&) {
          EXPECT_EQ(client.start(1), 0u);
@@ -227,6 +234,24 @@ const Scenario kScenarios[] = {
          TARNIS_ReleaseDMAAccess(client.card, 0);
      },
      false},
+    {"format-change", [](const CardControl& card) { card.setSignal(kSd); },
+     [](Client& client, const Act& act) {
+         expectSignal(client, 720, 576, 1, 50, 3);
+         EXPECT_EQ(client.start(), 0u);
+         EXPECT_TRUE(client.waitForGood(5));
+         EXPECT_EQ(client.frameBytes, 720u * 576 * 2);
+         act([](const CardControl& card) { card.setSignal({1, 0, 1, 7, 0, 0, 1280, 720, 0, 50, 1, 0}); });
+         EXPECT_TRUE(waitUntil([&] { return client.disconnected == 1; })) << "the run ends, and says so";
+         TARNIS_StopGrab(client.card, 0);
+         expectSignal(client, 1280, 720, 0, 50, 3);
+         const int before = client.good;
+         EXPECT_GE(before, 5);
+         EXPECT_EQ(client.restart(), 0u);
+         EXPECT_TRUE(client.waitForGood(before + 5)) << "of the new format";
+         EXPECT_EQ(client.frameBytes, 1280u * 720 * 2);
+         client.stop();
+         EXPECT_EQ(client.disconnected, 1);
+     }},
     {"plug-cycles", [](const CardControl& card) { card.setSignal(kSmall); },
      [](Client& client, const Act& act) {
          EXPECT_EQ(client.start(), 0u);
@@ -261,8 +286,7 @@ protected:
     void SetUp() override {
         CardTest::SetUp();
         m_folder = std::filesystem::temp_directory_path() /
-                   ("kestra-library-" + std::to_string(GetCurrentProcessId()) + "-" + GetParam().name);
-        std::filesystem::remove_all(m_folder);
+                   ("kestra-library-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++s_number));
         std::filesystem::create_directories(m_folder);
         SetEnvironmentVariableW(kTraceVariable, m_folder.wstring().c_str());
     }
@@ -274,12 +298,21 @@ protected:
     }
     void run(const Act& act) {
         Client client;
-        client.card = openCard();
-        ASSERT_NE(client.card, nullptr);
+        client.card = GetParam().openError == 0 ? openCard() : openUnlisted();
+        ASSERT_EQ(client.card == nullptr, GetParam().openError != 0);
         GetParam().run(client, act);
         if (client.card) TARNIS_Done(client.card);
     }
+    /// A card that cannot be opened is not listed.
+    TARNIS_HANDLE openUnlisted() const {
+        const std::wstring path = m_card.devicePath();
+        std::vector<std::byte> block(sizeof(DeviceInterfaceDetail) + path.size() * sizeof(wchar_t));
+        auto* detail = reinterpret_cast<DeviceInterfaceDetail*>(block.data());
+        std::wcscpy(detail->devicePath, path.c_str());
+        return TARNIS_InitByHandle(detail);
+    }
     std::filesystem::path m_folder;
+    static inline int s_number = 0; // a process keeps the last trace's file open
 };
 
 TEST_P(TraceLibrary, AProgramMeetsWhatItMetAtTheRecordedCard) {
@@ -292,11 +325,14 @@ TEST_P(TraceLibrary, AProgramMeetsWhatItMetAtTheRecordedCard) {
     }
     const trace::Trace recorded = ctl::loadTrace(kept);
     m_card.setSignal({});
-    m_card.setReplay(simcard::replayScriptOf(recorded).bytes);
+    const simcard::ReplayScript script = simcard::replayScriptOf(recorded);
+    m_card.setReplay(script.bytes);
+    if (script.openRefusal != 0)
+        m_card.addFault({FaultKind::RefuseOpen, 0, script.openRefusal, 0, simcard::kForever, {}});
     run([](const std::function<void(const CardControl&)>&) {});
     const simcard::ReplayReport report = m_card.replayReport();
     EXPECT_EQ(report.isLoaded, 1u);
-    EXPECT_GE(report.answered, 5u);
+    EXPECT_GE(report.answered, GetParam().openError == 0 ? 5u : 0u);
     EXPECT_EQ(report.notRecorded, 0u) << wire::requestName(report.codes[0]);
     EXPECT_EQ(report.eventsLeft, 0u);
     if (!GetParam().asksTheSame) return;

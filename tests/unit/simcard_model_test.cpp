@@ -1,88 +1,18 @@
 // The simulated card's model by itself: protocol, faults, buffers, and garbage requests.
-#include "simcard/model/card.h"
+#include "tests/support/model_card.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <map>
-#include <memory>
 #include <random>
-#include <vector>
 
 namespace kestra::simcard {
 namespace {
 
-class FakeHost final : public CardHost {
-public:
-    struct Done {
-        uint32_t status, size;
-    };
-    void complete(void* token, uint32_t status, uint32_t size) override {
-        EXPECT_EQ(done.count(token), 0u) << "completed twice";
-        done[token] = {status, size};
-    }
-    void signalEvent(uint32_t, uint64_t handle) override { signalled.push_back(handle); }
-    uint64_t now100ns() override { return now; }
-
-    std::map<void*, Done> done;
-    std::vector<uint64_t> signalled;
-    uint64_t now = 1000;
-};
-
-class SimcardModel : public testing::Test {
+class SimcardModel : public ModelCardTest {
 protected:
-    void SetUp() override { ASSERT_EQ(m_card->open(77, m_client), uint32_t(kStatusSuccess)); }
-
-    Outcome send(uint32_t code, const void* in, uint32_t inSize, void* out, uint32_t outSize, void* token = nullptr) {
-        return m_card->request(
-            {token, m_client, code, static_cast<const uint8_t*>(in), inSize, static_cast<uint8_t*>(out), outSize});
-    }
-    template <class In, class Out>
-    Outcome send(uint32_t code, const In& in, Out& out, void* token = nullptr) {
-        return send(code, &in, sizeof in, &out, sizeof out, token);
-    }
-    wire::Header header(uint8_t port = 0) { return {port, m_session}; }
-    void openSession() {
-        wire::OpenSessionReply reply = {};
-        ASSERT_EQ(send(wire::kOpenSession, wire::Header{}, reply).status, uint32_t(kStatusSuccess));
-        m_session = reply.sessionId;
-    }
-    /// Claims a port, prepares it and names ten buffers at made-up addresses.
+    void SetUp() override { openClient(); }
     void makeReady(uint8_t port, uint8_t selector) {
         openSession();
-        wire::Reply reply = {};
-        wire::PrepareReply prepared = {};
-        ASSERT_EQ(send(wire::kChannelAccess, wire::ChannelAccessRequest{header(), 0x100u << port}, reply).status, 0u);
-        const wire::PrepareRequest prepare = {header(port), selector, 9, 0, {0, 1, 0, 1}, {0, 0}};
-        ASSERT_EQ(send(wire::kPrepare, prepare, prepared).status, 0u);
-        ASSERT_EQ(prepared.result, 0u);
-        ASSERT_EQ(send(wire::kLockChunk + 4u * port, nullptr, 0, m_chunk, sizeof m_chunk, m_chunk).status,
-                  uint32_t(kStatusPending));
-        m_table = {{0, 1}, {0x10000, 10ull * prepared.frameSizeBytes, 0, 10, 0}};
-        ASSERT_EQ(send(wire::kChunkTable + 4u * port, nullptr, 0, &m_table, sizeof m_table).status, 0u);
-        ASSERT_EQ(m_table.head.result, 0u);
-        ASSERT_EQ(send(wire::kStartGrabbing, wire::StartGrabbingRequest{header(port), 0}, reply).status, 0u);
-        ASSERT_EQ(reply.result, 0u);
+        startGrabbing(port, selector);
     }
-    int runFrame() {
-        m_card->tick();
-        FrameJob job;
-        int jobs = 0;
-        while (m_card->beginFrame(job)) {
-            m_card->endFrame(job, true);
-            ++jobs;
-        }
-        return jobs;
-    }
-
-    FakeHost m_host;
-    std::unique_ptr<Card> m_card = std::make_unique<Card>(m_host, 3);
-    uint32_t m_client = 0, m_session = 0;
-    uint8_t m_chunk[16] = {};
-    struct {
-        wire::ChunkTableHead head;
-        wire::Chunk chunk;
-    } m_table = {};
 };
 
 TEST_F(SimcardModel, AWaitingLockIsServedByTheNextFrameAndAnUnlockFreesTheBuffer) {
@@ -91,7 +21,7 @@ TEST_F(SimcardModel, AWaitingLockIsServedByTheNextFrameAndAnUnlockFreesTheBuffer
     ASSERT_EQ(send(wire::kLockBuffer, header(), locked, &locked).status, uint32_t(kStatusPending));
     EXPECT_EQ(runFrame(), 1);
     ASSERT_EQ(m_host.done.count(&locked), 1u);
-    EXPECT_EQ(m_host.done[&locked].size, 49u);
+    EXPECT_EQ(m_host.done[&locked].replySize, 49u);
     EXPECT_EQ(locked.frameWord0, 1u);
     EXPECT_EQ(locked.bufferAddress, 0x10000u);
     for (int i = 0; i < 12; ++i)
@@ -221,7 +151,7 @@ TEST_F(SimcardModel, DelayedRequestsAreAnsweredWhenTheyAreDue) {
     EXPECT_TRUE(m_host.done.empty());
     m_host.now += 5 * 10000;
     m_card->poll();
-    EXPECT_EQ(m_host.done[&reply].size, 5u);
+    EXPECT_EQ(m_host.done[&reply].replySize, 5u);
     EXPECT_EQ(reply.connected, 1);
 }
 
