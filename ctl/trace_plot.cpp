@@ -10,15 +10,28 @@
 
 namespace kestra::ctl {
 
+namespace {
+
+/// What waits is cancelled when the card is closed, and told so when it is pulled: that is no failure.
+Json failureOf(const trace::Request& request) {
+    constexpr uint32_t kCancelled = 995, kNotConnected = 1167;
+    const uint32_t error = request.win32Error;
+    if (error == 0 && driverResultOf(request) == 0) return nullptr;
+    if (isWaiting(request.code) && (error == kCancelled || error == kNotConnected)) return nullptr;
+    return error != 0 ? "error " + std::to_string(error) : "driver result " + std::to_string(driverResultOf(request));
+}
+
+} // namespace
+
 std::string tracePage(const trace::Trace& trace, const std::string& name) {
     Json requests = Json::array(), events = Json::array();
     for (const trace::Request& request : trace.requests)
-        // Begin, duration (or -1), thread, port, name, whether it waits by nature, whether it failed.
+        // Begin, duration (or -1), thread, port, name, whether it waits by nature, how it failed (or nothing).
         requests.push_back(
             {request.begin100ns,
              request.hasBegun && request.hasEnded ? Json(request.end100ns - request.begin100ns) : Json(-1),
              request.thread, portOf(request), wire::requestName(request.code), isWaiting(request.code),
-             request.win32Error != 0 || driverResultOf(request) != 0});
+             failureOf(request)});
     for (const trace::Event& event : trace.events)
         events.push_back({event.time100ns, event.thread, event.port,
                           eventText(event, [](uint32_t) { return std::string("not opened"); }),

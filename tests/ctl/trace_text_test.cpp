@@ -229,6 +229,17 @@ TEST(TracePlot, IsOnePageThatNothingInTheTraceCanBreak) {
     EXPECT_THAT(page, testing::EndsWith("</html>\n"));
 }
 
+TEST(TracePlot, TellsAFailureFromWhatEndsWithTheCard) {
+    Session session;
+    session.ask<wire::SessionWatch>({0, 7}, {}).win32Error = 995;
+    session.ask<wire::Connection>({0, 7}, {}).win32Error = 995;
+    session.ask<wire::FormatSize>({0, 7}, {9, 0, 0, 0, 0});
+    const std::string page = tracePage(session.trace, "a");
+    EXPECT_THAT(page, HasSubstr(R"("session watch",true,null])"));
+    EXPECT_THAT(page, HasSubstr(R"("connection",false,"error 995"])"));
+    EXPECT_THAT(page, HasSubstr(R"("format size",false,"driver result 9"])"));
+}
+
 TEST(TraceCaution, SaysWhatIsMissing) {
     trace::Trace trace;
     EXPECT_EQ(traceCaution(trace), "");
