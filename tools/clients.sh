@@ -331,6 +331,6 @@ verb_clients() {
         client_ffmpeg8 sound
     }
     unregister_module "$windows_build/server/KestraCapture.dll"
-    [ "$status" -eq 0 ] || die "an application's recording is not what the card sent; see build/clients"
+    [ "$status" -eq 0 ] || die "a recording is not what the card sent, or a document says otherwise than what was met; see above and build/clients"
     step "every application recorded what the card sent"
 }
