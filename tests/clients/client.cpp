@@ -4,6 +4,7 @@
 
 #include <ksmedia.h>
 #include <ksproxy.h>
+#include <olectl.h>
 
 namespace kestra::test {
 namespace {
@@ -124,6 +125,17 @@ HRESULT Client::run() {
     const auto control = queryFor<IMediaControl>(m_graph.get(), IID_IMediaControl);
     const HRESULT hr = control->Run();
     return FAILED(hr) ? failed("IMediaControl::Run", hr) : S_OK;
+}
+
+HRESULT Client::showProperties() {
+    const auto specify = queryFor<ISpecifyPropertyPages>(m_source.get(), IID_ISpecifyPropertyPages);
+    CAUUID pages{};
+    if (!specify || FAILED(specify->GetPages(&pages))) return failed("ISpecifyPropertyPages", E_FAIL);
+    IUnknown* object = m_source.get();
+    const HRESULT hr = OleCreatePropertyFrame(nullptr, 0, 0, L"The device", 1, &object, pages.cElems, pages.pElems,
+                                              GetUserDefaultLCID(), 0, nullptr);
+    CoTaskMemFree(pages.pElems);
+    return FAILED(hr) ? failed("OleCreatePropertyFrame", hr) : hr;
 }
 
 void Client::close() {

@@ -30,6 +30,9 @@ public:
     virtual std::vector<std::string> listFormats(const std::wstring& device) = 0;
     /// Opens the device in a format of its list and runs. @return the first failing call's result; `failedAt` names it
     virtual HRESULT open(const std::wstring& device, const std::string& format) = 0;
+    /// Shows the open device's property pages in the system's frame until its user closes that, while the picture goes
+    /// on.
+    HRESULT showProperties();
     /// Stops and forgets the device.
     virtual void close();
     /// Whether it looks at the graph's events.

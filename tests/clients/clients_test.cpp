@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <thread>
 
 namespace kestra::test {
 namespace {
@@ -132,6 +133,16 @@ private:
     }
 };
 
+/// This process's dialog window, null if none is visible.
+HWND visibleDialog() {
+    for (HWND window = nullptr; (window = FindWindowExW(nullptr, window, L"#32770", nullptr));) {
+        DWORD process = 0;
+        GetWindowThreadProcessId(window, &process);
+        if (process == GetCurrentProcessId() && IsWindowVisible(window)) return window;
+    }
+    return nullptr;
+}
+
 std::string rowOf(const Client& client, const Answers& answers) {
     return std::string("| ") + client.name() + " | " + answers.listed + " | " + answers.offered + " | " +
            answers.reached + " | " + answers.noSignal + " | " + answers.pulled + " | " + answers.changed + " | " +
@@ -162,6 +173,27 @@ TEST_F(ClientsTest, AClientThatSetsNoFormatGetsWhatThePreviousOneChose) {
     AM_MEDIA_TYPE* type = nullptr;
     ASSERT_EQ(types->Next(1, &type, nullptr), S_OK);
     EXPECT_EQ(formatName(*Type::taken(type)), "RGB32");
+}
+
+/// OBS's "Configure Video" and its like.
+TEST_F(ClientsTest, ThePropertyPagesOpenWhileAClientRunsAndItsPictureGoesOn) {
+    for (const Maker make : {makeObs, makeMpcHc, makeAmCap}) {
+        const auto client = make();
+        SCOPED_TRACE(client->name());
+        ASSERT_EQ(attempt(*client, "YUY2"), "runs");
+        std::thread user([&] {
+            HWND frame = nullptr;
+            EXPECT_TRUE(waitUntil([&] { return (frame = visibleDialog()) != nullptr; }, std::chrono::seconds(30)));
+            const size_t before = client->received();
+            EXPECT_TRUE(waitUntil([&] { return client->received() > before + 10; })) << "the picture stands still";
+            EXPECT_TRUE(IsWindowVisible(frame));
+            EXPECT_TRUE(GetWindow(frame, GW_CHILD)) << "an empty frame";
+            PostMessageW(frame, WM_COMMAND, MAKEWPARAM(IDCANCEL, BN_CLICKED), 0);
+        });
+        EXPECT_EQ(client->showProperties(), S_OK) << client->failedAt();
+        user.join();
+        client->close();
+    }
 }
 
 TEST_F(ClientsTest, TheFirstStampOfARunIsZeroWhichFFmpegTakesForNone) {
