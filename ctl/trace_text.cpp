@@ -101,14 +101,15 @@ double milliseconds(uint64_t time100ns) noexcept {
 Json fieldsJson(const Request& request, const FieldTexts& fields) {
     const std::span<const wire::Field> repeated = wire::fieldsOf(request.code).repeated;
     Json json = Json::object();
-    for (const auto& [name, value] : fields) {
+    for (const auto& text : fields) {
+        const std::string& name = text.first;
         if (std::none_of(repeated.begin(), repeated.end(), [&](const auto& field) { return field.name == name; })) {
-            json[name] = value;
+            json[name] = text.second;
             continue;
         }
         Json& chunks = json["chunks"];
         if (chunks.empty() || chunks.back().contains(name)) chunks.push_back(Json::object());
-        chunks.back()[name] = value;
+        chunks.back()[name] = text.second;
     }
     return json;
 }
