@@ -261,7 +261,8 @@ HRESULT CapturePin::DecideBufferSize(IMemAllocator* pAlloc, ALLOCATOR_PROPERTIES
     if (!pAlloc || !pProp) return E_POINTER;
     requestBuffers(*pProp);
     ALLOCATOR_PROPERTIES actual{};
-    const HRESULT hr = pAlloc->SetProperties(pProp, &actual);
+    // A type may state a sample size that no buffer has, and not every allocator looks: one ends the process then.
+    const HRESULT hr = pProp->cbBuffer >= 0 ? pAlloc->SetProperties(pProp, &actual) : VFW_E_SIZENOTSET;
     return FAILED(hr) ? traced(texts.failed, hr) : traced(texts.done, S_OK);
 }
 

@@ -250,6 +250,19 @@ TEST_F(VideoFormats, UnacceptableFormatIsRefusedAndChangesNothing) {
     EXPECT_EQ(config()->SetFormat(nullptr), E_POINTER);
 }
 
+TEST_F(VideoFormats, ConnectionWithASampleSizeThatNoBufferHasIsRefused) {
+    ASSERT_EQ(makeFilter(), S_OK);
+    TestSink sink;
+    for (const ULONG bytes : {0x80000000ul, 0xFFFFFFFFul}) {
+        Type type = capability(0);
+        type.type->lSampleSize = bytes;
+        m_trace.clear();
+        EXPECT_EQ(m_pin->Connect(&sink, type.type), VFW_E_SIZENOTSET) << bytes;
+        EXPECT_EQ(lines(L"CKestraStream->DecideBufferSize->FAILED(hr)"), 1);
+        EXPECT_EQ(m_pin->ConnectedTo(ComRef<IPin>().out()), VFW_E_NOT_CONNECTED);
+    }
+}
+
 TEST_F(VideoFormats, FormatWithoutABlockCountsAsTheFirst) {
     ASSERT_EQ(makeFilter(), S_OK);
     ASSERT_EQ(choose(3), S_OK);
