@@ -1,0 +1,26 @@
+# What ./kestra coverage builds: the product counts its lines and branches, without optimisation, so that each line is what was
+# written, and the C++ library checks its callers (indices, empty containers and pointers). The frame decoder keeps its
+# optimisation, or its exhaustive tests would take hours.
+set(kestra_covered "")
+foreach(folder baseclasses capture compliance ctl device imagelib interfaces log pages protocol server sync trace win32)
+  list(APPEND kestra_covered ${PROJECT_SOURCE_DIR}/${folder})
+endforeach()
+set(kestra_covered_optimised ${PROJECT_SOURCE_DIR}/decode)
+# The tests count nothing; most of them need not be fast, and build sooner so.
+set(kestra_slow_tests "")
+foreach(folder clients com compliance ctl device sdk trace traces)
+  list(APPEND kestra_slow_tests ${PROJECT_SOURCE_DIR}/tests/${folder})
+endforeach()
+target_compile_definitions(kestra_options INTERFACE _GLIBCXX_ASSERTIONS)
+set(kestra_counters --coverage -fprofile-update=atomic)
+target_compile_options(kestra_options INTERFACE
+  "$<$<IN_LIST:$<TARGET_PROPERTY:SOURCE_DIR>,${kestra_covered}>:${kestra_counters};-O0;-fno-inline>"
+  "$<$<IN_LIST:$<TARGET_PROPERTY:SOURCE_DIR>,${kestra_covered_optimised}>:${kestra_counters};-O1>"
+  "$<$<IN_LIST:$<TARGET_PROPERTY:SOURCE_DIR>,${kestra_slow_tests}>:-O0>")
+target_link_options(kestra_options INTERFACE --coverage)
+if(WIN32)
+  # A Windows program writes its counters through an end of our own, also where it ends itself abruptly.
+  add_library(kestra_coverage_end STATIC ${PROJECT_SOURCE_DIR}/tests/support/coverage_end.cpp)
+  target_link_options(kestra_options INTERFACE -Wl,-u,kestra_coverage_end -Wl,--wrap=__imp_TerminateProcess)
+  target_link_libraries(kestra_options INTERFACE kestra_coverage_end gcov kernel32)
+endif()
