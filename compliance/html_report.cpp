@@ -48,7 +48,7 @@ std::string escaped(const std::string& text) {
 
 // Plots
 
-constexpr double kWidth = 520, kHeight = 220, kLeft = 56, kRight = 12, kTop = 10, kBottom = 36;
+constexpr double kWidth = 520, kHeight = 220, kLeft = 56, kRight = 12, kTop = 24, kBottom = 36;
 
 /// 1, 2 or 5 times a power of ten: at most five of them fill the range.
 double stepFor(double range) {
@@ -87,7 +87,12 @@ double yOf(const Axis& axis, double value) {
     return kHeight - kBottom - axis.part(value) * (kHeight - kTop - kBottom);
 }
 
-std::string frameOf(const Axis& x, const Axis& y, const char* xTitle) {
+/// What stands at the ends of the axes: the quantity or its unit.
+struct Titles {
+    const char *x, *y;
+};
+
+std::string frameOf(const Axis& x, const Axis& y, Titles titles) {
     std::string svg = format("<svg viewBox=\"0 0 %g %g\" role=\"img\">", kWidth, kHeight);
     for (double value = y.least; value <= y.most + y.step / 2; value += y.step)
         svg += format("<line class=\"grid\" x1=\"%.1f\" x2=\"%.1f\" y1=\"%.1f\" y2=\"%.1f\"/><text x=\"%.1f\" "
@@ -97,20 +102,21 @@ std::string frameOf(const Axis& x, const Axis& y, const char* xTitle) {
     for (double value = x.least; value <= x.most + x.step / 2; value += x.step)
         svg += format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%s</text>", xOf(x, value),
                       kHeight - kBottom + 16, number(value, x.step).c_str());
-    return svg +
-           format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%s</text>", kWidth - kRight, kHeight - 4, xTitle);
+    return svg + format("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%s</text><text x=\"0\" y=\"10\">%s</text>",
+                        kWidth - kRight, kHeight - 4, titles.x, titles.y);
 }
 
-std::string lineOf(const std::vector<double>& xs, const std::vector<double>& ys, const char* xTitle, bool fromZero) {
+std::string lineOf(const std::vector<double>& xs, const std::vector<double>& ys, Titles titles, bool fromZero) {
     const auto [low, high] = std::minmax_element(ys.begin(), ys.end());
     const Axis x(xs.front(), xs.back(), false), y(*low, *high, fromZero);
-    std::string svg = frameOf(x, y, xTitle) + "<path class=\"data\" d=\"";
+    std::string svg = frameOf(x, y, titles) + "<path class=\"data\" d=\"";
     for (size_t i = 0; i < ys.size(); ++i)
         svg += format("%c%.1f %.1f", i == 0 ? 'M' : 'L', xOf(x, xs[i]), yOf(y, ys[i]));
     return svg + "\"/></svg>";
 }
 
-std::string histogramOf(std::vector<double> values, const char* xTitle) {
+/// @param ofWhat  what is counted
+std::string histogramOf(std::vector<double> values, const char* ofWhat) {
     std::sort(values.begin(), values.end());
     // A few outliers would squeeze all others into one bar: they are counted in the last one.
     const double cut = values[values.size() * 98 / 100] * 1.5 + 1;
@@ -120,7 +126,7 @@ std::string histogramOf(std::vector<double> values, const char* xTitle) {
     for (const double value : values)
         ++counts[std::clamp(static_cast<int>(x.part(value) * kBars), 0, kBars - 1)];
     const Axis y(0, *std::max_element(counts, counts + kBars), true);
-    std::string svg = frameOf(x, y, xTitle);
+    std::string svg = frameOf(x, y, {"ms", ofWhat});
     const double bar = (kWidth - kLeft - kRight) / kBars;
     for (int i = 0; i < kBars; ++i)
         if (counts[i] > 0)
@@ -140,11 +146,11 @@ std::vector<double> countTo(size_t count) {
     return numbers;
 }
 
-std::string summary(std::vector<double> values, const char* unit) {
-    std::sort(values.begin(), values.end());
-    return format("%zu values, median %.2f %s, 99 %% below %.2f, greatest %.2f", values.size(),
-                  values[values.size() / 2], unit, values[std::min(values.size() - 1, values.size() * 99 / 100)],
-                  values.back());
+std::string summary(std::vector<double> milliseconds) {
+    std::sort(milliseconds.begin(), milliseconds.end());
+    const size_t count = milliseconds.size();
+    return format("%zu values, median %.2f ms, 99 %% up to %.2f ms, greatest %.2f ms", count, milliseconds[count / 2],
+                  milliseconds[std::min(count - 1, count * 99 / 100)], milliseconds.back());
 }
 
 std::string figure(const std::string& title, const std::string& note, const std::string& svg) {
@@ -165,24 +171,32 @@ std::string plotsOf(const Result& result) {
         for (double& value : seconds)
             value /= 1000;
         html += figure("Time stamps against the wall clock",
-                       "milliseconds by which a stamp is ahead of the clock since the first sample",
-                       lineOf(seconds, valuesOf(*stamps), "s", false));
+                       "by how much a stamp is ahead of the clock since the first sample",
+                       lineOf(seconds, valuesOf(*stamps), {"s", "ms"}, false));
     }
     if (const Series* intervals = find("interval"))
-        html += figure("Intervals between samples", summary(valuesOf(*intervals), "ms"),
-                       histogramOf(valuesOf(*intervals), "ms"));
+        html += figure("Intervals between samples", summary(valuesOf(*intervals)),
+                       histogramOf(valuesOf(*intervals), "intervals"));
     if (const Series* start = find("start"))
-        html += figure("Start: from Run to the first sample", test + ": " + summary(valuesOf(*start), "ms"),
-                       histogramOf(valuesOf(*start), "ms"));
+        html += figure("Start: from Run to the first sample", test + ": " + summary(valuesOf(*start)),
+                       histogramOf(valuesOf(*start), "starts"));
     if (const Series* stop = find("stop"))
-        html += figure("Stop", test + ": " + summary(valuesOf(*stop), "ms"), histogramOf(valuesOf(*stop), "ms"));
-    for (const auto& [name, title] : {std::pair{"handles", "Handles over cycles"},
-                                      {"memory", "Private memory over cycles, MB"},
-                                      {"threads over start and stop", "Threads over starts and stops"}})
+        html += figure("Stop", test + ": " + summary(valuesOf(*stop)), histogramOf(valuesOf(*stop), "stops"));
+    struct OverCycles {
+        const char *series, *title, *unit;
+    };
+    const Series* const cycles = find("cycle");
+    for (const auto& [name, title, unit] :
+         {OverCycles{"handles", "Handles over cycles", "handles"},
+          {"memory", "Private memory over cycles", "MB"},
+          {"threads over start and stop", "Threads over starts and stops", "threads"}})
         if (const Series* series = find(name)) {
             const auto values = valuesOf(*series);
-            html += figure(title, format("%s: first %.4g, last %.4g", test.c_str(), values.front(), values.back()),
-                           lineOf(countTo(values.size()), values, "measurement", true));
+            const bool known = cycles && cycles->count == series->count;
+            html +=
+                figure(title, format("%s: first %.4g, last %.4g %s", test.c_str(), values.front(), values.back(), unit),
+                       lineOf(known ? valuesOf(*cycles) : countTo(values.size()), values,
+                              {known ? "cycle" : "measurement", unit}, true));
         }
     return html;
 }

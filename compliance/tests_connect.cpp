@@ -194,10 +194,16 @@ void agree(Context& context, bool receiversOwn, std::optional<ALLOCATOR_PROPERTI
         if (actual.cBuffers < wanted->cBuffers)
             warn(format("the receiver asks for %ld buffers and gets %ld", wanted->cBuffers, actual.cBuffers));
     }
+    if (wanted && actual.cbPrefix < wanted->cbPrefix)
+        warn(format("the receiver asks for a prefix of %ld bytes and gets %ld", wanted->cbPrefix, actual.cbPrefix));
+    std::string asked;
+    if (wanted) asked = format("; %ld wanted", wanted->cBuffers);
+    if (wanted && wanted->cbAlign > 1) asked += format(", alignment %ld", wanted->cbAlign);
+    if (wanted && wanted->cbPrefix > 0) asked += format(", prefix %ld", wanted->cbPrefix);
     fact(format("Buffers (%s%s)", receiversOwn ? "the receiver's allocator" : "no allocator of the receiver's",
-                wanted ? format(", %ld wanted", wanted->cBuffers).c_str() : ""),
-         format("%ld of %ld bytes, alignment %ld, prefix %ld", actual.cBuffers, actual.cbBuffer, actual.cbAlign,
-                actual.cbPrefix));
+                asked.c_str()),
+         format("%ld of %ld bytes, alignment %ld, prefix %ld%s", actual.cBuffers, actual.cbBuffer, actual.cbAlign,
+                actual.cbPrefix, rig.sink->readOnly ? ", read-only" : ""));
     rig.receive(3);
     rig.stop();
     for (const Received& got : rig.sink->samples()) {

@@ -49,6 +49,7 @@ void leaks(int cycles, Cycle cycle) {
         cycle();
         if (i % std::max(1, cycles / 40) == 0 || i == cycles - 1) {
             late = processCounts();
+            measured("cycle", i);
             measured("handles", static_cast<double>(late.handles));
             measured("memory", megabytes(late));
         }
