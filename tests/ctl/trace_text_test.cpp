@@ -217,6 +217,92 @@ TEST(TraceDiff, NamesWhatWasAskedOtherwiseAndWhatWasAnsweredOtherwise) {
     EXPECT_EQ(diffJson(diffOf(b.trace, c.trace))["same"], false);
 }
 
+TEST(TraceDiff, NamesEventsWhatWasNotAnsweredAndWhatOnlyTheSecondAsked) {
+    const auto differs = [](const Session& a, const Session& b, const char* line) {
+        const std::string text = diffText(diffOf(a.trace, b.trace), a.trace, b.trace);
+        EXPECT_THAT(text, HasSubstr(line));
+    };
+    const auto withEvent = [](trace::EventKind kind, uint32_t value) {
+        Session session;
+        session.stream(4, 3);
+        trace::Event event;
+        event.kind = kind;
+        event.thread = 1;
+        event.time100ns = session.time;
+        event.value = value;
+        session.trace.events.push_back(event);
+        return session;
+    };
+    Session plain;
+    plain.stream(4, 3);
+    differs(plain, withEvent(trace::EventKind::Removal, 0), "+ * removal\n");
+    differs(plain, withEvent(trace::EventKind::Arrival, 0), "+ * arrival\n");
+    differs(withEvent(trace::EventKind::Opened, 5), withEvent(trace::EventKind::Opened, 32), "- * not opened 5\n");
+    Session first = withEvent(trace::EventKind::InputEvent, 0), second = first;
+    first.trace.events[0].thread = second.trace.events[0].thread = 5;
+    second.trace.events[0].port = 1;
+    differs(first, second, "thread 5, port 0\n- * input event\n");
+    Session hangs;
+    hangs.stream(4, 3);
+    hangs.ask<wire::Connection>({0, 3}, {0, 1}).hasEnded = false;
+    Session answered;
+    answered.stream(4, 3);
+    answered.ask<wire::Connection>({0, 3}, {0, 1});
+    differs(hangs, answered, "- connection port=0 -> not answered\n");
+    Session shorter;
+    shorter.stream(4, 3);
+    trace::Request& cut = shorter.ask<wire::Connection>({0, 3}, {0, 1});
+    cut.replyBytes = 4;
+    differs(answered, shorter, "+ connection port=0 -> result=0 connected=1 (4 bytes)\n");
+    Session more;
+    more.stream(4, 3);
+    more.ask<wire::Connection>({1, 3}, {0, 1}, 1000, 9);
+    differs(plain, more, "thread 9 of the second, port 1\n+ connection port=1");
+    differs(more, plain, "thread 9, port 1\n- connection port=1");
+}
+
+TEST(TraceStat, CountsWhatFailedWasRefusedOrNeverAnswered) {
+    Session session;
+    session.ask<wire::Connection>({0, 3}, {0, 1}, 1000);
+    session.ask<wire::Connection>({0, 3}, {7, 1}, 2000);
+    session.ask<wire::Connection>({0, 3}, {}, 90'000).win32Error = 5;
+    session.ask<wire::Connection>({0, 3}, {}).hasEnded = false;
+    const TraceStat stat = statOf(session.trace);
+    ASSERT_EQ(stat.kinds.size(), 1u);
+    EXPECT_EQ(stat.kinds[0].failed, 1u);
+    EXPECT_EQ(stat.kinds[0].refused, 1u);
+    EXPECT_EQ(stat.kinds[0].unended, 1u);
+    EXPECT_EQ(stat.kinds[0].latency.count, 2u) << "of those that were answered";
+    EXPECT_EQ(stat.kinds[0].latency.most, 2000u);
+    EXPECT_THAT(statText(stat), HasSubstr("connection               0       3     0.100     0.100     0.100     0.200"
+                                          "       1       1, not answered: 1\n"));
+    EXPECT_THAT(statText(stat), HasSubstr("   0.001400 s     9.000 ms  connection\n"));
+}
+
+TEST(TraceStat, AnIntervalDoesNotReachOverARestart) {
+    Session session;
+    session.stream(3, 3);
+    session.time += 50'000'000;
+    session.stream(3, 3);
+    EXPECT_EQ(statOf(session.trace).frames.at(0).interval.count, 4u);
+    EXPECT_EQ(statOf(session.trace).frames.at(0).interval.most, 166'667u);
+}
+
+TEST(TraceShow, JsonSaysWhichThreadAskedWhatIsKeptAndWhatWasNotAnswered) {
+    Session session;
+    session.ask<wire::Connection>({1, 3}, {0, 1}, 1000, 7).hasEnded = false;
+    trace::Event event;
+    event.kind = trace::EventKind::CallbackBegin;
+    event.thread = 8;
+    event.content = {1, 2};
+    session.trace.events.push_back(event);
+    const std::string json = showTraceJson(session.trace);
+    EXPECT_THAT(json, HasSubstr(R"("thread":7,"port":1,"name":"connection")"));
+    EXPECT_THAT(json, HasSubstr(R"("duration100ns":null)"));
+    EXPECT_THAT(json, HasSubstr(R"("thread":8,"port":0,"name":"callback begins")"));
+    EXPECT_THAT(json, HasSubstr(R"("kept":true)"));
+}
+
 TEST(TracePlot, IsOnePageThatNothingInTheTraceCanBreak) {
     Session session;
     session.stream(5, 3);

@@ -271,19 +271,104 @@ TEST_F(ReplayTest, AnEventWaitsForAClientThatIsBehindButNotForEver) {
 
 TEST_F(ReplayTest, EventsAfterALateOneKeepTheirDistance) {
     Recorded recorded = recordedChange();
-    recorded.time += 5'000'000 - 7000; // half a second after the other
+    recorded.time += 5'000'000; // half a second after the other
     recorded.event(trace::EventKind::Removal);
     replay(recorded);
     startGrabbing();
     m_host.now += 30'000'000; // without a frame: two seconds late
     m_card->poll();
     EXPECT_EQ(m_card->signal().width, 1280);
+    wire::Reply reply{};
+    for (int i = 0; i < 2; ++i)
+        ask<wire::UnlockBuffer>({header(), 1}, reply); // it has caught up
     m_host.now += 4'900'000;
     m_card->poll();
     EXPECT_FALSE(m_card->unplugRequested());
-    m_host.now += 21'000'000; // and this one is not waited for any longer, either
+    m_host.now += 200'000;
     m_card->poll();
     EXPECT_TRUE(m_card->unplugRequested());
+}
+
+/// The second of two runs, one frame each, in which only buffers that were given back since its start count.
+TEST_F(ReplayTest, AnEventWaitsForTheBuffersOfItsOwnRunAndPort) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(64, 16, 60);
+    for (uint32_t run = 0; run < 2; ++run) {
+        recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+        recorded.ask<wire::LockBuffer>({0, 77}, {});
+        recorded.ask<wire::UnlockBuffer>({{0, 77}, 1}, {0});
+        if (run == 0) recorded.ask<wire::StopGrabbing>({0, 77}, {0});
+    }
+    recorded.event(trace::EventKind::InputEvent);
+    recorded.signal(1280, 720, 50);
+    replay(recorded);
+    wire::Reply reply{};
+    const auto unlock = [&](uint8_t port) { ask<wire::UnlockBuffer>({header(port), 1}, reply); };
+    const auto hasChanged = [&] {
+        m_card->poll();
+        return m_card->signal().width == 1280;
+    };
+    startGrabbing();
+    for (int i = 0; i < 3; ++i)
+        unlock(0);
+    ask<wire::StopGrabbing>(header(), reply);
+    ask<wire::StartGrabbing>({header(), 0}, reply);
+    m_host.now += 10'000;
+    EXPECT_FALSE(hasChanged()) << "those were of the first run";
+    unlock(1);
+    EXPECT_FALSE(hasChanged()) << "that was the other port's";
+    unlock(0);
+    EXPECT_TRUE(hasChanged()) << "one is enough: those of the recorded first run are not waited for";
+    EXPECT_EQ(report().eventsLeft, 0u);
+}
+
+TEST_F(ReplayTest, LatenessEndsWithTheNextStart) {
+    Recorded recorded = recordedChange();
+    recorded.ask<wire::StopGrabbing>({0, 77}, {0});
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+    recorded.time += 5'000'000;
+    recorded.event(trace::EventKind::Removal);
+    replay(recorded);
+    startGrabbing();
+    m_host.now += 30'000'000; // two seconds late
+    m_card->poll();
+    EXPECT_EQ(report().eventsLeft, 1u);
+    wire::Reply reply{};
+    ask<wire::StopGrabbing>(header(), reply);
+    ask<wire::StartGrabbing>({header(), 0}, reply);
+    m_host.now += 4'900'000;
+    m_card->poll();
+    EXPECT_FALSE(m_card->unplugRequested());
+    m_host.now += 200'000;
+    m_card->poll();
+    EXPECT_TRUE(m_card->unplugRequested());
+}
+
+TEST_F(ReplayTest, TheSignalFitsWhatTheAnswersTell) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(1920, 1080, 25);
+    recorded.ask<wire::ReadRegister>({{0, 77}, kRegisterInput}, {0, kInputRateIs24});
+    recorded.ask<wire::ReadRegister>({{0, 77}, kRegisterAudio}, {0, 0});
+    const Signal silent = replayScriptOf(recorded.trace).signal;
+    EXPECT_EQ(silent.nominalFrameRate(), 24u) << "the statistics round it";
+    EXPECT_EQ(silent.reportedFrameRate(), 25u);
+    EXPECT_EQ(silent.audio, 0u);
+    recorded.ask<wire::ReadRegister>({{0, 77}, kRegisterAudio}, {0, 1});
+    EXPECT_EQ(replayScriptOf(recorded.trace).signal.audio, 1u);
+}
+
+TEST_F(ReplayTest, TheRecordedFrameSizeCountsAndNotTheModels) {
+    Recorded recorded;
+    recorded.ask<wire::OpenSession>({}, {0, 99});
+    recorded.signal(64, 16, 60);
+    recorded.ask<wire::Prepare>({{0, 77}, 1, 9, 0, {0, 1, 0, 1}, {}}, {0, 4096});
+    replay(recorded);
+    startGrabbing();
+    CardState state{};
+    m_card->readState(state);
+    EXPECT_EQ(state.channels[0].frameSizeBytes, 4096u);
 }
 
 TEST_F(ReplayTest, AStartThatWasRefusedIsNoRun) {

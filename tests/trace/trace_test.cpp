@@ -105,6 +105,43 @@ TEST(TraceFile, GivesBackRequestsInTheOrderOfTheirBeginningsWithWhatBelongsToThe
     EXPECT_EQ(trace.missingParts, 0u);
 }
 
+TEST(TraceFile, GivesBackEveryField) {
+    MemoryFiles files;
+    TraceWriter writer(files, someHead(), 1 << 20);
+    writer.add(bytesOf(SentRecord{{sizeof(SentRecord), RecordKind::Sent, 1, 3, 9, 100}, 0xCE322068, 4, 5, 6, 7}));
+    writer.add(bytesOf(EndedRecord{{sizeof(EndedRecord), RecordKind::Ended, 1, 8, 9, 200}, 0xCE322068, 31, 10}));
+    writer.add(bytesOf(
+        EventRecord{{sizeof(EventRecord), RecordKind::Event, 1, 11, 12, 150}, EventKind::Opened, {}, 13, 14, 15, 16}));
+    writer.flush();
+    const Trace trace = readTrace(std::array{files.files[0]});
+    EXPECT_EQ(trace.trace, someHead().trace);
+    EXPECT_EQ(trace.start100ns, someHead().start100ns);
+    ASSERT_EQ(trace.requests.size(), 1u);
+    const Request& request = trace.requests[0];
+    EXPECT_EQ(request.number, 9u);
+    EXPECT_EQ(request.code, 0xCE322068u);
+    EXPECT_EQ(request.port, 1u);
+    EXPECT_EQ(request.thread, 3u) << "the one that asked, whoever learned of its end";
+    EXPECT_EQ(request.opening, 4u);
+    EXPECT_EQ(request.threadId, 5u);
+    EXPECT_EQ(request.sentBytes, 6u);
+    EXPECT_EQ(request.replyRoom, 7u);
+    EXPECT_EQ(request.win32Error, 31u);
+    EXPECT_EQ(request.replyBytes, 10u);
+    EXPECT_TRUE(request.hasBegun && request.hasEnded);
+    ASSERT_EQ(trace.events.size(), 1u);
+    const Event& event = trace.events[0];
+    EXPECT_EQ(event.number, 12u);
+    EXPECT_EQ(event.kind, EventKind::Opened);
+    EXPECT_EQ(event.port, 1u);
+    EXPECT_EQ(event.thread, 11u);
+    EXPECT_EQ(event.time100ns, 150u);
+    EXPECT_EQ(event.value, 13u);
+    EXPECT_EQ(event.opening, 14u);
+    EXPECT_EQ(event.frameBytes, 15u);
+    EXPECT_EQ(event.frameHash, 16u);
+}
+
 TEST(TraceFile, StaysBelowTheLimitAndKeepsTheOpening) {
     MemoryFiles files;
     TraceWriter writer(files, someHead(), 4000);
@@ -239,14 +276,15 @@ TEST(FrameHash, SeesTheEndsOfALargeFrameAndEveryByteOfASmallOne) {
     }
     Bytes large(1 << 20, 1);
     const uint64_t hash = frameHash(large);
-    for (const size_t at : {size_t{0}, size_t{63}, large.size() - 1}) {
+    for (const size_t at : {size_t{0}, size_t{63}, large.size() - 64, large.size() - 1}) {
         large[at] ^= 1;
         EXPECT_NE(frameHash(large), hash) << at;
         large[at] ^= 1;
     }
     EXPECT_EQ(frameHash(large), hash);
-    large.push_back(1);
     EXPECT_NE(frameHash(Bytes(4096, 0)), frameHash(Bytes(4095, 0)));
+    EXPECT_NE(hashOf(Bytes(8, 0)), hashOf(Bytes(16, 0)));
+    EXPECT_NE(hashOf(Bytes(1, 0)), hashOf(Bytes(2, 0))) << "as many zeros more";
 }
 
 TEST(RecordQueue, GivesBackWhatWasAddedAndCountsWhatFoundNoRoom) {
