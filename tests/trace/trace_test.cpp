@@ -38,6 +38,7 @@ FileHead someHead() {
     FileHead head{};
     head.trace = 0x1122334455667788;
     head.start100ns = 0x01DC5B0000000000;
+    head.version = head.headBytes = head.part = 9; // the writer's to say
     return head;
 }
 
@@ -140,6 +141,17 @@ TEST(TraceFile, GivesBackEveryField) {
     EXPECT_EQ(event.opening, 14u);
     EXPECT_EQ(event.frameBytes, 15u);
     EXPECT_EQ(event.frameHash, 16u);
+}
+
+TEST(TraceFile, RequestNeverEndsBeforeItBegan) {
+    MemoryFiles files;
+    TraceWriter writer(files, someHead(), 1 << 20);
+    addRequest(writer, 1, 300, 200, {}, {}); // a clock that was set back
+    writer.flush();
+    const Trace trace = readTrace(std::array{files.files[0]});
+    ASSERT_EQ(trace.requests.size(), 1u);
+    EXPECT_EQ(trace.requests[0].begin100ns, 300u);
+    EXPECT_EQ(trace.requests[0].end100ns, 300u);
 }
 
 TEST(TraceFile, StaysBelowTheLimitAndKeepsTheOpening) {

@@ -1,0 +1,13 @@
+# Read by a build for ./kestra mutate (CMAKE_PROJECT_KestraCapture_INCLUDE): what is linked with kestra_options holds mutants.
+include_directories(${CMAKE_CURRENT_LIST_DIR})
+add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:-include;mutant.h>")
+set(KESTRA_MUTATE_DIR ${CMAKE_CURRENT_LIST_DIR})
+function(kestra_plant_mutants)
+  add_library(kestra_mutants STATIC ${KESTRA_MUTATE_DIR}/mutant.cpp)
+  target_compile_definitions(kestra_mutants PRIVATE KESTRA_MUTANTS)
+  target_compile_features(kestra_mutants PRIVATE cxx_std_20)
+  target_compile_definitions(kestra_options INTERFACE KESTRA_MUTANTS)
+  target_compile_options(kestra_options INTERFACE -w)
+  target_link_libraries(kestra_options INTERFACE kestra_mutants)
+endfunction()
+cmake_language(DEFER CALL kestra_plant_mutants)
