@@ -51,9 +51,10 @@ FormatKeeper::FormatKeeper() {
 std::string FormatKeeper::restore() {
     if (!m_process) return {};
     SetEvent(m_over.get());
-    return m_process.codeWithin(kLimitMs) == DWORD{0}
-               ? ""
-               : "the format that the filter keeps for its user is not as it was before the tests";
+    const auto code = m_process.codeWithin(kLimitMs);
+    if (code == DWORD{0}) return {};
+    return code == DWORD{1} ? "the format that the filter keeps for its user is not as it was before the tests"
+                            : "the filter crashed or hung when the format that it keeps for its user was set again";
 }
 
 bool keepFormat(const SubjectName& name, DWORD run) {
