@@ -11,6 +11,8 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <set>
+#include <span>
 #include <thread>
 
 namespace kestra::test {
@@ -89,17 +91,26 @@ TEST_F(DeviceTraceTest, HoldsEveryRequestThatTheCardReceivedWithItsBytes) {
     const Trace traced = trace();
     EXPECT_EQ(traced.lost, 0u);
     EXPECT_FALSE(traced.isCut);
-    std::map<std::pair<uint32_t, std::vector<uint8_t>>, int> difference; // card's minus trace's
+    // By code, size of what was sent, room for the reply, its size, and the bytes: the card's minus the trace's.
+    std::map<std::vector<uint32_t>, int> difference;
+    const auto times = [&](std::vector<uint32_t> request, std::span<const uint8_t> sent) -> int& {
+        request.insert(request.end(), sent.begin(), sent.end());
+        return difference[request];
+    };
     for (const simcard::LogEntry& entry : m_card.log())
-        if (entry.code != wire::kGetSlotInfo) ++difference[{entry.code, {entry.bytes, entry.bytes + entry.byteCount}}];
+        if (entry.code != wire::kGetSlotInfo)
+            ++times({entry.code, entry.code == wire::kChunkTable ? entry.outSize : entry.inSize, entry.outSize,
+                     entry.replySize},
+                    {entry.bytes, entry.byteCount});
     for (const Request& request : traced.requests) {
         EXPECT_TRUE(request.hasBegun);
         EXPECT_TRUE(request.hasEnded) << wire::requestName(request.code);
         EXPECT_GT(request.end100ns, request.begin100ns) << wire::requestName(request.code);
-        if (request.code != wire::kGetSlotInfo) --difference[{request.code, request.sent}]; // asked of every card
+        if (request.code != wire::kGetSlotInfo) // asked of every card
+            --times({request.code, request.sentBytes, request.replyRoom, request.replyBytes}, request.sent);
     }
-    for (const auto& [request, times] : difference)
-        EXPECT_EQ(times, 0) << wire::requestName(request.first);
+    for (const auto& [request, more] : difference)
+        EXPECT_EQ(more, 0) << wire::requestName(request[0]);
     const auto& open = *std::find_if(traced.requests.begin(), traced.requests.end(),
                                      [](const Request& r) { return r.code == wire::kOpenSession; });
     ASSERT_EQ(open.reply.size(), sizeof(wire::OpenSessionReply));
@@ -115,6 +126,74 @@ TEST_F(DeviceTraceTest, HoldsEveryRequestThatTheCardReceivedWithItsBytes) {
         EXPECT_TRUE(event.content.empty()) << "no picture unless it is asked for";
         EXPECT_NE(event.frameHash, 0u);
     }
+}
+
+TEST_F(DeviceTraceTest, SaysWhoAskedWhichOpeningOfWhichPortAndWhen) {
+    record();
+    const ULONGLONG before = GetTickCount64();
+    session(5);
+    const uint64_t elapsed100ns = (GetTickCount64() - before + 20) * 10'000; // the clock's steps
+    const Trace traced = trace();
+    const auto ofKind = [&](uint32_t code) {
+        std::vector<const Request*> found;
+        for (const Request& request : traced.requests)
+            if (request.code == code) found.push_back(&request);
+        return found;
+    };
+    const Request& open = *ofKind(wire::kOpenSession).at(0);
+    EXPECT_EQ(open.threadId, GetCurrentThreadId());
+    EXPECT_NE(open.opening, 0u);
+    const auto locks = ofKind(wire::kLockBuffer);
+    ASSERT_GE(locks.size(), 5u);
+    for (const Request* lock : locks) {
+        EXPECT_NE(lock->thread, open.thread) << "the grabbing thread's";
+        EXPECT_NE(lock->threadId, open.threadId);
+        EXPECT_EQ(lock->opening, open.opening);
+        EXPECT_EQ(lock->port, 0u);
+    }
+    for (const Request* ofList : ofKind(wire::kGetSlotInfo))
+        EXPECT_EQ(ofList->opening, 0u);
+    const auto inputEvents = ofKind(wire::kRegisterInputEvent);
+    ASSERT_EQ(inputEvents.size(), 2u);
+    EXPECT_EQ(inputEvents[0]->port, 0u);
+    EXPECT_EQ(inputEvents[1]->port, 1u);
+    const uint64_t length = traced.events.back().time100ns;
+    EXPECT_GT(length, 600'000u) << "five frames of sixty a second";
+    EXPECT_LT(length, elapsed100ns);
+    EXPECT_GT(locks[4]->end100ns - locks[0]->begin100ns, 500'000u);
+    const auto opened = std::find_if(traced.events.begin(), traced.events.end(),
+                                     [](const Event& event) { return event.kind == EventKind::Opened; });
+    ASSERT_NE(opened, traced.events.end());
+    EXPECT_EQ(opened->opening, open.opening);
+    EXPECT_EQ(opened->thread, open.thread);
+}
+
+TEST_F(DeviceTraceTest, AFramesHashIsThatOfItsBytes) {
+    record();
+    static std::vector<uint64_t> hashes;
+    hashes.clear();
+    std::atomic<int> frames{0};
+    TARNIS_HANDLE grabber = openCard();
+    ASSERT_NE(grabber, nullptr);
+    TarnisCameraData data{};
+    data.outputSelector = TARNIS_OUTPUT_YUV422_8;
+    ASSERT_EQ(TARNIS_GetDMAAccess(grabber, 0), 0u);
+    const auto onFrame = [](uint64_t context, const TarnisFrameInfo* frame) {
+        if (frame->dmaStatus == DMA_STATUS_GOOD)
+            hashes.push_back(
+                trace::frameHash({static_cast<const uint8_t*>(frame->lpRawBuffer), size_t{frame->bufferSize}}));
+        ++*reinterpret_cast<std::atomic<int>*>(context);
+    };
+    ASSERT_EQ(TARNIS_StartGrab(grabber, 0, 0, &data, onFrame, reinterpret_cast<uint64_t>(&frames)), 0u);
+    EXPECT_TRUE(waitUntil([&] { return frames >= 4; }));
+    TARNIS_StopGrab(grabber, 0);
+    TARNIS_ReleaseDMAAccess(grabber, 0);
+    TARNIS_Done(grabber);
+    std::vector<uint64_t> traced;
+    for (const Event& event : trace().events)
+        if (event.kind == EventKind::CallbackBegin && event.value == DMA_STATUS_GOOD) traced.push_back(event.frameHash);
+    EXPECT_EQ(traced, hashes);
+    EXPECT_GT(std::set<uint64_t>(traced.begin(), traced.end()).size(), 1u) << "the pictures differ";
 }
 
 TEST_F(DeviceTraceTest, KeepsAsManyFramesAsWanted) {

@@ -227,6 +227,20 @@ TEST(TraceReader, AFileThatEndsAnywhereGivesWhatIsWhole) {
         EXPECT_THROW(headOf(Bytes(whole.begin(), whole.begin() + ptrdiff_t(size))), NoTrace);
 }
 
+TEST(TraceReader, ARecordThatClaimsToBeShorterThanItsHeadEndsTheReading) {
+    for (const uint8_t length : {0, 1, 19}) {
+        MemoryFiles files;
+        TraceWriter writer(files, someHead(), 1 << 20);
+        addRequest(writer, 1, 100, 200, {}, {});
+        writer.flush();
+        Bytes damaged = files.files[0];
+        damaged[sizeof(FileHead)] = length;
+        const Trace trace = readTrace(std::array{damaged});
+        EXPECT_TRUE(trace.isCut);
+        EXPECT_TRUE(trace.requests.empty());
+    }
+}
+
 TEST(TraceReader, SaysWhyAFileIsNoTrace) {
     MemoryFiles files;
     TraceWriter writer(files, someHead(), 1 << 20);
