@@ -320,9 +320,15 @@ TEST(TracePlot, TellsAFailureFromWhatEndsWithTheCard) {
     session.ask<wire::SessionWatch>({0, 7}, {}).win32Error = 995;
     session.ask<wire::Connection>({0, 7}, {}).win32Error = 995;
     session.ask<wire::FormatSize>({0, 7}, {9, 0, 0, 0, 0});
+    trace::Event event;
+    event.kind = trace::EventKind::Removal;
+    event.thread = 4;
+    event.time100ns = 77;
+    session.trace.events.push_back(event);
     const std::string page = tracePage(session.trace, "a");
     EXPECT_THAT(page, HasSubstr(R"("session watch",true,null])"));
     EXPECT_THAT(page, HasSubstr(R"("connection",false,"error 995"])"));
+    EXPECT_THAT(page, HasSubstr(R"([77,4,0,"removal",null])"));
     EXPECT_THAT(page, HasSubstr(R"("format size",false,"driver result 9"])"));
 }
 

@@ -418,10 +418,23 @@ TEST_F(ReplayTest, ACardThatNobodyCouldOpenRefusesAsItDid) {
               std::vector<std::string>{"error 5 of an opening is left out, as other openings went well"});
 }
 
+TEST_F(ReplayTest, ALockOfAPortThatThereIsNotIsNotTaken) {
+    ReplayScript script = replayScriptOf(recordedChange().trace);
+    ReplayHead head{};
+    std::memcpy(&head, script.bytes.data(), sizeof head);
+    const size_t lock = sizeof head + head.keys * sizeof(ReplayKey) + head.answers * sizeof(ReplayAnswer);
+    ASSERT_EQ(head.locks, 2u);
+    EXPECT_TRUE(m_card->setReplay(script.bytes.data(), script.bytes.size()));
+    script.bytes[lock + offsetof(ReplayLock, port)] = 2;
+    EXPECT_FALSE(m_card->setReplay(script.bytes.data(), script.bytes.size()));
+}
+
 TEST_F(ReplayTest, AScriptThatDoesNotFitItsSizeIsNotTaken) {
     Recorded recorded;
     recorded.ask<wire::OpenSession>({}, {0, 99});
     recorded.signal(1920, 1080, 60);
+    recorded.ask<wire::StartGrabbing>({{0, 77}, 0}, {0});
+    recorded.ask<wire::LockBuffer>({0, 77}, {});
     recorded.event(trace::EventKind::InputEvent);
     const std::vector<uint8_t> whole = replayScriptOf(recorded.trace).bytes;
     for (size_t size = 1; size < whole.size(); ++size) {
