@@ -209,6 +209,15 @@ std::vector<LogEntry> CardControl::log(uint64_t firstSequence) const {
     return entries;
 }
 
+std::vector<WrittenFrame> CardControl::writes() const {
+    std::vector<WrittenFrame> frames(kWrittenFrames);
+    const CardNumber request = {m_card};
+    const DWORD size = ControlDevice().call("Reading the written frames", kControlReadWrites, &request, sizeof request,
+                                            frames.data(), frames.size() * sizeof(WrittenFrame));
+    frames.resize(size / sizeof(WrittenFrame));
+    return frames;
+}
+
 void CardControl::failNext(uint32_t code, uint32_t ntStatus, uint32_t count, uint32_t skip) const {
     addFault({FaultKind::NtStatus, code, ntStatus, skip, count, {}});
 }

@@ -44,6 +44,8 @@ public:
     /// The requests received since the log was cleared, oldest first; the card keeps the last 2048.
     std::vector<LogEntry> log(uint64_t firstSequence = 0) const;
     void clearLog() const;
+    /// The last frames that it wrote into clients' memory, oldest first.
+    std::vector<WrittenFrame> writes() const;
     /// Answers as the script says (replay_script.h); an empty one ends that.
     void setReplay(const std::vector<uint8_t>& script) const;
     ReplayReport replayReport() const;

@@ -1,8 +1,9 @@
-// Kernel driver of the simulated card: requests in, frames out. Requests arrive on the system's dispatch
-// thread; one thread per card paces the frames; cancels come from anywhere. Two locks per card, always taken
-// in this order: `dma` for as long as a frame is written (or the memory it goes to is given up), then `state`
-// around every call of the model. What the model completes goes back to the system with neither held: the system
-// completes under a lock of its own, which it also holds while it calls a cancel routine, and that takes both.
+// Kernel driver of the simulated card: requests in, frames out. Requests arrive on the system's dispatch thread; one
+// thread per card paces the frames; cancels come from anywhere. Three locks per card, always taken in this order:
+// `naming` while it comes, goes or refuses to be opened, `dma` for as long as a frame is written (or the memory it goes
+// to is given up), `state` around every call of the model. What the model completes goes back to the system with
+// neither of the latter held: the system completes under a lock of its own, which it also holds while it calls a cancel
+// routine, and that takes both.
 #include "protocol/card_interface.h"
 #include "simcard/driver/system.h"
 #include "simcard/model/card.h"
@@ -43,7 +44,7 @@ struct Extension {
     uint32_t refusal;  ///< status that openings get; kStatusSuccess: they come in
     HANDLE standIn[2]; ///< what the link leads to meanwhile
     WCHAR physicalName[128];
-    Lock dma, state;
+    Lock naming, dma, state;
     Host host;
     Card* card;
     uint8_t* frame;
@@ -151,21 +152,6 @@ void forgetRefusal(Extension& x) {
     }
 }
 
-void setPlugged(Extension& x, bool plugged) {
-    // The interface goes first: nobody opens a card that is about to answer "not connected".
-    if (!plugged) IoSetDeviceInterfaceState(&x.link, FALSE);
-    {
-        const Completions completions(x);
-        Locked dma(x.dma);
-        Locked state(x.state);
-        x.card->setPlugged(plugged);
-    }
-    if (plugged) {
-        IoSetDeviceInterfaceState(&x.link, TRUE);
-        forgetRefusal(x);
-    }
-}
-
 /// Makes something that nobody can open for reading and writing, as the system answers with this status.
 /// @return its name; null: there is no such thing
 const WCHAR* makeStandIn(Extension& x, uint32_t status) {
@@ -196,22 +182,46 @@ const WCHAR* makeStandIn(Extension& x, uint32_t status) {
 
 /// Wine opens a file whatever a driver answers, so an opening is refused by leading the card's name elsewhere, or by
 /// taking it away: the interface stays listed.
-void updateLink(Extension& x) {
-    uint32_t refusal;
-    {
-        Locked state(x.state);
-        refusal = x.card->plugged() ? x.card->openRefusal() : uint32_t(kStatusSuccess);
-    }
+void nameCard(Extension& x, uint32_t refusal) {
     if (refusal == x.refusal) return;
     forgetRefusal(x);
     IoDeleteSymbolicLink(&x.link);
     x.refusal = refusal;
-    if (!x.card->plugged()) return;
     const WCHAR* target = refusal == kStatusSuccess ? x.physicalName : makeStandIn(x, refusal);
     if (!target) return;
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, target);
     IoCreateSymbolicLink(&x.link, &name);
+}
+
+void updateLink(Extension& x) {
+    Locked naming(x.naming);
+    uint32_t refusal = kStatusSuccess;
+    {
+        Locked state(x.state);
+        if (!x.card->plugged()) return;
+        refusal = x.card->openRefusal();
+    }
+    nameCard(x, refusal);
+}
+
+void setPlugged(Extension& x, bool plugged) {
+    Locked naming(x.naming);
+    // The interface goes first: nobody opens a card that is about to answer "not connected". The system takes back only
+    // what has its name.
+    if (!plugged) {
+        nameCard(x, kStatusSuccess);
+        IoSetDeviceInterfaceState(&x.link, FALSE);
+    }
+    bool comes = false;
+    {
+        const Completions completions(x);
+        Locked dma(x.dma);
+        Locked state(x.state);
+        comes = plugged && !x.card->plugged();
+        x.card->setPlugged(plugged);
+    }
+    if (comes) IoSetDeviceInterfaceState(&x.link, TRUE);
 }
 
 // Frames.
@@ -250,9 +260,18 @@ const uint8_t* makeFrame(Extension& x, const FrameJob& job) {
     return x.picture.prepare(format, x.frame, x.frameCapacity, job.frameNumber) ? x.frame : nullptr;
 }
 
-bool writeFrame(Extension& x, const FrameJob& job) {
+/// Of a byte in every so many, so that it costs nothing.
+uint32_t sumOf(const uint8_t* bytes, uint32_t count) {
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < count; i += 1 + count / 64)
+        sum += bytes[i];
+    return sum;
+}
+
+bool writeFrame(Extension& x, FrameJob& job) {
     const uint8_t* bytes = makeFrame(x, job);
     if (!bytes) return false;
+    job.sourceSum = sumOf(bytes, job.bytes);
     if (job.snap) {
         std::memcpy(job.target, bytes, job.bytes);
         return true;
@@ -465,6 +484,10 @@ NTSTATUS controlRequest(IRP* irp) {
             x.card->readReplay(*reinterpret_cast<ReplayReport*>(buffer));
             replySize = sizeof(ReplayReport);
             break;
+        case kControlReadWrites:
+            replySize = sizeof(WrittenFrame) *
+                        x.card->readWrites(reinterpret_cast<WrittenFrame*>(buffer), outSize / sizeof(WrittenFrame));
+            break;
         default:
             ok = false;
         }
@@ -562,6 +585,7 @@ NTSTATUS NTAPI addDevice(DRIVER_OBJECT* driver, DEVICE_OBJECT* physical) {
     NTSTATUS status = IoCreateDevice(driver, sizeof(Extension), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
     if (!NT_SUCCESS(status)) return status;
     auto* x = new (device->DeviceExtension) Extension();
+    x->naming.init();
     x->dma.init();
     x->state.init();
     x->number = kMaxCards;

@@ -64,6 +64,7 @@ void Card::setPlugged(bool plugged) noexcept {
     m_unplugRequested = m_plugRequested = false;
     if (plugged == m_plugged) return;
     m_plugged = plugged;
+    ++m_plugChanges;
     if (plugged) return;
     // Handles that were open stay dead when the card comes back; their clients must open it again.
     for (uint32_t i = 0; i < kMaxClients; ++i)
@@ -321,10 +322,19 @@ uint32_t Card::readLog(uint64_t firstSequence, LogEntry* entries, uint32_t capac
     return count;
 }
 
+uint32_t Card::readWrites(WrittenFrame* frames, uint32_t capacity) const noexcept {
+    const uint32_t known = m_writeCount < kWrittenFrames ? m_writeCount : kWrittenFrames;
+    const uint32_t count = known < capacity ? known : capacity;
+    for (uint32_t i = 0; i < count; ++i)
+        frames[i] = m_writes[(m_writeCount - count + i) % kWrittenFrames];
+    return count;
+}
+
 void Card::readState(CardState& state) const noexcept {
     state.plugged = m_plugged;
     state.requests = m_requests;
     state.frameNumber = m_frameNumber;
+    state.plugChanges = m_plugChanges;
     state.signal = m_signal;
     state.options = m_options;
     state.converter = m_converter;

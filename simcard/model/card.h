@@ -86,6 +86,7 @@ struct FrameJob {
     uint32_t outputParameter;
     uint32_t frameNumber;
     uint32_t picture;
+    uint32_t sourceSum; ///< the owner's, for the record of written frames
     Signal signal;
     wire::Converter converter;
 };
@@ -157,6 +158,8 @@ public:
     void readState(CardState& state) const noexcept;
     /// @return number of entries written, oldest first, from `firstSequence` on.
     uint32_t readLog(uint64_t firstSequence, LogEntry* entries, uint32_t capacity) const noexcept;
+    /// @return number of frames written, oldest first: the last ones.
+    uint32_t readWrites(WrittenFrame* frames, uint32_t capacity) const noexcept;
 
 private:
     enum class BufferState : uint8_t { Free, Filling, Filled, Held };
@@ -239,6 +242,7 @@ private:
     Options m_options;
     wire::Converter m_converter;
     uint32_t m_frameNumber, m_lastSession, m_serial;
+    uint32_t m_plugChanges = 0;
     uint8_t m_preparedPort = 0; ///< of the last prepare
     uint64_t m_order, m_requests;
     uint32_t m_owner[2];               ///< client + 1 that holds the channel's DMA access; 0: nobody
@@ -247,6 +251,8 @@ private:
     Client m_clients[kMaxClients];
     Pending m_pending[kMaxPending];
     LogEntry m_log[kLogEntries];
+    WrittenFrame m_writes[kWrittenFrames]{};
+    uint32_t m_writeCount = 0;
 };
 
 } // namespace kestra::simcard

@@ -72,6 +72,10 @@ bool Card::beginFrame(FrameJob& job) noexcept {
         if (!pending.used || pending.kind != PendingKind::Snap) continue;
         Channel& channel = m_clients[pending.request.client].channels[0];
         if (!matchesInput(channel)) continue;
+        if (pending.request.outSize < channel.frameSize) { // prepared anew since it was asked for
+            completePending(pending, kStatusBufferTooSmall, 0);
+            continue;
+        }
         job.snap = true;
         job.client = pending.request.client;
         job.target = pending.request.out;
@@ -120,6 +124,8 @@ void Card::endFrame(const FrameJob& job, bool written) noexcept {
         m_host.complete(job.token, kStatusSuccess, job.bytes);
         return;
     }
+    m_writes[m_writeCount++ % kWrittenFrames] = {job.serial, job.frameNumber, job.client,    job.processId, job.port,
+                                                 job.bytes,  written,         job.sourceSum, job.address};
     Channel& channel = m_clients[job.client].channels[job.port];
     Buffer& buffer = channel.buffers[job.buffer];
     // The run that it was for may have ended meanwhile, and its client be another one.

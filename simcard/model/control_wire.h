@@ -25,9 +25,10 @@ enum ControlCode : uint32_t {
     kControlClearFaults = 0xCE338014,
     kControlReadLog = 0xCE338018,
     kControlClearLog = 0xCE33801C,
-    kControlReset = 0xCE338020,     ///< default signal, options and converter; no faults, log, counters, replay
-    kControlSetReplay = 0xCE338024, ///< CardNumber, then a script of replay.h, or nothing: no replay
-    kControlReadReplay = 0xCE338028 ///< CardNumber -> ReplayReport
+    kControlReset = 0xCE338020,      ///< default signal, options and converter; no faults, log, counters, replay
+    kControlSetReplay = 0xCE338024,  ///< CardNumber, then a script of replay.h, or nothing: no replay
+    kControlReadReplay = 0xCE338028, ///< CardNumber -> ReplayReport
+    kControlReadWrites = 0xCE33802C  ///< CardNumber -> the last frames written, oldest first
 };
 
 enum class Pace : uint32_t { RealTime = 0, AsTaken = 1 };
@@ -111,7 +112,7 @@ struct CardState {
     uint32_t faults;
     uint64_t requests; ///< received since the log was cleared
     uint32_t frameNumber;
-    uint32_t reserved;
+    uint32_t plugChanges; ///< how often it has come or gone: each is told to every process
     Signal signal;
     Options options;
     ChannelCounters channels[2];
@@ -153,6 +154,20 @@ struct LogEntry {
     uint32_t byteCount; ///< valid bytes below: the request; of a chunk table, the reply buffer as it was sent
     uint8_t bytes[kLoggedBytes];
 };
+
+/// One frame that the card has written into a client's memory.
+struct WrittenFrame {
+    uint32_t serial; ///< the third word of its lock reply
+    uint32_t frameNumber;
+    uint32_t clientId;
+    uint32_t processId;
+    uint32_t port;
+    uint32_t bytes;
+    uint32_t written;   ///< 1: the system took all of them
+    uint32_t sourceSum; ///< of some of its bytes, before they were written; 0: they were all zero
+    uint64_t address;
+};
+constexpr uint32_t kWrittenFrames = 64; ///< that a card remembers
 
 #pragma pack(pop)
 static_assert(sizeof(Fault) == 44 && sizeof(Options) == 16 && sizeof(LogEntry) == 132);

@@ -316,6 +316,14 @@ TEST_F(RawStreamTest, RefusedOpenHitsNewClientsUntilItIsCleared) {
     EXPECT_EQ(before.call(wire::kConnection, before.header(), connection), 0u) << "who has it open keeps it";
     m_card.clearFaults();
     EXPECT_EQ(RawClient(m_card.devicePath()).openError(), 0u);
+
+    m_card.addFault({FaultKind::RefuseOpen, 0, 0xC0000022, 0, kForever, {}});
+    m_card.plug(); // it is plugged in: that changes nothing
+    EXPECT_NE(RawClient(m_card.devicePath()).openError(), 0u);
+    m_card.unplug();
+    m_card.plug();
+    m_card.clearFaults();
+    EXPECT_EQ(RawClient(m_card.devicePath()).openError(), 0u);
 }
 
 TEST_F(RawStreamTest, RequestLogHoldsTheWholeProtocolByteForByte) {

@@ -105,6 +105,49 @@ TEST_F(SimcardModel, AFrameThatOutlivesItsClientIsNotTheNextClients) {
     EXPECT_EQ(m_host.done.count(&locked), 1u);
 }
 
+TEST_F(SimcardModel, RemembersWhichFramesItHasWrittenAndWhere) {
+    makeReady(0, 1);
+    for (int i = 0; i < 3; ++i)
+        runFrame();
+    WrittenFrame frames[kWrittenFrames];
+    ASSERT_EQ(m_card->readWrites(frames, kWrittenFrames), 3u);
+    EXPECT_EQ(frames[2].frameNumber, 3u);
+    EXPECT_EQ(frames[2].processId, 77u);
+    EXPECT_EQ(frames[2].written, 1u);
+    EXPECT_EQ(frames[2].bytes, 1920u * 1080 * 2);
+    EXPECT_EQ(frames[2].address, 0x10000u + 2ull * frames[2].bytes);
+    EXPECT_EQ(frames[2].serial, frames[1].serial + 1);
+    for (uint32_t i = 0; i < kWrittenFrames; ++i) // the client gives nothing back: only seven more are written
+        runFrame();
+    EXPECT_EQ(m_card->readWrites(frames, 2), 2u);
+    EXPECT_EQ(frames[1].frameNumber, 10u);
+}
+
+TEST_F(SimcardModel, ASnapThatNoLongerFitsIsRefused) {
+    makeReady(0, 1);
+    wire::Reply reply = {};
+    ASSERT_EQ(send(wire::kStopGrabbing, header(), reply).status, 0u);
+    std::vector<uint8_t> memory(1920 * 1080 * 2);
+    ASSERT_EQ(send(wire::kSnap, nullptr, 0, memory.data(), uint32_t(memory.size()), memory.data()).status,
+              uint32_t(kStatusPending));
+    wire::PrepareReply prepared = {};
+    const wire::PrepareRequest larger = {header(), 2, 9, 0, {0, 1, 0, 1}, {0, 0}};
+    ASSERT_EQ(send(wire::kPrepare, larger, prepared).status, 0u);
+    EXPECT_EQ(runFrame(), 0);
+    ASSERT_EQ(m_host.done.count(memory.data()), 1u);
+    EXPECT_EQ(m_host.done[memory.data()].status, uint32_t(kStatusBufferTooSmall));
+}
+
+TEST_F(SimcardModel, CountsHowOftenItComesAndGoes) {
+    CardState before = {}, after = {};
+    m_card->readState(before);
+    for (const bool plugged : {false, false, true})
+        m_card->setPlugged(plugged);
+    m_card->reset();
+    m_card->readState(after);
+    EXPECT_EQ(after.plugChanges - before.plugChanges, 2u);
+}
+
 TEST_F(SimcardModel, CountersOutliveTheirClientAndTellSkippedFramesFromDroppedOnes) {
     m_card->skip(1); // no client is grabbing yet
     makeReady(0, 1);
