@@ -8,8 +8,13 @@
 #include "tests/support/recording_output.h"
 #include "tests/support/wait_until.h"
 
+#include <windows.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -64,13 +69,41 @@ private:
                        " bytes after frame " + std::to_string(m_last);
         const auto* bytes = static_cast<const uint8_t*>(frame.lpRawBuffer);
         if (!bytes || frame.bufferSize != m_expected.size()) return;
-        size_t differing = 0, first = 0, zeros = 0;
-        for (size_t i = m_expected.size(); i-- > 0;) {
-            zeros += bytes[i] == 0;
+        size_t differing = 0, first = 0;
+        for (size_t i = m_expected.size(); i-- > 0;)
             if (bytes[i] != m_expected[i]) ++differing, first = i;
-        }
         m_firstWrong += ": " + std::to_string(differing) + " bytes differ, the first at " + std::to_string(first) +
-                        "; " + std::to_string(zeros) + " are zero";
+                        "; " + std::to_string(zerosIn(bytes)) + " are zero";
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // whoever writes late has written then
+        m_firstWrong += ", 20 ms later " + std::to_string(zerosIn(bytes)) + describeMemory(frame);
+    }
+    size_t zerosIn(const uint8_t* bytes) const { return size_t(std::count(bytes, bytes + m_expected.size(), 0)); }
+    /// Where a wrong frame lies, what is beside it, and what the card knows of it.
+    std::string describeMemory(const TarnisFrameInfo& frame) const {
+        const auto* bytes = static_cast<const uint8_t*>(frame.lpRawBuffer);
+        MEMORY_BASIC_INFORMATION region{};
+        VirtualQuery(bytes, &region, sizeof region);
+        const auto* base = static_cast<const uint8_t*>(region.AllocationBase);
+        char text[200];
+        std::snprintf(text, sizeof text, "; at %p in the region from %p, %zu bytes, protection 0x%lX; zeros by buffer:",
+                      static_cast<const void*>(bytes), static_cast<const void*>(base), size_t(region.RegionSize),
+                      region.Protect);
+        std::ostringstream all;
+        all << text;
+        for (const uint8_t* at = base; at + m_expected.size() <= base + region.RegionSize; at += m_expected.size())
+            all << " " << zerosIn(at);
+        try {
+            for (const simcard::WrittenFrame& written : simcard::CardControl(0).writes())
+                if (written.serial + 3 > frame.frameWord2 && written.serial < frame.frameWord2 + 3)
+                    all << "; the card wrote " << written.serial << " (frame " << written.frameNumber << ", client "
+                        << written.clientId << ", process " << written.processId << "): " << written.bytes
+                        << " bytes to 0x" << std::hex << written.address << std::dec
+                        << (written.written ? ", taken" : ", refused") << ", sum " << written.sourceSum;
+        } catch (const simcard::ControlError& error) {
+            all << "; " << error.what();
+        }
+        all << "; this is " << frame.frameWord2 << " in process " << GetCurrentProcessId();
+        return all.str();
     }
     void take(const TarnisFrameInfo& frame) {
         switch (frame.dmaStatus) {

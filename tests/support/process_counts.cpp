@@ -35,6 +35,8 @@ ProcessCounts CountsOverCycles::leastOf(size_t begin, size_t end) const {
         least.handles = std::min(least.handles, counts.handles);
         least.threads = std::min(least.threads, counts.threads);
         least.privateBytes = std::min(least.privateBytes, counts.privateBytes);
+        least.gdiObjects = std::min(least.gdiObjects, counts.gdiObjects);
+        least.userObjects = std::min(least.userObjects, counts.userObjects);
     }
     return least;
 }
@@ -50,15 +52,18 @@ ProcessCounts CountsOverCycles::last() const {
 CountsOverCycles::Growth CountsOverCycles::growth() const {
     const ProcessCounts before = second(), after = last();
     return {after.handles - before.handles, after.threads - before.threads,
-            static_cast<long long>(after.privateBytes) - static_cast<long long>(before.privateBytes)};
+            static_cast<long long>(after.privateBytes) - static_cast<long long>(before.privateBytes),
+            after.gdiObjects - before.gdiObjects, after.userObjects - before.userObjects};
 }
 
 std::string CountsOverCycles::describe(const char* what) const {
     const ProcessCounts before = second(), after = last();
-    char text[200];
-    std::snprintf(text, sizeof text, "%zu %s: handles %d to %d, threads %d to %d, private memory %zu to %zu kB",
-                  m_noted.size(), what, before.handles, after.handles, before.threads, after.threads,
-                  before.privateBytes / 1024, after.privateBytes / 1024);
+    char text[240];
+    std::snprintf(
+        text, sizeof text,
+        "%zu %s: handles %d to %d, threads %d to %d, private memory %zu to %zu kB, GDI %d to %d, USER %d to %d",
+        m_noted.size(), what, before.handles, after.handles, before.threads, after.threads, before.privateBytes / 1024,
+        after.privateBytes / 1024, before.gdiObjects, after.gdiObjects, before.userObjects, after.userObjects);
     return text;
 }
 

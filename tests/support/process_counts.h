@@ -21,6 +21,7 @@ public:
     struct Growth {
         int handles, threads;
         long long privateBytes;
+        int gdiObjects, userObjects;
     };
 
     void note() { note(processCounts()); }
@@ -28,8 +29,8 @@ public:
     /// As note(), unless the last was less than a tenth of a second ago: for a test that waits in a loop.
     void noteNowAndThen();
     Growth growth() const; ///< from at least six cycles; throws std::logic_error for fewer
-    /// "25 starts: handles 52 to 52, threads 4 to 4, private memory 63,744 to 63,808 kB" with the least counts
-    /// compared.
+    /// "25 starts: handles 52 to 52, threads 4 to 4, private memory 63744 to 63808 kB, GDI 5 to 5, USER 12 to 12" with
+    /// the least counts compared.
     std::string describe(const char* what) const;
     /// Prints the description and what else the test found, and adds the counts over time to the file that
     /// KESTRA_SOAK_RESULTS names, a JSON object a line, from which `./kestra soak` draws its page. None of the texts

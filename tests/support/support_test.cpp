@@ -102,8 +102,8 @@ TEST(CountsOverCycles, SeeWhatEachCycleLeavesBehindAndNotWhatOneHoldsForAMoment)
     CountsOverCycles flat, leaking;
     for (int i = 0; i < 30; ++i) {
         const int settling = i < 5 ? i : 5, moment = i % 4 == 1 ? 9 : 0;
-        flat.note({50 + settling + moment, 4 + moment, static_cast<size_t>(1000000 * (1 + moment))});
-        leaking.note({50 + i + moment, 4 + i / 10, static_cast<size_t>(1000000 + 4096 * i)});
+        flat.note({50 + settling + moment, 4 + moment, static_cast<size_t>(1000000 * (1 + moment)), 0, 3});
+        leaking.note({50 + i + moment, 4 + i / 10, static_cast<size_t>(1000000 + 4096 * i), i, 3});
     }
     EXPECT_EQ(flat.growth().handles, 0);
     EXPECT_EQ(flat.growth().threads, 0);
@@ -111,7 +111,10 @@ TEST(CountsOverCycles, SeeWhatEachCycleLeavesBehindAndNotWhatOneHoldsForAMoment)
     EXPECT_EQ(leaking.growth().handles, 10);
     EXPECT_EQ(leaking.growth().threads, 1);
     EXPECT_EQ(leaking.growth().privateBytes, 40960);
-    EXPECT_EQ(flat.describe("rounds"), "30 rounds: handles 55 to 55, threads 4 to 4, private memory 976 to 976 kB");
+    EXPECT_EQ(leaking.growth().gdiObjects, 10);
+    EXPECT_EQ(leaking.growth().userObjects, 0);
+    EXPECT_EQ(flat.describe("rounds"), "30 rounds: handles 55 to 55, threads 4 to 4, private memory 976 to 976 kB, "
+                                       "GDI 0 to 0, USER 3 to 3");
 }
 
 TEST(CountsOverCycles, RefuseToJudgeTooFewCycles) {
