@@ -121,8 +121,9 @@ ReplayLock* Replay::nextLock(uint32_t port) const noexcept {
 }
 
 bool Replay::isLockDue(uint32_t port, uint64_t now100ns) const noexcept {
-    const ReplayLock* lock = nextLock(port);
-    return !lock || now100ns - m_portStart[port] >= lock->afterStart100ns;
+    if (const ReplayLock* lock = nextLock(port)) return now100ns - m_portStart[port] >= lock->afterStart100ns;
+    // A card that was pulled, or whose input changed, had no more frames until that was noticed.
+    return m_event == m_head.events || m_events[m_event].starts > m_starts;
 }
 
 const ReplayAnswer* Replay::takeLock(uint32_t port) noexcept {

@@ -323,6 +323,30 @@ TEST_F(ReplayTest, AnEventWaitsForTheBuffersOfItsOwnRunAndPort) {
     EXPECT_EQ(report().eventsLeft, 0u);
 }
 
+TEST_F(ReplayTest, BetweenTheLastRecordedFrameAndAnEventNoFrameComes) {
+    replay(recordedChange());
+    startGrabbing();
+    wire::LockBufferReply frame{};
+    for (int i = 0; i < 2; ++i) {
+        m_host.now += 10'000;
+        runFrame();
+        wire::Reply reply{};
+        EXPECT_EQ(ask<wire::LockBuffer>(header(), frame).status, 0u);
+        ask<wire::UnlockBuffer>({header(), frame.bufferId}, reply);
+    }
+    runFrame();
+    EXPECT_EQ(ask<wire::LockBuffer>(header(), frame).status, uint32_t(kStatusPending));
+    m_host.now += 9'900'000;
+    runFrame();
+    m_card->poll();
+    EXPECT_EQ(m_host.done.count(&frame), 0u);
+    m_host.now += 100'000;
+    m_card->poll();
+    EXPECT_EQ(m_card->signal().width, 1280);
+    m_card->poll();
+    EXPECT_EQ(m_host.done.count(&frame), 1u) << "the model's, as nothing more was recorded";
+}
+
 TEST_F(ReplayTest, LatenessEndsWithTheNextStart) {
     Recorded recorded = recordedChange();
     recorded.ask<wire::StopGrabbing>({0, 77}, {0});
