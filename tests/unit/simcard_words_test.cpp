@@ -33,7 +33,7 @@ TEST(SimcardWords, NumbersThatDoNotFitAreRefusedInsteadOfCut) {
 
 TEST(SimcardWords, BlanksSignsAndRestsAreNoNumbers) {
     for (const char* text : {"", " 5", "-1", "+1", "5 ", "5x", "0x", "x"})
-        EXPECT_EQ(complaint([&] { parseNumber(text); }), "'" + std::string(text) + "' is not a number");
+        EXPECT_EQ(complaint([&] { parseNumber(text); }), std::string("'") + text + "' is not a number");
     EXPECT_NE(complaint([] { parseNumber(std::string("5\0", 2)); }), "") << "a NUL is no end of a word";
 }
 
