@@ -111,7 +111,9 @@ TEST(LogMemory, TableWithoutAnyPartTakesNothingAndGivesTheValueBack) {
         allocationsThatPass = -1;
         ASSERT_TRUE(value) << "still the caller's";
         EXPECT_EQ(table.find(7), nullptr);
-        if (passing == 0) EXPECT_EQ(table.bucketCount(), 0u);
+        if (passing == 0) {
+            EXPECT_EQ(table.bucketCount(), 0u);
+        }
     }
     EXPECT_TRUE(table.exchange(7, value));
     EXPECT_EQ(value, nullptr);
