@@ -89,6 +89,9 @@ void Host::complete(void* token, uint32_t status, uint32_t replySize) {
     IoSetCancelRoutine(irp, nullptr);
     irp->IoStatus.Status = NTSTATUS(status);
     irp->IoStatus.Information = replySize;
+    // Without a reply the client keeps its memory: Wine would give back the image of it that came with the request,
+    // over the frames written since.
+    if (replySize == 0 && irp->MdlAddress) irp->Flags |= IRP_WRITE_OPERATION;
     irp->Tail.Overlay.DriverContext[0] = nullptr; // the link to the next
     if (m_last)
         m_last->Tail.Overlay.DriverContext[0] = irp;

@@ -121,6 +121,22 @@ TEST_F(SimcardProtocol, ARequestThatNeverCompletesEndsWhenItIsCancelled) {
     EXPECT_EQ(client.end(pending), DWORD(ERROR_OPERATION_ABORTED));
 }
 
+TEST_F(SimcardProtocol, ACancelledLockOfMemoryLeavesItsBytesAlone) {
+    RawClient client(m_card.devicePath());
+    ASSERT_EQ(client.openSession(), 0u);
+    ASSERT_EQ(client.setAccess(0, true), 0u);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<uint8_t> memory(size_t{1} << 20, 0);
+        RawClient::Pending chunk;
+        ASSERT_EQ(client.begin(chunk, wire::kLockChunk, nullptr, 0, memory.data(), DWORD(memory.size())),
+                  DWORD{ERROR_IO_PENDING});
+        std::memset(memory.data(), 0x77, memory.size());
+        client.cancel(chunk);
+        EXPECT_EQ(std::count(memory.begin(), memory.end(), 0x77), ptrdiff_t(memory.size())) << round;
+    }
+    EXPECT_EQ(client.setAccess(0, false), 0u);
+}
+
 TEST_F(SimcardProtocol, CancelsThatMeetCompletionsNeverBlockTheCard) {
     RawClient client(m_card.devicePath());
     ASSERT_EQ(client.openSession(), 0u);
