@@ -86,7 +86,7 @@ int countGdiObjects() {
     const auto currentPeb = reinterpret_cast<const std::byte*(WINAPI*)()>(
         reinterpret_cast<void*>(GetProcAddress(system, "RtlGetCurrentPeb")));
     const Entry* table = nullptr;
-    std::memcpy(&table, currentPeb() + kTableInPeb, sizeof table);
+    std::memcpy(&table, currentPeb() + kTableInPeb, sizeof(void*));
     if (!table) return 0; // nothing has loaded gdi32 yet
     return static_cast<int>(std::count_if(table, table + kEntries, [](const Entry& entry) { return entry.type != 0; }));
 }
