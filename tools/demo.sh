@@ -117,7 +117,8 @@ verb_demo() {
         printf '%sp%s did not hold\n' "$height" "$rate" >> "$demo/report.txt"
         say "${height}p$rate is more than this machine can make and record now: something waited for the processors"
     done
-    [ "$recorded" = 1 ] || die "frames were lost even at ${height}p$rate; out/demo/report.txt has the figures"
+    [ "$recorded" = 1 ] ||
+        die "too much else runs on this machine now (load $(cut -d ' ' -f 1 /proc/loadavg)); out/demo/report.txt has the figures"
 
     step "making a film and a picture of it"
     local sound=(-f s16le -ar 48000 -ac 2 -i "Z:$demo_build/sound.pcm")
