@@ -9,9 +9,10 @@ page_data() {
     printf ']}\n'
 }
 
-# page_write TEMPLATE DATA PAGE: fills in @RESULTS@ and the pages' common @STYLE@.
+# page_write TEMPLATE DATA PAGE: fills in @RESULTS@ and what the pages have in common, @STYLE@ and @SCRIPT@.
 page_write() {
     mkdir -p "$(dirname "$3")"
-    sed -e "/@RESULTS@/{r $2" -e 'd}' -e "/@STYLE@/{r $root/tools/page.css" -e 'd}' "$1" > "$3"
+    sed -e "/@RESULTS@/{r $2" -e 'd}' -e "/@STYLE@/{r $root/tools/page.css" -e 'd}' \
+        -e "/@SCRIPT@/{r $root/tools/page.js" -e 'd}' "$1" > "$3"
     say "figures: ${2#"$root"/}, drawn: ${3#"$root"/}"
 }
