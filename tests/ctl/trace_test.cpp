@@ -171,7 +171,7 @@ TEST_F(Trace, ShowNamesEveryChunkOfATableInJsonToo) {
         std::find_if(lines.begin(), lines.end(), [](const json& line) { return line["name"] == "chunk table"; });
     ASSERT_NE(table, lines.end());
     const json sent = (*table)["sent"];
-    EXPECT_EQ(std::to_string(sent["chunks"].size()), sent["chunkCount"]);
+    EXPECT_EQ(sent["chunkCount"], std::to_string(sent["chunks"].size()));
     for (const json& chunk : sent["chunks"])
         EXPECT_THAT(chunk["address"].get<std::string>(), testing::StartsWith("0x"));
 }
