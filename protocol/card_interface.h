@@ -1,7 +1,9 @@
 // How the system finds the cards. Needs no system header. Plain data.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 namespace kestra {
 
@@ -25,8 +27,7 @@ constexpr Guid asGuid(const InterfaceId& id) noexcept {
     guid.Data1 = id.data1;
     guid.Data2 = id.data2;
     guid.Data3 = id.data3;
-    for (int i = 0; i < 8; ++i)
-        guid.Data4[i] = id.data4[i];
+    std::copy(std::begin(id.data4), std::end(id.data4), guid.Data4);
     return guid;
 }
 

@@ -31,7 +31,7 @@ public:
             head = m_head.load(std::memory_order_relaxed); // after the tail: never less
             const size_t toEnd = m_bytes - head % m_bytes;
             skipped = needed <= toEnd ? 0 : toEnd;
-            if (payload == 0 || needed > m_bytes || head + skipped + needed - tail > m_bytes) {
+            if (payload == 0 || head + skipped + needed - tail > m_bytes) {
                 m_lost.fetch_add(1, std::memory_order_relaxed);
                 return false;
             }

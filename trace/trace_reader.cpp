@@ -36,11 +36,10 @@ public:
     }
 
     void finish() {
-        for (Request& request : trace.requests)
-            if (!request.hasBegun || !request.hasEnded)
-                request.hasBegun ? request.end100ns = request.begin100ns : request.begin100ns = request.end100ns;
-            else
-                request.end100ns = std::max(request.end100ns, request.begin100ns);
+        for (Request& request : trace.requests) {
+            if (!request.hasBegun) request.begin100ns = request.end100ns;
+            request.end100ns = std::max(request.end100ns, request.begin100ns); // also if it has none
+        }
         std::stable_sort(trace.requests.begin(), trace.requests.end(),
                          [](const Request& a, const Request& b) { return a.begin100ns < b.begin100ns; });
         std::stable_sort(trace.events.begin(), trace.events.end(),

@@ -13,7 +13,7 @@ TraceWriter::TraceWriter(TraceFiles& files, FileHead head, uint64_t limit)
 
 void TraceWriter::makeRoom(size_t bytes) {
     const bool isFirst = m_fileBytes == 0;
-    if (!isFirst && (m_fileBytes + bytes <= m_fileLimit || m_fileBytes == sizeof m_head)) return;
+    if (!isFirst && m_fileBytes + bytes <= m_fileLimit) return;
     flush();
     if (!isFirst) ++m_head.part;
     if (!m_files.begin(m_head.part < kFiles ? m_head.part : 1 + (m_head.part - 1) % (kFiles - 1))) m_failed = true;

@@ -26,11 +26,13 @@ public:
         return !refuses;
     }
     bool write(std::span<const uint8_t> bytes) noexcept override {
+        ++written;
         files[begun.back()].insert(files[begun.back()].end(), bytes.begin(), bytes.end());
         return !refuses;
     }
     std::array<Bytes, kFiles> files;
     std::vector<uint32_t> begun;
+    int written = 0; ///< calls
     bool refuses = false;
 };
 
@@ -200,6 +202,32 @@ TEST(TraceFile, AWriterThatTheSystemRefusesStopsAndSaysSo) {
     addRequest(writer, 2, 3, 4, {}, {});
     EXPECT_FALSE(writer.flush());
     EXPECT_EQ(files.begun.size(), 1u);
+    EXPECT_EQ(files.written, 0) << "into a file that there is not";
+}
+
+TEST(TraceFile, IsFilledToItsLimit) {
+    constexpr uint64_t kFileLimit = sizeof(FileHead) + 3 * sizeof(RecordHead);
+    MemoryFiles files;
+    TraceWriter writer(files, someHead(), kFileLimit * kFiles);
+    for (uint32_t i = 1; i <= 4; ++i)
+        writer.add(bytesOf(RecordHead{sizeof(RecordHead), RecordKind::Lost, 0, 0, 1, i}));
+    writer.flush();
+    EXPECT_EQ(files.files[0].size(), kFileLimit);
+    EXPECT_EQ(files.files[1].size(), sizeof(FileHead) + sizeof(RecordHead));
+    EXPECT_EQ(readTrace(std::span<const Bytes>(files.files).first(2)).lost, 4u);
+}
+
+TEST(TraceFile, EventsComeBackInTheOrderOfTheirTimes) {
+    MemoryFiles files;
+    TraceWriter writer(files, someHead(), 1 << 20);
+    for (const uint32_t time : {300u, 100u, 200u}) // threads that wrote late
+        writer.add(bytesOf(EventRecord{
+            {sizeof(EventRecord), RecordKind::Event, 0, 1, time, time}, EventKind::Arrival, {}, 0, 0, 0, 0}));
+    writer.flush();
+    const Trace trace = readTrace(std::array{files.files[0]});
+    ASSERT_EQ(trace.events.size(), 3u);
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(trace.events[i].time100ns, (i + 1) * 100);
 }
 
 TEST(TraceFile, WithoutRecordsThereIsNoFile) {
@@ -263,6 +291,10 @@ TEST(TraceReader, SaysWhyAFileIsNoTrace) {
     other = files.files[0];
     other[12] = 39;
     EXPECT_EQ(reasonOf({other}), "its head is damaged");
+    other[12] = 0;
+    other[13] = 1; // 256: more than the file has
+    EXPECT_EQ(reasonOf({other}), "its head is damaged");
+    EXPECT_EQ(reasonOf({}), "there is no file");
     other = files.files[0];
     other[16] ^= 1;
     EXPECT_EQ(reasonOf({files.files[0], other}), "its files are of different traces");
@@ -280,6 +312,19 @@ TEST(TraceReader, AHeadThatHasGrownAndAKindThatIsNewAreRead) {
     EXPECT_EQ(readTrace(std::array{grown}).requests.size(), 1u);
 }
 
+TEST(TraceReader, SaysHowManyPartsAreMissing) {
+    MemoryFiles files;
+    TraceWriter writer(files, someHead(), kFiles * (sizeof(FileHead) + sizeof(RecordHead)));
+    for (uint32_t i = 1; i <= 4; ++i)
+        writer.add(bytesOf(RecordHead{sizeof(RecordHead), RecordKind::Lost, 0, 0, 1, i}));
+    writer.flush();
+    const auto& all = files.files;
+    EXPECT_EQ(readTrace(all).missingParts, 0u);
+    EXPECT_EQ(readTrace(std::array{all[1], all[2], all[3]}).missingParts, 1u) << "the opening";
+    EXPECT_EQ(readTrace(std::array{all[3], all[0]}).missingParts, 2u) << "in any order";
+    EXPECT_EQ(readTrace(std::array{all[2], all[0]}).missingParts, 1u);
+}
+
 TEST(TraceReader, AnEndWithoutItsBeginningKeepsItsTime) {
     MemoryFiles files;
     TraceWriter writer(files, someHead(), 1 << 20);
@@ -290,6 +335,21 @@ TEST(TraceReader, AnEndWithoutItsBeginningKeepsItsTime) {
     EXPECT_FALSE(trace.requests[0].hasBegun);
     EXPECT_EQ(trace.requests[0].begin100ns, 700u);
     EXPECT_EQ(trace.requests[0].code, 0xCE322068u);
+}
+
+TEST(FrameHash, IsTheOneThatTracesHold) {
+    Bytes bytes(100'000);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = uint8_t(i * 7 + i / 256);
+    const auto first = [&](size_t size) { return std::span<const uint8_t>(bytes).first(size); };
+    EXPECT_EQ(hashOf(first(0)), 0x4D0A2BBE78B92AB1u);
+    EXPECT_EQ(hashOf(first(3)), 0x444E5DB1CC9F0230u);
+    EXPECT_EQ(hashOf(first(8)), 0x9B9A2661DF0EEBCEu);
+    EXPECT_EQ(hashOf(first(13)), 0xBF7A5BDA9AC566D1u);
+    EXPECT_EQ(frameHash(first(4096)), 0xBA4593E86FF3188Au);
+    EXPECT_EQ(frameHash(first(4096)), hashOf(first(4096)));
+    EXPECT_EQ(frameHash(first(4097)), 0xFB9F56BB88BB4D2Eu);
+    EXPECT_EQ(frameHash(bytes), 0x72067A9054A30014u);
 }
 
 TEST(FrameHash, SeesTheEndsOfALargeFrameAndEveryByteOfASmallOne) {
@@ -331,6 +391,20 @@ TEST(RecordQueue, GivesBackWhatWasAddedAndCountsWhatFoundNoRoom) {
     EXPECT_TRUE(taken.empty());
 }
 
+TEST(RecordQueue, TakesOneEntryAsLargeAsItself) {
+    RecordQueue queue(64);
+    size_t size = 0;
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_FALSE(queue.add({})) << "nothing is no entry";
+        EXPECT_FALSE(queue.add(Bytes(57)));
+        EXPECT_TRUE(queue.add(Bytes(56, 1)));
+        queue.drain([&](std::span<const uint8_t> bytes) { size = bytes.size(); });
+        EXPECT_EQ(size, 56u);
+    }
+    EXPECT_EQ(queue.takeLost(), 6u);
+    EXPECT_TRUE(queue.add(Bytes{1}));
+}
+
 TEST(RecordQueue, GoesAroundItsEndWithEntriesOfAnySize) {
     RecordQueue queue(256);
     uint8_t next = 0;
@@ -338,6 +412,7 @@ TEST(RecordQueue, GoesAroundItsEndWithEntriesOfAnySize) {
         std::vector<Bytes> added;
         for (size_t size = 1 + size_t(round) % 90; queue.add(Bytes(size, ++next)); size = size % 37 + 1)
             added.emplace_back(size, next);
+        ASSERT_FALSE(added.empty()) << round;
         std::vector<Bytes> taken;
         queue.drain([&](std::span<const uint8_t> bytes) { taken.emplace_back(bytes.begin(), bytes.end()); });
         ASSERT_EQ(taken, added) << round;

@@ -234,6 +234,127 @@ private:
 
 } // namespace
 
+/// What a state answers to each event that counts in it, in words.
+static std::string answersOf(LifeState state) {
+    constexpr const char* kActionNames[] = {"begin",       "go on",      "stop card",  "end threads",
+                                            "tell client", "stop first", "wait first", "refuse"};
+    std::string text;
+    for (int event = 0; event < kLifeEvents; ++event) {
+        if (!counts(rowOf(state, LifeEvent(event)))) continue;
+        const LifeTransition transition = lifeTransition(state, LifeEvent(event));
+        text += std::string(kEventNames[event]) + ": ";
+        for (int action = 0; action < 8; ++action)
+            if (transition.actions >> action & 1) text += std::string(kActionNames[action]) + ", ";
+        text += transition.to == state ? "stays\n" : std::string(kStateNames[int(transition.to)]) + "\n";
+    }
+    return text;
+}
+
+TEST(ChannelLife, EachStateAnswersEachEventAsItShould) {
+    EXPECT_EQ(answersOf(LifeState::Idle), "Start: begin, Starting\n"
+                                          "Stop: stop card, end threads, stays\n"
+                                          "Close: end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Starting), "Start: stop first, stays\n"
+                                              "Started: go on, Running\n"
+                                              "StartFailed: stop card, Aborting\n"
+                                              "Stop: stop card, end threads, Aborting\n"
+                                              "Removal: stop card, end threads, Aborting\n"
+                                              "Release: end threads, Aborting\n"
+                                              "Close: stop card, end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Running), "Start: stop first, stays\n"
+                                             "Stop: stop card, end threads, Stopping\n"
+                                             "FormatChange: stop card, tell client, Stopping\n"
+                                             "Removal: stop card, end threads, Interrupted\n"
+                                             "Release: end threads, Stopping\n"
+                                             "Close: stop card, end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Aborting), "Start: wait first, stays\n"
+                                              "Started: stop card, stays\n"
+                                              "StartFailed: stop card, stays\n"
+                                              "Stop: stop card, end threads, stays\n"
+                                              "Gone: Idle\n"
+                                              "Removal: end threads, stays\n"
+                                              "Release: end threads, stays\n"
+                                              "Close: end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Stopping), "Start: begin, Starting\n"
+                                              "Stop: stop card, end threads, stays\n"
+                                              "Gone: Idle\n"
+                                              "GivenUp: Idle\n"
+                                              "Removal: end threads, stays\n"
+                                              "Release: end threads, stays\n"
+                                              "Close: end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Interrupted), "Start: begin, Starting\n"
+                                                 "Stop: stop card, end threads, Stopping\n"
+                                                 "Gone: Paused\n"
+                                                 "GivenUp: Paused\n"
+                                                 "Removal: end threads, stays\n"
+                                                 "Arrival: begin, Resuming\n"
+                                                 "Release: end threads, Stopping\n"
+                                                 "Close: end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Paused), "Start: begin, Starting\n"
+                                            "Stop: stop card, end threads, Idle\n"
+                                            "Arrival: begin, Resuming\n"
+                                            "Release: end threads, Idle\n"
+                                            "Close: end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Resuming), "Start: stop first, stays\n"
+                                              "Started: go on, Running\n"
+                                              "StartFailed: stop card, Interrupted\n"
+                                              "Stop: stop card, end threads, Aborting\n"
+                                              "Removal: stop card, end threads, Interrupted\n"
+                                              "Release: end threads, Aborting\n"
+                                              "Close: stop card, end threads, Closed\n");
+    EXPECT_EQ(answersOf(LifeState::Closed), "Start: refuse, stays\n"
+                                            "Stop: stop card, end threads, stays\n"
+                                            "Close: end threads, stays\n");
+}
+
+TEST(ChannelLife, IsAboutItsRunUntilItIsIdleOrClosed) {
+    const int first = 1, second = 2;
+    Life life;
+    EXPECT_TRUE(life.isAbout(nullptr));
+    life.begin(LifeEvent::Start, &first);
+    EXPECT_TRUE(life.isAbout(&first));
+    EXPECT_EQ(life.tell(LifeEvent::Started, &second), kNothing) << "a thread that has outlived its run";
+    EXPECT_EQ(life.state(), LifeState::Starting);
+    EXPECT_EQ(life.tell(LifeEvent::Started, &first), kGoOn);
+    life.tell(LifeEvent::Stop, nullptr);
+    EXPECT_TRUE(life.isAbout(&first)) << "its thread is on its way out";
+    life.tell(LifeEvent::Gone, &first);
+    EXPECT_EQ(life.state(), LifeState::Idle);
+    EXPECT_TRUE(life.isAbout(nullptr));
+    life.begin(LifeEvent::Start, &second);
+    EXPECT_TRUE(life.isAbout(&second));
+    life.tell(LifeEvent::Close, nullptr);
+    EXPECT_TRUE(life.isAbout(nullptr));
+}
+
+TEST(ChannelLife, RunTouchesTheCardWhileItIsTheChannelsAndItsSessionLasts) {
+    const int run = 1, other = 2;
+    Life life;
+    const auto mayTouch = [&] {
+        EXPECT_FALSE(life.mayTouchCard(&other));
+        return life.mayTouchCard(&run);
+    };
+    EXPECT_FALSE(mayTouch());
+    life.begin(LifeEvent::Start, &run);
+    EXPECT_TRUE(mayTouch()) << "Starting";
+    life.tell(LifeEvent::Started, &run);
+    EXPECT_TRUE(mayTouch()) << "Running";
+    life.tell(LifeEvent::Removal, nullptr);
+    EXPECT_FALSE(mayTouch()) << "Interrupted";
+    life.tell(LifeEvent::Gone, &run);
+    EXPECT_FALSE(mayTouch()) << "Paused";
+    life.begin(LifeEvent::Arrival, &run);
+    EXPECT_TRUE(mayTouch()) << "Resuming";
+    life.tell(LifeEvent::Started, &run);
+    life.tell(LifeEvent::FormatChange, &run);
+    EXPECT_TRUE(mayTouch()) << "Stopping: its last buffer is given back";
+    life.begin(LifeEvent::Start, &run);
+    life.tell(LifeEvent::Stop, nullptr);
+    EXPECT_FALSE(mayTouch()) << "Aborting";
+    life.tell(LifeEvent::Close, nullptr);
+    EXPECT_FALSE(mayTouch()) << "Closed";
+}
+
 TEST(ChannelLife, HoldsItsPromisesOverEveryOrderOfEvents) {
     const int longest = isLongRun() ? 11 : 9;
     Explorer explorer(longest);

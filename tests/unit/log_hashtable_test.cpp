@@ -53,6 +53,29 @@ TEST(LogHashtable, KeysOfOneBucketAreToldApartWhole) {
     EXPECT_EQ(visited, 2u);
 }
 
+TEST(LogHashtable, OwnsItsValuesToTheEnd) {
+    struct Counted {
+        explicit Counted(int& count) : m_count(count) { ++m_count; }
+        Counted(const Counted&) = delete;
+        Counted& operator=(const Counted&) = delete;
+        ~Counted() { --m_count; }
+        int& m_count;
+    };
+    int living = 0;
+    {
+        CHashtable<Counted> table(3, 1.0f);
+        for (uint32_t key = 0; key < 20; ++key)
+            ASSERT_TRUE(table.findOrInsert(key, std::make_unique<Counted>(living)));
+        EXPECT_NE(table.findOrInsert(3, std::make_unique<Counted>(living)), nullptr);
+        EXPECT_EQ(living, 20) << "the second of a key has gone at once";
+        auto other = std::make_unique<Counted>(living);
+        ASSERT_TRUE(table.exchange(4, other));
+        other.reset();
+        EXPECT_EQ(living, 20);
+    }
+    EXPECT_EQ(living, 0);
+}
+
 TEST(LogHashtable, SecondInsertionReplacesTheValue) {
     Table table;
     ASSERT_TRUE(insert(table, 7, 1));

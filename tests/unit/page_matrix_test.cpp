@@ -35,6 +35,11 @@ TEST(ConverterMatrix, CoefficientsAreThoseOfTheStandards) {
     expect(L"ITU-R BT.709, full to full", {0, 512, 512, 1, 1.575, 0.468, 0.187, 1.856});
 }
 
+TEST(ConverterMatrix, IsComputedFromTheStandardsWeights) {
+    EXPECT_EQ(converterMatrix(kBt601, SampleRange::Studio), kMatrixPresets[0].matrix);
+    EXPECT_EQ(converterMatrix(kBt709, SampleRange::Full), kMatrixPresets[3].matrix);
+}
+
 TEST(ConverterMatrix, BringsEveryColorBackFromTheStandardsOwnLumaAndChroma) {
     const LumaWeights weights[] = {kBt601, kBt709, kBt601, kBt709};
     for (size_t preset = 0; preset < std::size(kMatrixPresets); ++preset) {
@@ -88,6 +93,8 @@ TEST(ConverterMatrix, HighDefinitionStartsAt720Lines) {
     EXPECT_FALSE(isHighDefinition(720, 576));
     EXPECT_FALSE(isHighDefinition(720, 487));
     EXPECT_FALSE(isHighDefinition(1024, 576));
+    EXPECT_FALSE(isHighDefinition(1024, 719));
+    EXPECT_TRUE(isHighDefinition(1025, 576));
 }
 
 } // namespace kestra::test

@@ -80,6 +80,8 @@ TEST(PageNumbers, DecimalsAreTheNearestFloat) {
 TEST(PageNumbers, NonsenseIsNamed) {
     for (const wchar_t* text : {L"", L"   ", L"\t"})
         EXPECT_EQ(faultOf(kGain, text), NumberFault::Empty);
+    EXPECT_EQ(faultOf(kGain, std::wstring_view(L"   \t 1").substr(0, 3)), NumberFault::Empty)
+        << "what follows is not its";
     for (const wchar_t* text : {L"abc", L"1e2", L"0x10", L"1.2.3", L"1,000.5", L"1,2,3", L"--1", L"+-1", L"-", L".",
                                 L",", L"1 2", L"inf", L"nan", L"1.0f", L"\u0661", L"1-"})
         EXPECT_EQ(faultOf(kGain, text), NumberFault::NoNumber) << testing::PrintToString(std::wstring(text));
@@ -176,6 +178,15 @@ TEST(PageNumbers, LimitsAreShownWhole) {
     field.most = 0.0625;
     EXPECT_FALSE(canBeShown(field)) << "four decimals";
     field.most = 1e300;
+    EXPECT_FALSE(canBeShown(field));
+    field.most = 9007199254740.992; // a thousandth of what a field holds
+    EXPECT_TRUE(canBeShown(field));
+    field.most = 2e13;
+    EXPECT_FALSE(canBeShown(field));
+    field.most = 0.125;
+    field.least = -9007199254740.992;
+    EXPECT_TRUE(canBeShown(field));
+    field.least = -2e13;
     EXPECT_FALSE(canBeShown(field));
 }
 

@@ -1,13 +1,16 @@
 // The numbers of the protocol: request codes and sizes, geometry of raw frames, rates, the interface class.
 #include "protocol/card_interface.h"
+#include "protocol/converter.h"
 #include "protocol/frame_rate.h"
 #include "protocol/raw_frame.h"
 #include "protocol/registers.h"
+#include "protocol/request_fields.h"
 #include "protocol/requests.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <set>
 #include <string>
 
@@ -116,10 +119,83 @@ TEST(FrameRate, OneStandardMeansTwentyFour) {
     EXPECT_FALSE(isSettling(256));
 }
 
+TEST(RawFrame, RgbLinesArePaddedToFourBytes) {
+    for (uint32_t width = 0; width < 20; ++width) {
+        EXPECT_GE(rgbLineBytes(width), width * 3);
+        EXPECT_LT(rgbLineBytes(width), width * 3 + 4);
+        EXPECT_EQ(rgbLineBytes(width) % 4, 0u);
+    }
+}
+
+TEST(Converter, OffsetsAreSignAndMagnitudeOnTheCard) {
+    for (int value = -127; value <= 127; ++value) {
+        const uint8_t onCard = wire::offsetToWire(int8_t(value));
+        EXPECT_EQ(onCard & 0x7F, value < 0 ? -value : value);
+        EXPECT_EQ(onCard >> 7, value < 0);
+        EXPECT_EQ(wire::offsetFromWire(onCard), value);
+    }
+    EXPECT_EQ(wire::offsetFromWire(0x80), 0) << "the card's minus 0, which -128 becomes";
+    EXPECT_EQ(wire::offsetToWire(-128), 0x80);
+}
+
+TEST(Converter, ValuesBeyondTheCardsNumbersAreItsLeast) {
+    constexpr int32_t kLeast = std::numeric_limits<int32_t>::min();
+    EXPECT_EQ(wire::fixedToWire(8388607.5f), 2147483520);
+    EXPECT_EQ(wire::fixedToWire(8388608.0f), kLeast);
+    EXPECT_EQ(wire::fixedToWire(-8388608.0f), kLeast);
+    EXPECT_EQ(wire::fixedToWire(-8388609.0f), kLeast);
+    EXPECT_EQ(wire::fixedToWire(std::numeric_limits<float>::quiet_NaN()), kLeast);
+    EXPECT_EQ(wire::fixedToWire(-1.164f), -297) << "toward zero";
+}
+
+TEST(RequestFields, AreThoseOfTheirRequestAndFillIt) {
+    for (const wire::RequestShape& shape : wire::kRequests) {
+        SCOPED_TRACE(shape.name);
+        const wire::RequestFields& fields = wire::fieldsOf(shape.code);
+        EXPECT_EQ(fields.code, shape.code);
+        size_t sent = 0, reply = 0;
+        for (const wire::Field& field : fields.sent)
+            sent += field.bytes;
+        for (const wire::Field& field : fields.reply)
+            reply += field.bytes;
+        if (shape.sentBytes != 0) {
+            EXPECT_EQ(sent, shape.sentBytes);
+            EXPECT_EQ(reply, shape.replyBytes);
+        }
+    }
+    EXPECT_EQ(&wire::fieldsOf(0xCE322048), &wire::kNoFields);
+    EXPECT_EQ(wire::fieldsOf(wire::ChunkTable::codeOf(1)).repeated.size(), wire::FieldsOf<wire::Chunk>::kAll.size());
+}
+
+TEST(RequestFields, ClearsWhatIsThereOfTheChosenKinds) {
+    const wire::Field fields[] = {{"a", 0, 2, wire::FieldKind::Value, false, false, false},
+                                  {"b", 2, 2, wire::FieldKind::Own, false, false, false},
+                                  {"c", 4, 4, wire::FieldKind::Count, false, false, false}};
+    const auto cleared = [&](size_t size, std::initializer_list<wire::FieldKind> kinds) {
+        std::string record(size + 1, 'x'); // and a guard
+        wire::clearFields(std::span(reinterpret_cast<uint8_t*>(record.data()), size), fields, kinds);
+        for (char& c : record)
+            if (c == '\0') c = '0';
+        return record;
+    };
+    EXPECT_EQ(cleared(8, {wire::FieldKind::Own}), "xx00xxxxx");
+    EXPECT_EQ(cleared(8, {wire::FieldKind::Own, wire::FieldKind::Count}), "xx000000x");
+    EXPECT_EQ(cleared(6, {wire::FieldKind::Count}), "xxxx00x") << "cut in a field";
+    EXPECT_EQ(cleared(4, {wire::FieldKind::Count}), "xxxxx");
+    EXPECT_EQ(cleared(3, {wire::FieldKind::Own}), "xx0x");
+}
+
 TEST(CardInterface, IsTheClassOfTheDriver) {
     const uint8_t kBytes[16] = {0xe4, 0x25, 0xde, 0xed, 0x80, 0x99, 0x76, 0x48,
                                 0x92, 0x17, 0xad, 0x8a, 0xa1, 0xb9, 0x2a, 0x03};
     EXPECT_EQ(std::memcmp(&kCardInterface, kBytes, sizeof kBytes), 0);
+    struct Guid {
+        uint32_t Data1;
+        uint16_t Data2, Data3;
+        uint8_t Data4[8];
+    };
+    const auto guid = asGuid<Guid>(kCardInterface);
+    EXPECT_EQ(std::memcmp(&guid, kBytes, sizeof kBytes), 0);
 }
 
 } // namespace

@@ -83,7 +83,8 @@ for test in json.loads(shown.stdout)["tests"]:
 cases = collections.defaultdict(list)  # mutant -> [(seconds, program, case)]
 maps = os.path.join(build, "cases.json")
 kept = {}
-if os.path.exists(maps):
+# Other mutants have other numbers.
+if os.path.exists(maps) and os.path.getmtime(maps) > os.path.getmtime(os.path.join(planted, "build", "mutants.json")):
     with open(maps) as file:
         kept = json.load(file)
 for name, command in programs.items():
