@@ -1,4 +1,6 @@
-// Registry values, with defaults for whatever is missing or makes no sense.
+// Opens the library's log as the registry says.
+#include "log/configuration.h"
+
 #include "log/engine.h"
 #include "log/platform.h"
 #include "protocol/user_settings.h"
@@ -11,7 +13,7 @@
 namespace kestra {
 namespace {
 
-constexpr DWORD kMaxDirectoryBytes = 520;
+static_assert(kLogText == REG_SZ && kLogNumber == REG_DWORD);
 
 template <class... Arguments>
 void debugPrint(const wchar_t* format, Arguments... arguments) noexcept {
@@ -33,45 +35,25 @@ void openConfigurationKey(UniqueKey& key) noexcept {
         debugPrint(L"RegOpenKeyEx(\"\\%ls\") failed (%d)\n", kLogKey, static_cast<int>(status));
 }
 
-uint32_t number(const UniqueKey& key, const wchar_t* name, uint32_t missing) noexcept {
-    DWORD type = 0, value = 0, bytes = sizeof value;
-    if (!key ||
-        RegQueryValueExW(key.get(), name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &bytes) != ERROR_SUCCESS ||
-        type != REG_DWORD || bytes != sizeof value)
-        return missing;
-    return value;
-}
-
-/// A text without a terminator is read as far as it goes. @return false unless the value is a plain text that fits.
-bool directory(const UniqueKey& key, wchar_t (&text)[kMaxDirectoryBytes / sizeof(wchar_t) + 1]) noexcept {
-    DWORD type = 0, bytes = kMaxDirectoryBytes;
-    if (!key ||
-        RegQueryValueExW(key.get(), L"LogDir", nullptr, &type, reinterpret_cast<BYTE*>(text), &bytes) !=
-            ERROR_SUCCESS ||
-        type != REG_SZ)
-        return false;
-    text[bytes / sizeof(wchar_t)] = L'\0';
-    return true;
-}
-
 } // namespace
 
 bool logLoadConfiguration() noexcept {
     UniqueKey key;
     openConfigurationKey(key);
-    LogLevels details{}, thresholds = kDefaultThresholds;
-    for (size_t row = 0; row < logOutputKinds().size(); ++row) {
-        const LogOutputKind& kind = logOutputKinds()[row];
-        details[row] = number(key, kind.detailValue, details[row]);
-        thresholds[row] = number(key, kind.thresholdValue, thresholds[row]);
-    }
-    wchar_t logDirectory[kMaxDirectoryBytes / sizeof(wchar_t) + 1];
-    const bool hasDirectory = directory(key, logDirectory);
-
-    if (!logFindOrCreateEngine(kTarnisLogHandle) ||
-        logOpen(kTarnisLogHandle, hasDirectory ? logDirectory : nullptr, details) != 0)
+    const LogConfiguration wanted =
+        logConfigurationFrom([&](const wchar_t* name, uint32_t& type, void* data, uint32_t& bytes) {
+            DWORD systemType = 0, systemBytes = bytes;
+            if (!key || RegQueryValueExW(key.get(), name, nullptr, &systemType, static_cast<BYTE*>(data),
+                                         &systemBytes) != ERROR_SUCCESS)
+                return false;
+            type = systemType;
+            bytes = systemBytes;
+            return true;
+        });
+    LogEngine* engine = logFindOrCreateEngine(kTarnisLogHandle);
+    if (!engine || logOpen(kTarnisLogHandle, wanted.hasDirectory ? wanted.directory : nullptr, wanted.details) != 0)
         return false;
-    if (LogEngine* engine = logFindEngine(kTarnisLogHandle)) engine->applyThresholds(thresholds);
+    engine->applyThresholds(wanted.thresholds);
     logUpdateFloor();
     return true;
 }
