@@ -3,6 +3,8 @@
 
 #include "capture/trace.h"
 
+#include <utility>
+
 using namespace kestra;
 using State = CaptureRun::State;
 
@@ -32,6 +34,7 @@ CaptureFilter::~CaptureFilter() {
 }
 
 HRESULT CaptureFilter::begin(HRESULT made, CapturePin* pin, bool (*wanted)(const TarnisCameraStatus& status)) {
+    if (m_iPins == 0) delete std::exchange(pin, nullptr); // without memory for its place among the base class's pins
     m_capturePin = pin;
     if (!pin || FAILED(made)) return pin ? made : E_OUTOFMEMORY;
     CDeviceEnumerator* enumerator = TARNIS_EnumOpen();

@@ -7,14 +7,15 @@ foreach(folder baseclasses capture compliance ctl device imagelib interfaces log
   list(APPEND kestra_covered ${PROJECT_SOURCE_DIR}/${folder})
 endforeach()
 set(kestra_covered_optimised ${PROJECT_SOURCE_DIR}/decode)
-# What a program has of a header's function is one copy, which may be a test's: the tests of single classes count, too.
-list(APPEND kestra_covered ${PROJECT_SOURCE_DIR}/tests/unit ${PROJECT_SOURCE_DIR}/tests/trace)
-# Most of the others need not be fast, and build sooner so.
+# What a program has of a header's function is one copy, which may be a test's: the tests count, too.
+foreach(folder com device sdk trace traces unit)
+  list(APPEND kestra_covered ${PROJECT_SOURCE_DIR}/tests/${folder})
+endforeach()
+# The others need not be fast, and build sooner so.
 set(kestra_slow_tests "")
-foreach(folder clients com compliance ctl device sdk traces)
+foreach(folder clients compliance ctl)
   list(APPEND kestra_slow_tests ${PROJECT_SOURCE_DIR}/tests/${folder})
 endforeach()
-target_compile_definitions(kestra_options INTERFACE _GLIBCXX_ASSERTIONS)
 set(kestra_counters --coverage -fprofile-update=atomic --param=logical-op-non-short-circuit=0 -fno-tree-reassoc -fno-ssa-phiopt)
 target_compile_options(kestra_options INTERFACE
   "$<$<AND:$<IN_LIST:$<TARGET_PROPERTY:SOURCE_DIR>,${kestra_covered}>,$<NOT:$<STREQUAL:$<TARGET_PROPERTY:NAME>,decode_test>>>:${kestra_counters};-Og;-fno-inline>"

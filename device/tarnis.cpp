@@ -44,10 +44,8 @@ template <class Work>
 uint32_t guarded(Work work) noexcept {
     try {
         return work();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) { // nothing else runs out
         return TARNIS_OUT_OF_MEMORY;
-    } catch (const std::exception&) {
-        return TARNIS_FAILURE;
     }
 }
 

@@ -86,4 +86,51 @@ TEST_F(DeviceMemory, RemovalArrivalAndClosingWithoutMemoryDoTheirWorkOrFailForTh
     EXPECT_GT(notResumed, 0) << "and so does a grab";
 }
 
+TEST_F(DeviceMemory, EnumeratingOpeningAndPreparingWithoutMemoryFailAndTheNextTimeWorks) {
+    int failures = 0;
+    for (int passing = 0;; ++passing) {
+        SCOPED_TRACE(passing);
+        CDeviceEnumerator* enumerator = nullptr;
+        const bool failed = withFailing(passing, [&] { enumerator = TARNIS_EnumOpen(); });
+        EXPECT_EQ(enumerator == nullptr, failed);
+        TARNIS_EnumClose(enumerator);
+        if (!failed) break;
+        ++failures;
+    }
+    EXPECT_GE(failures, 2) << "the enumerator, and what it keeps of a card";
+
+    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
+    ASSERT_NE(enumerator, nullptr);
+    DeviceEnumData data{};
+    data.size = sizeof data;
+    ASSERT_EQ(TARNIS_EnumNext(enumerator, &data), TARNIS_SUCCESS);
+    int opened = 0;
+    for (int passing = 0;; ++passing) {
+        SCOPED_TRACE(passing);
+        TARNIS_HANDLE grabber = nullptr;
+        const bool failed = withFailing(passing, [&] { grabber = TARNIS_InitByHandle(data.interfaceDetail); });
+        if (grabber) TARNIS_Done(grabber);
+        opened += grabber != nullptr;
+        if (!failed) break;
+        ASSERT_EQ(m_card.state().clients, 0u);
+    }
+    EXPECT_GE(opened, 1);
+    TARNIS_EnumClose(enumerator);
+
+    TARNIS_HANDLE grabber = openCard();
+    ASSERT_NE(grabber, nullptr);
+    ASSERT_EQ(TARNIS_GetDMAAccess(grabber, 0), 0u);
+    int prepared = 0, refused = 0;
+    for (int passing = 0; prepared == 0; ++passing) {
+        TarnisCameraData wanted{};
+        wanted.outputSelector = TARNIS_OUTPUT_YUV422_8;
+        uint32_t code = TARNIS_SUCCESS;
+        withFailing(passing, [&] { code = noexp_TARNIS_Prepare(grabber, 0, &wanted); });
+        EXPECT_TRUE(code == TARNIS_SUCCESS || code == TARNIS_OUT_OF_MEMORY) << code;
+        ++(code == TARNIS_SUCCESS ? prepared : refused);
+    }
+    EXPECT_GE(refused, 3) << "the buffers, their list and their table";
+    EXPECT_EQ(TARNIS_Done(grabber), 0u);
+}
+
 } // namespace kestra::test
