@@ -68,6 +68,59 @@ TEST(MediaType, BlockIsReplacedAlsoByAPartOfItself) {
     EXPECT_EQ(type.FormatLength(), 0u);
 }
 
+TEST(MediaType, DiffersByEveryFieldThatIsCompared) {
+    BYTE block[4] = {1, 2, 3, 4};
+    const auto make = [&] {
+        CMediaType type = testType();
+        type.SetFormat(block, sizeof block);
+        return type;
+    };
+    const CMediaType type = make();
+    const struct {
+        const char* what;
+        void (*change)(CMediaType& other);
+    } changes[] = {{"major type", [](CMediaType& other) { other.SetType(&MEDIATYPE_Audio); }},
+                   {"subtype", [](CMediaType& other) { other.SetSubtype(&MEDIASUBTYPE_RGB24); }},
+                   {"format type", [](CMediaType& other) { other.SetFormatType(&FORMAT_WaveFormatEx); }},
+                   {"length", [](CMediaType& other) { other.SetFormat(other.Format(), 3); }},
+                   {"block", [](CMediaType& other) { other.Format()[3] = 5; }}};
+    for (const auto& [what, change] : changes) {
+        SCOPED_TRACE(what);
+        CMediaType other = make();
+        EXPECT_TRUE(type == other);
+        EXPECT_TRUE(type.MatchesPartial(&other));
+        change(other);
+        EXPECT_TRUE(type != other);
+        EXPECT_FALSE(type.MatchesPartial(&other));
+    }
+    CMediaType empty = make(), other = make();
+    empty.ResetFormatBuffer();
+    other.ResetFormatBuffer();
+    EXPECT_TRUE(empty == other) << "without blocks";
+    EXPECT_TRUE(empty.MatchesPartial(&other));
+    other = static_cast<const AM_MEDIA_TYPE&>(type); // of a type that is no CMediaType
+    EXPECT_TRUE(other == type);
+}
+
+TEST(MediaType, BlockIsMadeAnewOnlyForAnotherLength) {
+    CMediaType type = testType();
+    BYTE* first = type.AllocFormatBuffer(16);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(type.AllocFormatBuffer(16), first);
+    EXPECT_EQ(type.AllocFormatBuffer(0), nullptr);
+    EXPECT_EQ(type.FormatLength(), 0u);
+}
+
+TEST(MediaType, BothTypesMustBeGivenForAWholeOne) {
+    CMediaType type = testType();
+    EXPECT_FALSE(type.IsPartiallySpecified());
+    type.SetFormatType(&GUID_NULL);
+    EXPECT_TRUE(type.IsPartiallySpecified());
+    type = testType();
+    type.SetType(&GUID_NULL);
+    EXPECT_TRUE(type.IsPartiallySpecified());
+}
+
 TEST(MediaType, SampleSizeOfZeroMeansVariable) {
     CMediaType type;
     EXPECT_TRUE(type.IsFixedSize());

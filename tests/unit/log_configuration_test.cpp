@@ -362,6 +362,13 @@ TEST_F(LogConfigurationTest, LifetimeOpensAndClosesAndLeavesNoHandle) {
     EXPECT_EQ(processCounts().handles, handles);
 }
 
+TEST_F(LogConfigurationTest, LifetimeWithoutConfigurationClosesNothing) {
+    ASSERT_EQ(LogOpen(0, L"TARNIS", nullptr, 0, 0, 1, 0, 0), 0);
+    { const LogLifetime life; }
+    EXPECT_NE(logFindEngine(0), nullptr) << "another's";
+    EXPECT_EQ(LogClose(0), 0);
+}
+
 TEST_F(LogConfigurationTest, LoggingKeepsTheCallersLastError) {
     set(L"FileOutDetail", 5);
     ASSERT_TRUE(logLoadConfiguration());

@@ -175,6 +175,32 @@ TEST_F(LogEngineTest, EngineThatListensToTheModuleIsEnabledAndServed) {
     EXPECT_THAT(m_seen.lines, ElementsAre(L"NOTICE: -1; message"));
 }
 
+TEST_F(LogEngineTest, EngineThatListensWithAHigherThresholdIsServedButNotEnabled) {
+    listen(2, 5);
+    engine().applyThresholds({7, 4, 7});
+    ASSERT_TRUE(logListenToModule(kModule, kHandle));
+    EXPECT_FALSE(LogIsEnabled(0x11111111, 3, kModule)) << "nobody wants it";
+    EXPECT_TRUE(LogIsEnabled(0x11111111, 4, kModule));
+}
+
+TEST_F(LogEngineTest, EveryListeningEngineGetsTheRecord) {
+    constexpr uint32_t kOther = kHandle + 1;
+    RecordingOutput::Seen other;
+    listen(2, 0);
+    ASSERT_TRUE(
+        logFindOrCreateEngine(kOther)->append(std::make_unique<RecordingOutput>(other, LogOutput::kFile, 2u, 0u)));
+    ASSERT_TRUE(logListenToModule(kModule, kHandle));
+    ASSERT_TRUE(logListenToModule(kModule, kOther));
+    EXPECT_EQ(LogSend(0x11111111, record(5, kModule)), 0xFFFFFFFFu) << "the handle itself has no engine";
+    EXPECT_EQ(m_seen.lines.size(), 1u);
+    EXPECT_EQ(other.lines.size(), 1u);
+    logIgnoreModule(kModule, kOther);
+    LogSend(0x11111111, record(5, kModule));
+    EXPECT_EQ(m_seen.lines.size(), 2u);
+    EXPECT_EQ(other.lines.size(), 1u);
+    LogClose(kOther);
+}
+
 TEST_F(LogEngineTest, EngineReachedBothWaysGetsTheRecordTwice) {
     listen(1, 0);
     ASSERT_TRUE(logListenToModule(kModule, kHandle));

@@ -87,6 +87,20 @@ TEST(LogMemory, RecordWithoutMemoryForItsLineOrThreadIsLeftOutAndTheNextOneComes
     engine.Close();
 }
 
+TEST(LogMemory, ChannelThatCannotBeMadeIsLeftOutAndTheOthersOpen) {
+    int none = 0, some = 0;
+    const int failures = withEachAllocationFailing([&] {
+        LogEngine engine;
+        const int32_t opened = engine.Initialize(L"TARNIS", nullptr, {1, 0, 1});
+        EXPECT_EQ(opened == 0, engine.slotCount() != 0);
+        ++(engine.slotCount() == 2 ? none : some);
+        engine.Close();
+    });
+    EXPECT_GE(failures, 2) << "a channel each";
+    EXPECT_EQ(some, 2);
+    EXPECT_GE(none, 1);
+}
+
 TEST(LogMemory, TableGoesOnWithLongerChainsIfItCannotGrow) {
     CHashtable<int> table(4, 1.0f);
     for (uint32_t key = 1; key <= 4; ++key)

@@ -109,6 +109,62 @@ TEST_F(LogFile, WithoutAModuleTagIsCalledZeLog) {
     EXPECT_TRUE(std::filesystem::exists(m_folder / "ZeLog.txt"));
 }
 
+TEST_F(LogFile, CurrentDirectoryThatIsARootOrTooLongStillHasAFile) {
+    static std::wstring current;
+    const ScopedImportHook<decltype(&GetCurrentDirectoryW)> hook(kKernel, "GetCurrentDirectoryW",
+                                                                 [](DWORD room, LPWSTR text) -> DWORD {
+                                                                     if (current.size() >= room)
+                                                                         return static_cast<DWORD>(current.size() + 1);
+                                                                     std::wcscpy(text, current.c_str());
+                                                                     return static_cast<DWORD>(current.size());
+                                                                 });
+    ASSERT_TRUE(hook.installed());
+    for (const std::wstring& directory : {m_folder.wstring() + L"\\", std::wstring(300, L'x'), std::wstring()}) {
+        current = directory;
+        FileOutput output(L"", nullptr);
+        EXPECT_EQ(output.open(), 0u) << "else the process's own current directory";
+        output.close();
+        EXPECT_TRUE(std::filesystem::remove(m_folder / "ZeLog.txt"));
+    }
+}
+
+TEST_F(LogFile, DirectoryThatIsFoundButTooLongMeansTheCurrentOne) {
+    const ScopedImportHook<decltype(&SearchPathW)> hook(
+        kKernel, "SearchPathW", [](LPCWSTR, LPCWSTR, LPCWSTR, DWORD, LPWSTR, LPWSTR*) -> DWORD { return 400; });
+    ASSERT_TRUE(hook.installed());
+    FileOutput output(L"TARNIS", m_folder.c_str());
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "TARNIS.txt"));
+}
+
+TEST_F(LogFile, DirectoryThatAnotherMakesMeanwhileIsThere) {
+    std::filesystem::create_directories(m_folder / "a");
+    const std::wstring directory = (m_folder / "a").wstring() + L"\\";
+    FileOutput output(L"TARNIS", directory.c_str());
+    std::filesystem::remove(m_folder / "a");
+    static decltype(&CreateDirectoryW) create;
+    const ScopedImportHook<decltype(&CreateDirectoryW)> hook(kKernel, "CreateDirectoryW",
+                                                             [](LPCWSTR path, LPSECURITY_ATTRIBUTES rights) -> BOOL {
+                                                                 create(path, rights);
+                                                                 return create(path, rights);
+                                                             });
+    ASSERT_TRUE(hook.installed());
+    create = hook.original();
+    EXPECT_EQ(output.open(), 0u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "a" / "TARNIS.txt"));
+}
+
+TEST_F(LogFile, OpeningAgainKeepsTheMutexAndTheFile) {
+    FileOutput output(L"TARNIS", nullptr);
+    ASSERT_EQ(output.open(), 0u);
+    EXPECT_EQ(output.open(), 0u);
+    EXPECT_EQ(writeLine(output, L"one", today()), 0u);
+    output.close();
+    const auto lines = linesOf(m_folder / "TARNIS.txt");
+    ASSERT_FALSE(lines.empty());
+    EXPECT_TRUE(lines.back().ends_with(L"one"));
+}
+
 TEST_F(LogFile, ConfiguredDirectoryMustEndInABackslash) {
     std::filesystem::create_directory(m_folder / "logs");
     const std::wstring with = (m_folder / "logs").wstring() + L"\\", without = (m_folder / "logs").wstring();
