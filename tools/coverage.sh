@@ -28,11 +28,12 @@ mirror_tree() {
 }
 
 # coverage_count PRESET GCOV: the counters of that build as gcovr's JSON.
+# Not those of other builds, to which a Wine prefix leads.
 coverage_count() {
     local filters=() folder
     for folder in "${coverage_folders[@]}" "${coverage_tools[@]}"; do filters+=(--filter "$folder/"); done
     (cd "$coverage_tree" && gcovr --root . "${filters[@]}" --gcov-executable "$2" --exclude-throw-branches \
-        --exclude-unreachable-branches --gcov-ignore-parse-errors -j "$(nproc)" --json "../$1.json" "build/$1") > "$root/build/coverage/$1.log" 2>&1 ||
+        --exclude-unreachable-branches --gcov-ignore-parse-errors --exclude-directories '.*/wineprefix' -j "$(nproc)" --json "../$1.json" "build/$1") > "$root/build/coverage/$1.log" 2>&1 ||
         die "gcovr failed; see build/coverage/$1.log"
     # Two systems' functions of one name begin at different lines, which gcovr does not merge.
     python3 -c 'import json, sys
