@@ -2,6 +2,7 @@
 // let go of.
 #include "device/card_requests.h"
 #include "device/device_notifier.h"
+#include "simcard/model/card.h"
 #include "tests/device/device_test.h"
 #include "tests/support/scoped_import_hook.h"
 #include "win32/device_set.h"
@@ -219,6 +220,82 @@ TEST_F(DeviceSystem, NotifierWithoutEventOrThreadHearsNothingAndEnds) {
     ASSERT_TRUE(hook.installed());
     DeviceNotifier notifier;
     notifier.registerCallback(deaf, GUID{});
+}
+
+// Logging never changes an outcome: what fails above with a log fails the same way where nobody listens.
+
+using DeviceWithoutLog = CardTest;
+
+TEST_F(DeviceWithoutLog, WrongArgumentsAndMissingAccessAreAnsweredTheSame) {
+    ASSERT_FALSE(logAccepts(LOG_MANDATORY));
+    DeviceEnumData data{};
+    data.size = sizeof data;
+    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
+    ASSERT_NE(enumerator, nullptr);
+    EXPECT_EQ(TARNIS_EnumNext(nullptr, &data), TARNIS_INVALID_ARGUMENT);
+    EXPECT_EQ(TARNIS_EnumNext(enumerator, nullptr), TARNIS_INVALID_ARGUMENT);
+    TARNIS_EnumClose(enumerator);
+
+    const TARNIS_HANDLE grabber = openCard();
+    ASSERT_NE(grabber, nullptr);
+    FrameCounter counter;
+    TarnisCameraData camera{};
+    const auto startGrab = [&] {
+        return TARNIS_StartGrab(grabber, 0, 0, &camera, FrameCounter::onFrame, counter.context());
+    };
+    EXPECT_EQ(TARNIS_GetDMAAccess(nullptr, 0), TARNIS_INVALID_ARGUMENT);
+    EXPECT_EQ(TARNIS_GetDMAAccess(grabber, 2), TARNIS_INVALID_ARGUMENT);
+    EXPECT_EQ(TARNIS_GetCameraStatus(grabber, 0, nullptr), TARNIS_INVALID_ARGUMENT);
+    EXPECT_EQ(TARNIS_ReleaseDMAAccess(grabber, 0), TARNIS_SUCCESS);
+    EXPECT_EQ(startGrab(), TARNIS_NO_DMA_ACCESS);
+    EXPECT_EQ(TARNIS_GetDMAAccess(grabber, 0), TARNIS_SUCCESS);
+    EXPECT_EQ(TARNIS_GetDMAAccess(grabber, 0), TARNIS_SUCCESS) << "twice";
+    EXPECT_EQ(TARNIS_StartGrab(grabber, 0, 0, nullptr, nullptr, 0), TARNIS_FAILURE);
+    m_card.failNext(wire::kStartGrabbing, kStatusNotSupported, 1);
+    EXPECT_EQ(startGrab(), TARNIS_FAILURE);
+    m_card.addFault({FaultKind::DriverResult, wire::kConnection, 9, 0, 1, {}});
+    uint8_t connected = 0;
+    EXPECT_EQ(TARNIS_IsCameraConnected(grabber, 0, &connected), TARNIS_FAILURE);
+    uint16_t value = 0;
+    EXPECT_EQ(noexp_TARNIS_ReadI2C(grabber, 0, 0x22, nullptr), TARNIS_SUCCESS) << "a value that nobody wants";
+    EXPECT_EQ(noexp_TARNIS_ReadI2C(grabber, 0, 0x22, &value), TARNIS_SUCCESS);
+    EXPECT_EQ(TARNIS_Done(grabber), TARNIS_SUCCESS);
+    EXPECT_EQ(counter.good, 0);
+}
+
+TEST_F(DeviceWithoutLog, CardsAndSystemsThatFailAreAnsweredTheSame) {
+    m_card.failNext(wire::kGetSlotInfo, kStatusNotSupported, 2);
+    CDeviceEnumerator* enumerator = TARNIS_EnumOpen();
+    EXPECT_NE(enumerator, nullptr) << "a card without a description is a card";
+    TARNIS_EnumClose(enumerator);
+    m_card.addFault({FaultKind::RefuseOpen, 0, 0, 0, kForever, {}});
+    const TARNIS_HANDLE second = openCard();
+    ASSERT_NE(second, nullptr) << "the second card is listed";
+    m_card.clearFaults();
+    {
+        const ScopedImportHook<decltype(&SetupDiGetClassDevsW)> hook(
+            "setupapi.dll", "SetupDiGetClassDevsW",
+            [](const GUID*, PCWSTR, HWND, DWORD) -> HDEVINFO { return INVALID_HANDLE_VALUE; });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(TARNIS_EnumOpen(), nullptr);
+    }
+    {
+        const ScopedImportHook<decltype(&SetupDiGetDeviceInterfaceDetailW)> hook(
+            "setupapi.dll", "SetupDiGetDeviceInterfaceDetailW",
+            [](HDEVINFO, PSP_DEVICE_INTERFACE_DATA, PSP_DEVICE_INTERFACE_DETAIL_DATA_W, DWORD, PDWORD,
+               PSP_DEVINFO_DATA) -> BOOL { return FALSE; });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(TARNIS_EnumOpen(), nullptr);
+    }
+    {
+        const ScopedImportHook<decltype(&CreateMutexW)> hook(
+            kKernel, "CreateMutexW", [](LPSECURITY_ATTRIBUTES, BOOL, LPCWSTR) -> HANDLE { return nullptr; });
+        ASSERT_TRUE(hook.installed());
+        EXPECT_EQ(openCard(), nullptr);
+    }
+    m_card.unplug(); // which the second card's instance hears of as of a foreign device
+    m_card.plug();
+    EXPECT_EQ(TARNIS_Done(second), TARNIS_SUCCESS);
 }
 
 } // namespace kestra::test
