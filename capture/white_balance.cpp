@@ -12,7 +12,7 @@ float gainOf(double strongest, double mean) noexcept {
     // The quotient where C++ leaves a division by zero undefined.
     if (mean == 0) return strongest > 0 ? std::numeric_limits<float>::infinity() : 1.0f;
     const auto gain = static_cast<float>(strongest / mean);
-    return std::isnan(gain) || gain == 0 ? 1.0f : gain;
+    return std::isnan(gain) ? 1.0f : gain;
 }
 
 uint8_t wholeMean(double mean) noexcept {

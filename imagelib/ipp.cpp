@@ -6,7 +6,7 @@
 IppStatus KESTRA_IPP_CALL ippiMean_8u_C3R(const uint8_t* pSrc, int srcStep, IppiSize roiSize, double mean[3]) {
     if (!pSrc || !mean) return ippStsNullPtrErr;
     if (roiSize.width < 1 || roiSize.height < 1) return ippStsSizeErr;
-    if (srcStep < 1 || srcStep / 3 < roiSize.width) return ippStsStepErr;
+    if (srcStep / 3 < roiSize.width) return ippStsStepErr;
     const auto width = static_cast<size_t>(roiSize.width), height = static_cast<size_t>(roiSize.height);
     uint64_t first = 0, second = 0, third = 0; // integers, so that the mean is exact
     for (size_t y = 0; y < height; ++y) {

@@ -116,6 +116,39 @@ TEST_F(FrameWriter, OddHeightOfFieldsIsWovenWithinTheSample) {
     EXPECT_EQ(linesOf(write(writeRgb32, rgb, rgbRaw, 30 * 4 * 5), 5), (std::vector<int>{5, 4, 3, 2, 1}));
 }
 
+TEST_F(FrameWriter, WhatIsNoPixelOfRgb24IsBlack) {
+    constexpr uint32_t kWidth = 30, kHeight = 4, kLine = 92, kMore = 100;
+    for (const bool interlaced : {false, true}) {
+        const TarnisCameraData data = camera(kRgb, kWidth, kHeight, interlaced);
+        const Written written = write(writeRgb24, data, numberedLines(data), kLine * kHeight + kMore);
+        ASSERT_TRUE(written.shown);
+        for (uint32_t y = 0; y < kHeight; ++y) {
+            EXPECT_NE(written.sample[y * kLine + kWidth * 3 - 1], 0) << "its last pixel";
+            EXPECT_EQ(written.sample[y * kLine + kWidth * 3], 0);
+            EXPECT_EQ(written.sample[y * kLine + kWidth * 3 + 1], 0);
+        }
+        EXPECT_TRUE(std::all_of(written.sample.end() - kMore, written.sample.end(), [](uint8_t b) { return b == 0; }));
+    }
+}
+
+TEST_F(FrameWriter, Rgb32TakesThePixelsThatALineHoldsAndNoMore) {
+    const TarnisCameraData data = camera(kRgb, 4, 1);
+    const std::vector<uint8_t> raw = {1, 2, 3, 11, 12, 13, 21, 22, 23, 31, 32, 33};
+    const std::vector<uint8_t> whole = {1, 2, 3, 0, 11, 12, 13, 0, 21, 22, 23, 0, 31, 32, 33, 0};
+    for (size_t size = 0; size <= 24; ++size) {
+        SCOPED_TRACE(size);
+        std::vector<uint8_t> expected = whole;
+        expected.resize(size);
+        EXPECT_EQ(write(writeRgb32, data, raw, size).sample, expected);
+    }
+    const TarnisCameraData other = camera(kYuv, 6, 1); // lines of twelve bytes: four pixels
+    std::vector<uint8_t> expected = whole;
+    expected.resize(24);
+    EXPECT_EQ(write(writeRgb32, other, raw, 24).sample, expected);
+    const TarnisCameraData one = camera(kRgb, 1, 1);
+    EXPECT_TRUE(write(writeRgb32, one, {1, 2, 3, 0}, 4).shown);
+}
+
 TEST_F(FrameWriter, LineOfRgb32EndsWithinAPixel) {
     const TarnisCameraData data = camera(kRgb, 4, 2);
     const auto raw = numberedLines(data);                                               // lines of twelve bytes

@@ -306,6 +306,7 @@ TEST_F(LogEngineTest, EmptySlotIsEnoughToBeAskedButNotToBeServed) {
     EXPECT_FALSE(LogIsEnabled(kHandle, 4, kModule));
     EXPECT_EQ(LogSend(kHandle, record(5)), 0xFFFFFFFF);
     listen(1, 0);
+    EXPECT_NE(engine().find(LogOutput::kFile), nullptr) << "behind the empty slot";
     EXPECT_EQ(LogSend(kHandle, record(5)), 0u);
     EXPECT_THAT(m_seen.lines, ElementsAre(L"MANDATORY: -1; message"));
 }

@@ -86,6 +86,7 @@ TEST_F(LogEngineTest, EveryFurtherOpenNeedsItsOwnClose) {
     EXPECT_EQ(LogClose(kHandle), 0);
     EXPECT_EQ(m_seen.closed, 1);
     EXPECT_EQ(logFindEngine(kHandle), nullptr);
+    EXPECT_GT(logFloor.load(), 0xFFFFFFFFu) << "nobody listens, whatever the severity";
     EXPECT_EQ(LogClose(kHandle), 0) << "closing what is not there is no failure";
 }
 
@@ -119,6 +120,7 @@ TEST_F(LogEngineTest, RefusesANinthChannel) {
     for (size_t i = 0; i < LogEngine::kMaxSlots; ++i)
         listen(0, 0);
     EXPECT_FALSE(engine().append(std::make_unique<RecordingOutput>(m_seen, LogOutput::kFile, 0, 0)));
+    EXPECT_EQ(engine().find(LogOutput::kSystem), nullptr);
 }
 
 TEST_F(LogEngineTest, ClosingSleepsWhileAnotherThreadDelivers) {

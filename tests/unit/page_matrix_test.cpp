@@ -94,6 +94,7 @@ TEST(ConverterMatrix, HighDefinitionStartsAt720Lines) {
     EXPECT_FALSE(isHighDefinition(720, 487));
     EXPECT_FALSE(isHighDefinition(1024, 576));
     EXPECT_FALSE(isHighDefinition(1024, 719));
+    EXPECT_TRUE(isHighDefinition(960, 720));
     EXPECT_TRUE(isHighDefinition(1025, 576));
 }
 

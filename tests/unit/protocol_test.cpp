@@ -172,17 +172,18 @@ TEST(RequestFields, ClearsWhatIsThereOfTheChosenKinds) {
                                   {"b", 2, 2, wire::FieldKind::Own, false, false, false},
                                   {"c", 4, 4, wire::FieldKind::Count, false, false, false}};
     const auto cleared = [&](size_t size, std::initializer_list<wire::FieldKind> kinds) {
-        std::string record(size + 1, 'x'); // and a guard
+        std::string record(size + 8, 'x'); // and a guard
         wire::clearFields(std::span(reinterpret_cast<uint8_t*>(record.data()), size), fields, kinds);
         for (char& c : record)
             if (c == '\0') c = '0';
         return record;
     };
-    EXPECT_EQ(cleared(8, {wire::FieldKind::Own}), "xx00xxxxx");
-    EXPECT_EQ(cleared(8, {wire::FieldKind::Own, wire::FieldKind::Count}), "xx000000x");
-    EXPECT_EQ(cleared(6, {wire::FieldKind::Count}), "xxxx00x") << "cut in a field";
-    EXPECT_EQ(cleared(4, {wire::FieldKind::Count}), "xxxxx");
-    EXPECT_EQ(cleared(3, {wire::FieldKind::Own}), "xx0x");
+    EXPECT_EQ(cleared(8, {wire::FieldKind::Own}), "xx00xxxxxxxxxxxx");
+    EXPECT_EQ(cleared(8, {wire::FieldKind::Own, wire::FieldKind::Count}), "xx000000xxxxxxxx");
+    EXPECT_EQ(cleared(6, {wire::FieldKind::Count}), "xxxx00xxxxxxxx") << "cut in a field";
+    EXPECT_EQ(cleared(4, {wire::FieldKind::Count}), "xxxxxxxxxxxx");
+    EXPECT_EQ(cleared(3, {wire::FieldKind::Own}), "xx0xxxxxxxx");
+    EXPECT_EQ(cleared(3, {wire::FieldKind::Count}), "xxxxxxxxxxx") << "a field that is not there";
 }
 
 TEST(CardInterface, IsTheClassOfTheDriver) {

@@ -36,6 +36,13 @@ TEST(WhiteBalance, BlackChannelBesideALightOneGetsAnInfiniteGain) {
     EXPECT_EQ(result.gainGreen, 2.0f);
 }
 
+TEST(WhiteBalance, NearlyBlackPictureIsNotBlack) {
+    const WhiteBalance result = whiteBalanceOf({0.0, 0.25, 0.5});
+    EXPECT_TRUE(std::isinf(result.gainBlue));
+    EXPECT_EQ(result.gainGreen, 2.0f);
+    EXPECT_EQ(result.gainRed, 1.0f);
+}
+
 TEST(WhiteBalance, GainThatIsNoNumberBecomesOne) {
     const WhiteBalance result = whiteBalanceOf({10.0, 10.0, INFINITY}); // inf / inf
     EXPECT_EQ(result.gainRed, 1.0f);
