@@ -10,7 +10,23 @@
 
 extern "C" BOOL WINAPI DllEntryPoint(HINSTANCE, ULONG, LPVOID); // in the base classes, but in none of their headers
 
+namespace __gnu_cxx { // NOLINT(bugprone-reserved-identifier): the C++ library's, in none of its headers
+void __freeres();     // NOLINT(bugprone-reserved-identifier)
+} // namespace __gnu_cxx
+
 namespace {
+
+bool g_unloading = false;
+
+/// The C++ library sets memory aside for exceptions that are thrown when there is none, and would leave it behind in
+/// the process. The first object made is the last one to end: nothing can throw any more. At the process's end it
+/// stays.
+struct ExceptionMemory {
+    ~ExceptionMemory() {
+        if (g_unloading) __gnu_cxx::__freeres();
+    }
+};
+__attribute__((init_priority(101))) ExceptionMemory g_exceptionMemory;
 
 kestra::LogLifetime g_log; // the library's log is open for as long as the module is loaded
 
@@ -35,5 +51,6 @@ STDAPI DllUnregisterServer() {
 }
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_PROCESS_DETACH && !reserved) g_unloading = true;
     return DllEntryPoint(instance, reason, reserved);
 }
