@@ -62,7 +62,7 @@ void addAnyFault(const CardControl& card, uint32_t a, uint32_t b) {
 
 Options anyOptions(uint32_t b) {
     Options options = kDefaultOptions;
-    options.pace = b % 8 == 0 ? Pace::AsTaken : Pace::RealTime;
+    options.pace = b % 3 == 0 ? Pace::AsTaken : Pace::RealTime;
     options.stopBehaviour = static_cast<StopBehaviour>(b / 8 % 3);
     options.picture = b / 32 % 3;
     return options;
@@ -109,6 +109,10 @@ uint32_t cardStep(size_t which, uint32_t a, uint32_t b) {
         break;
     }
     return 0;
+}
+
+bool mayHoldAnswers(size_t which) {
+    return which == 1 || which == 3;
 }
 
 void letCardsAnswer() {

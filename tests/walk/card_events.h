@@ -21,6 +21,8 @@ const std::vector<Call>& cardCalls();
 std::vector<Call> withCardCalls(std::vector<Call> own);
 /// @param which  row of cardCalls() @return 0, or kNotMade
 uint32_t cardStep(size_t which, uint32_t a, uint32_t b);
+/// Whether calls may take long after such a row's step.
+bool mayHoldAnswers(size_t which);
 /// What hangs at a card hangs no longer.
 void letCardsAnswer();
 constexpr uint32_t kCards = 2;

@@ -3,6 +3,7 @@
 #include "device/tarnis.h"
 #include "protocol/raw_frame.h"
 #include "simcard/ctl/control.h"
+#include "simcard/model/card.h"
 #include "tests/support/registry_sandbox.h"
 #include "tests/support/wait_until.h"
 #include "tests/walk/card_events.h"
@@ -32,6 +33,7 @@ constexpr ULONGLONG kGivenUpMs = 900;
 
 enum : uint16_t {
     kInit,
+    kInitRefused,
     kDone,
     kDoneWhileAsked,
     kGetAccess,
@@ -50,14 +52,16 @@ enum : uint16_t {
     kReadRegister,
     kEnumerate,
     kInvalid,
+    kAwaitFrames,
     kSleep,
     kCardSteps
 };
 const std::vector<Call> kCalls = withCardCalls({
     {"TARNIS_InitByHandle", 6, 4},
+    {"TARNIS_InitByHandle, refused", 3, 0},
     {"TARNIS_Done", 3, 2},
     {"TARNIS_Done, a call under way", 1, 0},
-    {"TARNIS_GetDMAAccess", 12, 12},
+    {"TARNIS_GetDMAAccess", 22, 20},
     {"TARNIS_ReleaseDMAAccess", 5, 5},
     {"TARNIS_SetBufferCount", 3, 3},
     {"TARNIS_GetCameraStatus", 6, 6},
@@ -73,7 +77,8 @@ const std::vector<Call> kCalls = withCardCalls({
     {"noexp_TARNIS_ReadI2C", 4, 4},
     {"TARNIS_EnumOpen/Next/Close", 3, 3},
     {"with invalid arguments", 6, 6},
-    {"wait", 10, 12},
+    {"wait for frames", 10, 12},
+    {"wait", 6, 6},
 });
 
 class DeviceWorld;
@@ -87,8 +92,12 @@ struct Grab {
     uint32_t action, every;           ///< what the callback does in every so many-th frame
     std::atomic<bool> started{false}; ///< the start has returned, with success
     std::atomic<bool> over{false};    ///< nothing may call back any more
+    std::atomic<bool> givenUp{false}; ///< a stop has waited for the callback as long as it is willing to
     std::atomic<bool> lost{false};    ///< the last callback, for another format, has come
+    std::atomic<bool> ending{false};  ///< somebody has asked for its end, or for another in its place
     std::atomic<int> inside{0};
+    std::atomic<DWORD> insideThread{0};
+    std::atomic<ULONGLONG> insideSince{0};
     std::atomic<uint32_t> calls{0}, lastFrame{0};
 };
 
@@ -122,10 +131,14 @@ private:
     void called(Grab& grab, const TarnisFrameInfo& frame);
     void failFrame(const TarnisFrameInfo& frame, const std::string& why);
     void callBack(Grab& grab);
-    void check(const Grab& grab, const TarnisFrameInfo& frame);
+    void check(Grab& grab, const TarnisFrameInfo& frame);
+    /// @return empty: the bytes are what the card has made
+    std::string whyWrong(const Grab& grab, const TarnisFrameInfo& frame);
+    void checkAgain(const Grab& grab, const TarnisFrameInfo& frame, ULONGLONG since);
 
     Slot& slotOf(uint32_t a);
     uint32_t open(uint32_t a, uint32_t b);
+    uint32_t openRefused(uint32_t a, uint32_t b);
     static std::string whyClosed(uint32_t number);
     uint32_t done(Slot& slot);
     uint32_t doneWhileAsked(Slot& slot, uint32_t which);
@@ -135,20 +148,29 @@ private:
     uint32_t snap(TARNIS_HANDLE handle, uint32_t b);
     uint32_t enumerate(uint32_t a, uint32_t b);
     uint32_t invalid(TARNIS_HANDLE handle, uint32_t which);
+    uint32_t awaitFrames(TARNIS_HANDLE handle, uint32_t b);
+    template <class Ask>
+    static uint32_t withAccess(Slot& slot, int8_t port, const char* call, Ask ask);
 
     std::vector<Grab*> grabsOf(TARNIS_HANDLE handle, int port);
+    /// The same, of which somebody is about to ask for the end.
+    std::vector<Grab*> endingGrabsOf(TARNIS_HANDLE handle, int port);
     /// None of these may call back any more, if nothing has taken so long that it may have been given up.
+    void judgeStop(TARNIS_HANDLE handle, ULONGLONG since);
     static void areOver(const std::vector<Grab*>& grabs, ULONGLONG since);
     /// A result that the call's documentation names. In a calm act a handle's questions have answers.
     uint32_t expected(uint32_t result, std::initializer_list<uint32_t> named, const char* call) const;
 
     bool m_calm = false, m_alone = false;
+    std::atomic<bool> m_cardsAnswer{false}; ///< no fault has been planted
     Slot m_slots[kSlots];
     std::mutex m_mutex; ///< guards the next two
     std::deque<std::unique_ptr<Grab>> m_grabs;
     std::deque<std::unique_ptr<Grab>> m_former; ///< of the last act: a late callback shall find its grab
     CardPictures m_pictures{wireConverters()};
-    std::atomic<uint64_t> m_callbacks{0}, m_otherStatus{0}, m_lost{0}, m_rescues{0}, m_late{0};
+    std::atomic<uint64_t> m_callbacks{0}, m_otherStatus{0}, m_lost{0}, m_rescues{0}, m_late{0}, m_twice{0};
+    std::atomic<uint32_t> m_slowStops{0};         ///< of this act: without a callback that explains it
+    std::atomic<ULONGLONG> m_lastLongCallback{0}; ///< when it ended
     PlugNotices m_notices;
     test::RegistrySandbox m_registry; ///< the walk logs nothing
 };
@@ -183,7 +205,12 @@ void DeviceWorld::begin(const Act& act) {
         const CardControl control(card);
         control.reset();
         control.setSignal(kSignals[(act.seed + card) % kSignals.size()]);
+        Options options = kDefaultOptions;
+        if (act.seed / 2 % 2 == card) options.pace = Pace::AsTaken;
+        control.setOptions(options);
     }
+    m_slowStops = 0;
+    m_cardsAnswer = true;
     m_notices.await();
 }
 
@@ -205,10 +232,36 @@ std::vector<Grab*> DeviceWorld::grabsOf(TARNIS_HANDLE handle, int port) {
     return found;
 }
 
-void DeviceWorld::areOver(const std::vector<Grab*>& grabs, ULONGLONG since) {
-    if (GetTickCount64() - since >= kGivenUpMs) return;
+std::vector<Grab*> DeviceWorld::endingGrabsOf(TARNIS_HANDLE handle, int port) {
+    std::vector<Grab*> grabs = grabsOf(handle, port);
     for (Grab* grab : grabs)
-        grab->over = true;
+        grab->ending = true;
+    return grabs;
+}
+
+void DeviceWorld::areOver(const std::vector<Grab*>& grabs, ULONGLONG since) {
+    const ULONGLONG now = GetTickCount64();
+    const bool givenUp = now - since >= kGivenUpMs;
+    for (Grab* grab : grabs) {
+        (givenUp ? grab->givenUp : grab->over) = true;
+        // Another stop may have given a long callback up.
+        if (!givenUp && grab->inside != 0 && grab->insideThread != GetCurrentThreadId() &&
+            now - grab->insideSince < kGivenUpMs)
+            fail("waiting", "a grab is over while its callback runs");
+    }
+}
+
+/// A stop waits for callbacks and for nothing else, as long as the cards answer. One such stop may be the machine's.
+void DeviceWorld::judgeStop(TARNIS_HANDLE handle, ULONGLONG since) {
+    const ULONGLONG now = GetTickCount64();
+    if (!m_cardsAnswer || now - since < kGivenUpMs || m_lastLongCallback >= since) return;
+    {
+        const std::lock_guard lock(m_mutex);
+        for (const auto& grab : m_grabs)
+            if (grab->handle == handle && grab->inside != 0) return;
+    }
+    if (++m_slowStops == 2)
+        fail("slow", "the second stop of " + std::to_string(now - since) + " ms without a callback");
 }
 
 uint32_t DeviceWorld::expected(uint32_t result, std::initializer_list<uint32_t> named, const char* call) const {
@@ -224,16 +277,36 @@ void DeviceWorld::called(Grab& grab, const TarnisFrameInfo& frame) {
     if (grab.lost) fail("late", "a callback after the one that said that the format has changed");
     if (++grab.inside != 1) fail("together", "two callbacks of one grab at once");
     ++m_callbacks;
+    const ULONGLONG since = GetTickCount64();
+    grab.insideThread = GetCurrentThreadId();
+    grab.insideSince = since;
     check(grab, frame);
     if (frame.dmaStatus == DMA_STATUS_DICONNECTED) {
         grab.lost = true;
         ++m_lost;
     }
     if (grab.action != 0 && ++grab.calls % grab.every == 0) callBack(grab);
+    checkAgain(grab, frame, since);
+    if (const ULONGLONG now = GetTickCount64(); now - since >= kGivenUpMs / 2) m_lastLongCallback = now;
     --grab.inside;
 }
 
-void DeviceWorld::check(const Grab& grab, const TarnisFrameInfo& frame) {
+/// The buffer is the client's until the callback returns, unless the grab is ended meanwhile.
+void DeviceWorld::checkAgain(const Grab& grab, const TarnisFrameInfo& frame, ULONGLONG since) {
+    if (grab.action == 0 || frame.dmaStatus != DMA_STATUS_GOOD) return;
+    const std::string why = whyWrong(grab, frame);
+    if (grab.ending || GetTickCount64() - since >= kGivenUpMs) return;
+    ++m_twice;
+    if (!why.empty()) failFrame(frame, "changed during the callback: " + why);
+}
+
+std::string DeviceWorld::whyWrong(const Grab& grab, const TarnisFrameInfo& frame) {
+    const auto* bytes = static_cast<const uint8_t*>(frame.lpRawBuffer);
+    return grab.port == 0 ? m_pictures.whyNoFrame(bytes, frame.bufferSize, frame.frameWord0)
+                          : m_pictures.whyNoBlock(bytes, frame.bufferSize, frame.frameWord0);
+}
+
+void DeviceWorld::check(Grab& grab, const TarnisFrameInfo& frame) {
     if (frame.dmaStatus != DMA_STATUS_GOOD) {
         ++m_otherStatus;
         if (frame.lpRawBuffer) fail("frame", "a frame of DMA status " + std::to_string(frame.dmaStatus) + " has bytes");
@@ -243,10 +316,8 @@ void DeviceWorld::check(const Grab& grab, const TarnisFrameInfo& frame) {
     if (!frame.lpRawBuffer) fail("frame", "a good frame without bytes");
     if (frame.frameWord0 <= grab.lastFrame && grab.lastFrame != 0)
         fail("frame", "frame " + std::to_string(frame.frameWord0) + " after " + std::to_string(grab.lastFrame));
-    const_cast<Grab&>(grab).lastFrame = frame.frameWord0;
-    const auto* bytes = static_cast<const uint8_t*>(frame.lpRawBuffer);
-    const std::string why = grab.port == 0 ? m_pictures.whyNoFrame(bytes, frame.bufferSize, frame.frameWord0)
-                                           : m_pictures.whyNoBlock(bytes, frame.bufferSize, frame.frameWord0);
+    grab.lastFrame = frame.frameWord0;
+    const std::string why = whyWrong(grab, frame);
     if (why.empty()) return;
     // The buffer is another frame's once a stop has given the callback up.
     if (grab.over || GetTickCount64() - began >= kGivenUpMs)
@@ -282,11 +353,12 @@ void DeviceWorld::failFrame(const TarnisFrameInfo& frame, const std::string& why
 }
 
 void DeviceWorld::callBack(Grab& grab) {
+    if (grab.action == 1 || (grab.action >= 5 && grab.action <= 7)) grab.ending = true;
     TarnisCameraStatus status{};
     TarnisGrabStat statistics{};
     switch (grab.action) {
     case 1: {
-        const auto grabs = grabsOf(grab.handle, grab.port);
+        const auto grabs = endingGrabsOf(grab.handle, grab.port);
         const ULONGLONG since = GetTickCount64();
         TARNIS_StopGrab(grab.handle, grab.port);
         areOver(grabs, since);
@@ -299,9 +371,12 @@ void DeviceWorld::callBack(Grab& grab) {
     case 3:
         Sleep(30);
         break;
-    case 4:
-        Sleep(1300); // longer than a stop waits
+    case 4: { // longer than a stop waits
+        const ULONGLONG until = GetTickCount64() + 1300;
+        while (!grab.over && !grab.givenUp && GetTickCount64() < until)
+            Sleep(10);
         break;
+    }
     case 5: // restarts itself
         start(m_slots[grab.slot], grab.handle, grab.port, 0);
         break;
@@ -317,8 +392,14 @@ void DeviceWorld::callBack(Grab& grab) {
     case 7:
         changeAccess(m_slots[grab.slot], grab.handle, grab.port, false);
         break;
-    default:
+    case 8: {
+        const auto grabs = endingGrabsOf(grab.handle, 1 - grab.port);
         TARNIS_StopGrab(grab.handle, static_cast<int8_t>(1 - grab.port));
+        break;
+    }
+    default: // the card goes once round its buffers
+        for (int i = 0; i < 40 && !grab.ending; ++i)
+            Sleep(10);
         break;
     }
 }
@@ -348,6 +429,21 @@ uint32_t DeviceWorld::open(uint32_t a, uint32_t b) {
     return handle ? 1 : 0;
 }
 
+/// The driver refuses a request of the opening. Another thread's request may meet the refusal instead.
+uint32_t DeviceWorld::openRefused(uint32_t a, uint32_t b) {
+    static constexpr uint32_t kCodes[] = {wire::kOpenSession, wire::kSessionWatch, wire::kRegisterInputEvent, kAnyCode};
+    static constexpr FaultKind kKinds[] = {FaultKind::DriverResult, FaultKind::DriverResult, FaultKind::NtStatus,
+                                           FaultKind::ShortReply};
+    const FaultKind kind = kKinds[b / 8 % 4];
+    const uint32_t value = kind == FaultKind::NtStatus ? kStatusAccessDenied : 1 + b / 32 % 3;
+    try {
+        CardControl(b % kCards).addFault({kind, kCodes[b / 2 % 4], value, 0, 1, {}});
+    } catch (const ControlError&) { // it has as many as it can have
+        return kNotMade;
+    }
+    return open(a, b);
+}
+
 /// What a client without the library meets.
 std::string DeviceWorld::whyClosed(uint32_t number) {
     const CardControl card(number);
@@ -371,7 +467,7 @@ uint32_t DeviceWorld::done(Slot& slot) {
         slot.changed.wait(lock, [&] { return slot.users == 0; });
         nowIn("");
     }
-    const auto grabs = grabsOf(handle, -1);
+    const auto grabs = endingGrabsOf(handle, -1);
     const ULONGLONG since = GetTickCount64();
     const uint32_t result = TARNIS_Done(handle);
     areOver(grabs, since);
@@ -411,13 +507,16 @@ uint32_t DeviceWorld::changeAccess(Slot& slot, TARNIS_HANDLE handle, int8_t port
     const bool alone = slot.changing[port]++ == 0;
     const uint32_t change = ++slot.changes[port];
     const bool last = !claim && slot.claims[port] == 1;
-    const auto grabs = grabsOf(handle, port);
+    const auto grabs = last ? endingGrabsOf(handle, port) : std::vector<Grab*>();
     const ULONGLONG since = GetTickCount64();
     const uint32_t result = claim ? TARNIS_GetDMAAccess(handle, port) : TARNIS_ReleaseDMAAccess(handle, port);
     if (claim && result == TARNIS_SUCCESS) ++slot.claims[port];
     // The last release is the last one even if the card refuses it.
     if (!claim && slot.claims[port] > 0) --slot.claims[port];
-    if (last && alone && slot.changes[port] == change) areOver(grabs, since);
+    if (last && alone && slot.changes[port] == change) {
+        areOver(grabs, since);
+        judgeStop(handle, since);
+    }
     --slot.changing[port];
     return expected(result, {0, 4, 254, 255}, claim ? "TARNIS_GetDMAAccess" : "TARNIS_ReleaseDMAAccess");
 }
@@ -434,7 +533,7 @@ uint32_t DeviceWorld::start(Slot& slot, TARNIS_HANDLE handle, int8_t port, uint3
     grab->slot = static_cast<size_t>(&slot - m_slots);
     grab->port = port;
     const uint32_t kind = b % 24; // most do nothing but look
-    grab->action = kind < 9 ? kind : 0;
+    grab->action = kind < 10 ? kind : 0;
     grab->every = 1 + b / 24 % 5;
     TarnisCameraData data{};
     data.outputSelector = b / 128 % 16 == 15 ? 7 : b / 128 % 3;
@@ -450,11 +549,32 @@ uint32_t DeviceWorld::start(Slot& slot, TARNIS_HANDLE handle, int8_t port, uint3
 }
 
 uint32_t DeviceWorld::stop(TARNIS_HANDLE handle, int8_t port) {
-    const auto grabs = grabsOf(handle, port);
+    const auto grabs = endingGrabsOf(handle, port);
     const ULONGLONG since = GetTickCount64();
     const uint32_t result = TARNIS_StopGrab(handle, port);
     if (result != TARNIS_NO_DMA_ACCESS) areOver(grabs, since);
+    judgeStop(handle, since);
     return expected(result, {0, 4, 253, 254, 255}, "TARNIS_StopGrab");
+}
+
+/// A call that needs DMA access says so exactly if there is none. @param ask  makes it
+template <class Ask>
+uint32_t DeviceWorld::withAccess(Slot& slot, int8_t port, const char* call, Ask ask) {
+    const uint32_t change = slot.changes[port];
+    const bool steady = slot.changing[port] == 0, claimed = slot.claims[port] > 0;
+    const uint32_t result = ask();
+    if (steady && slot.changes[port] == change && (result == TARNIS_NO_DMA_ACCESS) == claimed)
+        fail("result", std::string(call) + " gave " + std::to_string(result) +
+                           (claimed ? " on a channel that is claimed" : " on a channel that is not claimed"));
+    return result;
+}
+
+/// As many as there are until one has not come for a while.
+uint32_t DeviceWorld::awaitFrames(TARNIS_HANDLE handle, uint32_t b) {
+    const std::vector<Grab*> grabs = grabsOf(handle, -1);
+    if (grabs.empty()) return kNotMade;
+    const uint64_t before = m_callbacks;
+    return test::waitUntil([&] { return m_callbacks > before + b % 12; }, std::chrono::milliseconds(120)) ? 1 : 0;
 }
 
 uint32_t DeviceWorld::snap(TARNIS_HANDLE handle, uint32_t b) {
@@ -580,10 +700,14 @@ uint32_t DeviceWorld::invalid(TARNIS_HANDLE handle, uint32_t which) {
 uint32_t DeviceWorld::step(const Step& step) {
     const uint32_t a = step.a, b = step.b;
     const auto port = static_cast<int8_t>(b >> 31);
+    if (step.call == kInitRefused || step.call == kDoneWhileAsked || mayHoldAnswers(step.call - kCardSteps))
+        m_cardsAnswer = false;
     if (step.call >= kCardSteps) return cardStep(step.call - kCardSteps, a, b);
     switch (step.call) {
     case kInit:
         return open(a, b);
+    case kInitRefused:
+        return openRefused(a, b);
     case kEnumerate:
         return enumerate(a, b);
     case kSleep:
@@ -612,7 +736,9 @@ uint32_t DeviceWorld::step(const Step& step) {
     case kReleaseAccess:
         return changeAccess(slot, use.handle, port, false);
     case kBufferCount:
-        return expected(TARNIS_SetBufferCount(use.handle, port, b % 64), {0, 253}, "TARNIS_SetBufferCount");
+        return expected(withAccess(slot, port, "TARNIS_SetBufferCount",
+                                   [&] { return TARNIS_SetBufferCount(use.handle, port, b % 64); }),
+                        {0, 253}, "TARNIS_SetBufferCount");
     case kCameraStatus: {
         TarnisCameraStatus status{};
         const uint32_t result = asked(TARNIS_GetCameraStatus(use.handle, port, &status));
@@ -642,16 +768,20 @@ uint32_t DeviceWorld::step(const Step& step) {
         return asked(noexp_TARNIS_ReadI2C(use.handle, port, static_cast<uint16_t>(b), b % 8 == 0 ? nullptr : &value));
     }
     case kStartGrab:
-        return start(slot, use.handle, port, b);
+        return withAccess(slot, port, "TARNIS_StartGrab", [&] { return start(slot, use.handle, port, b); });
     case kStopGrab:
-        return stop(use.handle, port);
+        return withAccess(slot, port, "TARNIS_StopGrab", [&] { return stop(use.handle, port); });
     case kSnap:
-        return snap(use.handle, b);
+        return withAccess(slot, 0, "TARNIS_SnapFrames", [&] { return snap(use.handle, b); });
+    case kAwaitFrames:
+        return awaitFrames(use.handle, b);
     case kPrepare: {
         TarnisCameraData data{};
         data.outputSelector = b % 3;
         data.extra = b / 3 % 2;
-        return expected(noexp_TARNIS_Prepare(use.handle, port, &data), {0, 4, 253, 254, 255}, "noexp_TARNIS_Prepare");
+        return expected(withAccess(slot, port, "noexp_TARNIS_Prepare",
+                                   [&] { return noexp_TARNIS_Prepare(use.handle, port, &data); }),
+                        {0, 4, 253, 254, 255}, "noexp_TARNIS_Prepare");
     }
     default:
         return kNotMade;
@@ -693,9 +823,10 @@ std::string DeviceWorld::summary() const {
     char text[240];
     std::snprintf(text, sizeof text,
                   "%llu callbacks: %llu frames and %llu blocks of sound as the card made them, %llu with another DMA "
-                  "status, %llu for another format, %llu late; %llu times a card was made to answer\n",
+                  "status, %llu for another format, %llu late; %llu looked at twice; %llu times a card was made to "
+                  "answer\n",
                   m_callbacks.load(), m_pictures.frames(), m_pictures.blocks(), m_otherStatus.load(), m_lost.load(),
-                  m_late.load(), m_rescues.load());
+                  m_late.load(), m_twice.load(), m_rescues.load());
     return text;
 }
 

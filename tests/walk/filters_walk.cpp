@@ -69,6 +69,7 @@ enum : uint16_t {
     kFactory,
     kGraph,
     kRegistry,
+    kAwaitSamples,
     kSleep,
     kCardSteps
 };
@@ -109,7 +110,8 @@ const std::vector<Call> kCalls = withCardCalls({
     {"class factory", 2, 2},
     {"graph", 8, 8},
     {"registry", 2, 2},
-    {"wait", 14, 16},
+    {"wait for samples", 12, 14},
+    {"wait", 8, 8},
 });
 
 /// The module. It stays loaded: what its compiler's libraries keep of a load is not the filters' doing.
@@ -211,6 +213,15 @@ private:
     HRESULT onGraph(Rig& rig, uint32_t b);
     void registry(uint32_t b);
     compliance::Type oddType(Rig& rig, uint32_t b);
+    static uint32_t awaitSamples(Rig& rig, uint32_t b);
+    uint32_t onRig(Rig& rig, uint16_t call, uint32_t b);
+    /// What a thread that is alone sees before and after a call must fit the call's result.
+    struct Seen {
+        bool connected;
+        FILTER_STATE state;
+    };
+    static Seen look(const Rig& rig);
+    static void judge(const Rig& rig, uint16_t call, HRESULT hr, const Seen& before, const Seen& after);
     /// The converters that the cards have now may be in the pictures to come.
     void noteConverters();
 
@@ -223,7 +234,7 @@ private:
         fail("result", text);
     }
 
-    bool m_calm = false;
+    bool m_calm = false, m_alone = false;
     std::mutex m_mutex; ///< guards the slots
     RigPointer m_rigs[kSlots];
     std::optional<Module> m_module;
@@ -237,10 +248,14 @@ private:
 
 void FiltersWorld::begin(const Act& act) {
     m_calm = act.calm;
+    m_alone = act.threads == 1;
     for (uint32_t card = 0; card < kCards; ++card) {
         const CardControl control(card);
         control.reset();
         control.setSignal(kSignals[(act.seed + card) % 5]); // with sound
+        Options options = kDefaultOptions;
+        if (act.seed / 2 % 2 == card) options.pace = Pace::AsTaken;
+        control.setOptions(options);
     }
     m_notices.await();
     if (!m_module) m_module.emplace();
@@ -819,21 +834,88 @@ uint32_t FiltersWorld::step(const Step& step) {
     const bool isColour = step.call == kGetColours || step.call == kPutColours || step.call == kWhiteBalance;
     const RigPointer rig = rigOf(a, isColour ? 1 : step.call == kBitDepth ? 0 : -1);
     if (!rig) return kNotMade;
-    switch (step.call) {
-    case kRelease: {
+    if (step.call == kRelease) {
         RigPointer released; // outlives the lock
         const std::lock_guard lock(m_mutex);
         for (RigPointer& slot : m_rigs)
             if (slot == rig) released.swap(slot);
         return 0;
     }
+    if (!m_alone) return onRig(*rig, step.call, b);
+    const Seen before = look(*rig);
+    const uint32_t result = onRig(*rig, step.call, b);
+    judge(*rig, step.call, static_cast<HRESULT>(result), before, look(*rig));
+    return result;
+}
+
+FiltersWorld::Seen FiltersWorld::look(const Rig& rig) {
+    ComRef<IPin> other;
+    Seen seen{rig.pin->ConnectedTo(other.out()) == S_OK, State_Stopped};
+    rig.filter->GetState(0, &seen.state);
+    return seen;
+}
+
+void FiltersWorld::judge(const Rig& rig, uint16_t call, HRESULT hr, const Seen& before, const Seen& after) {
+    const auto demand = [&](bool fits) {
+        if (fits) return;
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "%s gave 0x%08lX to a pin that was %sconnected, in state %d, and is %sconnected, in state %d",
+                      kCalls[call].name, static_cast<unsigned long>(hr), before.connected ? "" : "not ", before.state,
+                      after.connected ? "" : "not ", after.state);
+        fail("result", text);
+    };
+    if (hr == E_POINTER || static_cast<uint32_t>(hr) == kNotMade) return;
+    const bool keptState = before.state == after.state; // a sink may have stopped it
+    switch (call) {
+    case kDisconnect:
+        if (keptState)
+            demand(before.state != State_Stopped ? hr == VFW_E_NOT_STOPPED : hr == (before.connected ? S_OK : S_FALSE));
+        demand(hr != S_OK || !after.connected);
+        break;
+    case kConnect:
+        demand(!before.connected || hr == VFW_E_ALREADY_CONNECTED);
+        demand(FAILED(hr) || after.connected);
+        break;
+    case kMediaType:
+        demand((hr == S_OK) == before.connected);
+        break;
+    case kSetFormat:
+        if (keptState) demand((hr == VFW_E_NOT_STOPPED) == (before.state != State_Stopped));
+        break;
+    case kStop:
+        demand(after.state == State_Stopped);
+        break;
+    case kPause:
+        demand(FAILED(hr) || rig.isStoppedBySink() || after.state == State_Paused);
+        break;
+    case kRun:
+        demand(FAILED(hr) || rig.isStoppedBySink() || after.state == State_Running);
+        break;
+    default:
+        break;
+    }
+}
+
+/// As many as there are until one has not come for a while.
+uint32_t FiltersWorld::awaitSamples(Rig& rig, uint32_t b) {
+    const Seen seen = look(rig);
+    if (!seen.connected || seen.state == State_Stopped) return kNotMade;
+    const uint64_t before = rig.samples();
+    return test::waitUntil([&] { return rig.samples() > before + b % 10; }, std::chrono::milliseconds(150)) ? 1 : 0;
+}
+
+uint32_t FiltersWorld::onRig(Rig& rig, uint16_t call, uint32_t b) {
+    switch (call) {
+    case kAwaitSamples:
+        return awaitSamples(rig, b);
     case kGetColours:
-        return static_cast<uint32_t>(getColours(*rig, b));
+        return static_cast<uint32_t>(getColours(rig, b));
     case kPutColours:
-        return static_cast<uint32_t>(putColours(*rig, b));
+        return static_cast<uint32_t>(putColours(rig, b));
     case kWhiteBalance: {
         const auto gains =
-            queryFor<IKestraStreamPropRGBGainOffset>(rig->filter.get(), IID_IKestraStreamPropRGBGainOffset);
+            queryFor<IKestraStreamPropRGBGainOffset>(rig.filter.get(), IID_IKestraStreamPropRGBGainOffset);
         const std::lock_guard lock(m_colours);
         noteConverters();
         unsigned char red = 0, green = 0, blue = 0;
@@ -845,19 +927,20 @@ uint32_t FiltersWorld::step(const Step& step) {
         return static_cast<uint32_t>(hr);
     }
     case kBitDepth:
-        return static_cast<uint32_t>(bitDepth(*rig, b));
+        return static_cast<uint32_t>(bitDepth(rig, b));
     case kPage:
-        return static_cast<uint32_t>(page(*rig, b));
+        return static_cast<uint32_t>(page(rig, b));
     case kGraph:
-        return static_cast<uint32_t>(onGraph(*rig, b));
+        return static_cast<uint32_t>(onGraph(rig, b));
     default:
-        return static_cast<uint32_t>(step.call < kPages ? onFilter(*rig, step.call, b) : onPin(*rig, step.call, b));
+        return static_cast<uint32_t>(call < kPages ? onFilter(rig, call, b) : onPin(rig, call, b));
     }
 }
 
 void FiltersWorld::rescue() {
     ++m_rescues;
     letCardsAnswer();
+    closeBoxes();
 }
 
 void FiltersWorld::end() {

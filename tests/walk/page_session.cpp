@@ -147,4 +147,18 @@ HRESULT useOnce(IPropertyPage* page, IUnknown* object, HWND frame, uint32_t seed
     return last;
 }
 
+void closeBoxes() {
+    EnumWindows(
+        [](HWND window, LPARAM) -> BOOL {
+            wchar_t kind[16] = L"";
+            DWORD process = 0;
+            GetWindowThreadProcessId(window, &process);
+            GetClassNameW(window, kind, 16);
+            if (process == GetCurrentProcessId() && lstrcmpW(kind, L"#32770") == 0)
+                PostMessageW(window, WM_COMMAND, IDOK, 0);
+            return TRUE;
+        },
+        0);
+}
+
 } // namespace kestra::walk

@@ -27,4 +27,7 @@ private:
 /// @return the last result that was no success, or S_OK
 HRESULT useOnce(IPropertyPage* page, IUnknown* object, HWND frame, uint32_t seed, const std::function<void()>& touched);
 
+/// Presses OK in every message box of this process. Any thread.
+void closeBoxes();
+
 } // namespace kestra::walk

@@ -2,7 +2,10 @@
 #include "tests/walk/rig.h"
 
 #include "tests/support/wait_until.h"
+#include "tests/walk/card_events.h"
 #include "tests/walk/walk.h"
+
+#include <thread>
 
 namespace kestra::walk {
 namespace {
@@ -80,6 +83,7 @@ HRESULT Rig::receive(compliance::Sink& sink, IMediaSample* sample, int number) {
     if (!type->pbFormat) return answer(sample, number); // the pin was connected from its side only: no type is known
     const std::string why = m_check.whyNot(*type, bytes, static_cast<uint32_t>(length), m_lastFrame);
     if (!why.empty()) fail("sample", "one that no card has made: " + type.text() + ", " + why);
+    ++m_samples;
     if (number > 100) sink.forget();
     return answer(sample, number);
 }
@@ -120,9 +124,31 @@ HRESULT Rig::answer(IMediaSample* sample, int number) {
     case 9: // stops its sender
         if (number == 3) stop([&] { return filter->Stop(); });
         return S_OK;
+    case 10: // like a window, it has its questions asked on another thread, and waits for the answers
+        if (number % 8 == 1) askOnAnotherThread();
+        return S_OK;
     default:
         return S_OK;
     }
+}
+
+/// A stop holds the filter's lock for a second at most while it waits for a receiver. Nobody else may do so.
+void Rig::askOnAnotherThread() const {
+    std::atomic<bool> answered{false};
+    std::thread asker([&] {
+        const auto config = queryFor<IAMStreamConfig>(pin.get(), IID_IAMStreamConfig);
+        AM_MEDIA_TYPE* type = nullptr;
+        config->GetFormat(&type);
+        compliance::Type::taken(type);
+        answered = true;
+    });
+    const auto isAnswered = [&] { return answered.load(); };
+    if (!test::waitUntil(isAnswered, std::chrono::seconds(2))) {
+        letCardsAnswer(); // it may be keeping the question
+        if (!test::waitUntil(isAnswered, std::chrono::seconds(13)))
+            fail("lock", "the filter answers no other thread until its sample has been taken");
+    }
+    asker.join();
 }
 
 } // namespace kestra::walk

@@ -52,6 +52,10 @@ public:
         return hr;
     }
 
+    uint64_t samples() const { return m_samples; }
+    /// Whether the filter may stop without a call of the walk's.
+    bool isStoppedBySink() const { return m_behaviour == 9; }
+
     /// Wine's graph leaves a handle behind, each time.
     static int graphsMade() { return s_graphs; }
 
@@ -64,6 +68,7 @@ public:
 private:
     HRESULT receive(compliance::Sink& sink, IMediaSample* sample, int number);
     HRESULT answer(IMediaSample* sample, int number);
+    void askOnAnotherThread() const;
 
     inline static std::atomic<int> s_graphs{0};
 
@@ -74,6 +79,7 @@ private:
     std::atomic<int> m_starting{0};
     std::atomic<bool> m_silent{false};
     std::atomic<uint32_t> m_lastFrame{0};
+    std::atomic<uint64_t> m_samples{0};
     std::mutex m_mutex;
     std::vector<ComRef<IMediaSample>> m_queued; ///< guarded by m_mutex
 };

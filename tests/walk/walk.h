@@ -48,6 +48,8 @@ struct Act {
 };
 
 constexpr size_t kStepsOfAct = 170;
+/// An act that is suspected of leaving something behind is walked so often.
+constexpr uint64_t kRepeated = 9;
 
 /// The act that a seed stands for.
 Act makeAct(uint64_t seed, const std::vector<Call>& calls, size_t steps = kStepsOfAct);
@@ -90,7 +92,7 @@ enum ExitCode : unsigned { kPassed = 0, kFailed = 1, kBadUsage = 2 };
 
 /// main() of a program that walks.
 ///   --seed S --calls N       acts S, S + 1, ... until N calls have been made; then the figures
-///   --act S [--keep 0,2-5]   one act, or only those of its steps
+///   --act S [--keep 0,2-5] [--times N]   one act, or only those of its steps; if often, then what it leaves is judged
 ///   --print S [--keep ...]   the steps, one a line
 int walkMain(int argc, char** argv, World& world);
 

@@ -3,6 +3,7 @@
 
 #include "tests/support/child_program.h"
 #include "tests/walk/shrink.h"
+#include "tests/walk/walk.h"
 
 #include <chrono>
 #include <cstdint>
@@ -52,8 +53,10 @@ public:
         output = result.output;
         return faultOf(result);
     }
-    std::optional<Fault> act(uint64_t seed, const std::vector<size_t>& steps) const {
-        return faultOf(run("--act " + std::to_string(seed) + " --keep " + textOfSteps(steps), 120'000));
+    std::optional<Fault> act(uint64_t seed, const std::vector<size_t>& steps, uint64_t times) const {
+        return faultOf(
+            run("--act " + std::to_string(seed) + " --times " + std::to_string(times) + " --keep " + textOfSteps(steps),
+                120'000));
     }
     std::string listing(uint64_t seed, const std::vector<size_t>& steps) const {
         return run("--print " + std::to_string(seed) + " --keep " + textOfSteps(steps), 60'000).output;
@@ -70,7 +73,8 @@ public:
         // Several threads do not meet every time: a few attempts for the whole, fewer for each of the many parts.
         const auto fails = [&](const std::vector<size_t>& some, int attempts) {
             for (int i = 0; i < attempts && inTime(); ++i)
-                if (const std::optional<Fault> now = act(fault.seed, some); now && *now == fault) {
+                if (const std::optional<Fault> now = act(fault.seed, some, fault.kind == "growth" ? kRepeated : 1);
+                    now && *now == fault) {
                     last = now;
                     return true;
                 }
