@@ -20,6 +20,8 @@ namespace {
 using namespace kestra::simcard;
 
 constexpr uint32_t kFramesBack = 240, kFramesOn = 4;
+/// A card that is read as fast as it delivers counts on for one client while another one's receiver takes its time.
+constexpr uint32_t kFramesMissed = 5000;
 
 struct Layout {
     const GUID& subtype;
@@ -111,13 +113,21 @@ std::string SampleCheck::whyNot(const AM_MEDIA_TYPE& type, const uint8_t* bytes,
         ++m_black;
         return {};
     }
+    const uint32_t before = last;
+    uint32_t now[kCards]{};
+    for (uint32_t card = 0; card < kCards; ++card)
+        now[card] = CardControl(card).state().frameNumber;
     for (const bool disturbed : {false, true})
-        for (uint32_t card = 0; card < kCards; ++card) {
-            const uint32_t now = CardControl(card).state().frameNumber;
+        for (const uint32_t number : now) {
             const uint32_t back = disturbed ? kFramesBack / 4 : kFramesBack;
-            if (isOne(now < back ? 0 : now - back, now, disturbed)) return {};
+            if (isOne(number < back ? 0 : number - back, number, disturbed)) return {};
         }
-    return describeBytes(bytes, size);
+    for (const uint32_t number : now)
+        if (before != 0 && number > before + kFramesBack && number - before < kFramesMissed &&
+            isOne(before, number - kFramesBack, false))
+            return {};
+    return describeBytes(bytes, size) + ", after frame " + std::to_string(before) + ", the cards are at " +
+           std::to_string(now[0]) + " and " + std::to_string(now[1]);
 }
 
 } // namespace kestra::walk
