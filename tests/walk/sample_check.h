@@ -12,6 +12,8 @@
 
 namespace kestra::walk {
 
+struct SampleLayout;
+
 class SampleCheck {
 public:
     explicit SampleCheck(CardPictures& pictures) : m_pictures(pictures) {}
@@ -27,6 +29,10 @@ public:
 private:
     bool isPicture(const AM_MEDIA_TYPE& type, const uint8_t* bytes, uint32_t size, uint32_t first, uint32_t& number,
                    bool disturbed);
+    bool isPictureIn(const SampleLayout& layout, const uint8_t* bytes, uint32_t size, uint32_t first, uint32_t& number,
+                     bool disturbed);
+    std::string nearestPicture(const AM_MEDIA_TYPE& type, const uint8_t* bytes, uint32_t size, uint32_t first,
+                               uint32_t last);
     static bool isSound(const AM_MEDIA_TYPE& type, const uint8_t* bytes, uint32_t size, uint32_t first,
                         uint32_t& number);
 
