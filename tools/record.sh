@@ -58,6 +58,14 @@ card_dropped() {
     simcard status | tr -d '\r' | sed -nE '/^ *port 0 /{s/.* ([0-9]+) dropped.*/\1/p;q}'
 }
 
+# What a test records, one after the other until the machine was not too slow: busy for a moment, or all the time.
+attempted_sizes=("1920 1080" "1920 1080" "720 486")
+
+# machine_was_too_slow STATUS: whether a check's result means no more than that the card had no free buffer now and then.
+machine_was_too_slow() {
+    [ "$1" -eq 3 ] && [ "$(card_dropped)" -gt 0 ]
+}
+
 # frame_rate TIMES: the mean rate in Hz, from the time stamps in milliseconds after the first quarter: a graph that starts
 # gets its first frames late.
 frame_rate() {

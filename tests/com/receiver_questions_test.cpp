@@ -19,7 +19,7 @@ TEST_F(VideoTest, ReceiverThatAsksWhileTheStreamIsStoppedHoldsNothingUp) {
             const ULONGLONG begin = GetTickCount64();
             question();
             const ULONGLONG tookMs = GetTickCount64() - begin;
-            EXPECT_LT(tookMs, 200u) << what;
+            EXPECT_LT(tookMs, kVainStopMs) << what;
             longestMs = std::max(longestMs.load(), tookMs);
         };
         ask("ConnectionMediaType", [&] {
@@ -57,7 +57,7 @@ TEST_F(VideoTest, ReceiverThatAsksWhileTheStreamIsStoppedHoldsNothingUp) {
     ASSERT_TRUE(waitUntil([&] { return sink->pin.insideReceive > 0; }));
     const ULONGLONG begin = GetTickCount64();
     EXPECT_EQ(m_filter->Stop(), S_OK);
-    EXPECT_LT(GetTickCount64() - begin, 500u);
+    EXPECT_LT(GetTickCount64() - begin, kVainStopMs);
     EXPECT_TRUE(asked);
     EXPECT_EQ(sink->Stop(), S_OK);
     m_pin->Disconnect();

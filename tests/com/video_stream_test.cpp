@@ -96,7 +96,7 @@ protected:
     }
     bool receives(int count = 3) {
         const int before = m_sink.received;
-        return waitUntil([&] { return m_sink.received >= before + count; }, std::chrono::seconds(10));
+        return waitUntil([&] { return m_sink.received >= before + count; });
     }
     ULONGLONG stopMs() {
         const ULONGLONG begin = GetTickCount64();
@@ -128,7 +128,7 @@ TEST_P(VideoBytes, EveryByteOfEverySampleIsTheFrames) {
     m_sink.keep = repetitions<size_t>(5, 60);
     ASSERT_EQ(m_filter->Run(0), S_OK);
     ASSERT_TRUE(receives(static_cast<int>(m_sink.keep)));
-    EXPECT_LT(stopMs(), 500u);
+    EXPECT_LT(stopMs(), kVainStopMs);
     uint32_t last = 0;
     for (const ReceivedSample& sample : m_sink.samples()) {
         uint32_t number = 0;
@@ -300,7 +300,7 @@ TEST_F(VideoStream, FailedDeliveryIsTracedAndTheStreamCanBeStoppedAndStartedAgai
         m_sink.receiveResult = result;
         ASSERT_EQ(m_filter->Run(0), S_OK);
         ASSERT_TRUE(waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->Deliver") >= 2; }));
-        EXPECT_LT(stopMs(), 500u);
+        EXPECT_LT(stopMs(), kVainStopMs);
         EXPECT_EQ(lines(L"CKestraStream->Inactive->NOERROR"), 1) << "the pin is still found";
         m_sink.receiveResult = S_OK;
         m_sink.forget();
@@ -316,7 +316,7 @@ TEST_F(VideoStream, StoppingTakesMillisecondsAlsoWhileTheReceiverHoldsABuffer) {
     for (int round = 0; round < 5; ++round) {
         ASSERT_EQ(m_filter->Run(0), S_OK);
         ASSERT_TRUE(receives(2));
-        EXPECT_LT(stopMs(), 300u) << "not the second that a callback which hangs would cost";
+        EXPECT_LT(stopMs(), kVainStopMs);
     }
 }
 
@@ -327,7 +327,7 @@ TEST_F(VideoStream, ReceiverThatBlocksHoldsUpAStopForASecondAtMost) {
     ASSERT_EQ(m_filter->Run(0), S_OK);
     ASSERT_TRUE(waitUntil([&] { return m_sink.insideReceive == 1; }));
     const ULONGLONG took = stopMs();
-    EXPECT_LT(took, 1500u);
+    EXPECT_LT(took, 2 * kVainStopMs);
     m_sink.blockUntil = nullptr;
     SetEvent(gate);
     EXPECT_TRUE(waitUntil([&] { return m_sink.insideReceive == 0; }));
@@ -396,7 +396,7 @@ TEST_F(VideoStream, FormatChangeEndsTheStreamAndTheClientStartsAgain) {
         ASSERT_TRUE(waitUntil([&] { return m_sink.endOfStreams == 1; }));
         EXPECT_TRUE(
             waitUntil([&] { return lines(L"CKestraStream->SDIGrabVideoCallback->DMA_STATUS_DICONNECTED") == 1; }));
-        EXPECT_LT(stopMs(), 500u);
+        EXPECT_LT(stopMs(), kVainStopMs);
         m_filter = ComRef<IBaseFilter>();
         disconnect();
         connect();
@@ -442,7 +442,7 @@ TEST_F(VideoStream, ReceiverMayStopDisconnectAndLetGoFromInsideReceive) {
         std::atomic<bool> done{false};
         m_sink.onReceive = [&](IMediaSample*) {
             if (done) return;
-            EXPECT_LT(stopMs(), 500u);
+            EXPECT_LT(stopMs(), kVainStopMs);
             disconnect();
             if (release) {
                 m_pin = ComRef<IPin>();

@@ -229,7 +229,7 @@ TEST_F(DeviceGrab, StopTakesMillisecondsWhateverItDoesToTheWaitingRequest) {
         ASSERT_TRUE(counter.waitForFrames(2));
         const ULONGLONG begin = GetTickCount64();
         EXPECT_EQ(stop(), 0u);
-        EXPECT_LT(GetTickCount64() - begin, 500u) << "far from the 1000 ms bound";
+        EXPECT_LT(GetTickCount64() - begin, kVainStopMs);
         EXPECT_EQ(counter.wrong, 0);
     }
 }
@@ -255,7 +255,7 @@ TEST_F(DeviceGrab, StopFromInsideTheCallbackEndsTheRunAndDoesNotWaitForItself) {
                   reinterpret_cast<uint64_t>(&self)),
               0u);
     ASSERT_TRUE(waitUntil([&] { return self.tookMs != ~0ull; }));
-    EXPECT_LT(self.tookMs.load(), 500u);
+    EXPECT_LT(self.tookMs.load(), kVainStopMs);
     FrameCounter counter;
     ASSERT_EQ(restart(counter), 0u);
     EXPECT_TRUE(counter.waitForFrames(3));

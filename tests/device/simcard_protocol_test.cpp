@@ -217,14 +217,13 @@ TEST_F(SimcardProtocol, AKilledClientLeavesTheCardToTheNextTenTimes) {
         PROCESS_INFORMATION child = {};
         ASSERT_TRUE(
             CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child));
-        const bool streamed =
-            waitUntil([&] { return m_card.state().channels[0].delivered >= 5; }, std::chrono::seconds(10));
+        const bool streamed = waitUntil([&] { return m_card.state().channels[0].delivered >= 5; });
         TerminateProcess(child.hProcess, 9);
         WaitForSingleObject(child.hProcess, 10000);
         CloseHandle(child.hThread);
         CloseHandle(child.hProcess);
         ASSERT_TRUE(streamed) << "round " << round;
-        ASSERT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }, std::chrono::seconds(10)));
+        ASSERT_TRUE(waitUntil([&] { return m_card.state().clients == 0; }));
         RawClient next(m_card.devicePath());
         ASSERT_EQ(next.openSession(), 0u);
         RawStream stream(next, 0, TARNIS_OUTPUT_YUV422_8);
