@@ -12,6 +12,7 @@ bare_run() {
         root=$1
         shift
         mount -t proc proc "$root/proc"
+        mount -t sysfs sysfs "$root/sys"
         mount --rbind /dev "$root/dev"
         exec chroot "$root" env -i HOME=/root LANG=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"
     ' bare "$@"
