@@ -365,11 +365,14 @@ TEST_F(DeviceLife, RemovalAndArrivalSayWhereTheyAre) {
 namespace {
 
 decltype(&CreateFileW) g_createFile;
-std::wstring g_refusedPath; ///< cannot be opened; empty: everything can
+std::wstring g_refusedPath; ///< cannot be opened, however it is written; empty: everything can
+std::wstring g_askedPath;   ///< as it was written
 
 HANDLE WINAPI refusingCreateFile(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                                  DWORD disposition, DWORD flags, HANDLE pattern) {
-    if (g_refusedPath != path) return g_createFile(path, access, share, security, disposition, flags, pattern);
+    if (_wcsicmp(g_refusedPath.c_str(), path) != 0)
+        return g_createFile(path, access, share, security, disposition, flags, pattern);
+    g_askedPath = path;
     SetLastError(ERROR_SHARING_VIOLATION);
     return INVALID_HANDLE_VALUE;
 }
@@ -388,7 +391,7 @@ TEST_F(DeviceLife, CardThatComesBackAndDoesNotOpenIsNamedAndOpensTheNextTime) {
               (std::vector<std::wstring>{L"DeviceArrived Enter", L"hDevice == INVALID_HANDLE_VALUE",
                                          L"DeviceArrived Leave"}));
     EXPECT_EQ(messagesOf("TARNIS_GIS::OpenCard"),
-              std::vector<std::wstring>{L"CreateFile(" + g_refusedPath + L") failed. GetLastError=32(0x20)"});
+              std::vector<std::wstring>{L"CreateFile(" + g_askedPath + L") failed. GetLastError=32(0x20)"});
     g_refusedPath.clear();
     m_card.unplug();
     plug();
