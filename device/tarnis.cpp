@@ -44,7 +44,7 @@ template <class Work>
 uint32_t guarded(Work work) noexcept {
     try {
         return work();
-    } catch (const std::exception&) { // nothing else runs out
+    } catch (const std::exception&) { // nothing else is thrown there
         return TARNIS_OUT_OF_MEMORY;
     }
 }
