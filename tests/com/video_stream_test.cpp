@@ -6,6 +6,7 @@
 #include "tests/support/long_run.h"
 #include "tests/support/process_counts.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <thread>
@@ -313,11 +314,15 @@ TEST_F(VideoStream, FailedDeliveryIsTracedAndTheStreamCanBeStoppedAndStartedAgai
 
 TEST_F(VideoStream, StoppingTakesMillisecondsAlsoWhileTheReceiverHoldsABuffer) {
     connect();
+    ULONGLONG leastMs = kVainStopMs;
     for (int round = 0; round < 5; ++round) {
         ASSERT_EQ(m_filter->Run(0), S_OK);
         ASSERT_TRUE(receives(2));
-        EXPECT_LT(stopMs(), kVainStopMs);
+        const ULONGLONG tookMs = stopMs();
+        EXPECT_LT(tookMs, kVainStopMs);
+        leastMs = std::min(leastMs, tookMs);
     }
+    EXPECT_LT(leastMs, 300u);
 }
 
 TEST_F(VideoStream, ReceiverThatBlocksHoldsUpAStopForASecondAtMost) {

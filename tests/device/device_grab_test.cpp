@@ -224,13 +224,19 @@ TEST_F(DeviceGrab, StopTakesMillisecondsWhateverItDoesToTheWaitingRequest) {
         Options options = kDefaultOptions;
         options.stopBehaviour = behaviour;
         m_card.setOptions(options);
-        FrameCounter counter;
-        ASSERT_EQ(start(counter), 0u);
-        ASSERT_TRUE(counter.waitForFrames(2));
-        const ULONGLONG begin = GetTickCount64();
-        EXPECT_EQ(stop(), 0u);
-        EXPECT_LT(GetTickCount64() - begin, kVainStopMs);
-        EXPECT_EQ(counter.wrong, 0);
+        ULONGLONG leastMs = kVainStopMs;
+        for (int round = 0; round < 3; ++round) {
+            FrameCounter counter;
+            ASSERT_EQ(start(counter), 0u);
+            ASSERT_TRUE(counter.waitForFrames(2));
+            const ULONGLONG begin = GetTickCount64();
+            EXPECT_EQ(stop(), 0u);
+            const ULONGLONG tookMs = GetTickCount64() - begin;
+            EXPECT_LT(tookMs, kVainStopMs);
+            leastMs = std::min(leastMs, tookMs);
+            EXPECT_EQ(counter.wrong, 0);
+        }
+        EXPECT_LT(leastMs, 500u);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <functional>
 #include <utility>
 
 namespace kestra::test {
@@ -62,6 +63,19 @@ protected:
         EXPECT_EQ(stop(), 0u);
         EXPECT_EQ(counter.wrong, 0);
     }
+    /// @param disturb  makes one of the grabbing thread's waits fail
+    void expectAFailedWaitToEndTheGrab(const std::function<void()>& disturb) {
+        const ScopedImportHook<decltype(&WaitForMultipleObjects)> hook(kKernel, "WaitForMultipleObjects", failingWait);
+        ASSERT_TRUE(hook.installed());
+        g_waitForMany = hook.original();
+        FrameCounter counter;
+        ASSERT_EQ(start(counter), 0u);
+        ASSERT_TRUE(counter.waitForFrames(2));
+        disturb();
+        EXPECT_TRUE(waitUntil([&] { return !isGrabbing(); }));
+        EXPECT_EQ(stop(), 0u);
+        EXPECT_EQ(counter.disconnected, 0) << "nobody has told of another format";
+    }
 };
 
 } // namespace
@@ -82,30 +96,15 @@ TEST_F(DeviceSystem, LockRequestThatTheSystemDoesNotTakeIsLoggedAndTriedAgain) {
 }
 
 TEST_F(DeviceSystem, WaitThatFailsEndsTheGrabAndStopsTheCard) {
-    const ScopedImportHook<decltype(&WaitForMultipleObjects)> hook(kKernel, "WaitForMultipleObjects", failingWait);
-    ASSERT_TRUE(hook.installed());
-    g_waitForMany = hook.original();
-    FrameCounter counter;
-    ASSERT_EQ(start(counter), 0u);
-    ASSERT_TRUE(counter.waitForFrames(2));
-    g_failsWait = true;
-    EXPECT_TRUE(waitUntil([&] { return !isGrabbing(); }));
-    EXPECT_EQ(stop(), 0u);
-    EXPECT_EQ(counter.disconnected, 0) << "nobody has told of another format";
+    expectAFailedWaitToEndTheGrab([] { g_failsWait = true; });
     expectTheNextGrabToWork();
 }
 
 TEST_F(DeviceSystem, WaitForTheFrameOnItsWayThatFailsEndsTheGrabToo) {
-    const ScopedImportHook<decltype(&WaitForMultipleObjects)> hook(kKernel, "WaitForMultipleObjects", failingWait);
-    ASSERT_TRUE(hook.installed());
-    g_waitForMany = hook.original();
-    FrameCounter counter;
-    ASSERT_EQ(start(counter), 0u);
-    ASSERT_TRUE(counter.waitForFrames(2));
-    g_failsWaitAfterInput = true;
-    m_card.setSignal(Signal{});
-    EXPECT_TRUE(waitUntil([&] { return !isGrabbing(); }));
-    EXPECT_EQ(stop(), 0u);
+    expectAFailedWaitToEndTheGrab([&] {
+        g_failsWaitAfterInput = true;
+        m_card.setSignal(Signal{});
+    });
     m_card.setSignal(kDefaultSignal);
     expectTheNextGrabToWork();
 }
