@@ -54,6 +54,8 @@ ChildProgram::ChildProgram(std::string command, std::function<bool(const char*, 
     if (CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
         m_process = UniqueObject(child.hProcess);
         CloseHandle(child.hThread);
+    } else {
+        m_error->text = "could not be started: Windows error " + std::to_string(GetLastError()) + "\n";
     }
     outWrite = UniqueObject();
     errorWrite = UniqueObject();

@@ -50,12 +50,12 @@ std::vector<wire::Converter> wireConverters() {
 }
 
 void CardPictures::forget() {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     m_sources.clear();
 }
 
 void CardPictures::add(const wire::Converter& converter) {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     for (const wire::Converter& known : m_converters)
         if (std::memcmp(&known, &converter, sizeof known) == 0) return;
     m_converters.push_back(converter);
@@ -106,7 +106,7 @@ std::string CardPictures::whyNoFrame(const uint8_t* bytes, uint32_t size, uint32
 }
 
 std::string CardPictures::whyNoFrame(const uint8_t* bytes, uint32_t size, uint32_t first, uint32_t last) {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     std::string nearest = "a size that no signal has";
     size_t least = size + 1;
     if (any(size, [&](const Key& key) {

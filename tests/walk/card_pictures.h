@@ -4,6 +4,7 @@
 
 #include "simcard/model/picture.h"
 #include "simcard/model/signal.h"
+#include "tests/walk/lock.h"
 
 #include <array>
 #include <atomic>
@@ -44,7 +45,7 @@ public:
     /// search by true @return false: none did
     template <class Use>
     bool anyFrame(const simcard::Signal& signal, uint8_t selector, uint32_t first, uint32_t last, Use use) {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         const auto index = static_cast<size_t>(&signal - kSignals.data());
         const auto tried = [&](const Key& key) {
             for (uint32_t number = first; number <= last; ++number)
@@ -84,7 +85,7 @@ private:
     template <class Test>
     bool any(uint32_t size, Test test);
 
-    std::mutex m_mutex; ///< guards all
+    Lock m_lock; ///< guards all
     std::vector<wire::Converter> m_converters;
     std::map<Key, std::unique_ptr<Source>> m_sources;
     Key m_last{};

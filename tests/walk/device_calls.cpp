@@ -17,7 +17,7 @@ using namespace kestra::simcard;
 Slot& DeviceWorld::slotOf(uint32_t a) {
     for (size_t i = 0; i < kSlots; ++i) {
         Slot& slot = m_slots[(a + i) % kSlots];
-        const std::lock_guard lock(slot.mutex);
+        const std::lock_guard lock(slot.lock);
         if (slot.handle && !slot.closing) return slot;
     }
     return m_slots[a % kSlots];
@@ -32,7 +32,7 @@ uint32_t DeviceWorld::expected(uint32_t result, std::initializer_list<uint32_t> 
 uint32_t DeviceWorld::open(uint32_t a, uint32_t b) {
     Slot& slot = m_slots[a % kSlots];
     {
-        const std::lock_guard lock(slot.mutex);
+        const std::lock_guard lock(slot.lock);
         if (slot.handle || slot.closing) return kNotMade;
         slot.closing = true; // nobody else opens it meanwhile
     }
@@ -44,7 +44,7 @@ uint32_t DeviceWorld::open(uint32_t a, uint32_t b) {
                 (path.size() + 1) * sizeof(wchar_t));
     TARNIS_HANDLE handle = TARNIS_InitByHandle(detail);
     if (!handle && m_calm) fail("result", "a card that is plugged in cannot be opened: " + whyClosed(b % kCards));
-    const std::lock_guard lock(slot.mutex);
+    const std::lock_guard lock(slot.lock);
     slot.handle = handle;
     slot.closing = false;
     for (int port = 0; port < 2; ++port)
@@ -82,19 +82,19 @@ std::string DeviceWorld::whyClosed(uint32_t number) {
 uint32_t DeviceWorld::done(Slot& slot) {
     TARNIS_HANDLE handle = nullptr;
     {
-        std::unique_lock lock(slot.mutex);
+        const std::lock_guard lock(slot.lock);
         if (!slot.handle || slot.closing) return kNotMade;
         slot.closing = true;
         handle = slot.handle;
         nowIn("after the others' calls");
-        slot.changed.wait(lock, [&] { return slot.users == 0; });
+        slot.lock.await([&] { return slot.users == 0; });
         nowIn("");
     }
     const auto grabs = endingGrabsOf(handle, -1);
     const ULONGLONG since = GetTickCount64();
     const uint32_t result = TARNIS_Done(handle);
     areOver(grabs, since);
-    const std::lock_guard lock(slot.mutex);
+    const std::lock_guard lock(slot.lock);
     slot.handle = nullptr;
     slot.closing = false;
     return expected(result, {0}, "TARNIS_Done");

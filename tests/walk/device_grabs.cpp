@@ -10,7 +10,7 @@ namespace kestra::walk {
 using namespace kestra::simcard;
 
 std::vector<Grab*> DeviceWorld::grabsOf(TARNIS_HANDLE handle, int port) {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     std::vector<Grab*> found;
     for (const auto& grab : m_grabs)
         if (grab->handle == handle && (port < 0 || grab->port == port) && grab->started && !grab->over)
@@ -41,7 +41,7 @@ void DeviceWorld::judgeStop(TARNIS_HANDLE handle, ULONGLONG since) {
     const ULONGLONG now = GetTickCount64();
     if (!m_cardsAnswer || now - since < kGivenUpMs || m_lastLongCallback >= since) return;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         for (const auto& grab : m_grabs)
             if (grab->handle == handle && grab->inside != 0) return;
     }
@@ -52,7 +52,7 @@ void DeviceWorld::judgeStop(TARNIS_HANDLE handle, ULONGLONG since) {
 uint32_t DeviceWorld::start(Slot& slot, TARNIS_HANDLE handle, int8_t port, uint32_t b) {
     Grab* grab = nullptr;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         m_grabs.push_back(std::make_unique<Grab>());
         grab = m_grabs.back().get();
     }
@@ -206,7 +206,7 @@ void DeviceWorld::callBack(Grab& grab) {
     case 6: {
         Slot& slot = m_slots[grab.slot];
         {
-            const std::lock_guard lock(slot.mutex);
+            const std::lock_guard lock(slot.lock);
             if (slot.handle != grab.handle || slot.users != 0 || slot.closing) break;
         }
         done(slot);

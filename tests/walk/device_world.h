@@ -3,11 +3,11 @@
 
 #include "device/tarnis.h"
 #include "tests/walk/cards_world.h"
+#include "tests/walk/lock.h"
 
 #include <windows.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -43,8 +43,7 @@ struct Grab {
 
 /// One opened card. Calls hold it, so that TARNIS_Done comes after them.
 struct Slot {
-    std::mutex mutex;
-    std::condition_variable changed;
+    Lock lock; ///< guards the next three
     TARNIS_HANDLE handle = nullptr;
     int users = 0;
     bool closing = false;
@@ -103,7 +102,7 @@ private:
     uint32_t expected(uint32_t result, std::initializer_list<uint32_t> named, const char* call) const;
 
     Slot m_slots[kSlots];
-    std::mutex m_mutex; ///< guards the next two
+    Lock m_lock; ///< guards the next two
     std::deque<std::unique_ptr<Grab>> m_grabs;
     std::deque<std::unique_ptr<Grab>> m_former; ///< of the last act: a late callback shall find its grab
     std::atomic<uint64_t> m_callbacks{0}, m_otherStatus{0}, m_lost{0}, m_late{0}, m_twice{0};
@@ -115,16 +114,16 @@ private:
 class DeviceWorld::Use {
 public:
     explicit Use(Slot& slot) : m_slot(slot) {
-        const std::lock_guard lock(slot.mutex);
+        const std::lock_guard lock(slot.lock);
         if (slot.closing || !slot.handle) return;
         handle = slot.handle;
         ++slot.users;
     }
     ~Use() {
         if (!handle) return;
-        const std::lock_guard lock(m_slot.mutex);
+        const std::lock_guard lock(m_slot.lock);
         --m_slot.users;
-        m_slot.changed.notify_all();
+        m_slot.lock.notify();
     }
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;

@@ -63,7 +63,7 @@ void FiltersWorld::begin(const Act& act) {
 
 /// A filter of that kind (1 video, 0 audio, -1 any), if there is one.
 FiltersWorld::RigPointer FiltersWorld::rigOf(uint32_t a, int isVideo) {
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(m_lock);
     for (size_t i = 0; i < kSlots; ++i)
         if (const RigPointer& rig = m_rigs[(a + i) % kSlots]; rig && (isVideo < 0 || rig->isVideo == (isVideo == 1)))
             return rig;
@@ -74,7 +74,7 @@ HRESULT FiltersWorld::create(uint32_t a, uint32_t b) {
     const size_t slot = a % kSlots;
     const bool isVideo = slot < kSlots / 2;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         if (m_rigs[slot]) return static_cast<HRESULT>(kNotMade);
     }
     ComRef<IBaseFilter> filter;
@@ -85,7 +85,7 @@ HRESULT FiltersWorld::create(uint32_t a, uint32_t b) {
     if (filter) {
         const auto rig = std::make_shared<Rig>(std::move(filter), isVideo, b, m_check);
         if (b >> 20 & 3) rig->pin->Connect(rig->sinks[0]->pin(), nullptr); // most are of use at once
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         if (!m_rigs[slot]) m_rigs[slot] = rig;
     }
     return allowed(hr, {S_OK, E_FAIL}, "CreateInstance");
@@ -114,7 +114,7 @@ uint32_t FiltersWorld::step(const Step& step) {
     if (!rig) return kNotMade;
     if (step.call == kRelease) {
         RigPointer released; // outlives the lock
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         for (RigPointer& slot : m_rigs)
             if (slot == rig) released.swap(slot);
         return 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "tests/walk/cards_world.h"
+#include "tests/walk/lock.h"
 #include "tests/walk/page_session.h"
 #include "tests/walk/rig.h"
 #include "tests/walk/sample_check.h"
@@ -170,11 +171,11 @@ private:
         fail("result", text);
     }
 
-    std::mutex m_mutex; ///< guards the slots
+    Lock m_lock; ///< guards the slots
     RigPointer m_rigs[kSlots];
     std::optional<Module> m_module;
     SampleCheck m_check{m_pictures};
-    std::mutex m_colours; ///< one change at a time, so that each is seen
+    Lock m_colours; ///< one change at a time, so that each is seen
 };
 
 } // namespace kestra::walk

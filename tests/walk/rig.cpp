@@ -60,7 +60,7 @@ Rig::~Rig() {
     if (const HRESULT hr = pin->Disconnect(); FAILED(hr)) fail("disconnect", "a stopped pin stays connected");
     nowIn("the end of its references");
     {
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         m_queued.clear();
     }
     pin = {};
@@ -106,7 +106,7 @@ HRESULT Rig::answer(IMediaSample* sample, int number) {
     case 6:
         return S_FALSE;
     case 7: { // keeps some
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         m_queued.push_back(ComRef<IMediaSample>::share(sample));
         if (m_queued.size() > 3) m_queued.erase(m_queued.begin());
         return S_OK;

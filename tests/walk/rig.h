@@ -4,6 +4,7 @@
 
 #include "compliance/sink.h"
 #include "tests/com/test_allocator.h"
+#include "tests/walk/lock.h"
 #include "tests/walk/sample_check.h"
 #include "win32/com_ref.h"
 
@@ -80,8 +81,8 @@ private:
     std::atomic<bool> m_silent{false};
     std::atomic<uint32_t> m_lastFrame{0};
     std::atomic<uint64_t> m_samples{0};
-    std::mutex m_mutex;
-    std::vector<ComRef<IMediaSample>> m_queued; ///< guarded by m_mutex
+    Lock m_lock;
+    std::vector<ComRef<IMediaSample>> m_queued; ///< guarded by m_lock
 };
 
 } // namespace kestra::walk

@@ -2,6 +2,7 @@
 #include "tests/walk/walk.h"
 
 #include "tests/support/process_counts.h"
+#include "tests/walk/lock.h"
 #include "tests/walk/shrink.h"
 #include "win32/handle.h"
 
@@ -311,13 +312,13 @@ private:
             const InCall call("threadEnds", 0, 0, 0);
             m_world.threadEnds();
         }
-        const std::lock_guard lock(m_mutex);
+        const std::lock_guard lock(m_lock);
         for (const auto& [key, count] : results)
             m_results[key] += count;
     }
 
     World& m_world;
-    std::mutex m_mutex;
+    Lock m_lock;
     Results m_results;
     test::CountsOverCycles m_counts;
     std::vector<End> m_ends;
