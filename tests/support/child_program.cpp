@@ -2,6 +2,7 @@
 #include "tests/support/child_program.h"
 
 #include <array>
+#include <cstdio>
 #include <mutex>
 #include <utility>
 
@@ -51,7 +52,17 @@ ChildProgram::ChildProgram(std::string command, std::function<bool(const char*, 
     startup.hStdOutput = outWrite.get();
     startup.hStdError = errorWrite.get();
     PROCESS_INFORMATION child = {};
-    if (CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child)) {
+    const auto start = [&] {
+        return CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child);
+    };
+    bool started = start() != FALSE;
+    // A busy system may refuse a program that is there.
+    if (const DWORD error = GetLastError();
+        !started && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+        std::fprintf(stderr, "%s could not be started: Windows error %lu; once more\n", command.c_str(), error);
+        started = start() != FALSE;
+    }
+    if (started) {
         m_process = UniqueObject(child.hProcess);
         CloseHandle(child.hThread);
     } else {
