@@ -9,6 +9,7 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -60,13 +61,41 @@ int countThreads() {
     return count;
 }
 
-size_t countPrivateBytes() {
+/// Bytes of the private, committed memory between two addresses.
+size_t countCommitted(const char* begin, const char* end) {
     size_t bytes = 0;
     MEMORY_BASIC_INFORMATION region{};
-    for (const char* address = nullptr; VirtualQuery(address, &region, sizeof region) == sizeof region;
-         address = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
-        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
+    for (const char* at = begin; at < end && VirtualQuery(at, &region, sizeof region) == sizeof region;) {
+        const char* next = std::min(static_cast<const char*>(region.BaseAddress) + region.RegionSize, end);
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += static_cast<size_t>(next - at);
+        at = next;
+    }
     return bytes;
+}
+
+/// What the heaps hold and have not given out. A heap that has grown may keep it for the next, so that what is free
+/// says more of the peaks of the past than of what is held now.
+size_t countFreeInHeaps() {
+    std::array<HANDLE, 64> heaps; // more than one process has: the rest counts as held
+    const DWORD count = std::min<DWORD>(GetProcessHeaps(DWORD(heaps.size()), heaps.data()), DWORD(heaps.size()));
+    size_t bytes = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        if (!HeapLock(heaps[i])) continue;
+        PROCESS_HEAP_ENTRY entry{};
+        while (HeapWalk(heaps[i], &entry)) {
+            if (entry.wFlags & (PROCESS_HEAP_ENTRY_BUSY | PROCESS_HEAP_REGION | PROCESS_HEAP_UNCOMMITTED_RANGE))
+                continue;
+            const auto* at = static_cast<const char*>(entry.lpData);
+            bytes += countCommitted(at, at + entry.cbData); // the end of a heap may be free without being there
+        }
+        HeapUnlock(heaps[i]);
+    }
+    return bytes;
+}
+
+size_t countPrivateBytes() {
+    const size_t bytes = countCommitted(nullptr, reinterpret_cast<const char*>(~uintptr_t{0}));
+    return bytes - std::min(bytes, countFreeInHeaps());
 }
 
 } // namespace

@@ -8,7 +8,7 @@ namespace kestra::compliance {
 struct ProcessCounts {
     int handles;
     int threads;
-    size_t privateBytes; ///< committed, not shared with other processes
+    size_t privateBytes; ///< committed, not shared with other processes, not free in a heap
     int gdiObjects = 0;
     int userObjects = 0; ///< Wine does not count them: 0
 };

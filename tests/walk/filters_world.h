@@ -115,6 +115,7 @@ public:
     void rescue() override;
     std::string summary() const override;
     int handlesOfTheSystem() const override { return Rig::graphsMade(); }
+    int gdiObjectsOfTheSystem() const override { return PageFrame::objectsLeft(); }
     void threadBegins() override {
         CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         t_mine = new Mine;

@@ -18,8 +18,11 @@ public:
     PageFrame(const PageFrame&) = delete;
     PageFrame& operator=(const PageFrame&) = delete;
     HWND window() const { return m_window; }
+    /// How many GDI objects the system has kept until now of threads that have ended. The main thread's.
+    static int objectsLeft();
 
 private:
+    const HHOOK m_hook;
     const HWND m_window;
 };
 

@@ -70,6 +70,8 @@ public:
     virtual void rescue() = 0;
     /// Handles that the system, not what is walked over, has kept until now.
     virtual int handlesOfTheSystem() const { return 0; }
+    /// The same for GDI objects.
+    virtual int gdiObjectsOfTheSystem() const { return 0; }
     /// Figures of its own, for the end of the walk.
     virtual std::string summary() const { return {}; }
     /// The thread begins or has ended its part of an act.
