@@ -271,11 +271,11 @@ public:
         for (const uint64_t seed : suspects())
             judgeRepeated(makeAct(seed, m_world.calls()), kRepeated);
         m_counts = whole;
-        // No single act does it each time. Message boxes come with objects of the screen, of which some stay.
+        // No single act does it each time.
         g_seed = 0;
         const bool keeps = heapKeepsWhatThreadsFree();
         if (keeps) std::printf("this system's heap keeps what threads have freed\n");
-        if (hasGrown({9, 1, keeps ? kMostKept : kLeastGrowth, 200, 200})) fail("growth", counts);
+        if (hasGrown({9, 1, keeps ? kMostKept : kLeastGrowth, 9, 9})) fail("growth", counts);
     }
     /// Walks one act so often that what it leaves shows.
     void judgeRepeated(const Act& act, uint64_t times) {
