@@ -341,12 +341,12 @@ private:
         return run;
     }
 
-    /// Takes a run whose thread has gone out of the list.
+    /// Takes a run whose thread has gone out of the list, where it has been since it was made.
     void forget(const Run& run) REQUIRES(m_mutex) {
         RunPointer* at = &m_threads;
-        while (*at && at->get() != &run)
+        while (at->get() != &run)
             at = &(*at)->next;
-        if (*at) *at = std::exchange((*at)->next, nullptr);
+        *at = std::exchange((*at)->next, nullptr);
     }
 
     /// The first of those whose threads have not gone after the run with that number.
@@ -367,7 +367,7 @@ private:
 
     void grab(Run& run) {
         // Of one grab never two threads call back: the one that the card's removal met may be late.
-        for (RunPointer other = nextThread(0); other && other->number < run.number; other = nextThread(other->number))
+        for (RunPointer other = nextThread(0); other->number < run.number; other = nextThread(other->number))
             if (other->grab == run.grab && !m_port.awaitEarlier(run, *other)) return;
         const LoopEnd why = m_port.loop(run);
         if (why == LoopEnd::ToldToLeave) return;
