@@ -2,6 +2,7 @@
 // the card's own pictures in them, and what it meets without a signal, when the card is pulled, when the format changes
 // and when another application has the card. The answers are the table in docs/clients.md, which must be as they say.
 #include "tests/clients/clients_fixture.h"
+#include "tests/support/own_dialogs.h"
 
 #include <algorithm>
 #include <cctype>
@@ -135,12 +136,7 @@ private:
 
 /// This process's dialog window, null if none is visible.
 HWND visibleDialog() {
-    for (HWND window = nullptr; (window = FindWindowExW(nullptr, window, L"#32770", nullptr));) {
-        DWORD process = 0;
-        GetWindowThreadProcessId(window, &process);
-        if (process == GetCurrentProcessId() && IsWindowVisible(window)) return window;
-    }
-    return nullptr;
+    return findOwnDialog(IsWindowVisible);
 }
 
 std::string rowOf(const Client& client, const Answers& answers) {

@@ -1,6 +1,7 @@
 // The property page between its frame (a site and a parent window of ours) and its dialog.
 #include "tests/com/baseclasses_fixture.h"
 #include "tests/com/baseclasses_page.h"
+#include "tests/support/own_dialogs.h"
 #include "tests/support/process_counts.h"
 
 #include <olectl.h>
@@ -322,19 +323,7 @@ public:
 
 /// The dialog that this process shows at the top level: the frame. Null if there is none.
 HWND shownFrame() {
-    HWND frame = nullptr;
-    EnumWindows(
-        [](HWND window, LPARAM found) -> BOOL {
-            DWORD process = 0;
-            GetWindowThreadProcessId(window, &process);
-            wchar_t name[16] = L"";
-            GetClassNameW(window, name, 16);
-            const bool ours = process == GetCurrentProcessId() && std::wcscmp(name, L"#32770") == 0;
-            if (ours) *reinterpret_cast<HWND*>(found) = window;
-            return !ours;
-        },
-        LPARAM(&frame));
-    return frame;
+    return findOwnDialog([](HWND) { return true; });
 }
 
 HWND findField(HWND frame) {

@@ -1,6 +1,7 @@
 // The page "Audio Format".
 #include "tests/com/page_audio_graph.h"
 #include "tests/com/page_test.h"
+#include "tests/support/own_dialogs.h"
 
 #include <atomic>
 #include <thread>
@@ -40,22 +41,14 @@ public:
     int buttons = 0;
 
 private:
-    static BOOL CALLBACK look(HWND window, LPARAM self) {
-        wchar_t kind[16];
-        DWORD process = 0;
-        GetWindowThreadProcessId(window, &process);
-        GetClassNameW(window, kind, 16);
-        if (process != GetCurrentProcessId() || lstrcmpW(kind, L"#32770") != 0 || !IsWindowVisible(window) ||
-            GetParent(window) == nullptr || !(GetWindowLongPtrW(window, GWL_STYLE) & WS_POPUP))
-            return TRUE;
-        *reinterpret_cast<HWND*>(self) = window;
-        return FALSE;
+    static bool isOpenBox(HWND window) {
+        return IsWindowVisible(window) && GetParent(window) && (GetWindowLongPtrW(window, GWL_STYLE) & WS_POPUP);
     }
     void watch() {
         while (!m_stop) {
             HWND box = nullptr;
             waitUntil([&] {
-                EnumWindows(look, reinterpret_cast<LPARAM>(&box));
+                box = findOwnDialog(isOpenBox);
                 return box || m_stop;
             });
             if (!box) continue;

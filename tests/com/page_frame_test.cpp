@@ -1,6 +1,7 @@
 // Both pages of the video filter in the system's own property frame, as an application opens it. Wine's frame may not
 // enable its Apply button and call no page's Apply; the frame of ours, in the other tests, does.
 #include "tests/com/page_test.h"
+#include "tests/support/own_dialogs.h"
 
 #include <olectl.h>
 #include <prsht.h>
@@ -41,13 +42,7 @@ HWND findBelow(HWND parent, const std::function<bool(HWND)>& matches) {
 
 /// This process's property sheet, null if none is visible.
 HWND findFrame() {
-    HWND found = nullptr;
-    for (HWND window = nullptr; !found && (window = FindWindowExW(nullptr, window, L"#32770", nullptr));) {
-        DWORD process = 0;
-        GetWindowThreadProcessId(window, &process);
-        if (process == GetCurrentProcessId() && IsWindowVisible(window) && GetDlgItem(window, kApply)) found = window;
-    }
-    return found;
+    return findOwnDialog([](HWND window) { return IsWindowVisible(window) && GetDlgItem(window, kApply); });
 }
 
 class PageFrame : public PageTest {

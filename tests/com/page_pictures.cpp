@@ -8,6 +8,7 @@
 #include "simcard/model/card.h"
 #include "simcard/model/picture.h"
 #include "tests/com/page_host.h"
+#include "tests/support/own_dialogs.h"
 #include "tests/support/registry_sandbox.h"
 
 #include <commctrl.h>
@@ -66,13 +67,12 @@ void paintAll() {
 HWND awaitDialog(const wchar_t* caption, int control) {
     HWND found = nullptr;
     waitUntil([&] {
-        for (HWND window = nullptr; !found && (window = FindWindowExW(nullptr, window, L"#32770", caption));) {
-            DWORD process = 0;
-            GetWindowThreadProcessId(window, &process);
-            if (process == GetCurrentProcessId() && IsWindowVisible(window) &&
-                (control == 0 || GetDlgItem(window, control)))
-                found = window;
-        }
+        found = findOwnDialog([=](HWND window) {
+            wchar_t title[64] = L"";
+            GetWindowTextW(window, title, 64);
+            return IsWindowVisible(window) && (!caption || std::wcscmp(title, caption) == 0) &&
+                   (control == 0 || GetDlgItem(window, control));
+        });
         return found != nullptr;
     });
     return found;

@@ -2,6 +2,7 @@
 #include "tests/walk/page_session.h"
 
 #include "compliance/process_counts.h"
+#include "tests/support/own_dialogs.h"
 #include "tests/walk/walk.h"
 
 #include <atomic>
@@ -189,17 +190,10 @@ HRESULT useOnce(IPropertyPage* page, IUnknown* object, HWND frame, uint32_t seed
 }
 
 void closeBoxes() {
-    EnumWindows(
-        [](HWND window, LPARAM) -> BOOL {
-            wchar_t kind[16] = L"";
-            DWORD process = 0;
-            GetWindowThreadProcessId(window, &process);
-            GetClassNameW(window, kind, 16);
-            if (process == GetCurrentProcessId() && lstrcmpW(kind, L"#32770") == 0)
-                PostMessageW(window, WM_COMMAND, IDOK, 0);
-            return TRUE;
-        },
-        0);
+    test::findOwnDialog([](HWND window) {
+        PostMessageW(window, WM_COMMAND, IDOK, 0);
+        return false;
+    });
 }
 
 } // namespace kestra::walk
