@@ -1,7 +1,7 @@
 // The choice of the kernel set, once per process.
 #include "decode/kernel_set.h"
 
-#include <algorithm>
+#include <cstddef>
 
 namespace kestra {
 
@@ -9,8 +9,10 @@ namespace {
 
 const KernelSet* best() noexcept {
     __builtin_cpu_init(); // runs before main
-    return *std::find_if(kKernelSets.rbegin(), kKernelSets.rend(),
-                         [](const KernelSet* set) { return set->runsHere(); });
+    size_t last = kKernelSets.size() - 1;
+    while (!kKernelSets[last]->runsHere()) // the plain ones, which come first, run everywhere
+        --last;
+    return kKernelSets[last];
 }
 
 } // namespace
