@@ -25,34 +25,27 @@ check_clang() {
     build_preset windows-clang
 }
 
-# clang-tidy over the product, the simulated card and the tools, as far as the clang build compiles them: over each source that
-# has changed since it was last checked, or of which a header or clang-tidy's configuration has.
+# clang-tidy over the product, the simulated card and the tools, as far as the clang build compiles them. What it has passed once,
+# in any working tree, is not looked at again until the source, a header, the configuration or the compiler's options change: a
+# stamp of all that stands in the user's cache.
 check_tidy() {
-    step "$(clang-tidy --version | grep -m 1 -i version)"
-    local build=$root/build/windows-clang stamps=$root/build/tidy file files=()
-    ninja -C "$build" -t deps > "$root/build/tidy-deps"
+    local version build=$root/build/windows-clang stamps=${XDG_CACHE_HOME:-$HOME/.cache}/kestra/clang-tidy key file changed=()
+    version=$(clang-tidy --version)
+    step "$(grep -m 1 -i version <<< "$version")"
+    mkdir -p "$stamps"
+    find "$stamps" -type f -mtime +30 -delete
     : > "$root/build/tidy.err"
-    while read -r file; do
-        [ ! -f "$stamps/$file" ] || [ -n "$(check_newer "$stamps/$file" "$file")" ] || continue
-        files+=("$file")
-    done < <(cd "$root" && git ls-files '*.cpp' |
+    (cd "$root" && git ls-files '*.cpp' |
         grep -E '^(baseclasses|capture|compliance|ctl|decode|device|imagelib|log|pages|sdk|server|simcard|trace)/' |
-        while read -r file; do ! grep -qF "\"file\": \"$root/$file\"" "$build/compile_commands.json" || echo "$file"; done)
-    say "${#files[@]} files changed"
-    [ "${#files[@]}" -gt 0 ] || return 0
+        xargs tools/tidy-keys "$version" "$build") > "$root/build/tidy-keys"
+    [ -s "$root/build/tidy-keys" ] || die "clang-tidy would look at nothing: the clang build is not there"
+    while read -r key file; do
+        [ -e "$stamps/$key" ] && touch "$stamps/$key" || changed+=("$key" "$file")
+    done < "$root/build/tidy-keys"
+    say "$((${#changed[@]} / 2)) of $(wc -l < "$root/build/tidy-keys") files changed"
+    [ "${#changed[@]}" -gt 0 ] || return 0
     export build stamps
-    (cd "$root" && printf '%s\0' "${files[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -euc '
-        mkdir -p "$(dirname "$stamps/$0")"
-        touch "$stamps/$0.begun"
-        clang-tidy -p "$build" --quiet "$0" 2>> build/tidy.err
-        mv "$stamps/$0.begun" "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
-}
-
-# check_newer STAMP FILE: names a file that is newer than STAMP, of those that FILE is compiled from and clang-tidy's configuration.
-check_newer() {
-    (cd "$root/build/windows-clang" && {
-        printf '%s\n' "$root/.clang-tidy" "$root/$2"
-        awk -v file="$root/$2" -v same="../../$2" '/^[^ ]/ { n = 0 } { line[n++] = $1 } $1 == file || $1 == same { found = 1 }
-            /^$/ { if (found) { for (i = 1; i < n - 1; ++i) print line[i]; exit }; found = 0 }' "$root/build/tidy-deps"
-    } | tr '\n' '\0' | xargs -0 -I{} find {} -maxdepth 0 -newer "$1" 2> /dev/null | head -n 1)
+    (cd "$root" && printf '%s\0' "${changed[@]}" | xargs -0 -n 2 -P "$(nproc)" bash -euc '
+        clang-tidy -p "$build" --quiet "$1" 2>> build/tidy.err
+        touch "$stamps/$0"') || die "clang-tidy has findings (above, or in build/tidy.err)"
 }
