@@ -103,7 +103,8 @@ HRESULT FiltersWorld::putColours(Rig& rig, uint32_t b) {
         break;
     }
     noteConverters();
-    return allowed(hr, {S_OK, E_FAIL, E_ACCESSDENIED, E_NOTIMPL, E_INVALIDARG}, "a colour");
+    return allowed(hr, {S_OK, E_FAIL, E_ACCESSDENIED, HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), E_INVALIDARG},
+                   "a colour");
 }
 
 HRESULT FiltersWorld::bitDepth(Rig& rig, uint32_t b) {
@@ -130,8 +131,9 @@ HRESULT FiltersWorld::page(Rig& rig, uint32_t b) {
     const HRESULT hr =
         rig.start([&] { return useOnce(page.get(), object, t_mine->frame->window(), b, [&] { noteConverters(); }); });
     return allowed(hr,
-                   {S_OK, E_UNEXPECTED, E_INVALIDARG, E_FAIL, E_ACCESSDENIED, VFW_E_NOT_IN_GRAPH, E_NOTIMPL,
-                    VFW_E_NOT_STOPPED, VFW_E_INVALIDMEDIATYPE, E_NOINTERFACE},
+                   {S_OK, E_UNEXPECTED, E_INVALIDARG, E_FAIL, E_ACCESSDENIED, VFW_E_NOT_IN_GRAPH,
+                    HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), E_NOTIMPL, VFW_E_NOT_STOPPED, VFW_E_INVALIDMEDIATYPE,
+                    E_NOINTERFACE},
                    "a page");
 }
 
